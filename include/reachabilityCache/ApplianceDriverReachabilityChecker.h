@@ -1,0 +1,90 @@
+// The reachability checker over the appliance driver.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+#include "applianceDriver/ApplianceDriver.h"
+#include "reachabilityCache/EndpointInfo.h"
+#include "reachabilityCache/Export.h"
+#include "reachabilityCache/IReachabilityChecker.h"
+#include "reachabilityCache/ReachabilityCheckResult.h"
+#include "reachabilityCache/ThreadAnnotations.h"
+
+namespace veranda::reachabilityCache {
+
+// Checks batches of endpoints by asking the driver for the devices it reaches,
+// and turns the driver's connectivity events into results for registered
+// update callbacks.
+//
+// Thread safety: every operation may be called from any thread. Callbacks run
+// on the driver's threads, never under the checker's lock.
+//
+// Lifetime: the driver is borrowed and must outlive the checker. Work handed to
+// the driver refers to the checker, so the checker must outlive every request
+// the driver has accepted and not yet answered, and every update callback must
+// be unregistered before the checker is destroyed.
+class REACHABILITY_CACHE_EXPORT ApplianceDriverReachabilityChecker : public IReachabilityChecker {
+ public:
+  using ResultsCallback = std::function<void(const std::vector<ReachabilityCheckResult>&)>;
+  using UpdateCallback = std::function<void(const ReachabilityCheckResult&)>;
+
+  // The adapters whose devices count; names are compared exactly.
+  static const std::unordered_set<std::string> SUPPORTED_ADAPTERS;
+  static const std::string ENDPOINT_HEALTH_NAMESPACE;  // "Veyra.EndpointHealth"
+  static const std::string CONNECTIVITY_PROPERTY;      // "connectivity"
+  static const std::string CONNECTIVITY_OK_VALUE;      // "OK"
+
+  // Uses the process-wide driver.
+  ApplianceDriverReachabilityChecker();
+  // Uses `driver`, which the caller keeps alive.
+  explicit ApplianceDriverReachabilityChecker(applianceDriver::IUnifiedApplianceDriver& driver);
+  ~ApplianceDriverReachabilityChecker() override;
+
+  ApplianceDriverReachabilityChecker(const ApplianceDriverReachabilityChecker&) = delete;
+  ApplianceDriverReachabilityChecker& operator=(const ApplianceDriverReachabilityChecker&) =
+      delete;
+
+  // Reports every requested endpoint once: reachable with the driver's data
+  // when a device on a supported adapter stands behind it, otherwise
+  // unreachable with the requested data. The callback runs on the driver's
+  // thread (on the caller's thread, at once, for an empty batch).
+  bool checkReachability(const std::vector<EndpointInfo>& endpoints, const std::string& requestId,
+                         ResultsCallback callback) override;
+
+  // Subscribes with the driver under `callbackId`; only connectivity events
+  // reach `callback`, as results without entity id.
+  bool registerReachabilityUpdateCallback(const std::string& callbackId,
+                                          UpdateCallback callback) override
+      RC_EXCLUDES(callbackMutex);
+  bool unregisterReachabilityUpdateCallback(const std::string& callbackId) override
+      RC_EXCLUDES(callbackMutex);
+
+  // Building blocks of the operations above.
+  void buildEndpointLookupMap(const std::vector<EndpointInfo>& endpoints,
+                              std::unordered_map<std::string, EndpointInfo>& lookup) const;
+  std::vector<ReachabilityCheckResult> processDiscoveredDevices(
+      const std::vector<applianceDriver::DiscoveredDevice>& devices,
+      const std::unordered_map<std::string, EndpointInfo>& lookup,
+      const std::string& requestId) const;
+  void updateResultWithDiscoveredDevice(
+      const applianceDriver::DiscoveredDevice& device,
+      std::unordered_map<std::string, ReachabilityCheckResult>& results) const;
+  ReachabilityCheckResult convertToReachabilityCheckResult(
+      const applianceDriver::DiscoveredDevice& device) const;
+  bool isSupportedAdapter(const std::string& adapterName) const;
+  bool validateCallbackParams(const std::string& callbackId, const UpdateCallback& callback) const;
+  bool isCallbackIdRegistered(const std::string& callbackId) const RC_EXCLUDES(callbackMutex);
+  std::function<void(const applianceDriver::StateChangeEvent&)> createStateChangeCallbackWrapper(
+      UpdateCallback callback) const;
+
+ private:
+  std::unordered_set<std::string> registeredCallbackIds RC_GUARDED_BY(callbackMutex);
+  mutable Mutex callbackMutex;
+  applianceDriver::IUnifiedApplianceDriver& driver;
+};
+
+}  // namespace veranda::reachabilityCache

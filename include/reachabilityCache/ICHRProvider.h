@@ -1,0 +1,22 @@
+// The host's provider of the endpoints that the cache tracks.
+#pragma once
+
+#include <vector>
+
+#include "reachabilityCache/EndpointInfo.h"
+
+namespace veranda::reachabilityCache {
+
+// Implemented by the host. Called once per periodic cycle on the cache's
+// worker thread; the host keeps the provider alive while the cache exists.
+class ICHRProvider {
+ public:
+  virtual ~ICHRProvider() = default;
+
+  // Every endpoint that the cache is to track now, each with at least its
+  // endpoint id. Endpoints missing from the list are dropped from the cache;
+  // an empty list means "nothing to check now", never "empty the cache".
+  virtual std::vector<EndpointInfo> queryEndpoints() = 0;
+};
+
+}  // namespace veranda::reachabilityCache

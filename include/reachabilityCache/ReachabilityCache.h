@@ -1,0 +1,115 @@
+// The cache of reachable smart-home endpoints: the one class a host uses.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "applianceDriver/ApplianceDriver.h"
+#include "reachabilityCache/CachedEndpoint.h"
+#include "reachabilityCache/CapabilityKey.h"
+#include "reachabilityCache/EndpointInfo.h"
+#include "reachabilityCache/Export.h"
+#include "reachabilityCache/ICHRProvider.h"
+#include "reachabilityCache/IReachabilityChecker.h"
+
+namespace veranda::reachabilityCache {
+
+class CacheCore;
+class ReachabilityUpdater;
+
+// Keeps which entities, endpoints and capabilities are reachable, and keeps
+// itself current: with refresh enabled, a cycle one second after construction
+// and then every `updateInterval` asks the provider for the endpoints to track,
+// drops the ones it no longer names and checks the rest, while connectivity
+// events from the checker update single endpoints in between.
+//
+// Thread safety: every operation may be called from any thread between the
+// end of construction and the start of destruction. Listeners run on the
+// checker's threads or the cache's worker, outside every lock of the cache, so
+// they may call back into it; they must be safe to call concurrently.
+//
+// Teardown: the host must make sure that no checker callback arrives after the
+// cache is destroyed; the cache does not cancel checks that are under way.
+// With ApplianceDriverReachabilityChecker, stop the driver's pending answers
+// before destroying the cache (SimulatedApplianceDriver::shutdown() on a host
+// build), or wait until every check it started has been answered. The
+// provider and the checker must outlive the cache.
+class REACHABILITY_CACHE_EXPORT ReachabilityCache {
+ public:
+  // Filled by the host; the library has no defaults of its own.
+  struct Config {
+    std::size_t maxCacheSize;  // most entities the cache holds; new ones are refused beyond
+    std::chrono::seconds updateInterval;  // period of the refresh cycle
+    bool enablePeriodicUpdates;  // starts periodic and event-driven refresh
+    std::shared_ptr<IReachabilityChecker> reachabilityChecker;
+  };
+
+  using ReachabilityListener =
+      std::function<void(const std::string& endpointId, const std::string& entityId,
+                         bool isReachable)>;
+
+  // `chrProvider` is borrowed and may be null (then periodic cycles stop at the
+  // first one). `config` is copied; later changes to it have no effect.
+  ReachabilityCache(ICHRProvider* chrProvider, const Config& config);
+  virtual ~ReachabilityCache();
+
+  ReachabilityCache(const ReachabilityCache&) = delete;
+  ReachabilityCache& operator=(const ReachabilityCache&) = delete;
+
+  // Entity ids may be given with or without the "orbt1.veyra.endpoint."
+  // prefix; both name the same entity. Endpoint ids are used as given.
+
+  // True when an endpoint of the entity holds capabilities of driver type 0 or 1.
+  virtual bool isEntityReachable(const std::string& entityId) const;
+  // True when an endpoint of the entity holds the capability, from any driver.
+  virtual bool isCapabilityReachable(const std::string& entityId,
+                                     const CapabilityKey& capabilityKey) const;
+  // True when an endpoint of the entity holds the capability from `driverType`.
+  virtual bool isCapabilityReachableByDriver(
+      const std::string& entityId, const CapabilityKey& capabilityKey,
+      applianceDriver::ApplianceDriverType driverType) const;
+  // The entity's earliest stored endpoint id; empty when unknown.
+  virtual std::string getEndpointIdForEntity(const std::string& entityId) const;
+  // The entity (without prefix) the endpoint was last stored under; empty when unknown.
+  virtual std::string getEntityIdForEndpoint(const std::string& endpointId) const;
+  // The adapter of one endpoint of the entity; empty when unknown.
+  virtual std::string getAdapterName(const std::string& entityId,
+                                     const std::string& endpointId) const;
+  // The entity's endpoints in insertion order, each with all its capabilities.
+  virtual std::vector<EndpointInfo> getEndpointsForEntity(const std::string& entityId) const;
+  // The entity's first endpoint on `preferredAdapter`, else its first endpoint;
+  // a record with empty fields when the entity has none.
+  virtual EndpointInfo getPreferredEndpoint(const std::string& entityId,
+                                            const std::string& preferredAdapter) const;
+  // Empties the cache; listeners stay registered.
+  virtual void invalidate();
+  // Drops the entity with all its endpoints; false when it was not cached.
+  virtual bool removeEntity(const std::string& entityId);
+  // The number of cached entities.
+  virtual std::size_t size() const;
+  // Inserts or merges each record in order; refused records are skipped.
+  // Listeners are not told.
+  virtual void updateEndpoints(const std::vector<CachedEndpoint>& endpoints);
+  // Every cached entity with its endpoints and their adapters, whatever their
+  // reachability.
+  virtual std::unordered_map<std::string, std::unordered_map<std::string, std::string>>
+  getReachableEndpointsMap() const;
+  // Registers `callback` under `listenerId`; false when the id is taken.
+  virtual bool registerReachabilityListener(const std::string& listenerId,
+                                            ReachabilityListener callback);
+  // False when no listener has that id.
+  virtual bool unregisterReachabilityListener(const std::string& listenerId);
+
+ private:
+  ICHRProvider* chrProvider;
+  std::shared_ptr<CacheCore> cacheCore;
+  std::unique_ptr<ReachabilityUpdater> updater;
+  Config config;
+};
+
+}  // namespace veranda::reachabilityCache

@@ -1,0 +1,97 @@
+// Declarations of the appliance driver library: the process-wide driver that
+// discovers and controls devices over the home's adapters. The library is a
+// closed platform component; this header is all that the cache compiles
+// against. On a host build the driver is the simulated one of
+// SimulatedApplianceDriver.h.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <unordered_set>
+#include <utility>
+#include <vector>
+
+namespace veranda::applianceDriver {
+
+// The kind of driver that reported a device.
+enum class ApplianceDriverType : int32_t {
+  NATIVE = 0,
+  CONNECTED = 1,
+  UNKNOWN = 2,
+};
+
+// Identity hash: a driver type hashes to its numeric value.
+struct ApplianceDriverTypeHash {
+  std::size_t operator()(ApplianceDriverType type) const noexcept {
+    return static_cast<std::size_t>(type);
+  }
+};
+
+// One capability of a device: (name, qualifier).
+using DeviceCapability = std::pair<std::string, std::string>;
+
+struct DeviceCapabilityHash {
+  std::size_t operator()(const DeviceCapability& capability) const noexcept {
+    return std::hash<std::string>{}(capability.first) ^
+           (std::hash<std::string>{}(capability.second) << 1);
+  }
+};
+
+// A device that the driver found.
+struct DiscoveredDevice {
+  std::string endpointId;
+  std::string entityId;
+  std::string adapterName;
+  std::string friendlyName;  // not read by the cache
+  bool isReachable = false;
+  std::unordered_set<DeviceCapability, DeviceCapabilityHash> capabilities;
+  ApplianceDriverType driverType = static_cast<ApplianceDriverType>(2);
+};
+
+// A change of one property of one endpoint.
+struct StateChangeEvent {
+  std::string endpointId;
+  std::string namespace_;  // interface namespace
+  std::string instance;    // not read by the cache
+  std::string propertyName;
+  std::string value;
+};
+
+// The driver. Callbacks run on the driver's own threads.
+class IUnifiedApplianceDriver {
+ public:
+  virtual ~IUnifiedApplianceDriver() = default;
+
+  // Starts discovery of the devices reachable now. On true, `onDevices` is
+  // called once, later, on a driver thread; on false it is never called.
+  virtual bool getReachableDevices(
+      const std::string& requestId,
+      std::function<void(const std::vector<DiscoveredDevice>&)> onDevices) = 0;
+
+  // Further driver operations that the cache never calls; their default
+  // bodies let a test double implement only the three operations it needs.
+  virtual bool setDeviceState(const std::string& /*endpointId*/, const std::string& /*namespace_*/,
+                              const std::string& /*propertyName*/,
+                              const std::string& /*value*/) {
+    return false;
+  }
+  virtual bool refreshDevice(const std::string& /*endpointId*/) { return false; }
+
+  // Subscribes to property changes of `endpointIds` (all endpoints when the
+  // list is empty). On true, `onStateChange` is called on a driver thread for
+  // every change until the subscription is cancelled.
+  virtual bool subscribeStateChanges(
+      const std::vector<std::string>& endpointIds, const std::string& subscriptionId,
+      std::function<void(const StateChangeEvent&)> onStateChange,
+      std::function<void(const std::string& subscriptionId)> onSubscriptionError) = 0;
+
+  // Cancels a subscription. After true, its callbacks are no longer called.
+  virtual bool unsubscribeStateChanges(const std::string& subscriptionId) = 0;
+};
+
+// The process-wide driver; it lives as long as the process.
+IUnifiedApplianceDriver& getUnifiedApplianceDriver();
+
+}  // namespace veranda::applianceDriver

@@ -1,0 +1,101 @@
+#include "diagnostics/LogBuilder.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace veranda::commonLog {
+namespace {
+
+constexpr std::size_t kLabelCapacity = 256;
+constexpr std::size_t kNotFound = static_cast<std::size_t>(-1);
+
+bool isNameCharacter(char c) {
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_';
+}
+
+// Index of the "(" that opens the parameter list closed at `close`, or
+// kNotFound when the parentheses do not balance.
+std::size_t findOpeningParenthesis(const char* text, std::size_t close) {
+  int depth = 1;
+  for (std::size_t i = close; i-- > 0;) {
+    if (text[i] == ')') {
+      ++depth;
+    } else if (text[i] == '(' && --depth == 0) {
+      return i;
+    }
+  }
+  return kNotFound;
+}
+
+// Index of the last character of the name before the "(" at `open`, skipping
+// blanks and tabs, or kNotFound when the start of the text is reached.
+std::size_t findNameEnd(const char* text, std::size_t open) {
+  for (std::size_t i = open; i-- > 0;) {
+    if (text[i] != ' ' && text[i] != '\t') {
+      return i;
+    }
+  }
+  return kNotFound;
+}
+
+}  // namespace
+
+LogBuilder::LogBuilder(const char* function, const char* context) {
+  const char* name = extractFunctionName(function);
+  stream_ << '[';
+  if (*name != '\0') {
+    stream_ << name << ']';
+    if (context != nullptr && *context != '\0' && std::strcmp(context, name) != 0) {
+      stream_ << ' ' << context;
+    }
+  } else {
+    if (context != nullptr) {
+      stream_ << context;
+    }
+    stream_ << ']';
+  }
+}
+
+LogBuilder& LogBuilder::d(const char* key, const char* value) {
+  beginField(key);
+  stream_ << value;
+  return *this;
+}
+
+void LogBuilder::beginField(const char* key) {
+  if (!hasFields_) {
+    stream_ << ':';
+    hasFields_ = true;
+  }
+  stream_ << ' ' << key << '=';
+}
+
+const char* LogBuilder::extractFunctionName(const char* text) {
+  thread_local char label[kLabelCapacity];
+  if (std::strstr(text, "operator()") != nullptr) {
+    label[0] = '\0';
+    return label;
+  }
+  const char* close = std::strrchr(text, ')');
+  if (close == nullptr || close == text) {
+    return text;
+  }
+  const std::size_t open = findOpeningParenthesis(text, static_cast<std::size_t>(close - text));
+  if (open == kNotFound) {
+    return text;
+  }
+  const std::size_t last = findNameEnd(text, open);
+  if (last == kNotFound) {
+    return text;
+  }
+  std::size_t first = last;
+  while (first > 0 && isNameCharacter(text[first - 1])) {
+    --first;
+  }
+  const std::size_t length = std::min(last + 1 - first, kLabelCapacity - 1);
+  std::memcpy(label, text + first, length);
+  label[length] = '\0';
+  return label;
+}
+
+}  // namespace veranda::commonLog

@@ -1,0 +1,136 @@
+// The locked in-memory store of endpoints, entities and per-driver
+// capabilities, with the table of reachability listeners.
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "applianceDriver/ApplianceDriver.h"
+#include "reachabilityCache/CachedEndpoint.h"
+#include "reachabilityCache/CapabilityKey.h"
+#include "reachabilityCache/EndpointInfo.h"
+#include "reachabilityCache/ThreadAnnotations.h"
+
+namespace veranda::reachabilityCache {
+
+// Holds at most `maxSize` entities, each with the endpoints that serve it in
+// insertion order. Entity ids are normalised (one leading
+// "orbt1.veyra.endpoint." removed) before use; endpoint ids are used as given.
+// An entity is reachable when one of its endpoints holds capabilities of
+// driver type 0 or 1.
+//
+// Thread safety: every public operation may be called from any thread. Store
+// operations take the store mutex for their whole body; listener operations
+// take a separate listener mutex; the two are never held together, and
+// listeners are called outside both. Changing the store never notifies: the
+// caller that decides a change happened calls notifyReachabilityListeners().
+class CacheCore {
+ public:
+  using ReachabilityListener =
+      std::function<void(const std::string& endpointId, const std::string& entityId,
+                         bool isReachable)>;
+
+  explicit CacheCore(unsigned int maxSize);
+  ~CacheCore();
+
+  CacheCore(const CacheCore&) = delete;
+  CacheCore& operator=(const CacheCore&) = delete;
+
+  // ---- Changes ----
+
+  // Inserts the endpoint, or merges it into the stored one of the same
+  // endpoint id: each driver type it carries replaces the stored set, other
+  // driver types stay, and a non-empty adapter name replaces the stored one.
+  // Refuses empty ids and, when full, endpoints of new entities. True when
+  // the store now holds the endpoint.
+  bool insertEndpoint(const CachedEndpoint& endpoint) RC_EXCLUDES(storeMutex);
+  // Inserts `info` with its capabilities filed under driver type 2.
+  bool insertEndpoint(const EndpointInfo& info) RC_EXCLUDES(storeMutex);
+  // Removes one endpoint of one entity, and the entity with its last endpoint.
+  bool removeEndpoint(const std::string& entityId, const std::string& endpointId)
+      RC_EXCLUDES(storeMutex);
+  // Removes the entity with all its endpoints.
+  bool removeEntity(const std::string& entityId) RC_EXCLUDES(storeMutex);
+  // Removes every entity; listeners stay registered.
+  void clear() RC_EXCLUDES(storeMutex);
+  // Empties the endpoint's capabilities, which makes it unreachable; the
+  // endpoint stays stored. False when it is not stored.
+  bool clearEndpointCapabilities(const std::string& entityId, const std::string& endpointId)
+      RC_EXCLUDES(storeMutex);
+
+  // ---- Size ----
+
+  std::size_t size() const RC_EXCLUDES(storeMutex);
+  unsigned int maxSize() const { return maxSize_; }
+  bool isFull() const RC_EXCLUDES(storeMutex);
+
+  // ---- Queries (each logs its answer, except where noted) ----
+
+  bool isEntityPresent(const std::string& entityId) const RC_EXCLUDES(storeMutex);
+  bool isEntityReachable(const std::string& entityId) const RC_EXCLUDES(storeMutex);
+  // True when any endpoint holds the key under any driver type.
+  bool isCapabilityReachable(const std::string& entityId, const CapabilityKey& capabilityKey) const
+      RC_EXCLUDES(storeMutex);
+  // True when any endpoint holds the key under exactly `driverType`.
+  bool isCapabilityReachableByDriver(const std::string& entityId,
+                                     const CapabilityKey& capabilityKey,
+                                     applianceDriver::ApplianceDriverType driverType) const
+      RC_EXCLUDES(storeMutex);
+  // The entity's earliest stored endpoint id; empty when missing.
+  std::string getEndpointIdForEntity(const std::string& entityId) const RC_EXCLUDES(storeMutex);
+  // The normalised entity the endpoint was last inserted under; empty when unknown.
+  std::string getEntityIdForEndpoint(const std::string& endpointId) const
+      RC_EXCLUDES(storeMutex);
+  // Not logged. Empty when the entity or the endpoint is missing.
+  std::string getAdapterName(const std::string& entityId, const std::string& endpointId) const
+      RC_EXCLUDES(storeMutex);
+  // Not logged. Each endpoint in external form, in insertion order.
+  std::vector<EndpointInfo> getEndpointsForEntity(const std::string& entityId) const
+      RC_EXCLUDES(storeMutex);
+  // Not logged. Every entity with each endpoint's adapter, reachable or not.
+  std::unordered_map<std::string, std::unordered_map<std::string, std::string>>
+  getReachableEndpointsMap() const RC_EXCLUDES(storeMutex);
+  // Not logged. A copy of the endpoint id to entity id index.
+  std::unordered_map<std::string, std::string> getCachedEndpointIds() const
+      RC_EXCLUDES(storeMutex);
+
+  // ---- Listeners ----
+
+  // False, keeping the registered callback, when the id is taken. The
+  // callback is not checked: it must be callable.
+  bool registerReachabilityListener(const std::string& listenerId, ReachabilityListener callback)
+      RC_EXCLUDES(listenerMutex);
+  bool unregisterReachabilityListener(const std::string& listenerId) RC_EXCLUDES(listenerMutex);
+  // Calls every listener registered at the time of the call once, on this
+  // thread, outside every lock. A listener may re-enter the store.
+  void notifyReachabilityListeners(const std::string& endpointId, const std::string& entityId,
+                                   bool isReachable) RC_EXCLUDES(listenerMutex);
+
+  // ---- Lookups for use under the store mutex (entity id already normalised) ----
+
+  // Null when the entity is absent or has no endpoints.
+  const std::vector<CachedEndpoint>* findEndpointsLocked(const std::string& entityId) const
+      RC_REQUIRES(storeMutex);
+  // Null only when the entity is absent.
+  std::vector<CachedEndpoint>* findEndpointsMutableLocked(const std::string& entityId)
+      RC_REQUIRES(storeMutex);
+  // The first record with `endpointId`, or the vector's end.
+  static std::vector<CachedEndpoint>::const_iterator findEndpointInVector(
+      const std::vector<CachedEndpoint>& endpoints, const std::string& endpointId);
+  static std::vector<CachedEndpoint>::iterator findEndpointInVector(
+      std::vector<CachedEndpoint>& endpoints, const std::string& endpointId);
+
+ private:
+  std::unordered_map<std::string, std::vector<CachedEndpoint>> entityIndex
+      RC_GUARDED_BY(storeMutex);
+  std::unordered_map<std::string, std::string> endpointIndex RC_GUARDED_BY(storeMutex);
+  const unsigned int maxSize_;
+  mutable Mutex storeMutex;
+  std::unordered_map<std::string, ReachabilityListener> listeners RC_GUARDED_BY(listenerMutex);
+  mutable Mutex listenerMutex;
+};
+
+}  // namespace veranda::reachabilityCache

@@ -1,0 +1,111 @@
+#include "LogRecorder.h"
+
+#include <android/log.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+
+namespace veranda::reachabilityCache::testing {
+
+std::ostream& operator<<(std::ostream& out, const LogLine& line) {
+  return out << "{" << line.priority << ", " << line.tag << ", \"" << line.text << "\"}";
+}
+
+LogRecorder& LogRecorder::instance() {
+  static LogRecorder recorder;
+  return recorder;
+}
+
+void LogRecorder::record(int priority, const char* tag, const char* text) {
+  static const bool echo = std::getenv("REACHABILITY_CACHE_TEST_LOG") != nullptr;
+  if (echo) {
+    std::cerr << priority << ' ' << tag << ' ' << text << '\n';
+  }
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (discard_) {
+    return;
+  }
+  lines_.push_back({priority, tag == nullptr ? "" : tag, text});
+  recorded_.notify_all();
+}
+
+void LogRecorder::clear() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  lines_.clear();
+}
+
+std::vector<LogLine> LogRecorder::lines() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return lines_;
+}
+
+std::vector<LogLine> LogRecorder::linesWithTag(const std::string& tag) const {
+  std::vector<LogLine> result;
+  for (LogLine& line : lines()) {
+    if (line.tag == tag) {
+      result.push_back(std::move(line));
+    }
+  }
+  return result;
+}
+
+std::vector<std::string> LogRecorder::texts(const std::string& tag) const {
+  std::vector<std::string> result;
+  for (LogLine& line : linesWithTag(tag)) {
+    result.push_back(std::move(line.text));
+  }
+  return result;
+}
+
+std::size_t LogRecorder::countContaining(const std::string& tag,
+                                         const std::string& fragment) const {
+  std::size_t count = 0;
+  for (const LogLine& line : linesWithTag(tag)) {
+    count += line.text.find(fragment) != std::string::npos ? 1 : 0;
+  }
+  return count;
+}
+
+bool LogRecorder::waitFor(const std::function<bool(const std::vector<LogLine>&)>& predicate,
+                          std::chrono::milliseconds timeout) const {
+  std::unique_lock<std::mutex> lock(mutex_);
+  return recorded_.wait_for(lock, timeout, [&] { return predicate(lines_); });
+}
+
+bool LogRecorder::waitForLine(const std::string& tag, const std::string& fragment,
+                              std::chrono::milliseconds timeout) const {
+  return waitFor(
+      [&](const std::vector<LogLine>& lines) {
+        for (const LogLine& line : lines) {
+          if (line.tag == tag && line.text.find(fragment) != std::string::npos) {
+            return true;
+          }
+        }
+        return false;
+      },
+      timeout);
+}
+
+void LogRecorder::setDiscard(bool discard) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  discard_ = discard;
+}
+
+}  // namespace veranda::reachabilityCache::testing
+
+// The test binary's platform log: every line is recorded instead of printed.
+extern "C" int __android_log_print(int prio, const char* tag, const char* fmt, ...) {
+  va_list args;
+  va_start(args, fmt);
+  va_list copy;
+  va_copy(copy, args);
+  const int length = std::vsnprintf(nullptr, 0, fmt, copy);
+  va_end(copy);
+  std::string text(length > 0 ? static_cast<std::size_t>(length) : 0, '\0');
+  std::vsnprintf(text.data(), text.size() + 1, fmt, args);
+  va_end(args);
+  veranda::reachabilityCache::testing::LogRecorder::instance().record(prio, tag, text.c_str());
+  return length;
+}

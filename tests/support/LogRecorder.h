@@ -1,0 +1,68 @@
+// Records every line that reaches the platform log during a test: the test
+// binary defines __android_log_print itself and hands each line here.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <functional>
+#include <mutex>
+#include <ostream>
+#include <string>
+#include <vector>
+
+namespace veranda::reachabilityCache::testing {
+
+struct LogLine {
+  int priority;
+  std::string tag;
+  std::string text;
+
+  bool operator==(const LogLine& other) const {
+    return priority == other.priority && tag == other.tag && text == other.text;
+  }
+};
+
+std::ostream& operator<<(std::ostream& out, const LogLine& line);
+
+inline constexpr const char* kFacadeTag = "ReachabilityCache-ReachabilityCache";
+inline constexpr const char* kStoreTag = "ReachabilityCache-CacheCore";
+inline constexpr const char* kUpdaterTag = "ReachabilityCache-ReachabilityUpdater";
+inline constexpr const char* kCheckerTag = "ReachabilityCache-ApplianceDriverChecker";
+inline constexpr const char* kMetricTag = "Veranda-Metric";
+
+// Thread safety: every member may be called from any thread.
+class LogRecorder {
+ public:
+  static LogRecorder& instance();
+
+  void record(int priority, const char* tag, const char* text);
+  void clear();
+
+  std::vector<LogLine> lines() const;
+  // The lines with `tag`, in order.
+  std::vector<LogLine> linesWithTag(const std::string& tag) const;
+  // The texts of the lines with `tag`, in order.
+  std::vector<std::string> texts(const std::string& tag) const;
+  std::size_t countContaining(const std::string& tag, const std::string& fragment) const;
+
+  // Waits until `predicate` holds for the recorded lines.
+  bool waitFor(const std::function<bool(const std::vector<LogLine>&)>& predicate,
+               std::chrono::milliseconds timeout) const;
+  // Waits until a line with `tag` contains `fragment`.
+  bool waitForLine(const std::string& tag, const std::string& fragment,
+                   std::chrono::milliseconds timeout) const;
+
+  // When set, lines are dropped instead of recorded (for long stress runs).
+  void setDiscard(bool discard);
+
+ private:
+  LogRecorder() = default;
+
+  mutable std::mutex mutex_;
+  mutable std::condition_variable recorded_;
+  std::vector<LogLine> lines_;
+  bool discard_ = false;
+};
+
+}  // namespace veranda::reachabilityCache::testing
