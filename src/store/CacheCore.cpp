@@ -1,0 +1,390 @@
+#include "store/CacheCore.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <string_view>
+
+#include "diagnostics/ComponentLog.h"
+#include "diagnostics/LogBuilder.h"
+#include "diagnostics/ReachabilityCacheMetrics.h"
+
+namespace veranda::reachabilityCache {
+namespace {
+
+using applianceDriver::ApplianceDriverType;
+using commonLog::LogBuilder;
+
+constexpr std::string_view ENTITY_ID_PREFIX = "orbt1.veyra.endpoint.";
+
+// `entityId` without one leading ENTITY_ID_PREFIX (exact, case-sensitive).
+std::string normalizeEntityId(const std::string& entityId) {
+  if (entityId.compare(0, ENTITY_ID_PREFIX.size(), ENTITY_ID_PREFIX) == 0) {
+    return entityId.substr(ENTITY_ID_PREFIX.size());
+  }
+  return entityId;
+}
+
+// Writes "[function]: action=... entityId=... endpointId=...".
+void logEndpointAction(LogPriority priority, const char* function, const char* action,
+                       const std::string& entityId, const std::string& endpointId) {
+  logStore(priority, LogBuilder(function, nullptr)
+                         .d("action", action)
+                         .d("entityId", entityId.c_str())
+                         .d("endpointId", endpointId.c_str()));
+}
+
+// Logs and records the refusal of a record with an empty entity or endpoint
+// id; false when both ids are set.
+bool refusedForEmptyId(const CachedEndpoint& endpoint) {
+  if (endpoint.entityId.empty()) {
+    logStore(LogPriority::kWarn, LogBuilder("insertEndpoint", nullptr)
+                                     .d("reason", "emptyEntityId")
+                                     .d("endpointId", endpoint.endpointId.c_str()));
+    ReachabilityCacheMetrics::emitInsertFailed("emptyEntityId");
+    return true;
+  }
+  if (endpoint.endpointId.empty()) {
+    logStore(LogPriority::kWarn, LogBuilder("insertEndpoint", nullptr)
+                                     .d("reason", "emptyEndpointId")
+                                     .d("entityId", endpoint.entityId.c_str()));
+    ReachabilityCacheMetrics::emitInsertFailed("emptyEndpointId");
+    return true;
+  }
+  return false;
+}
+
+// Each driver type of `incoming` replaces the stored set whole; a non-empty
+// adapter name replaces the stored one.
+void mergeInto(CachedEndpoint& stored, const CachedEndpoint& incoming) {
+  for (const auto& entry : incoming.driverCapabilities) {
+    stored.driverCapabilities[entry.first] = entry.second;
+  }
+  if (!incoming.adapterName.empty()) {
+    stored.adapterName = incoming.adapterName;
+  }
+}
+
+// True when driver type 0 or 1 reported the endpoint, even with no capability.
+bool reachedByDriver(const CachedEndpoint& endpoint) {
+  return endpoint.driverCapabilities.count(ApplianceDriverType::NATIVE) != 0 ||
+         endpoint.driverCapabilities.count(ApplianceDriverType::CONNECTED) != 0;
+}
+
+}  // namespace
+
+CacheCore::CacheCore(unsigned int maxSize) : maxSize_(maxSize) {
+  logStore(LogPriority::kInfo, LogBuilder("CacheCore", nullptr).d("maxSize", maxSize));
+}
+
+CacheCore::~CacheCore() = default;
+
+// ---- Changes ----
+
+bool CacheCore::insertEndpoint(const CachedEndpoint& endpoint) {
+  MutexLock lock(storeMutex);
+  if (refusedForEmptyId(endpoint)) {
+    return false;
+  }
+  const std::string entityId = normalizeEntityId(endpoint.entityId);
+  const bool entityKnown = entityIndex.count(entityId) != 0;
+  if (!entityKnown && entityIndex.size() >= maxSize_) {
+    logStore(LogPriority::kWarn, LogBuilder("insertEndpoint", nullptr)
+                                     .d("reason", "cacheFull")
+                                     .d("entityId", entityId.c_str())
+                                     .d("endpointId", endpoint.endpointId.c_str()));
+    ReachabilityCacheMetrics::emitCacheFull(maxSize_);
+    return false;
+  }
+  std::vector<CachedEndpoint>& endpoints = entityIndex[entityId];
+  const auto stored = findEndpointInVector(endpoints, endpoint.endpointId);
+  if (stored == endpoints.end()) {
+    endpoints.push_back(endpoint);
+    endpoints.back().entityId = entityId;
+    logEndpointAction(entityKnown ? LogPriority::kDebug : LogPriority::kInfo, "insertEndpoint",
+                      entityKnown ? "appended" : "newEntity", entityId, endpoint.endpointId);
+  } else {
+    mergeInto(*stored, endpoint);
+    logStore(LogPriority::kDebug, LogBuilder("insertEndpoint", nullptr)
+                                      .d("action", "merged")
+                                      .d("entityId", entityId.c_str())
+                                      .d("endpointId", endpoint.endpointId.c_str())
+                                      .d("driverCount", stored->driverCapabilities.size()));
+  }
+  endpointIndex[endpoint.endpointId] = entityId;
+  return true;
+}
+
+bool CacheCore::insertEndpoint(const EndpointInfo& info) {
+  return insertEndpoint(CachedEndpoint(info));
+}
+
+bool CacheCore::removeEndpoint(const std::string& entityId, const std::string& endpointId) {
+  MutexLock lock(storeMutex);
+  const std::string id = normalizeEntityId(entityId);
+  std::vector<CachedEndpoint>* endpoints = findEndpointsMutableLocked(id);
+  if (endpoints == nullptr) {
+    logEndpointAction(LogPriority::kDebug, "removeEndpoint", "notFound", id, endpointId);
+    return false;
+  }
+  const auto record = findEndpointInVector(*endpoints, endpointId);
+  if (record == endpoints->end()) {
+    logEndpointAction(LogPriority::kDebug, "removeEndpoint", "endpointNotFound", id, endpointId);
+    return false;
+  }
+  endpoints->erase(record);
+  endpointIndex.erase(endpointId);
+  if (!endpoints->empty()) {
+    logEndpointAction(LogPriority::kDebug, "removeEndpoint", "removedEndpoint", id, endpointId);
+  } else {
+    entityIndex.erase(id);
+    logEndpointAction(LogPriority::kInfo, "removeEndpoint", "removedEndpointAndEntity", id,
+                      endpointId);
+  }
+  return true;
+}
+
+bool CacheCore::removeEntity(const std::string& entityId) {
+  MutexLock lock(storeMutex);
+  const std::string id = normalizeEntityId(entityId);
+  const auto entity = entityIndex.find(id);
+  if (entity == entityIndex.end()) {
+    // The one store line keyed "event" rather than "action"; readers match on it.
+    logStore(LogPriority::kDebug,
+             LogBuilder("removeEntity", nullptr).d("event", "notFound").d("entityId", id.c_str()));
+    return false;
+  }
+  const std::size_t endpointCount = entity->second.size();
+  for (const CachedEndpoint& endpoint : entity->second) {
+    endpointIndex.erase(endpoint.endpointId);
+  }
+  entityIndex.erase(entity);
+  logStore(LogPriority::kInfo, LogBuilder("removeEntity", nullptr)
+                                   .d("action", "removedEntity")
+                                   .d("entityId", id.c_str())
+                                   .d("endpointCount", endpointCount));
+  return true;
+}
+
+void CacheCore::clear() {
+  MutexLock lock(storeMutex);
+  const std::size_t previousSize = entityIndex.size();
+  entityIndex.clear();
+  endpointIndex.clear();
+  logStore(LogPriority::kInfo,
+           LogBuilder("clear", nullptr).d("action", "cleared").d("previousSize", previousSize));
+}
+
+bool CacheCore::clearEndpointCapabilities(const std::string& entityId,
+                                          const std::string& endpointId) {
+  MutexLock lock(storeMutex);
+  const std::string id = normalizeEntityId(entityId);
+  std::vector<CachedEndpoint>* endpoints = findEndpointsMutableLocked(id);
+  if (endpoints == nullptr) {
+    logEndpointAction(LogPriority::kDebug, "clearEndpointCapabilities", "notFound", id, endpointId);
+    return false;
+  }
+  const auto record = findEndpointInVector(*endpoints, endpointId);
+  if (record == endpoints->end()) {
+    logEndpointAction(LogPriority::kDebug, "clearEndpointCapabilities", "endpointNotFound", id,
+                      endpointId);
+    return false;
+  }
+  record->driverCapabilities.clear();
+  logEndpointAction(LogPriority::kDebug, "clearEndpointCapabilities", "clearedCapabilities", id,
+                    endpointId);
+  return true;
+}
+
+// ---- Size ----
+
+std::size_t CacheCore::size() const {
+  MutexLock lock(storeMutex);
+  return entityIndex.size();
+}
+
+bool CacheCore::isFull() const {
+  MutexLock lock(storeMutex);
+  return entityIndex.size() >= maxSize_;
+}
+
+// ---- Queries ----
+
+bool CacheCore::isEntityPresent(const std::string& entityId) const {
+  MutexLock lock(storeMutex);
+  const std::string id = normalizeEntityId(entityId);
+  const bool present = findEndpointsLocked(id) != nullptr;
+  logStore(LogPriority::kDebug, LogBuilder("isEntityPresent", nullptr)
+                                    .d("entityId", id.c_str())
+                                    .d("present", boolText(present)));
+  return present;
+}
+
+bool CacheCore::isEntityReachable(const std::string& entityId) const {
+  MutexLock lock(storeMutex);
+  const std::string id = normalizeEntityId(entityId);
+  LogBuilder line("isEntityReachable", nullptr);
+  line.d("entityId", id.c_str());
+  const std::vector<CachedEndpoint>* endpoints = findEndpointsLocked(id);
+  if (endpoints == nullptr) {
+    logStore(LogPriority::kDebug, line.d("reachable", "false").d("reason", "notInCache"));
+    return false;
+  }
+  for (const CachedEndpoint& endpoint : *endpoints) {
+    if (reachedByDriver(endpoint)) {
+      logStore(LogPriority::kDebug, line.d("reachable", "true"));
+      return true;
+    }
+  }
+  logStore(LogPriority::kDebug, line.d("reachable", "false").d("reason", "noDriverCapabilities"));
+  return false;
+}
+
+bool CacheCore::isCapabilityReachable(const std::string& entityId,
+                                      const CapabilityKey& capabilityKey) const {
+  MutexLock lock(storeMutex);
+  const std::string id = normalizeEntityId(entityId);
+  LogBuilder line("isCapabilityReachable", nullptr);
+  line.d("entityId", id.c_str()).d("capability", capabilityKey.capability.c_str());
+  const std::vector<CachedEndpoint>* endpoints = findEndpointsLocked(id);
+  if (endpoints == nullptr) {
+    logStore(LogPriority::kDebug, line.d("reachable", "false").d("reason", "entityNotFound"));
+    return false;
+  }
+  for (const CachedEndpoint& endpoint : *endpoints) {
+    for (const auto& entry : endpoint.driverCapabilities) {
+      if (entry.second.count(capabilityKey) != 0) {
+        logStore(LogPriority::kDebug,
+                 line.d("endpointId", endpoint.endpointId.c_str()).d("reachable", "true"));
+        return true;
+      }
+    }
+  }
+  logStore(LogPriority::kDebug, line.d("reachable", "false")
+                                    .d("reason", "capabilityNotFound")
+                                    .d("endpointCount", endpoints->size()));
+  return false;
+}
+
+bool CacheCore::isCapabilityReachableByDriver(const std::string& entityId,
+                                              const CapabilityKey& capabilityKey,
+                                              ApplianceDriverType driverType) const {
+  MutexLock lock(storeMutex);
+  const std::string id = normalizeEntityId(entityId);
+  LogBuilder line("isCapabilityReachableByDriver", nullptr);
+  line.d("entityId", id.c_str())
+      .d("capability", capabilityKey.capability.c_str())
+      .d("driverType", static_cast<int32_t>(driverType));
+  const std::vector<CachedEndpoint>* endpoints = findEndpointsLocked(id);
+  if (endpoints == nullptr) {
+    logStore(LogPriority::kDebug, line.d("reachable", "false").d("reason", "entityNotFound"));
+    return false;
+  }
+  for (const CachedEndpoint& endpoint : *endpoints) {
+    if (endpoint.hasCapabilityFromDriver(capabilityKey, driverType)) {
+      logStore(LogPriority::kDebug,
+               line.d("endpointId", endpoint.endpointId.c_str()).d("reachable", "true"));
+      return true;
+    }
+  }
+  logStore(LogPriority::kDebug,
+           line.d("reachable", "false").d("reason", "capabilityNotFoundForDriver"));
+  return false;
+}
+
+std::string CacheCore::getEndpointIdForEntity(const std::string& entityId) const {
+  MutexLock lock(storeMutex);
+  const std::string id = normalizeEntityId(entityId);
+  const std::vector<CachedEndpoint>* endpoints = findEndpointsLocked(id);
+  std::string endpointId = endpoints == nullptr ? "" : endpoints->front().endpointId;
+  logStore(LogPriority::kDebug,
+           LogBuilder("getEndpointIdForEntity", nullptr)
+               .d("entityId", id.c_str())
+               .d("endpointId", endpoints == nullptr ? "notFound" : endpointId.c_str()));
+  return endpointId;
+}
+
+std::string CacheCore::getEntityIdForEndpoint(const std::string& endpointId) const {
+  MutexLock lock(storeMutex);
+  const auto found = endpointIndex.find(endpointId);
+  std::string entityId = found == endpointIndex.end() ? "" : found->second;
+  logStore(LogPriority::kDebug,
+           LogBuilder("getEntityIdForEndpoint", nullptr)
+               .d("endpointId", endpointId.c_str())
+               .d("entityId", found == endpointIndex.end() ? "notFound" : entityId.c_str()));
+  return entityId;
+}
+
+std::string CacheCore::getAdapterName(const std::string& entityId,
+                                      const std::string& endpointId) const {
+  MutexLock lock(storeMutex);
+  const std::vector<CachedEndpoint>* endpoints = findEndpointsLocked(normalizeEntityId(entityId));
+  if (endpoints == nullptr) {
+    return "";
+  }
+  const auto record = findEndpointInVector(*endpoints, endpointId);
+  return record == endpoints->end() ? "" : record->adapterName;
+}
+
+std::vector<EndpointInfo> CacheCore::getEndpointsForEntity(const std::string& entityId) const {
+  MutexLock lock(storeMutex);
+  std::vector<EndpointInfo> result;
+  const std::vector<CachedEndpoint>* endpoints = findEndpointsLocked(normalizeEntityId(entityId));
+  if (endpoints == nullptr) {
+    return result;
+  }
+  result.reserve(endpoints->size());
+  for (const CachedEndpoint& endpoint : *endpoints) {
+    result.push_back(endpoint.toExternal());
+  }
+  return result;
+}
+
+std::unordered_map<std::string, std::unordered_map<std::string, std::string>>
+CacheCore::getReachableEndpointsMap() const {
+  MutexLock lock(storeMutex);
+  std::unordered_map<std::string, std::unordered_map<std::string, std::string>> result;
+  for (const auto& [entityId, endpoints] : entityIndex) {
+    std::unordered_map<std::string, std::string>& adapters = result[entityId];
+    for (const CachedEndpoint& endpoint : endpoints) {
+      adapters.emplace(endpoint.endpointId, endpoint.adapterName);
+    }
+  }
+  return result;
+}
+
+std::unordered_map<std::string, std::string> CacheCore::getCachedEndpointIds() const {
+  MutexLock lock(storeMutex);
+  return endpointIndex;
+}
+
+// ---- Lookups under the store mutex ----
+
+const std::vector<CachedEndpoint>* CacheCore::findEndpointsLocked(
+    const std::string& entityId) const {
+  const auto found = entityIndex.find(entityId);
+  if (found == entityIndex.end() || found->second.empty()) {
+    return nullptr;
+  }
+  return &found->second;
+}
+
+std::vector<CachedEndpoint>* CacheCore::findEndpointsMutableLocked(const std::string& entityId) {
+  const auto found = entityIndex.find(entityId);
+  return found == entityIndex.end() ? nullptr : &found->second;
+}
+
+std::vector<CachedEndpoint>::const_iterator CacheCore::findEndpointInVector(
+    const std::vector<CachedEndpoint>& endpoints, const std::string& endpointId) {
+  return std::find_if(endpoints.begin(), endpoints.end(), [&](const CachedEndpoint& endpoint) {
+    return endpoint.endpointId == endpointId;
+  });
+}
+
+std::vector<CachedEndpoint>::iterator CacheCore::findEndpointInVector(
+    std::vector<CachedEndpoint>& endpoints, const std::string& endpointId) {
+  return std::find_if(endpoints.begin(), endpoints.end(), [&](const CachedEndpoint& endpoint) {
+    return endpoint.endpointId == endpointId;
+  });
+}
+
+}  // namespace veranda::reachabilityCache

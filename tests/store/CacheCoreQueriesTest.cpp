@@ -1,0 +1,109 @@
+#include <gtest/gtest.h>
+
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "StoreTestSupport.h"
+#include "store/CacheCore.h"
+
+namespace veranda::reachabilityCache {
+namespace {
+
+using AdapterMap = std::unordered_map<std::string, std::unordered_map<std::string, std::string>>;
+
+class CacheCoreQueriesTest : public StoreTest {};
+
+TEST_F(CacheCoreQueriesTest, MissingEntityAnswersEmptyAndLogsWhy) {
+  CacheCore store(2);
+  takeLines();
+  EXPECT_FALSE(store.isEntityPresent(kPrefix + "ghost"));
+  EXPECT_FALSE(store.isEntityReachable("ghost"));
+  EXPECT_FALSE(store.isCapabilityReachable("ghost", kPower));
+  EXPECT_FALSE(
+      store.isCapabilityReachableByDriver("ghost", kPower, ApplianceDriverType::CONNECTED));
+  EXPECT_EQ(store.getEndpointIdForEntity("ghost"), "");
+  EXPECT_EQ(store.getEntityIdForEndpoint("ep"), "");
+  EXPECT_EQ(store.getAdapterName("ghost", "ep"), "");
+  EXPECT_TRUE(store.getEndpointsForEntity("ghost").empty());
+  EXPECT_TRUE(store.getReachableEndpointsMap().empty());
+  const std::vector<LogLine> expected = {
+      debugLine("[isEntityPresent]: entityId=ghost present=false"),
+      debugLine("[isEntityReachable]: entityId=ghost reachable=false reason=notInCache"),
+      debugLine("[isCapabilityReachable]: entityId=ghost capability=PowerController "
+                "reachable=false reason=entityNotFound"),
+      debugLine("[isCapabilityReachableByDriver]: entityId=ghost capability=PowerController "
+                "driverType=1 reachable=false reason=entityNotFound"),
+      debugLine("[getEndpointIdForEntity]: entityId=ghost endpointId=notFound"),
+      debugLine("[getEntityIdForEndpoint]: endpointId=ep entityId=notFound"),
+  };
+  EXPECT_EQ(takeLines(), expected);
+}
+
+TEST_F(CacheCoreQueriesTest, OnlyDriverTypesZeroAndOneMakeAnEntityReachable) {
+  CacheCore store(4);
+  store.insertEndpoint(EndpointInfo("ep1", kPrefix + "lamp", "PROT_WIFI-ADAPTER", {kPower}));
+  store.insertEndpoint(record("ep2", "fan", ApplianceDriverType::CONNECTED, {}));
+  takeLines();
+  EXPECT_TRUE(store.isEntityPresent("lamp"));
+  EXPECT_FALSE(store.isEntityReachable("lamp"));
+  EXPECT_TRUE(store.isCapabilityReachable(kPrefix + "lamp", kPower));
+  EXPECT_FALSE(store.isCapabilityReachable("lamp", {"PowerController", "other"}));
+  EXPECT_TRUE(store.isCapabilityReachableByDriver("lamp", kPower, ApplianceDriverType::UNKNOWN));
+  EXPECT_FALSE(store.isCapabilityReachableByDriver("lamp", kPower, ApplianceDriverType::NATIVE));
+  // A present driver type with no capabilities still counts.
+  EXPECT_TRUE(store.isEntityReachable("fan"));
+  const std::vector<LogLine> expected = {
+      debugLine("[isEntityPresent]: entityId=lamp present=true"),
+      debugLine("[isEntityReachable]: entityId=lamp reachable=false reason=noDriverCapabilities"),
+      debugLine("[isCapabilityReachable]: entityId=lamp capability=PowerController "
+                "endpointId=ep1 reachable=true"),
+      debugLine("[isCapabilityReachable]: entityId=lamp capability=PowerController "
+                "reachable=false reason=capabilityNotFound endpointCount=1"),
+      debugLine("[isCapabilityReachableByDriver]: entityId=lamp capability=PowerController "
+                "driverType=2 endpointId=ep1 reachable=true"),
+      debugLine("[isCapabilityReachableByDriver]: entityId=lamp capability=PowerController "
+                "driverType=0 reachable=false reason=capabilityNotFoundForDriver"),
+      debugLine("[isEntityReachable]: entityId=fan reachable=true"),
+  };
+  EXPECT_EQ(takeLines(), expected);
+
+  // Cleared capabilities leave the endpoint stored but make it unreachable.
+  store.clearEndpointCapabilities("fan", "ep2");
+  EXPECT_TRUE(store.isEntityPresent("fan"));
+  EXPECT_FALSE(store.isEntityReachable("fan"));
+  EXPECT_EQ(store.getReachableEndpointsMap().at("fan"),
+            (std::unordered_map<std::string, std::string>{{"ep2", "PROT_ZIGBEE-ADAPTER"}}));
+}
+
+TEST_F(CacheCoreQueriesTest, MappingQueriesFollowInsertionOrderAndNormalisedIds) {
+  CacheCore store(4);
+  store.insertEndpoint(record("ep1", kPrefix + "lamp", ApplianceDriverType::NATIVE, {kPower}));
+  store.insertEndpoint(record("ep2", "lamp", ApplianceDriverType::UNKNOWN, {}, "PROT_BLE-ADAPTER"));
+  store.insertEndpoint(record("ep1", "lamp", ApplianceDriverType::CONNECTED, {kBrightness}));
+  store.insertEndpoint(record("ep3", "fan"));
+
+  EXPECT_EQ(store.getEndpointIdForEntity("lamp"), "ep1");
+  EXPECT_EQ(store.getEntityIdForEndpoint("ep1"), "lamp");
+  EXPECT_EQ(store.getAdapterName(kPrefix + "lamp", "ep2"), "PROT_BLE-ADAPTER");
+  EXPECT_EQ(store.getAdapterName("lamp", "ep3"), "");
+
+  const std::vector<EndpointInfo> endpoints = store.getEndpointsForEntity(kPrefix + "lamp");
+  ASSERT_EQ(endpoints.size(), 2U);
+  EXPECT_EQ(endpoints[0].endpointId, "ep1");
+  EXPECT_EQ(endpoints[0].entityId, "lamp");
+  EXPECT_EQ(endpoints[0].capabilities, (CapabilitySet{kPower, kBrightness}));
+  EXPECT_EQ(endpoints[1].endpointId, "ep2");
+  EXPECT_TRUE(endpoints[1].capabilities.empty());
+
+  const AdapterMap expected = {
+      {"lamp", {{"ep1", "PROT_ZIGBEE-ADAPTER"}, {"ep2", "PROT_BLE-ADAPTER"}}},
+      {"fan", {{"ep3", "PROT_ZIGBEE-ADAPTER"}}}};
+  EXPECT_EQ(store.getReachableEndpointsMap(), expected);
+
+  store.removeEndpoint("lamp", "ep1");
+  EXPECT_EQ(store.getEndpointIdForEntity("lamp"), "ep2");
+}
+
+}  // namespace
+}  // namespace veranda::reachabilityCache

@@ -1,0 +1,54 @@
+// Shared helpers of the store tests.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "LogRecorder.h"
+#include "reachabilityCache/CachedEndpoint.h"
+#include "store/CacheCore.h"
+
+namespace veranda::reachabilityCache {
+
+using applianceDriver::ApplianceDriverType;
+using testing::LogLine;
+using testing::LogRecorder;
+
+inline const std::string kPrefix = "orbt1.veyra.endpoint.";
+inline const CapabilityKey kPower{"PowerController", "powerState"};
+inline const CapabilityKey kBrightness{"BrightnessController", "brightness"};
+
+// A record of `endpointId` serving `entityId`, with `capabilities` filed
+// under `driverType`.
+inline CachedEndpoint record(const std::string& endpointId, const std::string& entityId,
+                             ApplianceDriverType driverType = ApplianceDriverType::NATIVE,
+                             CapabilitySet capabilities = {},
+                             const std::string& adapterName = "PROT_ZIGBEE-ADAPTER") {
+  return CachedEndpoint(endpointId, entityId, adapterName, driverType, std::move(capabilities));
+}
+
+inline LogLine debugLine(const std::string& text) { return {3, testing::kStoreTag, text}; }
+inline LogLine infoLine(const std::string& text) { return {4, testing::kStoreTag, text}; }
+inline LogLine warnLine(const std::string& text) { return {5, testing::kStoreTag, text}; }
+inline LogLine metricLine(const std::string& dimensions) {
+  return {4, testing::kMetricTag,
+          "[Metric]: " + dimensions + " program=762veg6l source=nlef/2/03330473"};
+}
+
+// Starts every test with an empty log.
+class StoreTest : public ::testing::Test {
+ protected:
+  void SetUp() override { LogRecorder::instance().clear(); }
+
+  // Every line recorded since the last call, which empties the log.
+  static std::vector<LogLine> takeLines() {
+    std::vector<LogLine> lines = LogRecorder::instance().lines();
+    LogRecorder::instance().clear();
+    return lines;
+  }
+};
+
+}  // namespace veranda::reachabilityCache
