@@ -1,0 +1,129 @@
+#include "reachabilityCache/ReachabilityCache.h"
+
+#include <limits>
+#include <utility>
+
+#include "diagnostics/ComponentLog.h"
+#include "diagnostics/LogBuilder.h"
+#include "store/CacheCore.h"
+#include "updater/ReachabilityUpdater.h"
+
+namespace veranda::reachabilityCache {
+namespace {
+
+using commonLog::LogBuilder;
+
+constexpr std::chrono::milliseconds kFirstUpdateDelay{1000};
+
+// The store counts its capacity in 32 bits; larger capacities mean "no limit".
+unsigned int storeCapacity(std::size_t maxCacheSize) {
+  constexpr std::size_t kLargest = std::numeric_limits<unsigned int>::max();
+  return static_cast<unsigned int>(maxCacheSize < kLargest ? maxCacheSize : kLargest);
+}
+
+}  // namespace
+
+ReachabilityCache::ReachabilityCache(ICHRProvider* chrProvider, const Config& config)
+    : chrProvider(chrProvider), config(config) {
+  logFacade(LogPriority::kInfo, LogBuilder("ReachabilityCache", nullptr)
+                                    .d("event", "cacheCreated")
+                                    .d("maxCacheSize", config.maxCacheSize)
+                                    .d("periodicUpdates", boolText(config.enablePeriodicUpdates)));
+  cacheCore = std::make_shared<CacheCore>(storeCapacity(config.maxCacheSize));
+  updater =
+      std::make_unique<ReachabilityUpdater>(cacheCore, config.reachabilityChecker, chrProvider);
+  if (config.enablePeriodicUpdates) {
+    updater->startPeriodicUpdates(config.updateInterval, kFirstUpdateDelay);
+    updater->enableProactiveUpdates();
+  }
+}
+
+ReachabilityCache::~ReachabilityCache() {
+  logFacade(LogPriority::kInfo, LogBuilder("~ReachabilityCache", nullptr)
+                                    .d("event", "cacheDestroyed")
+                                    .d("cacheSize", cacheCore->size()));
+  if (updater) {
+    updater->stopPeriodicUpdates();
+  }
+}
+
+bool ReachabilityCache::isEntityReachable(const std::string& entityId) const {
+  return cacheCore->isEntityReachable(entityId);
+}
+
+bool ReachabilityCache::isCapabilityReachable(const std::string& entityId,
+                                              const CapabilityKey& capabilityKey) const {
+  return cacheCore->isCapabilityReachable(entityId, capabilityKey);
+}
+
+bool ReachabilityCache::isCapabilityReachableByDriver(
+    const std::string& entityId, const CapabilityKey& capabilityKey,
+    applianceDriver::ApplianceDriverType driverType) const {
+  return cacheCore->isCapabilityReachableByDriver(entityId, capabilityKey, driverType);
+}
+
+std::string ReachabilityCache::getEndpointIdForEntity(const std::string& entityId) const {
+  return cacheCore->getEndpointIdForEntity(entityId);
+}
+
+std::string ReachabilityCache::getEntityIdForEndpoint(const std::string& endpointId) const {
+  return cacheCore->getEntityIdForEndpoint(endpointId);
+}
+
+std::string ReachabilityCache::getAdapterName(const std::string& entityId,
+                                              const std::string& endpointId) const {
+  return cacheCore->getAdapterName(entityId, endpointId);
+}
+
+std::vector<EndpointInfo> ReachabilityCache::getEndpointsForEntity(
+    const std::string& entityId) const {
+  return cacheCore->getEndpointsForEntity(entityId);
+}
+
+EndpointInfo ReachabilityCache::getPreferredEndpoint(const std::string& entityId,
+                                                     const std::string& preferredAdapter) const {
+  std::vector<EndpointInfo> endpoints = cacheCore->getEndpointsForEntity(entityId);
+  if (endpoints.empty()) {
+    logFacade(LogPriority::kWarn, LogBuilder("getPreferredEndpoint", nullptr)
+                                      .d("action", "getPreferredEndpoint")
+                                      .d("entityId", entityId.c_str())
+                                      .d("reason", "noEndpointsFound"));
+    return EndpointInfo("", "", "", {});
+  }
+  for (EndpointInfo& endpoint : endpoints) {
+    if (endpoint.adapterName == preferredAdapter) {
+      return std::move(endpoint);
+    }
+  }
+  return std::move(endpoints.front());
+}
+
+void ReachabilityCache::invalidate() { cacheCore->clear(); }
+
+bool ReachabilityCache::removeEntity(const std::string& entityId) {
+  return cacheCore->removeEntity(entityId);
+}
+
+std::size_t ReachabilityCache::size() const { return cacheCore->size(); }
+
+void ReachabilityCache::updateEndpoints(const std::vector<CachedEndpoint>& endpoints) {
+  for (const CachedEndpoint& endpoint : endpoints) {
+    cacheCore->insertEndpoint(endpoint);
+  }
+}
+
+std::unordered_map<std::string, std::unordered_map<std::string, std::string>>
+ReachabilityCache::getReachableEndpointsMap() const {
+  return cacheCore->getReachableEndpointsMap();
+}
+
+bool ReachabilityCache::registerReachabilityListener(const std::string& listenerId,
+                                                     ReachabilityListener callback) {
+  return cacheCore->registerReachabilityListener(listenerId, std::move(callback));
+}
+
+bool ReachabilityCache::unregisterReachabilityListener(const std::string& listenerId) {
+  return cacheCore->unregisterReachabilityListener(listenerId);
+}
+
+}  // namespace veranda::reachabilityCache

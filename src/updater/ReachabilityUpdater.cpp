@@ -1,0 +1,293 @@
+#include "updater/ReachabilityUpdater.h"
+
+#include <string>
+#include <utility>
+
+#include "diagnostics/ComponentLog.h"
+#include "diagnostics/LogBuilder.h"
+#include "diagnostics/ReachabilityCacheMetrics.h"
+#include "reachabilityCache/CachedEndpoint.h"
+#include "taskExecutor/Message.h"
+
+namespace veranda::reachabilityCache {
+namespace {
+
+using commonLog::LogBuilder;
+
+constexpr const char* kPeriodicPrefix = "periodic_";
+constexpr const char* kManualPrefix = "manual_";
+constexpr const char* kProactivePrefix = "reachability_updater_";
+
+const char* statusText(bool reachable, bool applied, bool wasReachable) {
+  if (!applied) {
+    return reachable ? "reachable (insertFailed)" : "unreachable (insertFailed)";
+  }
+  if (reachable) {
+    return wasReachable ? "reachable" : "reachable (becameReachable)";
+  }
+  return wasReachable ? "unreachable (becameUnreachable)" : "unreachable (alreadyUnreachable)";
+}
+
+void appendDetail(std::string& details, const ReachabilityCheckResult& result, const char* status) {
+  details += "\n    ";
+  details += result.endpointId;
+  details += " (entityId=";
+  details += result.entityId;
+  if (!result.adapterName.empty()) {
+    details += ", adapter=";
+    details += result.adapterName;
+  }
+  details += "): ";
+  details += status;
+}
+
+}  // namespace
+
+ReachabilityUpdater::ReachabilityUpdater(std::shared_ptr<CacheCore> cache,
+                                         std::shared_ptr<IReachabilityChecker> checker,
+                                         ICHRProvider* chrProvider)
+    : cache(std::move(cache)), checker(std::move(checker)), chrProvider(chrProvider) {
+  logUpdater(LogPriority::kInfo, LogBuilder("ReachabilityUpdater", nullptr));
+  taskExecutor = TaskExecutor::create([](std::unique_ptr<Message> /*unused*/) {}, nullptr);
+}
+
+ReachabilityUpdater::~ReachabilityUpdater() {
+  logUpdater(LogPriority::kInfo, LogBuilder("~ReachabilityUpdater", nullptr));
+  stopPeriodicUpdates();
+  disableProactiveUpdates();
+}
+
+// ---- Periodic schedule ----
+
+void ReachabilityUpdater::startPeriodicUpdates(std::chrono::seconds interval,
+                                               std::chrono::milliseconds initialDelay) {
+  logUpdater(LogPriority::kInfo,
+             LogBuilder("startPeriodicUpdates", nullptr)
+                 .d("intervalSeconds", static_cast<long long>(interval.count()))
+                 .d("initialDelayMs", static_cast<long long>(initialDelay.count())));
+  updateInterval = interval.count();
+  periodicUpdatesRunning = true;
+  auto cycle = [this] { performPeriodicUpdate(); };
+  if (initialDelay < std::chrono::milliseconds(1)) {
+    taskExecutor->post(cycle);
+  } else {
+    taskExecutor->postDelayed(cycle, initialDelay);
+  }
+}
+
+void ReachabilityUpdater::stopPeriodicUpdates() {
+  logUpdater(LogPriority::kInfo, LogBuilder("stopPeriodicUpdates", nullptr));
+  periodicUpdatesRunning = false;
+  taskExecutor->removeCallbacksAndMessages();
+}
+
+bool ReachabilityUpdater::isPeriodicUpdatesRunning() const { return periodicUpdatesRunning; }
+
+void ReachabilityUpdater::rearmPeriodicUpdate() {
+  if (!periodicUpdatesRunning) {
+    return;
+  }
+  const std::chrono::milliseconds delay(static_cast<int64_t>(updateInterval) * 1000);
+  taskExecutor->postDelayed([this] { performPeriodicUpdate(); }, delay);
+}
+
+// ---- Periodic cycle ----
+
+std::string ReachabilityUpdater::generateRequestId() {
+  return std::to_string(requestCounter.fetch_add(1));
+}
+
+void ReachabilityUpdater::performPeriodicUpdate() {
+  if (!periodicUpdatesRunning) {
+    logUpdater(LogPriority::kDebug,
+               LogBuilder("performPeriodicUpdate", nullptr).d("reason", "periodicUpdatesDisabled"));
+    return;
+  }
+  if (chrProvider == nullptr) {
+    logUpdater(LogPriority::kError,
+               LogBuilder("performPeriodicUpdate", nullptr).d("reason", "chrProviderNull"));
+    return;
+  }
+  const std::vector<EndpointInfo> endpoints = chrProvider->queryEndpoints();
+  if (endpoints.empty()) {
+    logUpdater(LogPriority::kWarn,
+               LogBuilder("performPeriodicUpdate", nullptr).d("reason", "chrQueryReturnedEmpty"));
+    rearmPeriodicUpdate();
+    return;
+  }
+  logUpdater(LogPriority::kDebug,
+             LogBuilder("performPeriodicUpdate", nullptr).d("endpointCount", endpoints.size()));
+  const std::string requestId = kPeriodicPrefix + generateRequestId();
+
+  std::unordered_set<std::string> currentEndpointIds;
+  currentEndpointIds.reserve(endpoints.size());
+  for (const EndpointInfo& endpoint : endpoints) {
+    currentEndpointIds.insert(endpoint.endpointId);
+  }
+  removeStaleEntries(currentEndpointIds);
+
+  if (!startCheck(endpoints, requestId)) {
+    logUpdater(LogPriority::kError, LogBuilder("performPeriodicUpdate", nullptr)
+                                        .d("requestId", requestId.c_str())
+                                        .d("reason", "checkStartFailed"));
+    ReachabilityCacheMetrics::emitCheckFailed(ReachabilityCacheMetrics::UpdateType::PERIODIC,
+                                              "checkStartFailed");
+  }
+  rearmPeriodicUpdate();
+}
+
+void ReachabilityUpdater::removeStaleEntries(
+    const std::unordered_set<std::string>& currentEndpointIds) {
+  for (const auto& [endpointId, entityId] : cache->getCachedEndpointIds()) {
+    if (currentEndpointIds.count(endpointId) == 0) {
+      cache->removeEndpoint(entityId, endpointId);
+    }
+  }
+}
+
+// ---- Manual trigger ----
+
+void ReachabilityUpdater::triggerUpdate(const std::vector<EndpointInfo>& endpoints) {
+  taskExecutor->post([this, endpoints] { performManualUpdate(endpoints); });
+}
+
+void ReachabilityUpdater::performManualUpdate(const std::vector<EndpointInfo>& endpoints) {
+  if (endpoints.empty()) {
+    logUpdater(LogPriority::kDebug, LogBuilder("operator()", nullptr).d("reason", "noEndpoints"));
+    return;
+  }
+  const std::string requestId = kManualPrefix + generateRequestId();
+  if (!startCheck(endpoints, requestId)) {
+    logUpdater(LogPriority::kError, LogBuilder("operator()", nullptr)
+                                        .d("requestId", requestId.c_str())
+                                        .d("reason", "checkStartFailed"));
+    ReachabilityCacheMetrics::emitCheckFailed(ReachabilityCacheMetrics::UpdateType::MANUAL,
+                                              "checkStartFailed");
+  }
+}
+
+bool ReachabilityUpdater::startCheck(const std::vector<EndpointInfo>& endpoints,
+                                     const std::string& requestId) {
+  // Without a checker no check can start.
+  return checker != nullptr &&
+         checker->checkReachability(endpoints, requestId,
+                                    [this](const std::vector<ReachabilityCheckResult>& results) {
+                                      processReachabilityResults(results);
+                                    });
+}
+
+// ---- Result processing ----
+
+void ReachabilityUpdater::processReachabilityResults(
+    const std::vector<ReachabilityCheckResult>& results) {
+  unsigned int reachableCount = 0;
+  unsigned int unreachableCount = 0;
+  unsigned int changedCount = 0;
+  std::string details;
+  for (const ReachabilityCheckResult& result : results) {
+    const bool wasReachable = cache->isEntityReachable(result.entityId);
+    bool applied = false;
+    if (result.isReachable) {
+      applied = processReachableEndpoint(result, wasReachable);
+      reachableCount += applied ? 1 : 0;
+      changedCount += applied && !wasReachable ? 1 : 0;
+    } else {
+      applied = processUnreachableEndpoint(result, wasReachable);
+      unreachableCount += applied ? 1 : 0;
+      changedCount += applied && wasReachable ? 1 : 0;
+    }
+    appendDetail(details, result, statusText(result.isReachable, applied, wasReachable));
+  }
+  logUpdater(LogPriority::kInfo,
+             LogBuilder("processReachabilityResults", "processReachabilityResults")
+                 .d("reachable", reachableCount)
+                 .d("unreachable", unreachableCount)
+                 .d("changed", changedCount)
+                 .d("details", details.c_str()));
+}
+
+bool ReachabilityUpdater::processReachableEndpoint(const ReachabilityCheckResult& result,
+                                                   bool wasReachable) {
+  const CachedEndpoint endpoint(result.endpointId, result.entityId, result.adapterName,
+                                result.driverType, result.capabilities);
+  const bool inserted = cache->insertEndpoint(endpoint);
+  if (inserted && !wasReachable) {
+    cache->notifyReachabilityListeners(result.endpointId, result.entityId, true);
+  }
+  return inserted;
+}
+
+bool ReachabilityUpdater::processUnreachableEndpoint(const ReachabilityCheckResult& result,
+                                                     bool wasReachable) {
+  if (!wasReachable) {
+    return true;
+  }
+  if (!cache->clearEndpointCapabilities(result.entityId, result.endpointId)) {
+    return false;
+  }
+  cache->notifyReachabilityListeners(result.endpointId, result.entityId, false);
+  return true;
+}
+
+// ---- Proactive updates ----
+
+bool ReachabilityUpdater::enableProactiveUpdates() {
+  MutexLock lock(mutex);
+  if (proactiveUpdatesEnabled) {
+    logUpdater(LogPriority::kDebug, LogBuilder("enableProactiveUpdates", nullptr)
+                                        .d("action", "enableProactiveUpdates")
+                                        .d("reason", "alreadyEnabled"));
+    return true;
+  }
+  proactiveCallbackId = kProactivePrefix + generateRequestId();
+  const bool registered =
+      checker != nullptr &&
+      checker->registerReachabilityUpdateCallback(
+          proactiveCallbackId, [this](const ReachabilityCheckResult& result) {
+            taskExecutor->post([this, result] { handleProactiveUpdate(result); });
+          });
+  if (!registered) {
+    logUpdater(LogPriority::kError, LogBuilder("enableProactiveUpdates", nullptr)
+                                        .d("action", "enableProactiveUpdates")
+                                        .d("reason", "registrationFailed"));
+    ReachabilityCacheMetrics::emitSubscribeFailed(ReachabilityCacheMetrics::SubscribeAction::ENABLE,
+                                                  "registrationFailed");
+    return false;
+  }
+  proactiveUpdatesEnabled = true;
+  logUpdater(LogPriority::kInfo, LogBuilder("enableProactiveUpdates", nullptr)
+                                     .d("action", "enableProactiveUpdates")
+                                     .d("callbackId", proactiveCallbackId.c_str()));
+  return true;
+}
+
+void ReachabilityUpdater::disableProactiveUpdates() {
+  MutexLock lock(mutex);
+  if (!proactiveUpdatesEnabled) {
+    logUpdater(LogPriority::kDebug, LogBuilder("disableProactiveUpdates", nullptr)
+                                        .d("action", "disableProactiveUpdates")
+                                        .d("reason", "alreadyDisabled"));
+    return;
+  }
+  checker->unregisterReachabilityUpdateCallback(proactiveCallbackId);
+  proactiveUpdatesEnabled = false;
+  proactiveCallbackId.clear();
+  logUpdater(LogPriority::kInfo, LogBuilder("disableProactiveUpdates", nullptr)
+                                     .d("action", "disableProactiveUpdates")
+                                     .d("status", "disabled"));
+}
+
+bool ReachabilityUpdater::isProactiveUpdatesEnabled() const { return proactiveUpdatesEnabled; }
+
+void ReachabilityUpdater::handleProactiveUpdate(const ReachabilityCheckResult& result) {
+  std::vector<ReachabilityCheckResult> results{result};
+  if (result.entityId.empty() && !result.endpointId.empty()) {
+    std::string entityId = cache->getEntityIdForEndpoint(result.endpointId);
+    if (!entityId.empty()) {
+      results.front().entityId = std::move(entityId);
+    }
+  }
+  processReachabilityResults(results);
+}
+
+}  // namespace veranda::reachabilityCache

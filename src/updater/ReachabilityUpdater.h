@@ -35,6 +35,8 @@ namespace veranda::reachabilityCache {
 class ReachabilityUpdater {
  public:
   // Takes over both shared pointers; `chrProvider` is borrowed and may be null.
+  // With a null checker no check starts and proactive updates cannot be
+  // enabled.
   ReachabilityUpdater(std::shared_ptr<CacheCore> cache,
                       std::shared_ptr<IReachabilityChecker> checker, ICHRProvider* chrProvider);
   ~ReachabilityUpdater();
@@ -65,6 +67,8 @@ class ReachabilityUpdater {
   void performPeriodicUpdate();
   void performManualUpdate(const std::vector<EndpointInfo>& endpoints);
   std::string generateRequestId();
+  // Starts a batch check whose results are applied on the checker's thread.
+  bool startCheck(const std::vector<EndpointInfo>& endpoints, const std::string& requestId);
   void removeStaleEntries(const std::unordered_set<std::string>& currentEndpointIds);
   void rearmPeriodicUpdate();
   void processReachabilityResults(const std::vector<ReachabilityCheckResult>& results);

@@ -1,0 +1,31 @@
+#!/usr/bin/env bash
+# Installs what building and testing the library needs on a Debian machine.
+# Safe to run again: it installs only what is missing. Needs root (or sudo).
+set -euo pipefail
+
+packages=(
+  cmake ninja-build g++ clang llvm
+  libgtest-dev libgmock-dev googletest libbenchmark-dev
+  android-liblog-dev nlohmann-json3-dev
+  valgrind
+)
+
+missing=()
+for package in "${packages[@]}"; do
+  if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed"; then
+    missing+=("$package")
+  fi
+done
+
+if [ "${#missing[@]}" -eq 0 ]; then
+  exit 0
+fi
+
+sudo_cmd=()
+if [ "$(id -u)" -ne 0 ]; then
+  sudo_cmd=(sudo)
+fi
+echo "setup: installing ${missing[*]}"
+"${sudo_cmd[@]}" apt-get update -qq
+DEBIAN_FRONTEND=noninteractive "${sudo_cmd[@]}" apt-get install -y -qq --no-install-recommends \
+  "${missing[@]}" >/dev/null

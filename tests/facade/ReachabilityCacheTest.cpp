@@ -1,0 +1,157 @@
+#include "reachabilityCache/ReachabilityCache.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <memory>
+
+#include "LogRecorder.h"
+#include "reachabilityCache/testing/FakeChrProvider.h"
+#include "reachabilityCache/testing/FakeReachabilityChecker.h"
+#include "reachabilityCache/testing/RecordingListener.h"
+
+namespace veranda::reachabilityCache {
+namespace {
+
+using applianceDriver::ApplianceDriverType;
+using ::testing::ElementsAre;
+using testing::LogLine;
+using testing::LogRecorder;
+
+constexpr std::chrono::milliseconds kWait{5000};
+constexpr const char* kZigbee = "PROT_ZIGBEE-ADAPTER";
+constexpr const char* kWifi = "PROT_WIFI-ADAPTER";
+
+CachedEndpoint stored(const std::string& endpointId, const std::string& entityId,
+                      const std::string& adapter) {
+  return CachedEndpoint(endpointId, entityId, adapter, ApplianceDriverType::NATIVE,
+                        {{"power", "main"}});
+}
+
+class ReachabilityCacheTest : public ::testing::Test {
+ protected:
+  void SetUp() override { LogRecorder::instance().clear(); }
+
+  std::unique_ptr<ReachabilityCache> makeCache(bool periodic, std::size_t capacity = 10) {
+    const ReachabilityCache::Config config{capacity, std::chrono::seconds(60), periodic, checker};
+    return std::make_unique<ReachabilityCache>(&provider, config);
+  }
+
+  std::shared_ptr<testing::FakeReachabilityChecker> checker =
+      std::make_shared<testing::FakeReachabilityChecker>();
+  testing::FakeChrProvider provider;
+};
+
+TEST_F(ReachabilityCacheTest, WithoutRefreshNothingStartsAndTeardownIsLoggedInOrder) {
+  auto cache = makeCache(false, 7);
+  cache->updateEndpoints(
+      {stored("ep1", "e1", kZigbee), stored("ep2", "e2", kZigbee), stored("ep3", "e3", kZigbee)});
+  EXPECT_TRUE(checker->registeredCallbackIds().empty());
+  cache.reset();
+  EXPECT_TRUE(checker->checkRequests().empty());
+
+  const std::vector<LogLine> lines = LogRecorder::instance().lines();
+  ASSERT_GE(lines.size(), 3U);
+  EXPECT_EQ(lines[0], (LogLine{4, testing::kFacadeTag,
+                               "[ReachabilityCache]: event=cacheCreated maxCacheSize=7 "
+                               "periodicUpdates=false"}));
+  EXPECT_EQ(lines[1], (LogLine{4, testing::kStoreTag, "[CacheCore]: maxSize=7"}));
+  EXPECT_EQ(lines[2], (LogLine{4, testing::kUpdaterTag, "[ReachabilityUpdater]"}));
+  const LogLine destroyed{4, testing::kFacadeTag,
+                          "[~ReachabilityCache]: event=cacheDestroyed cacheSize=3"};
+  const auto destroyedAt = std::find(lines.begin(), lines.end(), destroyed);
+  ASSERT_NE(destroyedAt, lines.end());
+  ASSERT_NE(destroyedAt + 1, lines.end());
+  EXPECT_EQ(*(destroyedAt + 1), (LogLine{4, testing::kUpdaterTag, "[stopPeriodicUpdates]"}));
+}
+
+TEST_F(ReachabilityCacheTest, WithRefreshTheFirstCycleComesAfterOneSecondAndEventsAreOn) {
+  provider.setEndpoints({EndpointInfo("ep1", "e1", kZigbee, {})});
+  auto cache = makeCache(true);
+  EXPECT_THAT(LogRecorder::instance().texts(testing::kUpdaterTag),
+              ElementsAre("[ReachabilityUpdater]",
+                          "[startPeriodicUpdates]: intervalSeconds=60 initialDelayMs=1000",
+                          "[enableProactiveUpdates]: action=enableProactiveUpdates "
+                          "callbackId=reachability_updater_0"));
+  const auto started = std::chrono::steady_clock::now();
+  ASSERT_TRUE(checker->waitForPendingChecks(1, kWait));
+  EXPECT_GE(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(900));
+  EXPECT_EQ(checker->checkRequests()[0].requestId, "periodic_1");
+
+  testing::RecordingListener listener;
+  ASSERT_TRUE(cache->registerReachabilityListener("l", listener.callback()));
+  checker->completeNextCheck([](const EndpointInfo& e) { return testing::makeResult(e, true); });
+  EXPECT_TRUE(cache->isEntityReachable("e1"));
+  EXPECT_EQ(listener.count(), 1U);
+  cache.reset();
+  EXPECT_TRUE(checker->registeredCallbackIds().empty());
+}
+
+TEST_F(ReachabilityCacheTest, PreferredEndpointFollowsAdapterThenStoreOrder) {
+  auto cache = makeCache(false);
+  cache->updateEndpoints(
+      {stored("ep1", "e1", kZigbee), stored("ep2", "e1", kWifi), stored("ep3", "e1", kWifi)});
+  EXPECT_EQ(cache->getPreferredEndpoint("e1", kWifi).endpointId, "ep2");
+  EXPECT_EQ(
+      cache->getPreferredEndpoint("orbt1.veyra.endpoint.e1", "PROT_BLE_MESH-ADAPTER").endpointId,
+      "ep1");
+  EXPECT_EQ(cache->getPreferredEndpoint("e1", "prot_wifi-adapter").endpointId, "ep1");
+  const EndpointInfo chosen = cache->getPreferredEndpoint("e1", kZigbee);
+  EXPECT_EQ(chosen.entityId, "e1");
+  EXPECT_EQ(chosen.capabilities.count({"power", "main"}), 1U);
+
+  LogRecorder::instance().clear();
+  const EndpointInfo none = cache->getPreferredEndpoint("orbt1.veyra.endpoint.nobody", kWifi);
+  EXPECT_TRUE(none.endpointId.empty() && none.entityId.empty() && none.adapterName.empty() &&
+              none.capabilities.empty());
+  EXPECT_THAT(LogRecorder::instance().linesWithTag(testing::kFacadeTag),
+              ElementsAre(LogLine{5, testing::kFacadeTag,
+                                  "[getPreferredEndpoint]: action=getPreferredEndpoint "
+                                  "entityId=orbt1.veyra.endpoint.nobody reason=noEndpointsFound"}));
+}
+
+TEST_F(ReachabilityCacheTest, QueriesAnswerFromTheStore) {
+  auto cache = makeCache(false, 2);
+  LogRecorder::instance().clear();
+  cache->updateEndpoints({});
+  EXPECT_TRUE(LogRecorder::instance().lines().empty());
+
+  cache->updateEndpoints({stored("ep1", "orbt1.veyra.endpoint.e1", kZigbee),
+                          CachedEndpoint(EndpointInfo("ep2", "e2", kWifi, {{"dim", ""}})),
+                          stored("ep3", "e3", kZigbee)});  // refused: full
+  EXPECT_EQ(cache->size(), 2U);
+  EXPECT_TRUE(cache->isEntityReachable("e1"));
+  EXPECT_FALSE(cache->isEntityReachable("e2"));  // only driver type 2
+  EXPECT_TRUE(cache->isCapabilityReachable("e2", {"dim", ""}));
+  EXPECT_TRUE(
+      cache->isCapabilityReachableByDriver("e1", {"power", "main"}, ApplianceDriverType::NATIVE));
+  EXPECT_FALSE(cache->isCapabilityReachableByDriver("e1", {"power", "main"},
+                                                    ApplianceDriverType::CONNECTED));
+  EXPECT_EQ(cache->getEndpointIdForEntity("e1"), "ep1");
+  EXPECT_EQ(cache->getEntityIdForEndpoint("ep1"), "e1");
+  EXPECT_EQ(cache->getAdapterName("e2", "ep2"), kWifi);
+  EXPECT_EQ(cache->getEndpointsForEntity("e2").size(), 1U);
+  EXPECT_EQ(cache->getReachableEndpointsMap().at("e1").at("ep1"), kZigbee);
+  EXPECT_EQ(LogRecorder::instance().countContaining(testing::kMetricTag, "CacheFull"), 1U);
+
+  testing::RecordingListener listener;
+  EXPECT_TRUE(cache->registerReachabilityListener("l", listener.callback()));
+  EXPECT_FALSE(cache->registerReachabilityListener("l", listener.callback()));
+  EXPECT_TRUE(cache->removeEntity("e2"));
+  EXPECT_FALSE(cache->removeEntity("e2"));
+  cache->invalidate();
+  EXPECT_EQ(cache->size(), 0U);
+  EXPECT_TRUE(cache->unregisterReachabilityListener("l"));  // clearing kept it
+  EXPECT_FALSE(cache->unregisterReachabilityListener("l"));
+}
+
+TEST_F(ReachabilityCacheTest, TheHostsCheckerOutlivesTheCache) {
+  auto cache = makeCache(true);
+  EXPECT_GE(checker.use_count(), 3);
+  cache.reset();
+  EXPECT_EQ(checker.use_count(), 1);
+}
+
+}  // namespace
+}  // namespace veranda::reachabilityCache
