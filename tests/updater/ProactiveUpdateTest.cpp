@@ -71,6 +71,8 @@ TEST_F(ProactiveUpdateTest, EventsAreResolvedToTheirEntityAndAppliedOnTheWorker)
   EXPECT_EQ(checker->deliverEvent(offline), 1U);
   ASSERT_TRUE(listener.waitForCount(1, kWait));
   EXPECT_THAT(listener.notifications(), ElementsAre(Notification{"ep1", "e1", false}));
+  // The summary line follows the notification on the worker.
+  ASSERT_TRUE(waitForUpdaterLine("ep1 (entityId=e1): unreachable (becameUnreachable)"));
   EXPECT_EQ(LogRecorder::instance().countContaining(
                 testing::kUpdaterTag,
                 "[processReachabilityResults]: reachable=0 unreachable=1 changed=1 details="
