@@ -1,0 +1,38 @@
+// The command line of reachability-sim.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace veranda::reachabilityCache::sim {
+
+struct Options {
+  bool help = false;
+  std::string scenarioPath;                // --scenario
+  std::optional<int64_t> devices;          // --devices: a generated home of this many
+  std::optional<int64_t> durationMs;       // --duration, given in seconds
+  std::optional<int64_t> intervalSeconds;  // --interval
+  std::optional<double> flapRate;          // --flap-rate: drops per device per minute
+  std::optional<uint32_t> seed;            // --seed
+  std::string preferredAdapter;            // --prefer
+  std::string timelinePath;                // --timeline
+  int logPriority = 3;                     // --log-level, as an Android log priority
+  bool quiet = false;                      // --quiet: no library log lines at all
+};
+
+struct OptionsResult {
+  bool ok = false;
+  std::string error;  // one line when !ok
+  Options options;
+};
+
+// Parses the arguments after the program name. "--name value" and
+// "--name=value" are both accepted.
+OptionsResult parseOptions(const std::vector<std::string>& arguments);
+
+// The --help text.
+std::string usageText();
+
+}  // namespace veranda::reachabilityCache::sim

@@ -1,0 +1,121 @@
+#include "Report.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "reachabilityCache/ApplianceDriverReachabilityChecker.h"
+
+namespace veranda::reachabilityCache::sim {
+namespace {
+
+constexpr std::size_t kListedDevices = 10;
+
+std::string seconds(int64_t ms) {
+  char text[32];
+  std::snprintf(text, sizeof(text), "%g s", static_cast<double>(ms) / 1000);
+  return text;
+}
+
+void printDeviceList(const char* heading, const std::vector<const Device*>& devices,
+                     std::ostream& out) {
+  if (devices.empty()) {
+    return;
+  }
+  out << "  " << heading << ":";
+  for (std::size_t i = 0; i < devices.size() && i < kListedDevices; ++i) {
+    out << (i == 0 ? " " : ", ") << devices[i]->entityId << " / " << devices[i]->endpointId;
+    if (ApplianceDriverReachabilityChecker::SUPPORTED_ADAPTERS.count(devices[i]->adapterName) ==
+        0) {
+      out << " on " << devices[i]->adapterName;
+    }
+  }
+  if (devices.size() > kListedDevices) {
+    out << " and " << devices.size() - kListedDevices << " more";
+  }
+  out << '\n';
+}
+
+std::string endpointsText(const TableRow& row) {
+  std::string text;
+  for (const auto& endpoint : row.endpoints) {
+    text += (text.empty() ? "" : ", ") + endpoint.first + " (" + endpoint.second + ")";
+  }
+  return text;
+}
+
+std::string padded(std::string text, std::size_t width) {
+  if (text.size() < width) {
+    text.resize(width, ' ');
+  }
+  return text;
+}
+
+}  // namespace
+
+void printHomeSummary(const Scenario& scenario, std::ostream& out) {
+  std::vector<const Device*> unsupported;
+  std::vector<const Device*> offline;
+  std::vector<const Device*> absent;
+  for (const Device& device : scenario.devices) {
+    if (ApplianceDriverReachabilityChecker::SUPPORTED_ADAPTERS.count(device.adapterName) == 0) {
+      unsupported.push_back(&device);
+    }
+    if (!device.online) {
+      offline.push_back(&device);
+    }
+    if (!device.present) {
+      absent.push_back(&device);
+    }
+  }
+  out << "Home: " << (scenario.name.empty() ? "(unnamed)" : scenario.name) << " - "
+      << scenario.entities.size() << " entities, " << scenario.devices.size() << " devices, "
+      << scenario.events.size() << " events; runs " << seconds(scenario.durationMs)
+      << ", refresh every " << scenario.intervalSeconds << " s (the first cycle 1 s after start)\n";
+  printDeviceList("on adapters the cache does not support", unsupported, out);
+  printDeviceList("offline at start", offline, out);
+  printDeviceList("not in the home at start", absent, out);
+  out << '\n';
+}
+
+void printFinalTable(const RunReport& report, std::ostream& out) {
+  const std::string preferredHeading = "preferred for " + report.preferredAdapter;
+  std::size_t entityWidth = 6;
+  std::size_t endpointsWidth = 9;
+  for (const TableRow& row : report.table) {
+    entityWidth = std::max(entityWidth, row.entityId.size());
+    endpointsWidth = std::max(endpointsWidth, endpointsText(row).size());
+  }
+  entityWidth = std::min<std::size_t>(entityWidth, 32);
+  endpointsWidth = std::min<std::size_t>(endpointsWidth, 72);
+  out << "\nThe cache at the end (" << seconds(report.durationMs) << "):\n"
+      << padded("entity", entityWidth) << "  reachable  " << padded("endpoints", endpointsWidth)
+      << "  " << preferredHeading << '\n';
+  std::size_t reachable = 0;
+  std::size_t cached = 0;
+  for (const TableRow& row : report.table) {
+    cached += row.cached ? 1 : 0;
+    reachable += row.reachable ? 1 : 0;
+    std::string line = padded(row.entityId, entityWidth) + "  " +
+                       padded(!row.cached     ? "not cached"
+                              : row.reachable ? "yes"
+                                              : "no",
+                              9) +
+                       "  " + padded(endpointsText(row), endpointsWidth) + "  " +
+                       row.preferredEndpoint;
+    line.erase(line.find_last_not_of(' ') + 1);
+    out << line << '\n';
+  }
+  const auto told = static_cast<std::size_t>(
+      std::count_if(report.notifications.begin(), report.notifications.end(),
+                    [](const Notification& notification) { return notification.reachable; }));
+  out << "\n"
+      << report.table.size() << " entities: " << reachable << " reachable, " << cached - reachable
+      << " cached but unreachable, " << report.table.size() - cached << " not cached. "
+      << report.notifications.size() << " notifications (" << told << " reachable, "
+      << report.notifications.size() - told << " unreachable) in " << report.cycleTimesMs.size()
+      << " periodic cycles.\n";
+}
+
+}  // namespace veranda::reachabilityCache::sim

@@ -1,0 +1,49 @@
+#include "SimProvider.h"
+
+#include <utility>
+
+namespace veranda::reachabilityCache::sim {
+
+CapabilitySet capabilitySet(const Device& device) {
+  CapabilitySet set;
+  for (const auto& capability : device.capabilities) {
+    set.insert(CapabilityKey{capability.first, capability.second});
+  }
+  return set;
+}
+
+SimProvider::SimProvider(const Scenario& scenario, std::function<void(std::size_t named)> onQuery)
+    : onQuery_(std::move(onQuery)) {
+  for (const Device& device : scenario.devices) {
+    records_.emplace_back(device.endpointId, device.entityId, device.adapterName,
+                          capabilitySet(device));
+    named_.push_back(device.present);
+  }
+}
+
+void SimProvider::setNamed(const std::string& endpointId, bool named) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  for (std::size_t i = 0; i < records_.size(); ++i) {
+    if (records_[i].endpointId == endpointId) {
+      named_[i] = named;
+    }
+  }
+}
+
+std::vector<EndpointInfo> SimProvider::queryEndpoints() {
+  std::vector<EndpointInfo> named;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (std::size_t i = 0; i < records_.size(); ++i) {
+      if (named_[i]) {
+        named.push_back(records_[i]);
+      }
+    }
+  }
+  if (onQuery_) {
+    onQuery_(named.size());
+  }
+  return named;
+}
+
+}  // namespace veranda::reachabilityCache::sim

@@ -1,0 +1,76 @@
+// reachability-sim: plays a simulated home through a real ReachabilityCache
+// and shows what the cache decided. See --help.
+#include <android/log.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <iostream>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include "Options.h"
+#include "Report.h"
+#include "Setup.h"
+#include "SimRun.h"
+#include "SvgWriter.h"
+
+namespace {
+
+using namespace veranda::reachabilityCache::sim;
+
+int fail(const std::string& error, int status) {
+  std::cerr << "reachability-sim: error: " << error << '\n';
+  return status;
+}
+
+// Creates the file now, so that a bad path fails before a long run. Returns
+// the reason it cannot be written, or an empty text.
+std::string cannotWrite(const std::string& path) {
+  std::FILE* file = std::fopen(path.c_str(), "wb");
+  if (file == nullptr || std::fclose(file) != 0) {
+    return "cannot write the timeline file " + path + ": " + std::generic_category().message(errno);
+  }
+  return "";
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const OptionsResult parsed = parseOptions(std::vector<std::string>(argv + 1, argv + argc));
+  if (!parsed.ok) {
+    return fail(parsed.error + " (see --help)", 2);
+  }
+  const Options& options = parsed.options;
+  if (options.help) {
+    std::cout << usageText();
+    return 0;
+  }
+  const LoadResult home = scenarioFromOptions(options);
+  if (!home.ok) {
+    return fail(home.error, 2);
+  }
+  if (!options.timelinePath.empty()) {
+    const std::string error = cannotWrite(options.timelinePath);
+    if (!error.empty()) {
+      return fail(error, 2);
+    }
+  }
+  __android_log_set_minimum_priority(options.quiet ? ANDROID_LOG_SILENT : options.logPriority);
+
+  printHomeSummary(home.scenario, std::cout);
+  RunSettings settings;
+  settings.timeline = &std::cout;
+  settings.seed = options.seed.value_or(1);
+  const RunReport report = runScenario(home.scenario, settings);
+  printFinalTable(report, std::cout);
+
+  if (!options.timelinePath.empty()) {
+    std::string error;
+    if (!writeTimelineSvg(report, options.timelinePath, error)) {
+      return fail(error, 1);
+    }
+    std::cout << "Timeline picture written to " << options.timelinePath << '\n';
+  }
+  return 0;
+}
