@@ -30,8 +30,9 @@ ReachabilityCache::ReachabilityCache(ICHRProvider* chrProvider, const Config& co
                                     .d("maxCacheSize", config.maxCacheSize)
                                     .d("periodicUpdates", boolText(config.enablePeriodicUpdates)));
   cacheCore = std::make_shared<CacheCore>(storeCapacity(config.maxCacheSize));
-  updater =
-      std::make_unique<ReachabilityUpdater>(cacheCore, config.reachabilityChecker, chrProvider);
+  // The updater gets the facade's own copy of the provider pointer.
+  updater = std::make_unique<ReachabilityUpdater>(cacheCore, config.reachabilityChecker,
+                                                  this->chrProvider);
   if (config.enablePeriodicUpdates) {
     updater->startPeriodicUpdates(config.updateInterval, kFirstUpdateDelay);
     updater->enableProactiveUpdates();

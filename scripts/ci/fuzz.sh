@@ -1,0 +1,45 @@
+#!/usr/bin/env bash
+# Builds the libFuzzer targets (clang, AddressSanitizer + UBSan) and runs
+# each for a short while on a copy of its seed corpus; any crash, leak,
+# sanitizer report or broken expectation fails the script and leaves the
+# reproducer in build/fuzz/artifacts/. Override the time per target with
+# FUZZ_SECONDS.
+set -euo pipefail
+cd "$(dirname "$0")/../.."
+
+missing=()
+for package in clang libclang-rt-14-dev; do
+  dpkg-query -W -f='${Status}' "${package}" 2>/dev/null | grep -q "install ok installed" ||
+    missing+=("${package}")
+done
+if [ "${#missing[@]}" -gt 0 ]; then
+  apt-get update -qq
+  DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}"
+fi
+scripts/setup.sh
+
+cmake --preset fuzz >/dev/null
+cmake --build --preset fuzz
+
+seconds=${FUZZ_SECONDS:-20}
+artifacts=build/fuzz/artifacts
+mkdir -p "${artifacts}"
+work=$(mktemp -d)
+trap 'rm -rf "${work}"' EXIT
+
+for target in StoreSequenceFuzzer FunctionLabelFuzzer ConnectivityFilterFuzzer; do
+  echo "=== fuzz: ${target}, ${seconds} s ==="
+  cp -r "tests/fuzz/corpus/${target}" "${work}/${target}"
+  log="${work}/${target}.log"
+  if ! ASAN_OPTIONS="detect_leaks=1:abort_on_error=1" \
+    UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1" \
+    "build/fuzz/tests/fuzz/${target}" -max_total_time="${seconds}" -timeout=10 \
+    -rss_limit_mb=2048 -print_final_stats=1 -artifact_prefix="${artifacts}/${target}-" \
+    "${work}/${target}" >"${log}" 2>&1; then
+    tail -n 80 "${log}" >&2
+    echo "fuzz: ${target} failed; reproducer in ${artifacts}/" >&2
+    exit 1
+  fi
+  grep -E '^(Done |stat::number_of_executed_units|stat::peak_rss_mb)' "${log}" || true
+done
+echo "fuzz: all targets ran clean"
