@@ -2,171 +2,136 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <atomic>
-#include <condition_variable>
-#include <mutex>
+#include <functional>
+#include <string>
 #include <thread>
+#include <vector>
+
+#include "PlatformTestSupport.h"
 
 namespace veranda::applianceDriver {
 namespace {
 
+using platformTesting::Journal;
+using platformTesting::kTimeout;
+using platformTesting::spinUntil;
 using std::chrono::milliseconds;
-using Strings = std::vector<std::string>;
-constexpr milliseconds kTimeout{5000};
-constexpr const char* kHealth = " Veyra.EndpointHealth/Veyra.EndpointHealth/connectivity=";
+using Devices = std::vector<DiscoveredDevice>;
 
 DiscoveredDevice device(const std::string& endpointId, bool reachable) {
-  return DiscoveredDevice{
-      endpointId, "entity-" + endpointId,        "PROT_ZIGBEE-ADAPTER",         "",
-      reachable,  {{"PowerController", "main"}}, ApplianceDriverType::CONNECTED};
+  return {endpointId, "entity-" + endpointId,        "PROT_ZIGBEE-ADAPTER",         "",
+          reachable,  {{"PowerController", "main"}}, ApplianceDriverType::CONNECTED};
 }
 
-template <typename Condition>
-void spinUntil(Condition condition) {
-  const auto deadline = std::chrono::steady_clock::now() + kTimeout;
-  while (!condition() && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::yield();
-  }
+// Adds "<tag>:" followed by each device's entity id and + or - for its flag.
+std::function<void(const Devices&)> answer(Journal& journal, const std::string& tag) {
+  return [&journal, tag](const Devices& devices) {
+    std::string text = tag + ":";
+    for (const DiscoveredDevice& found : devices) {
+      text += found.entityId + (found.isReachable ? "+" : "-");
+    }
+    journal.add(text);
+  };
 }
 
-// Records deliveries as "<tag>:<text>"; an answer's text lists the endpoint
-// ids, each followed by + or - for its reachable flag.
-class Inbox {
- public:
-  void add(const std::string& entry) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    entries_.push_back(entry);
-    changed_.notify_all();
-  }
-  std::function<void(const std::vector<DiscoveredDevice>&)> answer(const std::string& tag) {
-    return [this, tag](const std::vector<DiscoveredDevice>& devices) {
-      std::string text;
-      for (const DiscoveredDevice& found : devices) {
-        text += found.endpointId + (found.isReachable ? "+" : "-");
-      }
-      add(tag + ":" + text);
-    };
-  }
-  std::function<void(const StateChangeEvent&)> events(const std::string& tag) {
-    return [this, tag](const StateChangeEvent& change) {
-      add(tag + ":" + change.endpointId + " " + change.namespace_ + "/" + change.instance + "/" +
-          change.propertyName + "=" + change.value);
-    };
-  }
-  bool waitFor(const std::string& entry) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, kTimeout, [&] {
-      return std::find(entries_.begin(), entries_.end(), entry) != entries_.end();
-    });
-  }
-  Strings entries(const std::string& prefix = "") {
-    std::lock_guard<std::mutex> lock(mutex_);
-    Strings matching;
-    std::copy_if(entries_.begin(), entries_.end(), std::back_inserter(matching),
-                 [&](const std::string& entry) { return entry.rfind(prefix, 0) == 0; });
-    return matching;
-  }
+// Adds "<tag>:<endpoint> <namespace>/<property>=<value>".
+std::function<void(const StateChangeEvent&)> events(Journal& journal, const std::string& tag) {
+  return [&journal, tag](const StateChangeEvent& change) {
+    journal.add(tag + ":" + change.endpointId + " " + change.namespace_ + "/" +
+                change.propertyName + "=" + change.value);
+  };
+}
 
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  Strings entries_;
-};
-
-TEST(SimulatedApplianceDriverTest, AnswersCarryTheHomeAsItStandsAtDelivery) {
-  EXPECT_EQ(&getUnifiedApplianceDriver(), &getSimulatedApplianceDriver());
+TEST(SimulatedApplianceDriverTest, AnswersComeByDueTimeWithTheHomeAtDeliveryUntilShutdown) {
   SimulatedApplianceDriver driver;
-  Inbox inbox;
+  Journal journal;
   driver.upsertDevice(device("b", false));
   driver.upsertDevice(device("a", true));
   driver.upsertDevice(device("c", true));
   EXPECT_TRUE(driver.removeDevice("c"));
-  EXPECT_FALSE(driver.removeDevice("c"));
+  driver.setRefuseRequests(true);
+  EXPECT_FALSE(driver.getReachableDevices("r", answer(journal, "refused")));
+  driver.setRefuseRequests(false);
   std::atomic<bool> release{false};
-  ASSERT_TRUE(driver.getReachableDevices("r1", [&](const std::vector<DiscoveredDevice>& devices) {
-    std::string entities;
-    for (const DiscoveredDevice& found : devices) {
-      entities += found.entityId;
-    }
-    inbox.add("first:" + entities);
+  ASSERT_TRUE(driver.getReachableDevices("r", [&](const Devices& devices) {
+    answer(journal, "held")(devices);
     spinUntil([&] { return release.load(); });
   }));
-  ASSERT_TRUE(driver.getReachableDevices("r2", inbox.answer("second")));
-  ASSERT_TRUE(
-      inbox.waitFor("first:entity-aentity-b"));  // the driver's thread is held in the first answer
-  EXPECT_TRUE(driver.setReachable("b", true));
-  EXPECT_FALSE(driver.setReachable("unknown", true));
-  EXPECT_EQ(driver.pendingAnswers(), 2U);
-  release = true;
-  ASSERT_TRUE(driver.waitUntilIdle(kTimeout));
-  EXPECT_EQ(inbox.entries(), (Strings{"first:entity-aentity-b", "second:a+b+"}));
-  EXPECT_EQ(driver.acceptedRequests(), 2U);
-  EXPECT_EQ(driver.pendingAnswers(), 0U);
-}
-
-TEST(SimulatedApplianceDriverTest, RefusedRequestsNeverAnswerAndAnswersComeByDueTime) {
-  SimulatedApplianceDriver driver;
-  Inbox inbox;
-  driver.upsertDevice(device("a", true));
-  driver.setRefuseRequests(true);
-  EXPECT_FALSE(driver.getReachableDevices("refused", inbox.answer("refused")));
-  driver.setRefuseRequests(false);
   const auto start = std::chrono::steady_clock::now();
   driver.setAnswerLatency(milliseconds(400));
-  ASSERT_TRUE(driver.getReachableDevices("slow", inbox.answer("slow")));
+  ASSERT_TRUE(driver.getReachableDevices("r", answer(journal, "slow")));
   driver.setRandomSeed(7);
   driver.setAnswerLatency(milliseconds(0), milliseconds(20));
-  ASSERT_TRUE(driver.getReachableDevices("fast", inbox.answer("fast")));
-  ASSERT_TRUE(driver.waitUntilIdle(kTimeout));
+  ASSERT_TRUE(driver.getReachableDevices("r", answer(journal, "fast")));
+  driver.setAnswerLatency(std::chrono::hours(1));
+  ASSERT_TRUE(driver.getReachableDevices("r", answer(journal, "dropped")));
+  ASSERT_EQ(journal.waitFor(1), "held:entity-a+entity-b-");  // the driver's thread is held in it
+  EXPECT_TRUE(driver.setReachable("b", true));
+  EXPECT_FALSE(driver.waitUntilIdle(milliseconds(20)));
+  release = true;
+  const std::string delivered =
+      "held:entity-a+entity-b- fast:entity-a+entity-b+ slow:entity-a+entity-b+";
+  EXPECT_EQ(journal.waitFor(3), delivered);
   EXPECT_GE(std::chrono::steady_clock::now() - start, milliseconds(400));
-  EXPECT_EQ(inbox.entries(), (Strings{"fast:a+", "slow:a+"}));
-  EXPECT_EQ(driver.acceptedRequests(), 2U);
+
+  driver.shutdown();
+  EXPECT_EQ(driver.pendingAnswers(), 0U);
+  EXPECT_FALSE(driver.getReachableDevices("r", answer(journal, "late")));
+  EXPECT_EQ(driver.acceptedRequests(), 4U);
+  EXPECT_EQ(journal.waitFor(0), delivered);
 }
 
-TEST(SimulatedApplianceDriverTest, ChangesReachEverySubscriptionInOrder) {
+TEST(SimulatedApplianceDriverTest, ConnectivityChangesReachSubscriptionsThatMayReenterTheDriver) {
   SimulatedApplianceDriver driver;
-  Inbox inbox;
+  Journal journal;
+  Journal answers;
+  auto reentering = [&](const StateChangeEvent& change) {
+    journal.add("s1:" + change.value);
+    if (change.value == "UNREACHABLE") {
+      EXPECT_TRUE(driver.getReachableDevices("r", answer(answers, "answer")));
+      driver.setJsonConnectivityValues(true);
+      driver.upsertDevice(device("a", true));  // a replacement with another flag
+    } else {
+      EXPECT_TRUE(driver.unsubscribeStateChanges("s1"));
+    }
+  };
   driver.upsertDevice(device("a", true));
-  ASSERT_TRUE(driver.subscribeStateChanges({}, "s1", inbox.events("s1"), nullptr));
-  ASSERT_TRUE(driver.subscribeStateChanges({"other"}, "s2", inbox.events("s2"), nullptr));
-  EXPECT_FALSE(driver.subscribeStateChanges({}, "s1", inbox.events("duplicate"), nullptr));
-  driver.setRefuseSubscriptions(true);
-  EXPECT_FALSE(driver.subscribeStateChanges({}, "s3", inbox.events("refused"), nullptr));
-  EXPECT_EQ(driver.subscriptionCount(), 2U);
-
+  ASSERT_TRUE(driver.subscribeStateChanges({}, "s1", reentering, nullptr));
+  ASSERT_TRUE(driver.subscribeStateChanges({"other"}, "s2", events(journal, "s2"), nullptr));
+  driver.upsertDevice(device("new", false));    // a new device is no change
+  EXPECT_TRUE(driver.setReachable("a", true));  // nor is the same flag
   EXPECT_TRUE(driver.setReachable("a", false));
-  EXPECT_TRUE(driver.setReachable("a", false));  // no change, no event
-  driver.setJsonConnectivityValues(true);
-  driver.upsertDevice(device("a", true));     // a replacement with another flag
-  driver.upsertDevice(device("new", false));  // a new device is no change
-  driver.publishStateChange({"b", "Ns", "inst", "prop", "v"});
   ASSERT_TRUE(driver.waitUntilIdle(kTimeout));
-  for (const std::string tag : {"s1:", "s2:"}) {
-    EXPECT_EQ(inbox.entries(tag),
-              (Strings{tag + "a" + kHealth + "UNREACHABLE", tag + "a" + kHealth + "\"OK\"",
-                       tag + "b Ns/inst/prop=v"}));
-  }
-  EXPECT_EQ(inbox.entries().size(), 6U);
-  driver.setRefuseUnsubscriptions(true);
-  EXPECT_FALSE(driver.unsubscribeStateChanges("s2"));
+  EXPECT_EQ(journal.waitFor(0),
+            "s1:UNREACHABLE s2:a Veyra.EndpointHealth/connectivity=UNREACHABLE s1:\"OK\" "
+            "s2:a Veyra.EndpointHealth/connectivity=\"OK\"");
+  EXPECT_EQ(driver.subscriptionCount(), 1U);
+
+  ASSERT_TRUE(driver.getReachableDevices("r", [&](const Devices&) {
+    driver.shutdown();  // on the driver's own thread
+    answers.add("shutDown");
+  }));
+  EXPECT_EQ(answers.waitFor(2), "answer:entity-a+entity-new- shutDown");
 }
 
 TEST(SimulatedApplianceDriverTest, UnsubscribeStopsDeliveryAndWaitsForARunningCallback) {
   SimulatedApplianceDriver driver;
-  Inbox inbox;
+  Journal journal;
   std::atomic<bool> release{false};
   std::atomic<bool> unsubscribed{false};
-  std::atomic<bool> overlapped{false};
   auto holding = [&](const StateChangeEvent& change) {
-    inbox.add("s1:" + change.value);
+    journal.add("s1:" + change.value);
     spinUntil([&] { return release.load(); });
-    overlapped = unsubscribed.load();
+    journal.add(unsubscribed ? "s1:overlapped" : "s1:returned");
   };
   ASSERT_TRUE(driver.subscribeStateChanges({}, "s1", holding, nullptr));
-  ASSERT_TRUE(driver.subscribeStateChanges({}, "s2", inbox.events("s2"), nullptr));
+  ASSERT_TRUE(driver.subscribeStateChanges({}, "s2", events(journal, "s2"), nullptr));
+  EXPECT_FALSE(driver.subscribeStateChanges({}, "s1", events(journal, "duplicate"), nullptr));
+  driver.setRefuseSubscriptions(true);
+  EXPECT_FALSE(driver.subscribeStateChanges({}, "s3", events(journal, "refused"), nullptr));
   driver.publishStateChange({"a", "Ns", "inst", "prop", "held"});
-  ASSERT_TRUE(inbox.waitFor("s1:held"));
+  ASSERT_EQ(journal.waitFor(1), "s1:held");
   std::thread other([&] {
     EXPECT_TRUE(driver.unsubscribeStateChanges("s1"));
     unsubscribed = true;
@@ -174,61 +139,11 @@ TEST(SimulatedApplianceDriverTest, UnsubscribeStopsDeliveryAndWaitsForARunningCa
   spinUntil([&] { return driver.subscriptionCount() == 1; });
   release = true;
   other.join();
-  EXPECT_FALSE(overlapped);  // unsubscribing returned only after the callback
+  driver.setRefuseUnsubscriptions(true);
+  EXPECT_FALSE(driver.unsubscribeStateChanges("s2"));
   driver.publishStateChange({"a", "Ns", "inst", "prop", "after"});
   ASSERT_TRUE(driver.waitUntilIdle(kTimeout));
-  EXPECT_EQ(inbox.entries("s1:"), Strings{"s1:held"});
-  EXPECT_EQ(inbox.entries("s2:"), (Strings{"s2:a Ns/inst/prop=held", "s2:a Ns/inst/prop=after"}));
-  EXPECT_FALSE(driver.unsubscribeStateChanges("s1"));
-}
-
-TEST(SimulatedApplianceDriverTest, CallbacksMayReenterTheDriver) {
-  SimulatedApplianceDriver driver;
-  Inbox inbox;
-  driver.upsertDevice(device("a", true));
-  auto reentering = [&](const StateChangeEvent& change) {
-    inbox.add("event:" + change.value);
-    if (change.value == "UNREACHABLE") {
-      EXPECT_TRUE(driver.getReachableDevices("r", inbox.answer("answer")));
-      EXPECT_TRUE(driver.setReachable("a", true));
-    } else {
-      EXPECT_TRUE(driver.unsubscribeStateChanges("s"));
-    }
-  };
-  ASSERT_TRUE(driver.subscribeStateChanges({}, "s", reentering, nullptr));
-  driver.setReachable("a", false);
-  ASSERT_TRUE(driver.waitUntilIdle(kTimeout));
-  Strings entries = inbox.entries();
-  std::sort(entries.begin(), entries.end());
-  EXPECT_EQ(entries, (Strings{"answer:a+", "event:OK", "event:UNREACHABLE"}));
-  EXPECT_EQ(driver.subscriptionCount(), 0U);
-
-  ASSERT_TRUE(driver.getReachableDevices("r", [&](const std::vector<DiscoveredDevice>&) {
-    driver.shutdown();  // on the driver's own thread
-    inbox.add("shut down");
-  }));
-  EXPECT_TRUE(inbox.waitFor("shut down"));
-}
-
-TEST(SimulatedApplianceDriverTest, ShutdownDropsUndeliveredAnswersAndRefusesLaterWork) {
-  SimulatedApplianceDriver driver;
-  Inbox inbox;
-  ASSERT_TRUE(driver.subscribeStateChanges({}, "s", inbox.events("s"), nullptr));
-  driver.setAnswerLatency(std::chrono::hours(1));
-  ASSERT_TRUE(driver.getReachableDevices("r", inbox.answer("dropped")));
-  EXPECT_FALSE(driver.waitUntilIdle(milliseconds(20)));
-  EXPECT_EQ(driver.pendingAnswers(), 1U);
-
-  driver.shutdown();
-  EXPECT_EQ(driver.pendingAnswers(), 0U);
-  EXPECT_FALSE(driver.getReachableDevices("r", inbox.answer("late")));
-  EXPECT_FALSE(driver.subscribeStateChanges({}, "t", inbox.events("t"), nullptr));
-  driver.publishStateChange({"a", "Ns", "inst", "prop", "late"});
-  EXPECT_TRUE(driver.waitUntilIdle(kTimeout));
-  EXPECT_TRUE(driver.unsubscribeStateChanges("s"));
-  driver.shutdown();
-  EXPECT_EQ(driver.acceptedRequests(), 1U);
-  EXPECT_EQ(inbox.entries(), Strings{});
+  EXPECT_EQ(journal.waitFor(0), "s1:held s1:returned s2:a Ns/prop=held s2:a Ns/prop=after");
 }
 
 }  // namespace

@@ -3,138 +3,92 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <condition_variable>
-#include <mutex>
+#include <functional>
+#include <memory>
 #include <string>
-#include <thread>
+
+#include "PlatformTestSupport.h"
 
 namespace veranda {
 namespace {
 
+using platformTesting::Journal;
+using platformTesting::spinUntil;
 using std::chrono::milliseconds;
 using Clock = std::chrono::steady_clock;
-constexpr milliseconds kTimeout{5000};
-
-// The steps that tasks took, one letter each, in order.
-class Trace {
- public:
-  void add(char step) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    steps_ += step;
-    changed_.notify_all();
-  }
-  std::string waitFor(std::size_t count) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    changed_.wait_for(lock, kTimeout, [&] { return steps_.size() >= count; });
-    return steps_;
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::string steps_;
-};
 
 std::shared_ptr<TaskExecutor> makeExecutor() { return TaskExecutor::create(nullptr, nullptr); }
 
-// Waits until `condition` holds, for at most the test timeout.
-template <typename Condition>
-void spinUntil(Condition condition) {
-  const auto deadline = Clock::now() + kTimeout;
-  while (!condition() && Clock::now() < deadline) {
-    std::this_thread::yield();
-  }
+// A task that adds `entry` to `journal`.
+std::function<void()> step(Journal& journal, const std::string& entry) {
+  return [&journal, entry] { journal.add(entry); };
 }
 
-TEST(TaskExecutorTest, RunsTasksInPostingOrderAndTasksMayPost) {
-  Trace trace;
+TEST(TaskExecutorTest, RunsImmediateTasksInPostingOrderAndDelayedOnesByDueTime) {
+  Journal journal;
   std::atomic<bool> release{false};
   auto executor = makeExecutor();
   executor->post([&] { spinUntil([&] { return release.load(); }); });
   executor->post([&] {
-    trace.add('a');
-    executor->post([&] { trace.add('c'); });
+    journal.add("a");
+    executor->post(step(journal, "f"));  // tasks may post
   });
-  executor->post([&] { trace.add('b'); });
+  executor->post(step(journal, "b"));
   // Delays of zero or less mean now: these keep posting order with plain posts.
-  executor->postDelayed([&] { trace.add('d'); }, milliseconds(0));
-  executor->post([&] { trace.add('e'); });
-  executor->postDelayed([&] { trace.add('f'); }, milliseconds(-5));
-  release = true;
-  EXPECT_EQ(trace.waitFor(6), "abdefc");
-}
-
-TEST(TaskExecutorTest, DelayedTasksRunWhenDueWithoutBlockingLaterOnes) {
-  Trace trace;
-  auto executor = makeExecutor();
-  const auto start = Clock::now();
-  Clock::time_point lateRan;
-  executor->postDelayed(
-      [&] {
-        lateRan = Clock::now();
-        trace.add('z');
-      },
-      milliseconds(300));
-  executor->postDelayed([&] { trace.add('b'); }, milliseconds(100));
-  for (char step = 'c'; step <= 'h'; ++step) {  // equal delays keep posting order
-    executor->postDelayed([&trace, step] { trace.add(step); }, milliseconds(200));
+  executor->postDelayed(step(journal, "c"), milliseconds(0));
+  executor->post(step(journal, "d"));
+  executor->postDelayed(step(journal, "e"), milliseconds(-5));
+  const Clock::time_point start = Clock::now();
+  executor->postDelayed(step(journal, "k"), milliseconds(400));
+  executor->postDelayed(step(journal, "g"), milliseconds(200));
+  for (const char* entry : {"h", "i", "j"}) {  // equal delays keep posting order
+    executor->postDelayed(step(journal, entry), milliseconds(300));
   }
-  executor->postDelayed([&] { trace.add('!'); }, std::chrono::hours(1));
-  executor->post([&] { trace.add('a'); });
-  EXPECT_EQ(trace.waitFor(9), "abcdefghz");
-  EXPECT_GE(lateRan - start, milliseconds(300));
-  executor.reset();  // drops the task due in an hour
-  EXPECT_EQ(trace.waitFor(0), "abcdefghz");
-}
-
-TEST(TaskExecutorTest, RemoveCallbacksDropsPendingTasksButNotTheRunningOne) {
-  Trace trace;
-  std::atomic<bool> release{false};
-  auto executor = makeExecutor();
-  executor->post([&] {
-    trace.add('r');
-    spinUntil([&] { return release.load(); });
-    trace.add('f');
-  });
-  executor->post([&] { trace.add('!'); });
-  executor->postDelayed([&] { trace.add('!'); }, milliseconds(1));
-  ASSERT_EQ(trace.waitFor(1), "r");
-  executor->removeCallbacksAndMessages();
   release = true;
-  executor->post([&] { trace.add('a'); });
-  EXPECT_EQ(trace.waitFor(3), "rfa");
+  EXPECT_EQ(journal.waitFor(11), "a b c d e f g h i j k");
+  EXPECT_GE(Clock::now() - start, milliseconds(400));
 }
 
-TEST(TaskExecutorTest, DestructorDropsPendingTasksThenWaitsForTheRunningOne) {
-  Trace trace;
+TEST(TaskExecutorTest, RemovingAndDestroyingDropPendingTasksButNotTheRunningOne) {
+  Journal journal;
+  std::atomic<bool> release{false};
   auto pending = std::make_shared<int>(0);
   std::weak_ptr<int> watch = pending;
   auto executor = makeExecutor();
   executor->post([&] {
-    trace.add('r');
-    spinUntil([&] { return watch.expired(); });  // only dropping the pending task ends this
-    trace.add(watch.expired() ? 'f' : 't');
+    journal.add("first");
+    spinUntil([&] { return release.load(); });
+    journal.add("firstDone");
   });
-  executor->post([&trace, pending] { trace.add('!'); });
+  executor->post(step(journal, "!"));
+  executor->postDelayed(step(journal, "!"), milliseconds(1));
+  ASSERT_EQ(journal.waitFor(1), "first");
+  executor->removeCallbacksAndMessages();
+  release = true;
+  executor->post([&] {
+    journal.add("second");
+    spinUntil([&] { return watch.expired(); });  // only dropping the pending task ends this
+    journal.add(watch.expired() ? "secondDone" : "timedOut");
+  });
+  executor->post([&journal, pending] { journal.add("!"); });
   pending.reset();
-  ASSERT_EQ(trace.waitFor(1), "r");
-  executor.reset();
-  EXPECT_EQ(trace.waitFor(0), "rf");
+  ASSERT_EQ(journal.waitFor(3), "first firstDone second");
+  executor.reset();  // waits for the running task
+  EXPECT_EQ(journal.waitFor(0), "first firstDone second secondDone");
 }
 
 TEST(TaskExecutorTest, LastReferenceDroppedInsideATaskDoesNotDeadlock) {
-  auto trace = std::make_shared<Trace>();
+  auto journal = std::make_shared<Journal>();
   auto go = std::make_shared<std::atomic<bool>>(false);
   auto executor = makeExecutor();
-  TaskExecutor* raw = executor.get();
-  raw->post([self = executor, trace, go]() mutable {
+  executor->post([self = executor, journal, go]() mutable {
     spinUntil([&] { return go->load(); });
     self.reset();  // the executor is destroyed here, on its own worker
-    trace->add('d');
+    journal->add("destroyed");
   });
   executor.reset();
   *go = true;
-  EXPECT_EQ(trace->waitFor(1), "d");
+  EXPECT_EQ(journal->waitFor(1), "destroyed");
 }
 
 }  // namespace

@@ -16,13 +16,13 @@ namespace veranda::reachabilityCache {
 using applianceDriver::ApplianceDriverType;
 using testing::LogLine;
 using testing::LogRecorder;
+using Lines = std::vector<LogLine>;
 
 inline const std::string kPrefix = "orbt1.veyra.endpoint.";
 inline const CapabilityKey kPower{"PowerController", "powerState"};
 inline const CapabilityKey kBrightness{"BrightnessController", "brightness"};
 
-// A record of `endpointId` serving `entityId`, with `capabilities` filed
-// under `driverType`.
+// A record of `endpointId` serving `entityId`, `capabilities` filed under `driverType`.
 inline CachedEndpoint record(const std::string& endpointId, const std::string& entityId,
                              ApplianceDriverType driverType = ApplianceDriverType::NATIVE,
                              CapabilitySet capabilities = {},
@@ -38,14 +38,13 @@ inline LogLine metricLine(const std::string& dimensions) {
           "[Metric]: " + dimensions + " program=762veg6l source=nlef/2/03330473"};
 }
 
-// Starts every test with an empty log.
+// Starts every test with an empty log; takeLines() empties it again.
 class StoreTest : public ::testing::Test {
  protected:
   void SetUp() override { LogRecorder::instance().clear(); }
 
-  // Every line recorded since the last call, which empties the log.
-  static std::vector<LogLine> takeLines() {
-    std::vector<LogLine> lines = LogRecorder::instance().lines();
+  static Lines takeLines() {
+    Lines lines = LogRecorder::instance().lines();
     LogRecorder::instance().clear();
     return lines;
   }

@@ -5,6 +5,7 @@
 #include <condition_variable>
 #include <cstddef>
 #include <mutex>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -22,6 +23,11 @@ struct Notification {
            isReachable == other.isReachable;
   }
 };
+
+inline std::ostream& operator<<(std::ostream& out, const Notification& notification) {
+  return out << "{" << notification.endpointId << ", " << notification.entityId << ", "
+             << (notification.isReachable ? "reachable" : "unreachable") << "}";
+}
 
 // Thread safety: every member may be called from any thread. The object must
 // outlive the cache it listens to, or be unregistered first.
