@@ -10,13 +10,12 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <iterator>
 #include <map>
-#include <memory>
 #include <set>
 #include <string>
 #include <tuple>
 #include <type_traits>
-#include <utility>
 #include <vector>
 
 #include "FuzzCheck.h"
@@ -33,10 +32,6 @@ using veranda::reachabilityCache::CapabilitySet;
 using veranda::reachabilityCache::EndpointInfo;
 using veranda::reachabilityCache::ReachabilityCache;
 
-using Key = std::pair<std::string, std::string>;
-using Keys = std::set<Key>;
-using Drivers = std::map<int, Keys>;  // driver type to its capabilities
-
 const std::string kPrefix = "orbt1.veyra.endpoint.";
 const std::vector<std::string> kEntityIds = {"",
                                              "a",
@@ -51,111 +46,115 @@ const std::vector<std::string> kEntityIds = {"",
 const std::vector<std::string> kEndpointIds = {"", "e1", "e2", "e3", "e4"};
 const std::vector<std::string> kAdapters = {"", "Z", "W", "PROT_WIFI-ADAPTER"};
 const std::vector<std::string> kListenerIds = {"", "a", "b"};
-const std::vector<Key> kKeys = {{"p", "m"}, {"m", "p"}, {"p", ""}, {"", ""}};
+const CapabilityKey kKeys[] = {{"p", "m"}, {"m", "p"}, {"p", ""}, {"", ""}};
+constexpr int kKeyCount = 4;
 constexpr int kDriverTypes = 4;
 
-// ---- The reference model ----
+// The model keeps capabilities as bit masks over kKeys.
+using Drivers = std::map<int, unsigned int>;  // driver type to its capabilities
 
-struct ModelEndpoint {
+CapabilitySet toSet(unsigned int mask) {
+  CapabilitySet set;
+  for (int i = 0; i < kKeyCount; ++i) {
+    if ((mask >> i) & 1U) {
+      set.insert(kKeys[i]);
+    }
+  }
+  return set;
+}
+
+// ---- The reference model: one row per stored endpoint, in insertion order ----
+
+struct Row {
+  std::string entityId;  // normalised once stored
   std::string endpointId;
   std::string adapterName;
   Drivers drivers;
 };
 
-class Model {
- public:
-  explicit Model(unsigned int capacity) : capacity_(capacity) {}
-
+struct Model {
   static std::string normalize(const std::string& entityId) {
-    const bool prefixed = entityId.size() >= kPrefix.size() &&
-                          std::equal(kPrefix.begin(), kPrefix.end(), entityId.begin());
+    const bool prefixed = entityId.compare(0, kPrefix.size(), kPrefix) == 0;
     return prefixed ? entityId.substr(kPrefix.size()) : entityId;
   }
 
-  bool insert(const std::string& endpointId, const std::string& entityId,
-              const std::string& adapterName, const Drivers& drivers) {
-    if (entityId.empty() || endpointId.empty()) {
+  // The rows of an entity, found by its normalised id.
+  std::vector<Row> endpointsOf(const std::string& id) const {
+    std::vector<Row> endpoints;
+    std::copy_if(rows.begin(), rows.end(), std::back_inserter(endpoints),
+                 [&](const Row& row) { return row.entityId == id; });
+    return endpoints;
+  }
+
+  std::vector<Row>::iterator find(const std::string& id, const std::string& endpointId) {
+    return std::find_if(rows.begin(), rows.end(), [&](const Row& row) {
+      return row.entityId == id && row.endpointId == endpointId;
+    });
+  }
+
+  std::set<std::string> entities() const {
+    std::set<std::string> ids;
+    for (const Row& row : rows) {
+      ids.insert(row.entityId);
+    }
+    return ids;
+  }
+
+  // Empty ids are refused as given: the bare prefix makes the entity "".
+  bool insert(Row record) {
+    if (record.entityId.empty() || record.endpointId.empty()) {
       return false;
     }
-    const std::string id = normalize(entityId);
-    if (entities.count(id) == 0 && entities.size() >= capacity_) {
+    record.entityId = normalize(record.entityId);
+    const auto stored = find(record.entityId, record.endpointId);
+    if (entities().count(record.entityId) == 0 && entities().size() >= capacity) {
       return false;
     }
-    std::vector<ModelEndpoint>& endpoints = entities[id];
-    ModelEndpoint* stored = find(endpoints, endpointId);
-    if (stored == nullptr) {
-      endpoints.push_back({endpointId, adapterName, drivers});
-    } else {
-      for (const auto& [type, keys] : drivers) {
+    if (stored == rows.end()) {
+      rows.push_back(record);
+    } else {  // merged: the record's driver types replace the stored ones
+      for (const auto& [type, keys] : record.drivers) {
         stored->drivers[type] = keys;
       }
-      stored->adapterName = adapterName.empty() ? stored->adapterName : adapterName;
+      stored->adapterName = record.adapterName.empty() ? stored->adapterName : record.adapterName;
     }
-    index[endpointId] = id;
+    index[record.endpointId] = record.entityId;
     return true;
   }
 
   bool removeEndpoint(const std::string& entityId, const std::string& endpointId) {
-    const auto entity = entities.find(normalize(entityId));
-    if (entity == entities.end() || find(entity->second, endpointId) == nullptr) {
+    const auto stored = find(normalize(entityId), endpointId);
+    if (stored == rows.end()) {
       return false;
     }
-    std::vector<ModelEndpoint>& endpoints = entity->second;
-    endpoints.erase(endpoints.begin() + (find(endpoints, endpointId) - endpoints.data()));
     index.erase(endpointId);
-    if (endpoints.empty()) {
-      entities.erase(entity);
-    }
+    rows.erase(stored);
     return true;
   }
 
   bool removeEntity(const std::string& entityId) {
-    const auto entity = entities.find(normalize(entityId));
-    if (entity == entities.end()) {
-      return false;
+    const std::vector<Row> endpoints = endpointsOf(normalize(entityId));
+    for (const Row& row : endpoints) {
+      index.erase(row.endpointId);
+      rows.erase(find(row.entityId, row.endpointId));
     }
-    for (const ModelEndpoint& endpoint : entity->second) {
-      index.erase(endpoint.endpointId);
-    }
-    entities.erase(entity);
-    return true;
-  }
-
-  void clear() {
-    entities.clear();
-    index.clear();
+    return !endpoints.empty();
   }
 
   bool clearCapabilities(const std::string& entityId, const std::string& endpointId) {
-    const auto entity = entities.find(normalize(entityId));
-    ModelEndpoint* stored = entity == entities.end() ? nullptr : find(entity->second, endpointId);
-    if (stored == nullptr) {
-      return false;
+    const auto stored = find(normalize(entityId), endpointId);
+    if (stored != rows.end()) {
+      stored->drivers.clear();
     }
-    stored->drivers.clear();
-    return true;
+    return stored != rows.end();
   }
 
-  // The entity's endpoints; empty when it is not stored.
-  std::vector<ModelEndpoint> endpointsOf(const std::string& entityId) const {
-    const auto entity = entities.find(normalize(entityId));
-    return entity == entities.end() ? std::vector<ModelEndpoint>() : entity->second;
-  }
-
-  bool reachable(const std::string& entityId) const {
-    for (const ModelEndpoint& endpoint : endpointsOf(entityId)) {
-      if (endpoint.drivers.count(0) != 0 || endpoint.drivers.count(1) != 0) {
-        return true;
-      }
-    }
-    return false;
-  }
-
-  // Whether an endpoint holds `key` from `type`, or from any type when -1.
-  bool hasCapability(const std::string& entityId, const Key& key, int type) const {
-    for (const ModelEndpoint& endpoint : endpointsOf(entityId)) {
-      for (const auto& [driver, keys] : endpoint.drivers) {
-        if ((type < 0 || driver == type) && keys.count(key) != 0) {
+  // Whether an endpoint has driver type `type` (any when -1) holding key
+  // number `key` (or, when -1, present at all, even without capabilities).
+  bool has(const std::string& entityId, int type, int key) const {
+    for (const Row& row : endpointsOf(normalize(entityId))) {
+      for (const auto& [driver, mask] : row.drivers) {
+        if ((type < 0 || driver == type) && (key < 0 || ((mask >> key) & 1U) != 0)) {
           return true;
         }
       }
@@ -163,76 +162,40 @@ class Model {
     return false;
   }
 
-  std::string adapterOf(const std::string& entityId, const std::string& endpointId) const {
-    std::vector<ModelEndpoint> endpoints = endpointsOf(entityId);
-    const ModelEndpoint* stored = find(endpoints, endpointId);
-    return stored == nullptr ? "" : stored->adapterName;
-  }
-
-  unsigned int capacity() const { return capacity_; }
-
-  std::map<std::string, std::vector<ModelEndpoint>> entities;  // by normalised id
-  std::map<std::string, std::string> index;                    // endpoint to entity
+  unsigned int capacity;
+  std::vector<Row> rows;
+  std::map<std::string, std::string> index;  // endpoint to entity
   std::set<std::string> listeners;
-
- private:
-  template <typename Endpoints>
-  static auto find(Endpoints& endpoints, const std::string& endpointId)
-      -> decltype(endpoints.data()) {
-    for (auto& endpoint : endpoints) {
-      if (endpoint.endpointId == endpointId) {
-        return &endpoint;
-      }
-    }
-    return nullptr;
-  }
-
-  unsigned int capacity_;
 };
 
 // ---- Comparison with the model ----
 
-Keys keysOf(const CapabilitySet& capabilities) {
-  Keys keys;
-  for (const CapabilityKey& key : capabilities) {
-    keys.emplace(key.capability, key.qualifier);
+void checkExternal(const EndpointInfo& info, const Row& row) {
+  unsigned int all = 0;
+  for (const auto& entry : row.drivers) {
+    all |= entry.second;
   }
-  return keys;
-}
-
-Keys allKeys(const ModelEndpoint& endpoint) {
-  Keys keys;
-  for (const auto& entry : endpoint.drivers) {
-    keys.insert(entry.second.begin(), entry.second.end());
-  }
-  return keys;
-}
-
-void checkExternal(const EndpointInfo& info, const ModelEndpoint& endpoint,
-                   const std::string& entityId) {
-  FUZZ_CHECK(info.endpointId == endpoint.endpointId);
-  FUZZ_CHECK(info.entityId == Model::normalize(entityId));
-  FUZZ_CHECK(info.adapterName == endpoint.adapterName);
-  FUZZ_CHECK(keysOf(info.capabilities) == allKeys(endpoint));
+  FUZZ_CHECK(info.endpointId == row.endpointId && info.entityId == row.entityId);
+  FUZZ_CHECK(info.adapterName == row.adapterName && info.capabilities == toSet(all));
 }
 
 // Every query about `entityId` (and `endpointId`) answers as the model does.
+// Only driver types 0 and 1 make an entity reachable.
 template <typename Cache>
 void checkQueries(const Cache& cache, const Model& model, const std::string& entityId,
                   const std::string& endpointId) {
-  const std::vector<ModelEndpoint> endpoints = model.endpointsOf(entityId);
+  const std::vector<Row> endpoints = model.endpointsOf(Model::normalize(entityId));
   if constexpr (std::is_same_v<Cache, CacheCore>) {
     FUZZ_CHECK(cache.isEntityPresent(entityId) == !endpoints.empty());
   }
-  FUZZ_CHECK(cache.isEntityReachable(entityId) == model.reachable(entityId));
-  for (const Key& key : kKeys) {
-    const CapabilityKey capabilityKey{key.first, key.second};
-    FUZZ_CHECK(cache.isCapabilityReachable(entityId, capabilityKey) ==
-               model.hasCapability(entityId, key, -1));
+  FUZZ_CHECK(cache.isEntityReachable(entityId) ==
+             (model.has(entityId, 0, -1) || model.has(entityId, 1, -1)));
+  for (int key = 0; key < kKeyCount; ++key) {
+    FUZZ_CHECK(cache.isCapabilityReachable(entityId, kKeys[key]) == model.has(entityId, -1, key));
     for (int type = 0; type < kDriverTypes; ++type) {
-      FUZZ_CHECK(cache.isCapabilityReachableByDriver(entityId, capabilityKey,
+      FUZZ_CHECK(cache.isCapabilityReachableByDriver(entityId, kKeys[key],
                                                      static_cast<ApplianceDriverType>(type)) ==
-                 model.hasCapability(entityId, key, type));
+                 model.has(entityId, type, key));
     }
   }
   FUZZ_CHECK(cache.getEndpointIdForEntity(entityId) ==
@@ -240,11 +203,15 @@ void checkQueries(const Cache& cache, const Model& model, const std::string& ent
   const auto indexed = model.index.find(endpointId);
   FUZZ_CHECK(cache.getEntityIdForEndpoint(endpointId) ==
              (indexed == model.index.end() ? "" : indexed->second));
-  FUZZ_CHECK(cache.getAdapterName(entityId, endpointId) == model.adapterOf(entityId, endpointId));
+  std::string adapter;
+  for (const Row& row : endpoints) {
+    adapter = row.endpointId == endpointId ? row.adapterName : adapter;
+  }
+  FUZZ_CHECK(cache.getAdapterName(entityId, endpointId) == adapter);
   const std::vector<EndpointInfo> listed = cache.getEndpointsForEntity(entityId);
   FUZZ_CHECK(listed.size() == endpoints.size());
   for (std::size_t i = 0; i < listed.size(); ++i) {
-    checkExternal(listed[i], endpoints[i], entityId);
+    checkExternal(listed[i], endpoints[i]);
   }
 }
 
@@ -252,15 +219,13 @@ void checkQueries(const Cache& cache, const Model& model, const std::string& ent
 // every stored entity.
 template <typename Cache>
 void checkContents(const Cache& cache, const Model& model) {
-  FUZZ_CHECK(cache.size() == model.entities.size());
+  FUZZ_CHECK(cache.size() == model.entities().size());
   std::map<std::string, std::map<std::string, std::string>> expected;
-  for (const auto& [entityId, endpoints] : model.entities) {
-    for (const ModelEndpoint& endpoint : endpoints) {
-      expected[entityId][endpoint.endpointId] = endpoint.adapterName;
-    }
-    checkQueries(cache, model, entityId, endpoints.back().endpointId);
-  }
   std::map<std::string, std::map<std::string, std::string>> stored;
+  for (const Row& row : model.rows) {
+    expected[row.entityId][row.endpointId] = row.adapterName;
+    checkQueries(cache, model, row.entityId, row.endpointId);
+  }
   for (const auto& [entityId, adapters] : cache.getReachableEndpointsMap()) {
     stored[entityId] = {adapters.begin(), adapters.end()};
   }
@@ -268,11 +233,11 @@ void checkContents(const Cache& cache, const Model& model) {
   if constexpr (std::is_same_v<Cache, CacheCore>) {
     const auto index = cache.getCachedEndpointIds();
     FUZZ_CHECK((std::map<std::string, std::string>(index.begin(), index.end())) == model.index);
-    FUZZ_CHECK(cache.isFull() == (model.entities.size() >= model.capacity()));
+    FUZZ_CHECK(cache.isFull() == (model.entities().size() >= model.capacity));
   }
 }
 
-// ---- Decoding ----
+// ---- Decoding and applying ----
 
 // An entry of `table`, or now and then a short string of the input's own.
 std::string pick(FuzzedDataProvider& input, const std::vector<std::string>& table) {
@@ -280,41 +245,30 @@ std::string pick(FuzzedDataProvider& input, const std::vector<std::string>& tabl
   return i < table.size() ? table[i] : input.ConsumeRandomLengthString(8);
 }
 
-Keys pickKeys(FuzzedDataProvider& input) {
-  const uint8_t mask = input.ConsumeIntegral<uint8_t>();
-  Keys keys;
-  for (std::size_t i = 0; i < kKeys.size(); ++i) {
-    if ((mask >> i) & 1U) {
-      keys.insert(kKeys[i]);
-    }
-  }
-  return keys;
+unsigned int pickKeys(FuzzedDataProvider& input) {
+  return input.ConsumeIntegralInRange(0U, (1U << kKeyCount) - 1);
 }
 
-CapabilitySet toSet(const Keys& keys) {
-  CapabilitySet set;
-  for (const Key& key : keys) {
-    set.insert({key.first, key.second});
+// A record with one or two driver types, as the model sees it.
+Row pickRecord(FuzzedDataProvider& input) {
+  Row row;
+  row.endpointId = pick(input, kEndpointIds);
+  row.entityId = pick(input, kEntityIds);
+  row.adapterName = pick(input, kAdapters);
+  for (int n = input.ConsumeBool() ? 2 : 1; n > 0; --n) {
+    const int type = input.ConsumeIntegralInRange(0, kDriverTypes - 1);
+    row.drivers[type] = pickKeys(input);
   }
-  return set;
+  return row;
 }
 
-// A record with one or two driver types, and the same for the model.
-std::pair<CachedEndpoint, Drivers> pickRecord(FuzzedDataProvider& input) {
-  const std::string endpointId = pick(input, kEndpointIds);
-  const std::string entityId = pick(input, kEntityIds);
-  const std::string adapter = pick(input, kAdapters);
-  Drivers drivers;
-  const int type = input.ConsumeIntegralInRange(0, kDriverTypes - 1);
-  drivers[type] = pickKeys(input);
-  CachedEndpoint record(endpointId, entityId, adapter, static_cast<ApplianceDriverType>(type),
-                        toSet(drivers[type]));
-  if (input.ConsumeBool()) {
-    const int second = input.ConsumeIntegralInRange(0, kDriverTypes - 1);
-    drivers[second] = pickKeys(input);
-    record.driverCapabilities[static_cast<ApplianceDriverType>(second)] = toSet(drivers[second]);
+CachedEndpoint toRecord(const Row& row) {
+  CachedEndpoint record(row.endpointId, row.entityId, row.adapterName, {}, {});
+  record.driverCapabilities.clear();
+  for (const auto& [type, keys] : row.drivers) {
+    record.driverCapabilities[static_cast<ApplianceDriverType>(type)] = toSet(keys);
   }
-  return {record, drivers};
+  return record;
 }
 
 using Calls = std::vector<std::tuple<std::string, std::string, std::string, bool>>;
@@ -328,132 +282,95 @@ bool registerRecorder(Cache& cache, const std::string& listenerId, Calls& calls)
       });
 }
 
-enum Operation {
-  kInsertRecord,
-  kInsertInfo,
-  kInsertBatch,
-  kRemoveEndpoint,
-  kRemoveEntity,
-  kClear,
-  kClearCapabilities,
-  kQuery,
-  kPreferredEndpoint,
-  kRegister,
-  kUnregister,
-  kNotify,
-  kLastOperation = kNotify
+// The store and the facade, each beside its model.
+struct Harness {
+  Calls calls;  // declared first: the listeners of both record here
+  CacheCore store;
+  ReachabilityCache cache;
+  Model storeModel;
+  Model cacheModel;
 };
 
 // Applies one operation to the store and, where it has one, to the facade.
-void apply(FuzzedDataProvider& input, CacheCore& store, Model& storeModel, ReachabilityCache& cache,
-           Model& cacheModel, Calls& calls) {
-  switch (input.ConsumeIntegralInRange<int>(0, kLastOperation)) {
-    case kInsertRecord: {
-      const auto [record, drivers] = pickRecord(input);
-      FUZZ_CHECK(store.insertEndpoint(record) == storeModel.insert(record.endpointId,
-                                                                   record.entityId,
-                                                                   record.adapterName, drivers));
-      cache.updateEndpoints({record});
-      cacheModel.insert(record.endpointId, record.entityId, record.adapterName, drivers);
+void apply(FuzzedDataProvider& input, Harness& h) {
+  const int operation = input.ConsumeIntegralInRange(0, 9);
+  if (operation == 0) {  // records one by one to the store, as one batch to the facade
+    std::vector<CachedEndpoint> batch;
+    for (int n = input.ConsumeIntegralInRange(0, 3); n > 0; --n) {
+      const Row row = pickRecord(input);
+      batch.push_back(toRecord(row));
+      FUZZ_CHECK(h.store.insertEndpoint(batch.back()) == h.storeModel.insert(row));
+      h.cacheModel.insert(row);
+    }
+    h.cache.updateEndpoints(batch);
+    return;
+  }
+  const std::string entityId = pick(input, kEntityIds);
+  const std::string endpointId = pick(input, kEndpointIds);
+  const std::string adapter = pick(input, kAdapters);
+  const std::string listenerId = pick(input, kListenerIds);
+  switch (operation) {
+    case 1: {  // the capabilities of an EndpointInfo count as driver type 2
+      const unsigned int keys = pickKeys(input);
+      const EndpointInfo info(endpointId, entityId, adapter, toSet(keys));
+      const Row row{entityId, endpointId, adapter, {{2, keys}}};
+      FUZZ_CHECK(h.store.insertEndpoint(info) == h.storeModel.insert(row));
+      h.cache.updateEndpoints({CachedEndpoint(info)});
+      h.cacheModel.insert(row);
       break;
     }
-    case kInsertInfo: {
-      const Keys keys = pickKeys(input);
-      const EndpointInfo info(pick(input, kEndpointIds), pick(input, kEntityIds),
-                              pick(input, kAdapters), toSet(keys));
-      FUZZ_CHECK(store.insertEndpoint(info) ==
-                 storeModel.insert(info.endpointId, info.entityId, info.adapterName, {{2, keys}}));
-      cache.updateEndpoints({CachedEndpoint(info)});
-      cacheModel.insert(info.endpointId, info.entityId, info.adapterName, {{2, keys}});
+    case 2:
+      FUZZ_CHECK(h.store.removeEndpoint(entityId, endpointId) ==
+                 h.storeModel.removeEndpoint(entityId, endpointId));
+      break;
+    case 3:
+      FUZZ_CHECK(h.store.removeEntity(entityId) == h.storeModel.removeEntity(entityId));
+      FUZZ_CHECK(h.cache.removeEntity(entityId) == h.cacheModel.removeEntity(entityId));
+      break;
+    case 4:  // clearing keeps the listeners
+      h.store.clear();
+      h.cache.invalidate();
+      h.storeModel = {h.storeModel.capacity, {}, {}, h.storeModel.listeners};
+      h.cacheModel = {h.cacheModel.capacity, {}, {}, {}};
+      break;
+    case 5:
+      FUZZ_CHECK(h.store.clearEndpointCapabilities(entityId, endpointId) ==
+                 h.storeModel.clearCapabilities(entityId, endpointId));
+      break;
+    case 6:
+      checkQueries(h.store, h.storeModel, entityId, endpointId);
+      checkQueries(h.cache, h.cacheModel, entityId, endpointId);
+      break;
+    case 7: {  // the first endpoint of the preferred adapter, else the first, else none
+      const std::vector<Row> endpoints = h.cacheModel.endpointsOf(Model::normalize(entityId));
+      auto expected = std::find_if(endpoints.begin(), endpoints.end(),
+                                   [&](const Row& row) { return row.adapterName == adapter; });
+      expected = expected == endpoints.end() ? endpoints.begin() : expected;
+      checkExternal(h.cache.getPreferredEndpoint(entityId, adapter),
+                    endpoints.empty() ? Row() : *expected);
       break;
     }
-    case kInsertBatch: {
-      std::vector<CachedEndpoint> batch;
-      for (int n = input.ConsumeIntegralInRange(0, 3); n > 0; --n) {
-        const auto [record, drivers] = pickRecord(input);
-        batch.push_back(record);
-        cacheModel.insert(record.endpointId, record.entityId, record.adapterName, drivers);
+    case 8:  // registration keeps the first callback of an id
+      if (input.ConsumeBool()) {
+        const bool added = h.storeModel.listeners.insert(listenerId).second;
+        FUZZ_CHECK(registerRecorder(h.store, listenerId, h.calls) == added);
+        FUZZ_CHECK(registerRecorder(h.cache, listenerId, h.calls) == added);
+      } else {
+        const bool removed = h.storeModel.listeners.erase(listenerId) != 0;
+        FUZZ_CHECK(h.store.unregisterReachabilityListener(listenerId) == removed);
+        FUZZ_CHECK(h.cache.unregisterReachabilityListener(listenerId) == removed);
       }
-      cache.updateEndpoints(batch);
       break;
-    }
-    case kRemoveEndpoint: {
-      const std::string entityId = pick(input, kEntityIds);
-      const std::string endpointId = pick(input, kEndpointIds);
-      FUZZ_CHECK(store.removeEndpoint(entityId, endpointId) ==
-                 storeModel.removeEndpoint(entityId, endpointId));
-      break;
-    }
-    case kRemoveEntity: {
-      const std::string entityId = pick(input, kEntityIds);
-      FUZZ_CHECK(store.removeEntity(entityId) == storeModel.removeEntity(entityId));
-      FUZZ_CHECK(cache.removeEntity(entityId) == cacheModel.removeEntity(entityId));
-      break;
-    }
-    case kClear:
-      store.clear();
-      storeModel.clear();
-      cache.invalidate();
-      cacheModel.clear();
-      break;
-    case kClearCapabilities: {
-      const std::string entityId = pick(input, kEntityIds);
-      const std::string endpointId = pick(input, kEndpointIds);
-      FUZZ_CHECK(store.clearEndpointCapabilities(entityId, endpointId) ==
-                 storeModel.clearCapabilities(entityId, endpointId));
-      break;
-    }
-    case kQuery: {
-      const std::string entityId = pick(input, kEntityIds);
-      const std::string endpointId = pick(input, kEndpointIds);
-      checkQueries(store, storeModel, entityId, endpointId);
-      checkQueries(cache, cacheModel, entityId, endpointId);
-      break;
-    }
-    case kPreferredEndpoint: {
-      const std::string entityId = pick(input, kEntityIds);
-      const std::string adapter = pick(input, kAdapters);
-      const EndpointInfo chosen = cache.getPreferredEndpoint(entityId, adapter);
-      const std::vector<ModelEndpoint> endpoints = cacheModel.endpointsOf(entityId);
-      if (endpoints.empty()) {
-        FUZZ_CHECK(chosen.endpointId.empty() && chosen.entityId.empty() &&
-                   chosen.adapterName.empty() && chosen.capabilities.empty());
-        break;
-      }
-      const ModelEndpoint* expected = &endpoints.front();
-      for (auto it = endpoints.rbegin(); it != endpoints.rend(); ++it) {
-        expected = it->adapterName == adapter ? &*it : expected;
-      }
-      checkExternal(chosen, *expected, entityId);
-      break;
-    }
-    case kRegister: {
-      const std::string listenerId = pick(input, kListenerIds);
-      const bool added = storeModel.listeners.insert(listenerId).second;
-      FUZZ_CHECK(registerRecorder(store, listenerId, calls) == added);
-      FUZZ_CHECK(registerRecorder(cache, listenerId, calls) == added);
-      break;
-    }
-    case kUnregister: {
-      const std::string listenerId = pick(input, kListenerIds);
-      const bool removed = storeModel.listeners.erase(listenerId) != 0;
-      FUZZ_CHECK(store.unregisterReachabilityListener(listenerId) == removed);
-      FUZZ_CHECK(cache.unregisterReachabilityListener(listenerId) == removed);
-      break;
-    }
-    case kNotify: {
-      const std::string endpointId = pick(input, kEndpointIds);
-      const std::string entityId = pick(input, kEntityIds);
+    default: {  // every listener once, in any order
       const bool reachable = input.ConsumeBool();
-      calls.clear();
-      store.notifyReachabilityListeners(endpointId, entityId, reachable);
+      h.calls.clear();
+      h.store.notifyReachabilityListeners(endpointId, entityId, reachable);
       Calls expected;
-      for (const std::string& listenerId : storeModel.listeners) {
-        expected.emplace_back(listenerId, endpointId, entityId, reachable);
+      for (const std::string& id : h.storeModel.listeners) {
+        expected.emplace_back(id, endpointId, entityId, reachable);
       }
-      std::sort(calls.begin(), calls.end());
-      FUZZ_CHECK(calls == expected);
-      break;
+      std::sort(h.calls.begin(), h.calls.end());
+      FUZZ_CHECK(h.calls == expected);
     }
   }
 }
@@ -463,18 +380,17 @@ void apply(FuzzedDataProvider& input, CacheCore& store, Model& storeModel, Reach
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   FuzzedDataProvider input(data, size);
   const unsigned int capacity = input.ConsumeIntegralInRange(0U, 5U);
-  Calls calls;  // outlives both: their listeners record here
-  CacheCore store(capacity);
-  const ReachabilityCache::Config config{capacity, std::chrono::seconds(1), false, nullptr};
-  ReachabilityCache cache(nullptr, config);
-  Model storeModel(capacity);
-  Model cacheModel(capacity);
+  Harness h{{},
+            CacheCore(capacity),
+            ReachabilityCache(nullptr, {capacity, std::chrono::seconds(1), false, nullptr}),
+            {capacity, {}, {}, {}},
+            {capacity, {}, {}, {}}};
   for (int step = 0; step < 32 && input.remaining_bytes() > 0; ++step) {
-    apply(input, store, storeModel, cache, cacheModel, calls);
-    FUZZ_CHECK(store.size() == storeModel.entities.size());
-    FUZZ_CHECK(cache.size() == cacheModel.entities.size());
+    apply(input, h);
+    FUZZ_CHECK(h.store.size() == h.storeModel.entities().size());
+    FUZZ_CHECK(h.cache.size() == h.cacheModel.entities().size());
   }
-  checkContents(store, storeModel);
-  checkContents(cache, cacheModel);
+  checkContents(h.store, h.storeModel);
+  checkContents(h.cache, h.cacheModel);
   return 0;
 }
