@@ -1,24 +1,46 @@
 #!/usr/bin/env bash
-# Sets everything up and runs the whole test suite: the normal build, then
-# the ThreadSanitizer build.
+# Sets everything up (apt packages included) and runs every test the project
+# has, as CI does:
+#   - the suite in a normal build, with AddressSanitizer + UndefinedBehavior-
+#     Sanitizer, and with ThreadSanitizer;
+#   - the simulator's default home under AddressSanitizer;
+#   - the seeded stress test under ThreadSanitizer, 2 seeds x 30 s;
+#   - the suite under valgrind memcheck;
+#   - the fuzzers (clang, which also runs the thread-safety analysis);
+#   - install, host examples against the installed package, exported symbols;
+#   - the Android configuration branch, and the arm64 build under qemu.
+# `scripts/run-tests.sh --quick` runs only the normal build's suite.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 scripts/setup.sh
 
-run_preset() {
-  local preset=$1
-  echo "=== ${preset} ==="
-  cmake --preset "${preset}" >/dev/null
-  cmake --build --preset "${preset}"
-  ctest --preset "${preset}"
+step() {
+  local name=$1
+  shift
+  local started=$SECONDS
+  echo "=== ${name} ==="
+  "$@"
+  echo "=== ${name}: passed in $((SECONDS - started)) s ==="
 }
 
-presets=("$@")
-if [ "${#presets[@]}" -eq 0 ]; then
-  presets=(dev tsan)
+preset() {
+  cmake --preset "$1" >/dev/null
+  cmake --build --preset "$1"
+  ctest --preset "$1"
+}
+
+step "normal build" preset dev
+if [ "${1:-}" = "--quick" ]; then
+  exit 0
 fi
-for preset in "${presets[@]}"; do
-  run_preset "${preset}"
-done
-echo "All test runs passed: ${presets[*]}"
+step "address and undefined-behaviour sanitizers" preset asan
+step "thread sanitizer" preset tsan
+step "simulator under address sanitizer" scripts/ci/sim-asan.sh
+step "stress under thread sanitizer" scripts/ci/stress.sh
+step "valgrind memcheck" scripts/ci/memcheck.sh
+step "fuzzers and thread-safety analysis" scripts/ci/fuzz.sh
+step "install and host examples" scripts/ci/check-install.sh
+step "android configuration" scripts/ci/android-branch-check.sh
+step "arm64 under qemu" scripts/ci/arm64-tests.sh
+echo "All test runs passed in $((SECONDS / 60)) min $((SECONDS % 60)) s."

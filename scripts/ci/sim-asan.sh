@@ -6,9 +6,8 @@ set -euo pipefail
 cd "$(dirname "$0")/../.."
 
 scripts/setup.sh
-build=build/sim-asan
-cmake -S . -B "${build}" -G Ninja -DCMAKE_BUILD_TYPE=Debug \
-  -DREACHABILITY_CACHE_SANITIZER=address >/dev/null
+build=build/asan
+cmake --preset asan >/dev/null
 cmake --build "${build}" --target reachability-sim simTests -j2
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
