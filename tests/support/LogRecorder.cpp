@@ -2,12 +2,23 @@
 
 #include <android/log.h>
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
 
 namespace veranda::reachabilityCache::testing {
+namespace {
+
+std::size_t countIn(const std::vector<LogLine>& lines, const std::string& tag,
+                    const std::string& fragment) {
+  return std::count_if(lines.begin(), lines.end(), [&](const LogLine& line) {
+    return line.tag == tag && line.text.find(fragment) != std::string::npos;
+  });
+}
+
+}  // namespace
 
 std::ostream& operator<<(std::ostream& out, const LogLine& line) {
   return out << "{" << line.priority << ", " << line.tag << ", \"" << line.text << "\"}";
@@ -24,16 +35,20 @@ void LogRecorder::record(int priority, const char* tag, const char* text) {
     std::cerr << priority << ' ' << tag << ' ' << text << '\n';
   }
   std::lock_guard<std::mutex> lock(mutex_);
-  if (discard_) {
-    return;
+  if (!discard_) {
+    lines_.push_back({priority, tag == nullptr ? "" : tag, text});
+    recorded_.notify_all();
   }
-  lines_.push_back({priority, tag == nullptr ? "" : tag, text});
-  recorded_.notify_all();
 }
 
 void LogRecorder::clear() {
   std::lock_guard<std::mutex> lock(mutex_);
   lines_.clear();
+}
+
+void LogRecorder::setDiscard(bool discard) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  discard_ = discard;
 }
 
 std::vector<LogLine> LogRecorder::lines() const {
@@ -61,11 +76,7 @@ std::vector<std::string> LogRecorder::texts(const std::string& tag) const {
 
 std::size_t LogRecorder::countContaining(const std::string& tag,
                                          const std::string& fragment) const {
-  std::size_t count = 0;
-  for (const LogLine& line : linesWithTag(tag)) {
-    count += line.text.find(fragment) != std::string::npos ? 1 : 0;
-  }
-  return count;
+  return countIn(lines(), tag, fragment);
 }
 
 bool LogRecorder::waitFor(const std::function<bool(const std::vector<LogLine>&)>& predicate,
@@ -75,22 +86,10 @@ bool LogRecorder::waitFor(const std::function<bool(const std::vector<LogLine>&)>
 }
 
 bool LogRecorder::waitForLine(const std::string& tag, const std::string& fragment,
-                              std::chrono::milliseconds timeout) const {
+                              std::chrono::milliseconds timeout, std::size_t count) const {
   return waitFor(
-      [&](const std::vector<LogLine>& lines) {
-        for (const LogLine& line : lines) {
-          if (line.tag == tag && line.text.find(fragment) != std::string::npos) {
-            return true;
-          }
-        }
-        return false;
-      },
+      [&](const std::vector<LogLine>& lines) { return countIn(lines, tag, fragment) >= count; },
       timeout);
-}
-
-void LogRecorder::setDiscard(bool discard) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  discard_ = discard;
 }
 
 }  // namespace veranda::reachabilityCache::testing

@@ -38,23 +38,20 @@ class LogRecorder {
 
   void record(int priority, const char* tag, const char* text);
   void clear();
-
-  std::vector<LogLine> lines() const;
-  // The lines with `tag`, in order.
-  std::vector<LogLine> linesWithTag(const std::string& tag) const;
-  // The texts of the lines with `tag`, in order.
-  std::vector<std::string> texts(const std::string& tag) const;
-  std::size_t countContaining(const std::string& tag, const std::string& fragment) const;
-
-  // Waits until `predicate` holds for the recorded lines.
-  bool waitFor(const std::function<bool(const std::vector<LogLine>&)>& predicate,
-               std::chrono::milliseconds timeout) const;
-  // Waits until a line with `tag` contains `fragment`.
-  bool waitForLine(const std::string& tag, const std::string& fragment,
-                   std::chrono::milliseconds timeout) const;
-
   // When set, lines are dropped instead of recorded (for long stress runs).
   void setDiscard(bool discard);
+
+  std::vector<LogLine> lines() const;
+  std::vector<LogLine> linesWithTag(const std::string& tag) const;
+  std::vector<std::string> texts(const std::string& tag) const;
+  // The number of lines with `tag` that contain `fragment`.
+  std::size_t countContaining(const std::string& tag, const std::string& fragment) const;
+
+  bool waitFor(const std::function<bool(const std::vector<LogLine>&)>& predicate,
+               std::chrono::milliseconds timeout) const;
+  // Waits until at least `count` lines with `tag` contain `fragment`.
+  bool waitForLine(const std::string& tag, const std::string& fragment,
+                   std::chrono::milliseconds timeout, std::size_t count = 1) const;
 
  private:
   LogRecorder() = default;

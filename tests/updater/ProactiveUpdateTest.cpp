@@ -20,16 +20,16 @@ TEST_F(ProactiveUpdateTest, EnableRegistersOnceAndDisableCancels) {
   EXPECT_FALSE(updater->isProactiveUpdatesEnabled());
   EXPECT_TRUE(checker->registeredCallbackIds().empty());
   EXPECT_THAT(LogRecorder::instance().linesWithTag(testing::kUpdaterTag),
-              ElementsAre(LogLine{4, testing::kUpdaterTag, "[ReachabilityUpdater]"},
-                          LogLine{4, testing::kUpdaterTag,
-                                  "[enableProactiveUpdates]: action=enableProactiveUpdates "
-                                  "callbackId=reachability_updater_0"},
-                          LogLine{3, testing::kUpdaterTag,
-                                  "[enableProactiveUpdates]: action=enableProactiveUpdates "
-                                  "reason=alreadyEnabled"},
-                          LogLine{4, testing::kUpdaterTag,
-                                  "[disableProactiveUpdates]: action=disableProactiveUpdates "
-                                  "status=disabled"}));
+              ElementsAre(updaterLine(4, "[ReachabilityUpdater]"),
+                          updaterLine(4,
+                                      "[enableProactiveUpdates]: action=enableProactiveUpdates "
+                                      "callbackId=reachability_updater_0"),
+                          updaterLine(3,
+                                      "[enableProactiveUpdates]: action=enableProactiveUpdates "
+                                      "reason=alreadyEnabled"),
+                          updaterLine(4,
+                                      "[disableProactiveUpdates]: action=disableProactiveUpdates "
+                                      "status=disabled")));
 }
 
 TEST_F(ProactiveUpdateTest, RefusedRegistrationIsReportedAndLeavesUpdatesDisabled) {
@@ -41,15 +41,15 @@ TEST_F(ProactiveUpdateTest, RefusedRegistrationIsReportedAndLeavesUpdatesDisable
   updater->disableProactiveUpdates();
   EXPECT_THAT(
       LogRecorder::instance().lines(),
-      ElementsAre(LogLine{6, testing::kUpdaterTag,
-                          "[enableProactiveUpdates]: action=enableProactiveUpdates "
-                          "reason=registrationFailed"},
+      ElementsAre(updaterLine(6,
+                              "[enableProactiveUpdates]: action=enableProactiveUpdates "
+                              "reason=registrationFailed"),
                   LogLine{4, testing::kMetricTag,
                           "[Metric]: metricName=ReachabilityCache.SubscribeFailed action=enable "
                           "reason=registrationFailed program=762veg6l source=nlef/2/03330473"},
-                  LogLine{3, testing::kUpdaterTag,
-                          "[disableProactiveUpdates]: action=disableProactiveUpdates "
-                          "reason=alreadyDisabled"}));
+                  updaterLine(3,
+                              "[disableProactiveUpdates]: action=disableProactiveUpdates "
+                              "reason=alreadyDisabled")));
 
   // Every attempt draws a fresh id, and ids drawn meanwhile are skipped.
   checker->setRefuseRegistrations(false);
@@ -91,8 +91,8 @@ TEST_F(ProactiveUpdateTest, DestructionCancelsTheSubscription) {
   updater.reset();
   EXPECT_TRUE(checker->registeredCallbackIds().empty());
   EXPECT_EQ(LogRecorder::instance().linesWithTag(testing::kUpdaterTag).back(),
-            (LogLine{4, testing::kUpdaterTag,
-                     "[disableProactiveUpdates]: action=disableProactiveUpdates status=disabled"}));
+            (updaterLine(
+                4, "[disableProactiveUpdates]: action=disableProactiveUpdates status=disabled")));
 }
 
 TEST_F(ProactiveUpdateTest, NullCheckerStartsNothingAndDoesNotCrash) {

@@ -8,16 +8,12 @@ using testing::LogLine;
 using testing::LogRecorder;
 using testing::Notification;
 
-// Feeds one batch of results through a periodic check and waits for its
-// summary line.
+// Feeds each batch of results to the updater as a manual check's answer.
 class ResultProcessingTest : public UpdaterTest {
  protected:
   void SetUp() override {
     UpdaterTest::SetUp();
-    provider.setEndpoints({endpoint("ep1", "e1")});
     createUpdater(&provider);
-    updater->startPeriodicUpdates(std::chrono::seconds(3600), std::chrono::milliseconds(0));
-    ASSERT_TRUE(checker->waitForPendingChecks(1, kWait));
   }
 
   // Applies `results` as a manual check's answer and returns its summary line.

@@ -27,6 +27,10 @@ inline EndpointInfo endpoint(const std::string& endpointId, const std::string& e
   return EndpointInfo(endpointId, entityId, adapter, {{"power", "main"}});
 }
 
+inline testing::LogLine updaterLine(int priority, const std::string& text) {
+  return {priority, testing::kUpdaterTag, text};
+}
+
 inline ReachabilityCheckResult reachable(const std::string& endpointId, const std::string& entityId,
                                          const std::string& adapter = kZigbee) {
   return testing::makeResult(endpoint(endpointId, entityId, adapter), true);
@@ -55,30 +59,17 @@ class UpdaterTest : public ::testing::Test {
     updater = std::make_unique<ReachabilityUpdater>(store, checker, chrProvider);
   }
 
-  // The texts of the updater's lines, in order.
-  static std::vector<std::string> updaterLines() {
-    return testing::LogRecorder::instance().texts(testing::kUpdaterTag);
+  static bool waitForUpdaterLine(const std::string& fragment, std::size_t count = 1) {
+    return testing::LogRecorder::instance().waitForLine(testing::kUpdaterTag, fragment, kWait,
+                                                        count);
   }
 
-  static bool waitForUpdaterLine(const std::string& fragment) {
-    return testing::LogRecorder::instance().waitForLine(testing::kUpdaterTag, fragment, kWait);
-  }
-
-  // Runs a manual trigger with no endpoints and waits for it: every task
-  // posted to the updater's executor before it has run by then.
+  // Every task posted to the updater's executor so far has run on return.
   void drainExecutor() {
-    const std::size_t before = testing::LogRecorder::instance().countContaining(
-        testing::kUpdaterTag, "reason=noEndpoints");
+    const std::size_t triggers = testing::LogRecorder::instance().countContaining(
+        testing::kUpdaterTag, "[]: reason=noEndpoints");
     updater->triggerUpdate({});
-    ASSERT_TRUE(testing::LogRecorder::instance().waitFor(
-        [&](const std::vector<testing::LogLine>& lines) {
-          std::size_t count = 0;
-          for (const testing::LogLine& line : lines) {
-            count += line.text == "[]: reason=noEndpoints" ? 1 : 0;
-          }
-          return count > before;
-        },
-        kWait));
+    ASSERT_TRUE(waitForUpdaterLine("[]: reason=noEndpoints", triggers + 1));
   }
 
   std::shared_ptr<CacheCore> store = std::make_shared<CacheCore>(100);
