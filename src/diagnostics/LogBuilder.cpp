@@ -42,33 +42,44 @@ std::size_t findNameEnd(const char* text, std::size_t open) {
 
 LogBuilder::LogBuilder(const char* function, const char* context) {
   const char* name = extractFunctionName(function);
-  stream_ << '[';
+  append('[');
   if (*name != '\0') {
-    stream_ << name << ']';
+    append(name);
+    append(']');
     if (context != nullptr && *context != '\0' && std::strcmp(context, name) != 0) {
-      stream_ << ' ' << context;
+      append(' ');
+      append(context);
     }
   } else {
     if (context != nullptr) {
-      stream_ << context;
+      append(context);
     }
-    stream_ << ']';
+    append(']');
   }
 }
 
 LogBuilder& LogBuilder::d(const char* key, const char* value) {
   beginField(key);
-  stream_ << value;
+  append(value);
   return *this;
 }
 
 void LogBuilder::beginField(const char* key) {
   if (!hasFields_) {
-    stream_ << ':';
+    append(':');
     hasFields_ = true;
   }
-  stream_ << ' ' << key << '=';
+  append(' ');
+  append(key);
+  append('=');
 }
+
+// Text goes straight into the stream's buffer: formatted insertion would add
+// only a sentry and a field-width check per piece, and the builder never sets
+// a width, so the line is the same.
+void LogBuilder::append(const char* text) { stream_.rdbuf()->sputn(text, std::strlen(text)); }
+
+void LogBuilder::append(char character) { stream_.rdbuf()->sputc(character); }
 
 const char* LogBuilder::extractFunctionName(const char* text) {
   thread_local char label[kLabelCapacity];

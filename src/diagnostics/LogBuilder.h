@@ -43,6 +43,8 @@ class LogBuilder {
 
  private:
   void beginField(const char* key);
+  void append(const char* text);
+  void append(char character);
 
   std::ostringstream stream_;
   bool hasFields_ = false;

@@ -7,6 +7,7 @@
 #include "diagnostics/ComponentLog.h"
 #include "diagnostics/LogBuilder.h"
 #include "diagnostics/ReachabilityCacheMetrics.h"
+#include "store/DriverCapabilities.h"
 
 namespace veranda::reachabilityCache {
 namespace {
@@ -57,7 +58,7 @@ bool refusedForEmptyId(const CachedEndpoint& endpoint) {
 // adapter name replaces the stored one.
 void mergeInto(CachedEndpoint& stored, const CachedEndpoint& incoming) {
   for (const auto& entry : incoming.driverCapabilities) {
-    stored.driverCapabilities[entry.first] = entry.second;
+    fileCapabilities(stored.driverCapabilities, entry.first, entry.second);
   }
   if (!incoming.adapterName.empty()) {
     stored.adapterName = incoming.adapterName;
@@ -99,7 +100,9 @@ bool CacheCore::insertEndpoint(const CachedEndpoint& endpoint) {
   const auto stored = findEndpointInVector(endpoints, endpoint.endpointId);
   if (stored == endpoints.end()) {
     endpoints.push_back(endpoint);
-    endpoints.back().entityId = entityId;
+    // A fresh string: assigned in place, the stored id would keep the
+    // capacity of the id as passed, prefix included.
+    endpoints.back().entityId = std::string(entityId);
     logEndpointAction(entityKnown ? LogPriority::kDebug : LogPriority::kInfo, "insertEndpoint",
                       entityKnown ? "appended" : "newEntity", entityId, endpoint.endpointId);
   } else {
@@ -334,7 +337,9 @@ std::vector<EndpointInfo> CacheCore::getEndpointsForEntity(const std::string& en
   }
   result.reserve(endpoints->size());
   for (const CachedEndpoint& endpoint : *endpoints) {
-    result.push_back(endpoint.toExternal());
+    // endpoint.toExternal(), built in place rather than moved in.
+    result.emplace_back(endpoint.endpointId, endpoint.entityId, endpoint.adapterName,
+                        endpoint.getAllCapabilities());
   }
   return result;
 }

@@ -29,9 +29,8 @@ namespace veranda::reachabilityCache {
 // caller that decides a change happened calls notifyReachabilityListeners().
 class CacheCore {
  public:
-  using ReachabilityListener =
-      std::function<void(const std::string& endpointId, const std::string& entityId,
-                         bool isReachable)>;
+  using ReachabilityListener = std::function<void(const std::string& endpointId,
+                                                  const std::string& entityId, bool isReachable)>;
 
   explicit CacheCore(unsigned int maxSize);
   ~CacheCore();
@@ -82,8 +81,7 @@ class CacheCore {
   // The entity's earliest stored endpoint id; empty when missing.
   std::string getEndpointIdForEntity(const std::string& entityId) const RC_EXCLUDES(storeMutex);
   // The normalised entity the endpoint was last inserted under; empty when unknown.
-  std::string getEntityIdForEndpoint(const std::string& endpointId) const
-      RC_EXCLUDES(storeMutex);
+  std::string getEntityIdForEndpoint(const std::string& endpointId) const RC_EXCLUDES(storeMutex);
   // Not logged. Empty when the entity or the endpoint is missing.
   std::string getAdapterName(const std::string& entityId, const std::string& endpointId) const
       RC_EXCLUDES(storeMutex);
@@ -94,8 +92,7 @@ class CacheCore {
   std::unordered_map<std::string, std::unordered_map<std::string, std::string>>
   getReachableEndpointsMap() const RC_EXCLUDES(storeMutex);
   // Not logged. A copy of the endpoint id to entity id index.
-  std::unordered_map<std::string, std::string> getCachedEndpointIds() const
-      RC_EXCLUDES(storeMutex);
+  std::unordered_map<std::string, std::string> getCachedEndpointIds() const RC_EXCLUDES(storeMutex);
 
   // ---- Listeners ----
 

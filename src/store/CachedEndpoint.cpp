@@ -1,21 +1,46 @@
 #include "reachabilityCache/CachedEndpoint.h"
 
+#include <cstddef>
 #include <utility>
+
+#include "store/DriverCapabilities.h"
 
 namespace veranda::reachabilityCache {
 
 using applianceDriver::ApplianceDriverType;
 
+namespace {
+
+// A record starts with one driver type and seldom gains another. Sized for
+// that, the map's bucket array has two slots; left to the default, the first
+// insertion sizes it for eleven entries, 104 bytes for every stored endpoint.
+constexpr std::size_t kDriverTypeBuckets = 1;
+
+}  // namespace
+
+void fileCapabilities(DriverCapabilities& driverCapabilities, ApplianceDriverType driverType,
+                      CapabilitySet capabilities) {
+  CapabilitySet& stored = driverCapabilities[driverType];
+  stored = std::move(capabilities);
+  stored.rehash(0);  // drop the buckets the set grew while it was filled
+}
+
 CachedEndpoint::CachedEndpoint(const EndpointInfo& info)
-    : endpointId(info.endpointId), entityId(info.entityId), adapterName(info.adapterName) {
-  driverCapabilities.emplace(ApplianceDriverType::UNKNOWN, info.capabilities);
+    : endpointId(info.endpointId),
+      entityId(info.entityId),
+      adapterName(info.adapterName),
+      driverCapabilities(kDriverTypeBuckets) {
+  fileCapabilities(driverCapabilities, ApplianceDriverType::UNKNOWN, info.capabilities);
 }
 
 CachedEndpoint::CachedEndpoint(const std::string& endpointId, const std::string& entityId,
                                const std::string& adapterName, ApplianceDriverType driverType,
                                CapabilitySet capabilities)
-    : endpointId(endpointId), entityId(entityId), adapterName(adapterName) {
-  driverCapabilities.emplace(driverType, std::move(capabilities));
+    : endpointId(endpointId),
+      entityId(entityId),
+      adapterName(adapterName),
+      driverCapabilities(kDriverTypeBuckets) {
+  fileCapabilities(driverCapabilities, driverType, std::move(capabilities));
 }
 
 bool CachedEndpoint::hasCapabilityFromDriver(const CapabilityKey& key,
@@ -25,6 +50,11 @@ bool CachedEndpoint::hasCapabilityFromDriver(const CapabilityKey& key,
 }
 
 CapabilitySet CachedEndpoint::getAllCapabilities() const {
+  // With one driver type (the usual case) the union is that set: copying it
+  // hashes each key once, where inserting key by key hashes some twice.
+  if (driverCapabilities.size() == 1) {
+    return driverCapabilities.begin()->second;
+  }
   CapabilitySet all;
   for (const auto& entry : driverCapabilities) {
     all.insert(entry.second.begin(), entry.second.end());
