@@ -14,27 +14,8 @@ set -euo pipefail
 root="$(cd "$(dirname "$0")/../.." && pwd)"
 cd "${root}"
 
-sudo_cmd=()
-if [ "$(id -u)" -ne 0 ]; then
-  sudo_cmd=(sudo)
-fi
-packages=(cmake ninja-build g++-aarch64-linux-gnu qemu-user
-  android-liblog-dev:arm64 libgtest-dev:arm64 libgmock-dev:arm64)
-missing=()
-for package in "${packages[@]}"; do
-  if ! dpkg-query -W -f='${Status}' "${package}" 2>/dev/null | grep -q "install ok installed"; then
-    missing+=("${package}")
-  fi
-done
-if [ "${#missing[@]}" -gt 0 ]; then
-  echo "android-branch-check: installing ${missing[*]}"
-  if ! dpkg --print-foreign-architectures | grep -qx arm64; then
-    "${sudo_cmd[@]}" dpkg --add-architecture arm64
-  fi
-  "${sudo_cmd[@]}" apt-get update -qq
-  DEBIAN_FRONTEND=noninteractive "${sudo_cmd[@]}" apt-get install -y -qq --no-install-recommends \
-    "${missing[@]}" >/dev/null
-fi
+scripts/setup.sh g++-aarch64-linux-gnu qemu-user \
+  android-liblog-dev:arm64 libgtest-dev:arm64 libgmock-dev:arm64
 
 fail() {
   echo "android-branch-check: $*" >&2

@@ -7,18 +7,7 @@ set -euo pipefail
 root="$(cd "$(dirname "$0")/../.." && pwd)"
 cd "${root}"
 
-packages=(cmake ninja-build g++ pkgconf android-liblog-dev libgtest-dev libgmock-dev)
-missing=()
-for package in "${packages[@]}"; do
-  if ! dpkg-query -W -f='${Status}' "${package}" 2>/dev/null | grep -q "install ok installed"; then
-    missing+=("${package}")
-  fi
-done
-if [ "${#missing[@]}" -gt 0 ]; then
-  echo "check-install: installing ${missing[*]}"
-  apt-get update -qq
-  DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
-fi
+scripts/setup.sh
 
 build="${root}/build/ci-install"
 work="$(mktemp -d)"

@@ -7,15 +7,6 @@
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 
-missing=()
-for package in clang libclang-rt-14-dev; do
-  dpkg-query -W -f='${Status}' "${package}" 2>/dev/null | grep -q "install ok installed" ||
-    missing+=("${package}")
-done
-if [ "${#missing[@]}" -gt 0 ]; then
-  apt-get update -qq
-  DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}"
-fi
 scripts/setup.sh
 
 cmake --preset fuzz >/dev/null
