@@ -38,7 +38,8 @@ class ReachabilityUpdater;
 // With ApplianceDriverReachabilityChecker, stop the driver's pending answers
 // before destroying the cache (SimulatedApplianceDriver::shutdown() on a host
 // build), or wait until every check it started has been answered. The
-// provider and the checker must outlive the cache.
+// provider and the checker must outlive the cache, and a listener must not
+// destroy the cache it listens to.
 class REACHABILITY_CACHE_EXPORT ReachabilityCache {
  public:
   // Filled by the host; the library has no defaults of its own.
