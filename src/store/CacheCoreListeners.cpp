@@ -14,7 +14,7 @@ bool CacheCore::registerReachabilityListener(const std::string& listenerId,
                                              ReachabilityListener callback) {
   MutexLock lock(listenerMutex);
   // try_emplace leaves `callback` untouched when the id is taken.
-  if (!listeners.insert_or_assign(listenerId, std::move(callback)).second) {
+  if (!listeners.try_emplace(listenerId, std::move(callback)).second) {
     logStore(LogPriority::kWarn, LogBuilder("registerReachabilityListener", nullptr)
                                      .d("action", "registerReachabilityListener")
                                      .d("listenerId", listenerId.c_str())
