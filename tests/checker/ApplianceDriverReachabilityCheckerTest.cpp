@@ -3,12 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <functional>
-#include <map>
-#include <mutex>
+#include <iterator>
 #include <string>
 #include <thread>
-#include <utility>
+#include <tuple>
 #include <vector>
 
 #include "LogRecorder.h"
@@ -17,256 +17,188 @@
 namespace veranda::reachabilityCache {
 namespace {
 
-using applianceDriver::DiscoveredDevice;
-using applianceDriver::StateChangeEvent;
-using testing::kCheckerTag;
 using testing::LogLine;
 using testing::LogRecorder;
 using Strings = std::vector<std::string>;
 using Lines = std::vector<LogLine>;
-constexpr auto kNative = applianceDriver::ApplianceDriverType::NATIVE;
+using Devices = std::vector<applianceDriver::DiscoveredDevice>;
 constexpr auto kConnected = applianceDriver::ApplianceDriverType::CONNECTED;
+constexpr const char* kHealth = "Veyra.EndpointHealth";
 const CapabilitySet kPower{{"Power", ""}};
-const CapabilitySet kColor{{"Color", "rgb"}};
 
-// Records every call as "<operation> <id>", followed by " registered" when the
-// checker holds that id at the time; keeps accepted requests and subscriptions
-// until the test answers or fires them, and refuses on demand.
-class FakeDriver : public applianceDriver::IUnifiedApplianceDriver {
- public:
-  using DevicesCallback = std::function<void(const std::vector<DiscoveredDevice>&)>;
-  using EventCallback = std::function<void(const StateChangeEvent&)>;
+LogLine line(int level, const std::string& text) { return {level, testing::kCheckerTag, text}; }
 
-  bool getReachableDevices(const std::string& requestId, DevicesCallback onDevices) override {
-    return call("get", requestId, refuseRequests, [&] { pending.push_back(std::move(onDevices)); });
+// "endpoint entity adapter +|- type capability..."
+std::string describe(const ReachabilityCheckResult& r) {
+  std::string text = r.endpointId + " " + r.entityId + " " + r.adapterName +
+                     (r.isReachable ? " +" : " -") + std::to_string(static_cast<int>(r.driverType));
+  for (const auto& key : r.capabilities) {
+    text += " " + key.capability + "/" + key.qualifier;
   }
-  bool subscribeStateChanges(const std::vector<std::string>& endpointIds, const std::string& id,
-                             EventCallback onStateChange,
-                             std::function<void(const std::string&)> onError) override {
-    EXPECT_TRUE(endpointIds.empty() && !onError) << "checker subscribes to all, without error hook";
-    return call("subscribe", id, refuseSubscriptions,
-                [&] { subscriptions[id] = std::move(onStateChange); });
-  }
-  bool unsubscribeStateChanges(const std::string& id) override {
-    return call("unsubscribe", id, refuseUnsubscriptions, [&] { subscriptions.erase(id); });
-  }
-  // Asks the checker about `id` first: it must not hold its lock while calling.
-  bool call(const std::string& operation, const std::string& id, bool refuse,
-            const std::function<void()>& accept) {
-    const bool registered = checker->isCallbackIdRegistered(id);
-    std::lock_guard<std::mutex> lock(mutex);
-    calls.push_back(operation + " " + id + (registered ? " registered" : ""));
-    if (!refuse) {
-      accept();
-    }
-    return !refuse;
-  }
-
-  // Delivers `event` to every subscription, outside the fake's lock.
-  void fire(const StateChangeEvent& event) {
-    std::unique_lock<std::mutex> lock(mutex);
-    std::map<std::string, EventCallback> targets = subscriptions;
-    lock.unlock();
-    for (auto& entry : targets) {
-      entry.second(event);
-    }
-  }
-
-  std::mutex mutex;
-  bool refuseRequests = false, refuseSubscriptions = false, refuseUnsubscriptions = false;
-  const ApplianceDriverReachabilityChecker* checker = nullptr;
-  Strings calls;
-  std::vector<DevicesCallback> pending;
-  std::map<std::string, EventCallback> subscriptions;
-};
-
-LogLine line(int priority, const std::string& text) { return {priority, kCheckerTag, text}; }
-
-// "endpoint entity adapter reachable [capabilities] type"; results here have at
-// most one capability.
-std::string describe(const ReachabilityCheckResult& result) {
-  std::string text = result.endpointId + " " + result.entityId + " " + result.adapterName +
-                     (result.isReachable ? " true [" : " false [");
-  for (const auto& key : result.capabilities) {
-    text += key.capability + "/" + key.qualifier + ";";
-  }
-  return text + "] " + std::to_string(static_cast<int>(result.driverType));
+  return text;
 }
 
-class CheckerTest : public ::testing::Test {
+// The fixture is the checker's driver: it records calls as "<operation> <id>", plus "+" while the
+// checker holds the id (so it calls without its lock), and refuses the operation in `refuse`.
+class CheckerTest : public ::testing::Test, public applianceDriver::IUnifiedApplianceDriver {
  protected:
-  void SetUp() override {
-    driver.checker = &checker;
-    LogRecorder::instance().clear();
+  CheckerTest() { LogRecorder::instance().clear(); }
+
+  bool getReachableDevices(const std::string& id,
+                           std::function<void(const Devices&)> onDevices) override {
+    pending.push_back(std::move(onDevices));
+    return call("get", id);
+  }
+  bool subscribeStateChanges(const Strings& endpointIds, const std::string& id,
+                             std::function<void(const applianceDriver::StateChangeEvent&)> onEvent,
+                             std::function<void(const std::string&)> onError) override {
+    EXPECT_TRUE(endpointIds.empty() && onEvent && !onError) << "all endpoints, no error hook";
+    return call("subscribe", id);
+  }
+  bool unsubscribeStateChanges(const std::string& id) override { return call("unsubscribe", id); }
+  bool call(const std::string& operation, const std::string& id) {
+    calls.push_back(operation + " " + id + (checker.isCallbackIdRegistered(id) ? "+" : ""));
+    return operation != refuse;
   }
 
-  // The checker's lines of at least `priority` since the last call; empties the log.
-  static Lines takeLines(int priority = 3) {
-    Lines found = LogRecorder::instance().linesWithTag(kCheckerTag);
+  // The checker's lines since the last call; empties the log.
+  static Lines takeLines() {
+    Lines found = LogRecorder::instance().linesWithTag(testing::kCheckerTag);
     LogRecorder::instance().clear();
-    found.erase(std::remove_if(found.begin(), found.end(),
-                               [&](const LogLine& l) { return l.priority < priority; }),
-                found.end());
     return found;
   }
 
-  FakeDriver driver;
-  ApplianceDriverReachabilityChecker checker{driver};
+  std::string refuse;
+  Strings calls;
+  std::vector<std::function<void(const Devices&)>> pending;
+  ApplianceDriverReachabilityChecker checker{*this};
 };
 
 TEST_F(CheckerTest, BatchGivesEachRequestedEndpointOneResultFromSupportedDevicesOnly) {
   const std::vector<EndpointInfo> requested = {{"a", "entA", "PROT_ZIGBEE-ADAPTER", kPower},
                                                {"b", "entB", "PROT_WIFI-ADAPTER", kPower},
                                                {"c", "entC", "PROT_BLE-ADAPTER", kPower},
-                                               {"c", "entC2", "PROT_CHIP-ADAPTER", kColor},
+                                               {"c", "entC2", "PROT_CHIP-ADAPTER", {{"Color", ""}}},
                                                {"d", "entD", "PROT_ZIGBEE-ADAPTER", kPower}};
-  const std::vector<DiscoveredDevice> devices = {
-      {"a", "", "PROT_WIFI-ADAPTER", "lamp", true, {}, kNative},
-      {"b", "x", "prot_wifi-adapter", "lamp", true, {}, kNative},
-      {"zz", "entZ", "PROT_ZWAVE-ADAPTER", "lamp", true, {}, kNative},
+  const Devices devices = {
+      {"a", "", "PROT_WIFI-ADAPTER", "lamp", true, {}, kConnected},
+      {"b", "x", "prot_wifi-adapter", "lamp", true, {}, kConnected},
+      {"c", "", "PROT_CHIP-ADAPTER", "lamp", true, {}, kConnected},
+      {"zz", "entZ", "PROT_ZWAVE-ADAPTER", "lamp", true, {}, kConnected},
       // The last supported report of "d" wins; its empty fields keep the earlier one's.
-      {"d", "entD2", "PROT_BLE_MESH-ADAPTER", "lamp", true, {{"Color", "rgb"}}, kNative},
+      {"d", "entD2", "PROT_BLE_MESH-ADAPTER", "lamp", true, {{"Color", "rgb"}}, kConnected},
       {"d", "", "PROT_LOCALSKILLS-ADAPTER", "lamp", false, {}, kConnected},
-      {"d", "entX", " PROT_MOCK-ADAPTER ", "lamp", true, {}, kNative}};
-  Strings results;
-  int calls = 0;
+      {"d", "entX", " PROT_MOCK-ADAPTER ", "lamp", true, {}, kConnected}};
+  Strings results;  // "answer" and then the results of each answer
   auto collect = [&](const std::vector<ReachabilityCheckResult>& answer) {
-    ++calls;
-    for (const auto& result : answer) {
-      results.push_back(describe(result));
-    }
+    results.push_back("answer");
+    std::transform(answer.begin(), answer.end(), std::back_inserter(results), describe);
   };
-  EXPECT_TRUE(checker.checkReachability({}, "manual_0", collect));
-  EXPECT_EQ(calls, 1);  // at once, without asking the driver
-  driver.refuseRequests = true;
-  EXPECT_FALSE(checker.checkReachability({requested[0]}, "manual_1", collect));
-  driver.refuseRequests = false;
-  EXPECT_TRUE(checker.checkReachability(requested, "periodic_7", collect));
-  ASSERT_EQ(driver.calls, (Strings{"get manual_1", "get periodic_7"}));
-  EXPECT_EQ(calls, 1);
-  driver.pending.at(0)(devices);
-  EXPECT_EQ(calls, 2);
-  std::sort(results.begin(), results.end());
-  EXPECT_EQ(results, (Strings{"a entA PROT_WIFI-ADAPTER true [Power/;] 0",
-                              "b entB PROT_WIFI-ADAPTER false [Power/;] 2",
-                              "c entC2 PROT_CHIP-ADAPTER false [Color/rgb;] 2",
-                              "d entD2 PROT_LOCALSKILLS-ADAPTER false [Color/rgb;] 1"}));
   const std::string check = "[checkReachability]: ";
+  EXPECT_TRUE(checker.checkReachability({}, "m0", collect));
+  EXPECT_EQ(results, Strings{"answer"});  // at once, without asking the driver
+  EXPECT_EQ(takeLines().back(), line(3, check + "reason=noEndpointsToCheck"));
+  refuse = "get";
+  EXPECT_FALSE(checker.checkReachability({requested[0]}, "m1", collect));
+  EXPECT_EQ(takeLines().back(), line(6, check + "requestId=m1 reason=getReachableDevicesFailed"));
+  refuse = "";
+  EXPECT_TRUE(checker.checkReachability(requested, "p", collect));
+  ASSERT_EQ(calls, (Strings{"get m1", "get p"}));
+  pending.back()(devices);
+  std::sort(results.begin(), results.end());
+  EXPECT_EQ(results,
+            (Strings{"a entA PROT_WIFI-ADAPTER +1 Power/", "answer", "answer",
+                     "b entB PROT_WIFI-ADAPTER -2 Power/", "c entC2 PROT_CHIP-ADAPTER +1 Color/",
+                     "d entD2 PROT_LOCALSKILLS-ADAPTER -1 Color/rgb"}));
   const std::string unsupported = "[updateResultWithDiscoveredDevice]: endpointId=";
   EXPECT_EQ(
       takeLines(),
-      (Lines{line(3, check + "details=requestId=manual_0 count=0"),
-             line(3, check + "reason=noEndpointsToCheck"),
-             line(3, check + "details=requestId=manual_1 count=1\n   a -> entA"),
-             line(6, check + "requestId=manual_1 reason=getReachableDevicesFailed"),
-             line(3, check + "details=requestId=periodic_7 count=5\n   a -> entA\n"
+      (Lines{line(3, check + "details=requestId=p count=5\n   a -> entA\n"
                              "   b -> entB\n   c -> entC\n   c -> entC2\n   d -> entD"),
-             line(4, check + "requestId=periodic_7 status=requestSent"),
+             line(4, check + "requestId=p status=requestSent"),
              line(3, unsupported + "b adapterName=prot_wifi-adapter reason=unsupportedAdapter"),
              line(3, unsupported + "d adapterName= PROT_MOCK-ADAPTER  reason=unsupportedAdapter"),
-             line(4,
-                  "[processDiscoveredDevices]: requestId=periodic_7 deviceCount=6 "
-                  "resultCount=4")}));
-  for (const char* name :
-       {"PROT_ZIGBEE-ADAPTER", "PROT_WIFI-ADAPTER", "PROT_LOCALSKILLS-ADAPTER", "PROT_CHIP-ADAPTER",
-        "PROT_BLE-ADAPTER", "PROT_BLE_MESH-ADAPTER", "PROT_MOCK-ADAPTER"}) {
+             line(4, "[processDiscoveredDevices]: requestId=p deviceCount=7 resultCount=4")}));
+  for (const char* name : {"PROT_ZIGBEE-ADAPTER", "PROT_BLE-ADAPTER", "PROT_MOCK-ADAPTER"}) {
     EXPECT_TRUE(checker.isSupportedAdapter(name)) << name;
   }
 }
 
 TEST_F(CheckerTest, IdIsRegisteredOnlyWhileTheDriverHoldsTheSubscription) {
-  auto noop = [](const ReachabilityCheckResult&) {};
   const std::string reg = "[registerReachabilityUpdateCallback]: ";
   const std::string unreg = "[unregisterReachabilityUpdateCallback]: ";
-
-  EXPECT_FALSE(checker.registerReachabilityUpdateCallback("", nullptr));
-  EXPECT_FALSE(checker.registerReachabilityUpdateCallback("cb", nullptr));
-  EXPECT_FALSE(checker.unregisterReachabilityUpdateCallback(""));
-  EXPECT_FALSE(checker.unregisterReachabilityUpdateCallback("cb"));
-  EXPECT_EQ(
-      takeLines(),
-      (Lines{
-          line(3, reg + "callbackId="), line(6, "[validateCallbackParams]: reason=emptyCallbackId"),
-          line(3, reg + "callbackId=cb"), line(6, "[validateCallbackParams]: reason=nullCallback"),
-          line(3, unreg + "callbackId="), line(6, unreg + "reason=emptyCallbackId"),
-          line(3, unreg + "callbackId=cb"),
-          line(5, unreg + "reason=callbackNotFound callbackId=cb")}));
-
-  driver.refuseSubscriptions = true;
-  EXPECT_FALSE(checker.registerReachabilityUpdateCallback("cb", noop));
-  driver.refuseSubscriptions = false;
-  EXPECT_TRUE(checker.registerReachabilityUpdateCallback("cb", noop));
-  driver.refuseUnsubscriptions = true;
-  EXPECT_FALSE(checker.unregisterReachabilityUpdateCallback("cb"));
-  EXPECT_FALSE(checker.registerReachabilityUpdateCallback("cb", noop));
-  driver.refuseUnsubscriptions = false;
-  EXPECT_TRUE(checker.unregisterReachabilityUpdateCallback("cb"));
-
+  const ApplianceDriverReachabilityChecker::UpdateCallback noop = [](const auto&) {};
+  // Steps register `id` (with `noop` or none) or unregister it, the driver refusing `refused`.
+  using Step = std::tuple<std::string, const char*, const char*, bool, int, std::string>;
+  for (const auto& [operation, id, refused, expected, priority, text] : std::vector<Step>{
+           {"register", "", "", false, 6, "[validateCallbackParams]: reason=emptyCallbackId"},
+           {"registerNull", "c", "", false, 6, "[validateCallbackParams]: reason=nullCallback"},
+           {"unregister", "", "", false, 6, unreg + "reason=emptyCallbackId"},
+           {"unregister", "c", "", false, 5, unreg + "reason=callbackNotFound callbackId=c"},
+           {"register", "c", "subscribe", false, 6, reg + "callbackId=c reason=subscriptionFailed"},
+           {"register", "c", "", true, 4, reg + "callbackId=c status=registered"},
+           {"unregister", "c", "unsubscribe", false, 5,
+            unreg + "callbackId=c reason=unsubscriptionFailed"},
+           {"register", "c", "", false, 5, reg + "reason=duplicateCallbackId"},
+           {"unregister", "c", "", true, 4, unreg + "callbackId=c status=unregistered"}}) {
+    refuse = refused;
+    const bool registering = operation != "unregister";
+    const bool done = registering ? checker.registerReachabilityUpdateCallback(
+                                        id, operation == "register" ? noop : nullptr)
+                                  : checker.unregisterReachabilityUpdateCallback(id);
+    EXPECT_EQ(done, expected) << text;
+    EXPECT_EQ(takeLines(), (Lines{line(3, (registering ? reg : unreg) + "callbackId=" + id),
+                                  line(priority, text)}));
+  }
   // The id is recorded once the driver accepts and kept until it cancels.
-  EXPECT_EQ(driver.calls, (Strings{"subscribe cb", "subscribe cb", "unsubscribe cb registered",
-                                   "unsubscribe cb registered"}));
-  EXPECT_EQ(takeLines(4), (Lines{line(6, reg + "callbackId=cb reason=subscriptionFailed"),
-                                 line(4, reg + "callbackId=cb status=registered"),
-                                 line(5, unreg + "callbackId=cb reason=unsubscriptionFailed"),
-                                 line(5, reg + "reason=duplicateCallbackId"),
-                                 line(4, unreg + "callbackId=cb status=unregistered")}));
+  EXPECT_EQ(calls, (Strings{"subscribe c", "subscribe c", "unsubscribe c+", "unsubscribe c+"}));
 }
 
-TEST_F(CheckerTest, OnlyConnectivityEventsReachTheCallback) {
+TEST_F(CheckerTest, DefaultCheckerPassesOnlyConnectivityEventsWhileOtherIdsComeAndGo) {
+  ApplianceDriverReachabilityChecker supplied(*this);
+  ApplianceDriverReachabilityChecker processWide;
+  const std::string init = "[ApplianceDriverReachabilityChecker]: status=initialized ";
+  EXPECT_EQ(takeLines(),
+            (Lines{line(4, init + "usingSingleton=false"), line(4, init + "usingSingleton=true")}));
+  auto& driver = applianceDriver::getSimulatedApplianceDriver();
   Strings received;
-  ASSERT_TRUE(checker.registerReachabilityUpdateCallback(
+  ASSERT_TRUE(processWide.registerReachabilityUpdateCallback(
       "cb", [&](const ReachabilityCheckResult& result) { received.push_back(describe(result)); }));
-  const std::string health = "Veyra.EndpointHealth";
-  const std::string label = "[stateChangeCallback]: ";
   takeLines();
-  driver.fire({"e0", health, "", "connectivity", "OK"});
+  driver.publishStateChange({"e0", kHealth, "", "connectivity", "OK"});
+  driver.publishStateChange({"e1", "Veyra.PowerController", "", "connectivity", "OK"});
+  ASSERT_TRUE(driver.waitUntilIdle(std::chrono::seconds(5)));
+  const std::string label = "[stateChangeCallback]: ";
   EXPECT_EQ(takeLines(), (Lines{line(3, label + "endpointId=e0 namespace=Veyra.EndpointHealth "
                                                 "propertyName=connectivity value=OK"),
                                 line(4, label + "endpointId=e0 isReachable=true "
-                                                "action=invokingCallback")}));
-  driver.fire({"e1", "Veyra.PowerController", "", "connectivity", "OK"});
-  EXPECT_EQ(takeLines().back(), line(3, label + "reason=notConnectivityEvent"));
-  driver.fire({"e2", health, "", "Connectivity", "OK"});
-  driver.fire({"e3", health, "", "connectivity", R"({"value":"OK","since":3})"});
-  driver.fire({"e4", health, "", "connectivity", "ok"});
-  driver.fire({"e5", health, "", "connectivity", " OK "});
-  driver.fire({"e6", health, "", "connectivity", "UNREACHABLE"});
-  EXPECT_EQ(received, (Strings{"e0   true [] 2", "e3   true [] 2", "e4   false [] 2",
-                               "e5   false [] 2", "e6   false [] 2"}));
-  EXPECT_EQ(takeLines(4).back(),
-            line(4, label + "endpointId=e6 isReachable=false action=invokingCallback"));
-}
+                                                "action=invokingCallback"),
+                                line(3, label + "endpointId=e1 namespace=Veyra.PowerController "
+                                                "propertyName=connectivity value=OK"),
+                                line(3, label + "reason=notConnectivityEvent")}));
 
-TEST_F(CheckerTest, DefaultCheckerUsesTheProcessWideDriver) {
-  ApplianceDriverReachabilityChecker supplied(driver);
-  ApplianceDriverReachabilityChecker processWide;
-  const std::string label = "[ApplianceDriverReachabilityChecker]: status=initialized ";
-  EXPECT_EQ(takeLines(), (Lines{line(4, label + "usingSingleton=false"),
-                                line(4, label + "usingSingleton=true")}));
-  auto& shared = applianceDriver::getSimulatedApplianceDriver();
-  const std::size_t before = shared.subscriptionCount();
-  ASSERT_TRUE(processWide.registerReachabilityUpdateCallback("processWide", [](const auto&) {}));
-  EXPECT_EQ(shared.subscriptionCount(), before + 1);
-  EXPECT_TRUE(processWide.unregisterReachabilityUpdateCallback("processWide"));
-  EXPECT_EQ(shared.subscriptionCount(), before);
-}
-
-TEST_F(CheckerTest, RegistrationsAndEventsOnSeveralThreadsKeepTheIdSetConsistent) {
+  // Other ids come and go on two threads while the driver's thread delivers.
   LogRecorder::instance().setDiscard(true);
   auto churn = [&](const std::string& prefix) {
     for (int i = 0; i < 200; ++i) {
       const std::string id = prefix + std::to_string(i);
-      EXPECT_TRUE(checker.registerReachabilityUpdateCallback(id, [](const auto&) {}));
-      driver.fire({"ep", "Veyra.EndpointHealth", "", "connectivity", "OK"});
-      EXPECT_TRUE(checker.unregisterReachabilityUpdateCallback(id));
+      EXPECT_TRUE(processWide.registerReachabilityUpdateCallback(id, [](const auto&) {}));
+      driver.publishStateChange({"ep", kHealth, "", "Connectivity", "OK"});
+      EXPECT_TRUE(processWide.unregisterReachabilityUpdateCallback(id));
     }
   };
   std::thread other(churn, "a");
+  for (const char* value : {R"({"value":"OK"})", "ok", " OK "}) {
+    driver.publishStateChange({value, kHealth, "", "connectivity", value});
+  }
   churn("b");
   other.join();
+  EXPECT_TRUE(driver.waitUntilIdle(std::chrono::seconds(5)));
   LogRecorder::instance().setDiscard(false);
-  EXPECT_TRUE(driver.subscriptions.empty());
-  EXPECT_FALSE(checker.isCallbackIdRegistered("a0") || checker.isCallbackIdRegistered("b199"));
+  EXPECT_EQ(driver.subscriptionCount(), 1U);
+  EXPECT_FALSE(processWide.isCallbackIdRegistered("b199"));
+  EXPECT_TRUE(processWide.unregisterReachabilityUpdateCallback("cb"));
+  EXPECT_EQ(received, (Strings{"e0   +2", R"({"value":"OK"}   +2)", "ok   -2", " OK    -2"}));
 }
 
 }  // namespace

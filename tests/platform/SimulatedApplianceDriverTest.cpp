@@ -2,10 +2,11 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
+#include <chrono>
 #include <functional>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "PlatformTestSupport.h"
@@ -14,136 +15,107 @@ namespace veranda::applianceDriver {
 namespace {
 
 using platformTesting::Journal;
-using platformTesting::kTimeout;
-using platformTesting::spinUntil;
 using std::chrono::milliseconds;
 using Devices = std::vector<DiscoveredDevice>;
 
-DiscoveredDevice device(const std::string& endpointId, bool reachable) {
-  return {endpointId, "entity-" + endpointId,        "PROT_ZIGBEE-ADAPTER",         "",
-          reachable,  {{"PowerController", "main"}}, ApplianceDriverType::CONNECTED};
+DiscoveredDevice device(const std::string& id, bool reachable) {
+  return {id, "", "", "", reachable, {}, {}};
 }
 
-// Adds "<tag>:" followed by each device's entity id and + or - for its flag.
+// Adds "<tag>:" followed by each device's endpoint id and + or - for its flag.
 std::function<void(const Devices&)> answer(Journal& journal, const std::string& tag) {
   return [&journal, tag](const Devices& devices) {
     std::string text = tag + ":";
-    for (const DiscoveredDevice& found : devices) {
-      text += found.entityId + (found.isReachable ? "+" : "-");
+    for (const auto& found : devices) {
+      text += found.endpointId + (found.isReachable ? "+" : "-");
     }
     journal.add(text);
   };
 }
 
-// Adds "<tag>:<endpoint> <namespace>/<property>=<value>".
-std::function<void(const StateChangeEvent&)> events(Journal& journal, const std::string& tag) {
-  return [&journal, tag](const StateChangeEvent& change) {
-    journal.add(tag + ":" + change.endpointId + " " + change.namespace_ + "/" +
-                change.propertyName + "=" + change.value);
-  };
-}
-
 TEST(SimulatedApplianceDriverTest, AnswersComeByDueTimeWithTheHomeAtDeliveryUntilShutdown) {
-  SimulatedApplianceDriver driver;
   Journal journal;
+  SimulatedApplianceDriver driver;
   driver.upsertDevice(device("b", false));
-  driver.upsertDevice(device("a", true));
   driver.upsertDevice(device("c", true));
   EXPECT_TRUE(driver.removeDevice("c"));
   driver.setRefuseRequests(true);
   EXPECT_FALSE(driver.getReachableDevices("r", answer(journal, "refused")));
   driver.setRefuseRequests(false);
-  std::atomic<bool> release{false};
   ASSERT_TRUE(driver.getReachableDevices("r", [&](const Devices& devices) {
     answer(journal, "held")(devices);
-    spinUntil([&] { return release.load(); });
+    journal.waitFor("go");
   }));
   const auto start = std::chrono::steady_clock::now();
-  driver.setAnswerLatency(milliseconds(400));
-  ASSERT_TRUE(driver.getReachableDevices("r", answer(journal, "slow")));
-  driver.setRandomSeed(7);
-  driver.setAnswerLatency(milliseconds(0), milliseconds(20));
-  ASSERT_TRUE(driver.getReachableDevices("r", answer(journal, "fast")));
-  driver.setAnswerLatency(std::chrono::hours(1));
-  ASSERT_TRUE(driver.getReachableDevices("r", answer(journal, "dropped")));
-  ASSERT_EQ(journal.waitFor(1), "held:entity-a+entity-b-");  // the driver's thread is held in it
+  for (const auto& [tag, minimum, maximum] : std::vector<std::tuple<const char*, int, int>>{
+           {"slow", 400, 400}, {"fast", 0, 20}, {"dropped", 3600000, 3600000}}) {
+    driver.setAnswerLatency(milliseconds(minimum), milliseconds(maximum));
+    ASSERT_TRUE(driver.getReachableDevices("r", answer(journal, tag)));
+  }
+  journal.waitFor("held:b-");  // the driver's thread is held in it
   EXPECT_TRUE(driver.setReachable("b", true));
   EXPECT_FALSE(driver.waitUntilIdle(milliseconds(20)));
-  release = true;
-  const std::string delivered =
-      "held:entity-a+entity-b- fast:entity-a+entity-b+ slow:entity-a+entity-b+";
-  EXPECT_EQ(journal.waitFor(3), delivered);
+  journal.add("go");
+  EXPECT_EQ(journal.waitFor("slow:b+"), "held:b- go fast:b+ slow:b+");
   EXPECT_GE(std::chrono::steady_clock::now() - start, milliseconds(400));
 
   driver.shutdown();
   EXPECT_EQ(driver.pendingAnswers(), 0U);
   EXPECT_FALSE(driver.getReachableDevices("r", answer(journal, "late")));
   EXPECT_EQ(driver.acceptedRequests(), 4U);
-  EXPECT_EQ(journal.waitFor(0), delivered);
+  EXPECT_EQ(journal.waitFor("slow:b+"), "held:b- go fast:b+ slow:b+");
 }
 
-TEST(SimulatedApplianceDriverTest, ConnectivityChangesReachSubscriptionsThatMayReenterTheDriver) {
-  SimulatedApplianceDriver driver;
+TEST(SimulatedApplianceDriverTest, ChangesReachSubscriptionsThatMayReenterTheDriverOrLeave) {
   Journal journal;
   Journal answers;
-  auto reentering = [&](const StateChangeEvent& change) {
-    journal.add("s1:" + change.value);
+  SimulatedApplianceDriver driver;
+  auto s0 = [&](const StateChangeEvent& change) {
+    journal.add("s0:" + change.value);
+    EXPECT_TRUE(driver.unsubscribeStateChanges("s0"));  // leaves from its own callback
+  };
+  // Re-enters the driver on its first event; on the next, held until the test unsubscribes it.
+  auto s1 = [&](const StateChangeEvent& change) {
+    journal.add("s1:" + change.endpointId + " " + change.namespace_ + "/" + change.propertyName +
+                "=" + change.value);
     if (change.value == "UNREACHABLE") {
       EXPECT_TRUE(driver.getReachableDevices("r", answer(answers, "answer")));
       driver.setJsonConnectivityValues(true);
       driver.upsertDevice(device("a", true));  // a replacement with another flag
-    } else {
-      EXPECT_TRUE(driver.unsubscribeStateChanges("s1"));
+      return;
     }
+    const auto until = std::chrono::steady_clock::now() + platformTesting::kTimeout;
+    while (driver.subscriptionCount() != 0 && std::chrono::steady_clock::now() < until) {
+      std::this_thread::yield();
+    }
+    journal.add("s1:returned");
   };
   driver.upsertDevice(device("a", true));
-  ASSERT_TRUE(driver.subscribeStateChanges({}, "s1", reentering, nullptr));
-  ASSERT_TRUE(driver.subscribeStateChanges({"other"}, "s2", events(journal, "s2"), nullptr));
+  ASSERT_TRUE(driver.subscribeStateChanges({}, "s0", s0, nullptr));
+  ASSERT_TRUE(driver.subscribeStateChanges({"other"}, "s1", s1, nullptr));
+  EXPECT_FALSE(driver.subscribeStateChanges({}, "s1", s0, nullptr));  // a duplicate id
+  driver.setRefuseSubscriptions(true);
+  EXPECT_FALSE(driver.subscribeStateChanges({}, "s2", s0, nullptr));
   driver.upsertDevice(device("new", false));    // a new device is no change
   EXPECT_TRUE(driver.setReachable("a", true));  // nor is the same flag
   EXPECT_TRUE(driver.setReachable("a", false));
-  ASSERT_TRUE(driver.waitUntilIdle(kTimeout));
-  EXPECT_EQ(journal.waitFor(0),
-            "s1:UNREACHABLE s2:a Veyra.EndpointHealth/connectivity=UNREACHABLE s1:\"OK\" "
-            "s2:a Veyra.EndpointHealth/connectivity=\"OK\"");
-  EXPECT_EQ(driver.subscriptionCount(), 1U);
+  journal.waitFor("s1:a Veyra.EndpointHealth/connectivity=\"OK\"");
+  driver.setRefuseUnsubscriptions(true);
+  EXPECT_FALSE(driver.unsubscribeStateChanges("s1"));
+  driver.setRefuseUnsubscriptions(false);
+  EXPECT_TRUE(driver.unsubscribeStateChanges("s1"));  // waits for the held delivery
+  journal.add("unsubscribed");
+  driver.publishStateChange({"a", "Ns", "inst", "prop", "after"});
+  ASSERT_TRUE(driver.waitUntilIdle(platformTesting::kTimeout));
+  EXPECT_EQ(journal.waitFor("unsubscribed"),
+            "s0:UNREACHABLE s1:a Veyra.EndpointHealth/connectivity=UNREACHABLE "
+            "s1:a Veyra.EndpointHealth/connectivity=\"OK\" s1:returned unsubscribed");
 
   ASSERT_TRUE(driver.getReachableDevices("r", [&](const Devices&) {
     driver.shutdown();  // on the driver's own thread
     answers.add("shutDown");
   }));
-  EXPECT_EQ(answers.waitFor(2), "answer:entity-a+entity-new- shutDown");
-}
-
-TEST(SimulatedApplianceDriverTest, UnsubscribeStopsDeliveryAndWaitsForARunningCallback) {
-  SimulatedApplianceDriver driver;
-  Journal journal;
-  std::atomic<bool> release{false};
-  std::atomic<bool> unsubscribed{false};
-  auto holding = [&](const StateChangeEvent& change) {
-    journal.add("s1:" + change.value);
-    spinUntil([&] { return release.load(); });
-    journal.add(unsubscribed ? "s1:overlapped" : "s1:returned");
-  };
-  ASSERT_TRUE(driver.subscribeStateChanges({}, "s1", holding, nullptr));
-  ASSERT_TRUE(driver.subscribeStateChanges({}, "s2", events(journal, "s2"), nullptr));
-  EXPECT_FALSE(driver.subscribeStateChanges({}, "s1", events(journal, "duplicate"), nullptr));
-  driver.setRefuseSubscriptions(true);
-  EXPECT_FALSE(driver.subscribeStateChanges({}, "s3", events(journal, "refused"), nullptr));
-  driver.publishStateChange({"a", "Ns", "inst", "prop", "held"});
-  ASSERT_EQ(journal.waitFor(1), "s1:held");
-  std::thread other([&] {
-    EXPECT_TRUE(driver.unsubscribeStateChanges("s1"));
-    unsubscribed = true;
-  });
-  spinUntil([&] { return driver.subscriptionCount() == 1; });
-  release = true;
-  other.join();
-  driver.setRefuseUnsubscriptions(true);
-  EXPECT_FALSE(driver.unsubscribeStateChanges("s2"));
-  driver.publishStateChange({"a", "Ns", "inst", "prop", "after"});
-  ASSERT_TRUE(driver.waitUntilIdle(kTimeout));
-  EXPECT_EQ(journal.waitFor(0), "s1:held s1:returned s2:a Ns/prop=held s2:a Ns/prop=after");
+  EXPECT_EQ(answers.waitFor("shutDown"), "answer:a+new- shutDown");
 }
 
 }  // namespace

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
@@ -13,82 +13,62 @@ namespace veranda {
 namespace {
 
 using platformTesting::Journal;
-using platformTesting::spinUntil;
 using std::chrono::milliseconds;
-using Clock = std::chrono::steady_clock;
 
-std::shared_ptr<TaskExecutor> makeExecutor() { return TaskExecutor::create(nullptr, nullptr); }
-
-// A task that adds `entry` to `journal`.
-std::function<void()> step(Journal& journal, const std::string& entry) {
-  return [&journal, entry] { journal.add(entry); };
-}
-
-TEST(TaskExecutorTest, RunsImmediateTasksInPostingOrderAndDelayedOnesByDueTime) {
+TEST(TaskExecutorTest, RunsTasksByDueTimeThenPostingOrderAndDropsOnlyThoseNotStarted) {
   Journal journal;
-  std::atomic<bool> release{false};
-  auto executor = makeExecutor();
-  executor->post([&] { spinUntil([&] { return release.load(); }); });
-  executor->post([&] {
-    journal.add("a");
-    executor->post(step(journal, "f"));  // tasks may post
-  });
-  executor->post(step(journal, "b"));
-  // Delays of zero or less mean now: these keep posting order with plain posts.
-  executor->postDelayed(step(journal, "c"), milliseconds(0));
-  executor->post(step(journal, "d"));
-  executor->postDelayed(step(journal, "e"), milliseconds(-5));
-  const Clock::time_point start = Clock::now();
-  executor->postDelayed(step(journal, "k"), milliseconds(400));
-  executor->postDelayed(step(journal, "g"), milliseconds(200));
-  for (const char* entry : {"h", "i", "j"}) {  // equal delays keep posting order
-    executor->postDelayed(step(journal, entry), milliseconds(300));
-  }
-  release = true;
-  EXPECT_EQ(journal.waitFor(11), "a b c d e f g h i j k");
-  EXPECT_GE(Clock::now() - start, milliseconds(400));
-}
+  auto add = [&](const std::string& entry) { return [&journal, entry] { journal.add(entry); }; };
+  // A task that adds `entry`, waits for `release`, and adds `entry` + "Done".
+  auto held = [&](const std::string& entry, const std::string& release) {
+    return [&journal, entry, release] {
+      journal.add(entry);
+      journal.waitFor(release);
+      journal.add(entry + "Done");
+    };
+  };
+  auto executor = TaskExecutor::create(nullptr, nullptr);
+  executor->post(held("first", "go"));
+  journal.waitFor("first");
+  executor->post(add("!"));
+  executor->postDelayed(add("!"), milliseconds(1));
+  executor->removeCallbacksAndMessages();             // drops those two, not the running task
+  executor->post([&] { executor->post(add("f")); });  // tasks may post
+  executor->post(add("b"));
+  executor->postDelayed(add("c"), milliseconds(0));  // zero or less means now
+  executor->post(add("d"));
+  executor->postDelayed(add("e"), milliseconds(-5));
+  const auto start = std::chrono::steady_clock::now();
+  executor->postDelayed(add("k"), milliseconds(400));
+  executor->postDelayed(add("g"), milliseconds(200));
+  executor->postDelayed(add("h"), milliseconds(300));  // equal delays keep posting order
+  executor->postDelayed(add("i"), milliseconds(300));
+  executor->postDelayed(add("j"), milliseconds(300));
+  journal.add("go");
+  EXPECT_EQ(journal.waitFor("k"), "first go firstDone b c d e f g h i j k");
+  EXPECT_GE(std::chrono::steady_clock::now() - start, milliseconds(400));
 
-TEST(TaskExecutorTest, RemovingAndDestroyingDropPendingTasksButNotTheRunningOne) {
-  Journal journal;
-  std::atomic<bool> release{false};
-  auto pending = std::make_shared<int>(0);
-  std::weak_ptr<int> watch = pending;
-  auto executor = makeExecutor();
-  executor->post([&] {
-    journal.add("first");
-    spinUntil([&] { return release.load(); });
-    journal.add("firstDone");
-  });
-  executor->post(step(journal, "!"));
-  executor->postDelayed(step(journal, "!"), milliseconds(1));
-  ASSERT_EQ(journal.waitFor(1), "first");
-  executor->removeCallbacksAndMessages();
-  release = true;
-  executor->post([&] {
-    journal.add("second");
-    spinUntil([&] { return watch.expired(); });  // only dropping the pending task ends this
-    journal.add(watch.expired() ? "secondDone" : "timedOut");
-  });
-  executor->post([&journal, pending] { journal.add("!"); });
-  pending.reset();
-  ASSERT_EQ(journal.waitFor(3), "first firstDone second");
-  executor.reset();  // waits for the running task
-  EXPECT_EQ(journal.waitFor(0), "first firstDone second secondDone");
+  executor->post(held("last", "dropped"));
+  // Adds "dropped" once the task holding it is destroyed.
+  std::shared_ptr<void> notice(nullptr, [&journal](void*) { journal.add("dropped"); });
+  executor->post([&journal, notice] { journal.add("!"); });
+  notice.reset();
+  journal.waitFor("last");
+  executor.reset();  // drops the pending task and waits for the running one
+  EXPECT_EQ(journal.waitFor("dropped"),
+            "first go firstDone b c d e f g h i j k last dropped lastDone");
 }
 
 TEST(TaskExecutorTest, LastReferenceDroppedInsideATaskDoesNotDeadlock) {
   auto journal = std::make_shared<Journal>();
-  auto go = std::make_shared<std::atomic<bool>>(false);
-  auto executor = makeExecutor();
-  executor->post([self = executor, journal, go]() mutable {
-    spinUntil([&] { return go->load(); });
+  auto executor = TaskExecutor::create(nullptr, nullptr);
+  executor->post([self = executor, journal]() mutable {
+    journal->waitFor("released");
     self.reset();  // the executor is destroyed here, on its own worker
     journal->add("destroyed");
   });
   executor.reset();
-  *go = true;
-  EXPECT_EQ(journal->waitFor(1), "destroyed");
+  journal->add("released");
+  EXPECT_EQ(journal->waitFor("destroyed"), "released destroyed");
 }
 
 }  // namespace
