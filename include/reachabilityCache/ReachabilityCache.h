@@ -37,22 +37,20 @@ class ReachabilityUpdater;
 // cache is destroyed; the cache does not cancel checks that are under way.
 // With ApplianceDriverReachabilityChecker, stop the driver's pending answers
 // before destroying the cache (SimulatedApplianceDriver::shutdown() on a host
-// build), or wait until every check it started has been answered. The
-// provider and the checker must outlive the cache, and a listener must not
-// destroy the cache it listens to.
+// build). The provider and the driver must outlive the cache, and a listener
+// must not destroy the cache it listens to.
 class REACHABILITY_CACHE_EXPORT ReachabilityCache {
  public:
   // Filled by the host; the library has no defaults of its own.
   struct Config {
     std::size_t maxCacheSize;  // most entities the cache holds; new ones are refused beyond
     std::chrono::seconds updateInterval;  // period of the refresh cycle
-    bool enablePeriodicUpdates;  // starts periodic and event-driven refresh
-    std::shared_ptr<IReachabilityChecker> reachabilityChecker;
+    bool enablePeriodicUpdates;           // starts periodic and event-driven refresh
+    std::shared_ptr<IReachabilityChecker> reachabilityChecker;  // null: no check ever starts
   };
 
-  using ReachabilityListener =
-      std::function<void(const std::string& endpointId, const std::string& entityId,
-                         bool isReachable)>;
+  using ReachabilityListener = std::function<void(const std::string& endpointId,
+                                                  const std::string& entityId, bool isReachable)>;
 
   // `chrProvider` is borrowed and may be null (then periodic cycles stop at the
   // first one). `config` is copied; later changes to it have no effect.
@@ -71,9 +69,9 @@ class REACHABILITY_CACHE_EXPORT ReachabilityCache {
   virtual bool isCapabilityReachable(const std::string& entityId,
                                      const CapabilityKey& capabilityKey) const;
   // True when an endpoint of the entity holds the capability from `driverType`.
-  virtual bool isCapabilityReachableByDriver(
-      const std::string& entityId, const CapabilityKey& capabilityKey,
-      applianceDriver::ApplianceDriverType driverType) const;
+  virtual bool isCapabilityReachableByDriver(const std::string& entityId,
+                                             const CapabilityKey& capabilityKey,
+                                             applianceDriver::ApplianceDriverType driverType) const;
   // The entity's earliest stored endpoint id; empty when unknown.
   virtual std::string getEndpointIdForEntity(const std::string& entityId) const;
   // The entity (without prefix) the endpoint was last stored under; empty when unknown.
