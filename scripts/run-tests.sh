@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Sets everything up (apt packages included) and runs every test the project
 # has, as CI does:
+#   - the formatting check (clang-format);
 #   - the suite in a normal build, with AddressSanitizer + UndefinedBehavior-
 #     Sanitizer, and with ThreadSanitizer;
 #   - the simulator's default home under AddressSanitizer;
@@ -30,6 +31,11 @@ preset() {
   ctest --preset "$1"
 }
 
+format() {
+  git ls-files '*.h' '*.cpp' | xargs clang-format --dry-run -Werror
+}
+
+step "clang-format" format
 step "normal build" preset dev
 if [ "${1:-}" = "--quick" ]; then
   exit 0

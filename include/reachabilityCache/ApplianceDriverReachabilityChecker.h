@@ -45,8 +45,7 @@ class REACHABILITY_CACHE_EXPORT ApplianceDriverReachabilityChecker : public IRea
   ~ApplianceDriverReachabilityChecker() override;
 
   ApplianceDriverReachabilityChecker(const ApplianceDriverReachabilityChecker&) = delete;
-  ApplianceDriverReachabilityChecker& operator=(const ApplianceDriverReachabilityChecker&) =
-      delete;
+  ApplianceDriverReachabilityChecker& operator=(const ApplianceDriverReachabilityChecker&) = delete;
 
   // Reports every requested endpoint once: reachable with the driver's data
   // when a device on a supported adapter stands behind it, otherwise

@@ -11,9 +11,8 @@
 
 namespace veranda::reachabilityCache {
 
-using DriverCapabilities =
-    std::unordered_map<applianceDriver::ApplianceDriverType, CapabilitySet,
-                       applianceDriver::ApplianceDriverTypeHash>;
+using DriverCapabilities = std::unordered_map<applianceDriver::ApplianceDriverType, CapabilitySet,
+                                              applianceDriver::ApplianceDriverTypeHash>;
 
 struct REACHABILITY_CACHE_EXPORT CachedEndpoint {
   // Files `info.capabilities` (possibly empty) under driver type 2, the type

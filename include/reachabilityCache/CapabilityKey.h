@@ -28,6 +28,7 @@ struct CapabilityKeyHash {
   }
 };
 
-using CapabilitySet = std::unordered_set<CapabilityKey, CapabilityKeyHash, std::equal_to<CapabilityKey>>;
+using CapabilitySet =
+    std::unordered_set<CapabilityKey, CapabilityKeyHash, std::equal_to<CapabilityKey>>;
 
 }  // namespace veranda::reachabilityCache

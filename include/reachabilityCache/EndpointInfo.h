@@ -17,9 +17,9 @@ struct EndpointInfo {
         adapterName(adapterName),
         capabilities(std::move(capabilities)) {}
 
-  std::string endpointId;   // the endpoint's id in the appliance driver
-  std::string entityId;     // the entity it serves; may carry the entity id prefix
-  std::string adapterName;  // the adapter that reaches it, e.g. "PROT_ZIGBEE-ADAPTER"
+  std::string endpointId;      // the endpoint's id in the appliance driver
+  std::string entityId;        // the entity it serves; may carry the entity id prefix
+  std::string adapterName;     // the adapter that reaches it, e.g. "PROT_ZIGBEE-ADAPTER"
   CapabilitySet capabilities;  // every capability, whichever driver reported it
 };
 

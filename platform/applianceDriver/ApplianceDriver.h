@@ -73,8 +73,7 @@ class IUnifiedApplianceDriver {
   // Further driver operations that the cache never calls; their default
   // bodies let a test double implement only the three operations it needs.
   virtual bool setDeviceState(const std::string& /*endpointId*/, const std::string& /*namespace_*/,
-                              const std::string& /*propertyName*/,
-                              const std::string& /*value*/) {
+                              const std::string& /*propertyName*/, const std::string& /*value*/) {
     return false;
   }
   virtual bool refreshDevice(const std::string& /*endpointId*/) { return false; }

@@ -35,8 +35,7 @@ void record(const std::vector<Dimension>& dimensions) {
 }  // namespace
 
 const std::string ReachabilityCacheMetrics::METRIC_CACHE_FULL = "ReachabilityCache.CacheFull";
-const std::string ReachabilityCacheMetrics::METRIC_INSERT_FAILED =
-    "ReachabilityCache.InsertFailed";
+const std::string ReachabilityCacheMetrics::METRIC_INSERT_FAILED = "ReachabilityCache.InsertFailed";
 const std::string ReachabilityCacheMetrics::METRIC_CHECK_FAILED = "ReachabilityCache.CheckFailed";
 const std::string ReachabilityCacheMetrics::METRIC_SUBSCRIBE_FAILED =
     "ReachabilityCache.SubscribeFailed";

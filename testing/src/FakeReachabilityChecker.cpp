@@ -9,10 +9,10 @@ using applianceDriver::ApplianceDriverType;
 
 ReachabilityCheckResult makeResult(const EndpointInfo& endpoint, bool reachable) {
   if (reachable) {
-    return {endpoint.endpointId, endpoint.entityId, endpoint.adapterName, true,
+    return {endpoint.endpointId,   endpoint.entityId,          endpoint.adapterName, true,
             endpoint.capabilities, ApplianceDriverType::NATIVE};
   }
-  return {endpoint.endpointId, endpoint.entityId, endpoint.adapterName, false, {},
+  return {endpoint.endpointId,         endpoint.entityId, endpoint.adapterName, false, {},
           ApplianceDriverType::UNKNOWN};
 }
 

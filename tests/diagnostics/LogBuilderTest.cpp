@@ -47,8 +47,7 @@ TEST(LogBuilderTest, ExtractsTheNameOfADecoratedSignature) {
                    "bool veranda::reachabilityCache::CacheCore::isEntityPresent(const "
                    "std::string&) const"),
                "isEntityPresent");
-  EXPECT_STREQ(LogBuilder::extractFunctionName("void ns::Outer::f(std::function<void(int)>)"),
-               "f");
+  EXPECT_STREQ(LogBuilder::extractFunctionName("void ns::Outer::f(std::function<void(int)>)"), "f");
   EXPECT_STREQ(LogBuilder::extractFunctionName("int g \t(int)"), "g");
   EXPECT_STREQ(LogBuilder::extractFunctionName("f<int>(x)"), "int>");
   EXPECT_STREQ(LogBuilder::extractFunctionName("~ReachabilityCache"), "~ReachabilityCache");
@@ -72,7 +71,8 @@ TEST(LogBuilderTest, CutsLongLabelsTo255Characters) {
 
 TEST(LogBuilderTest, EachThreadHasItsOwnLabelBuffer) {
   const char* mine = LogBuilder::extractFunctionName("void mine(int)");
-  std::thread other([] { EXPECT_STREQ(LogBuilder::extractFunctionName("void theirs()"), "theirs"); });
+  std::thread other(
+      [] { EXPECT_STREQ(LogBuilder::extractFunctionName("void theirs()"), "theirs"); });
   other.join();
   EXPECT_STREQ(mine, "mine");
 }

@@ -38,7 +38,8 @@ TEST_F(ReachabilityCacheMetricsTest, EachEmitRecordsExactlyOneMetricWithItsDimen
   const std::string routing = " program=762veg6l source=nlef/2/03330473";
   const std::vector<LogLine> expected = {
       {4, "Veranda-Metric", "[Metric]: metricName=ReachabilityCache.CacheFull maxSize=0" + routing},
-      {4, "Veranda-Metric", "[Metric]: metricName=ReachabilityCache.InsertFailed reason=" + routing},
+      {4, "Veranda-Metric",
+       "[Metric]: metricName=ReachabilityCache.InsertFailed reason=" + routing},
       {4, "Veranda-Metric",
        "[Metric]: metricName=ReachabilityCache.CheckFailed updateType=manual "
        "reason=checkStartFailed" +
