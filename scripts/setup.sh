@@ -6,7 +6,7 @@
 set -euo pipefail
 
 packages=(
-  cmake ninja-build g++ clang llvm libclang-rt-14-dev pkgconf
+  cmake ninja-build g++ clang clang-format llvm libclang-rt-14-dev pkgconf
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   android-liblog-dev nlohmann-json3-dev
   valgrind
