@@ -77,7 +77,9 @@ void LogBuilder::beginField(const char* key) {
 // Text goes straight into the stream's buffer: formatted insertion would add
 // only a sentry and a field-width check per piece, and the builder never sets
 // a width, so the line is the same.
-void LogBuilder::append(const char* text) { stream_.rdbuf()->sputn(text, std::strlen(text)); }
+void LogBuilder::append(const char* text) {
+  stream_.rdbuf()->sputn(text, static_cast<std::streamsize>(std::strlen(text)));
+}
 
 void LogBuilder::append(char character) { stream_.rdbuf()->sputc(character); }
 

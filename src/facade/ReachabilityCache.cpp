@@ -89,7 +89,7 @@ EndpointInfo ReachabilityCache::getPreferredEndpoint(const std::string& entityId
                                       .d("action", "getPreferredEndpoint")
                                       .d("entityId", entityId.c_str())
                                       .d("reason", "noEndpointsFound"));
-    return EndpointInfo("", "", "", {});
+    return {"", "", "", {}};
   }
   for (EndpointInfo& endpoint : endpoints) {
     if (endpoint.adapterName == preferredAdapter) {

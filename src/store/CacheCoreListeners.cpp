@@ -10,8 +10,10 @@ namespace veranda::reachabilityCache {
 
 using commonLog::LogBuilder;
 
-bool CacheCore::registerReachabilityListener(const std::string& listenerId,
-                                             ReachabilityListener callback) {
+bool CacheCore::registerReachabilityListener(
+    const std::string& listenerId,
+    // NOLINTNEXTLINE(performance-unnecessary-value-param): the table takes ownership.
+    ReachabilityListener callback) {
   MutexLock lock(listenerMutex);
   // try_emplace leaves `callback` untouched when the id is taken.
   if (!listeners.try_emplace(listenerId, std::move(callback)).second) {
