@@ -18,6 +18,7 @@ using commonLog::LogBuilder;
 constexpr std::string_view ENTITY_ID_PREFIX = "orbt1.veyra.endpoint.";
 
 // `entityId` without one leading ENTITY_ID_PREFIX (exact, case-sensitive).
+// Operations normalise before they take the store mutex: the copy needs no lock.
 std::string normalizeEntityId(const std::string& entityId) {
   if (entityId.compare(0, ENTITY_ID_PREFIX.size(), ENTITY_ID_PREFIX) == 0) {
     return entityId.substr(ENTITY_ID_PREFIX.size());
@@ -82,11 +83,11 @@ CacheCore::~CacheCore() = default;
 // ---- Changes ----
 
 bool CacheCore::insertEndpoint(const CachedEndpoint& endpoint) {
+  const std::string entityId = normalizeEntityId(endpoint.entityId);
   MutexLock lock(storeMutex);
   if (refusedForEmptyId(endpoint)) {
     return false;
   }
-  const std::string entityId = normalizeEntityId(endpoint.entityId);
   const bool entityKnown = entityIndex.count(entityId) != 0;
   if (!entityKnown && entityIndex.size() >= maxSize_) {
     logStore(LogPriority::kWarn, LogBuilder("insertEndpoint", nullptr)
@@ -122,8 +123,8 @@ bool CacheCore::insertEndpoint(const EndpointInfo& info) {
 }
 
 bool CacheCore::removeEndpoint(const std::string& entityId, const std::string& endpointId) {
-  MutexLock lock(storeMutex);
   const std::string id = normalizeEntityId(entityId);
+  MutexLock lock(storeMutex);
   std::vector<CachedEndpoint>* endpoints = findEndpointsMutableLocked(id);
   if (endpoints == nullptr) {
     logEndpointAction(LogPriority::kDebug, "removeEndpoint", "notFound", id, endpointId);
@@ -147,8 +148,8 @@ bool CacheCore::removeEndpoint(const std::string& entityId, const std::string& e
 }
 
 bool CacheCore::removeEntity(const std::string& entityId) {
-  MutexLock lock(storeMutex);
   const std::string id = normalizeEntityId(entityId);
+  MutexLock lock(storeMutex);
   const auto entity = entityIndex.find(id);
   if (entity == entityIndex.end()) {
     // The one store line keyed "event" rather than "action"; readers match on it.
@@ -179,8 +180,8 @@ void CacheCore::clear() {
 
 bool CacheCore::clearEndpointCapabilities(const std::string& entityId,
                                           const std::string& endpointId) {
-  MutexLock lock(storeMutex);
   const std::string id = normalizeEntityId(entityId);
+  MutexLock lock(storeMutex);
   std::vector<CachedEndpoint>* endpoints = findEndpointsMutableLocked(id);
   if (endpoints == nullptr) {
     logEndpointAction(LogPriority::kDebug, "clearEndpointCapabilities", "notFound", id, endpointId);
@@ -213,8 +214,8 @@ bool CacheCore::isFull() const {
 // ---- Queries ----
 
 bool CacheCore::isEntityPresent(const std::string& entityId) const {
-  MutexLock lock(storeMutex);
   const std::string id = normalizeEntityId(entityId);
+  MutexLock lock(storeMutex);
   const bool present = findEndpointsLocked(id) != nullptr;
   logStore(LogPriority::kDebug, LogBuilder("isEntityPresent", nullptr)
                                     .d("entityId", id.c_str())
@@ -223,8 +224,8 @@ bool CacheCore::isEntityPresent(const std::string& entityId) const {
 }
 
 bool CacheCore::isEntityReachable(const std::string& entityId) const {
-  MutexLock lock(storeMutex);
   const std::string id = normalizeEntityId(entityId);
+  MutexLock lock(storeMutex);
   LogBuilder line("isEntityReachable", nullptr);
   line.d("entityId", id.c_str());
   const std::vector<CachedEndpoint>* endpoints = findEndpointsLocked(id);
@@ -244,8 +245,8 @@ bool CacheCore::isEntityReachable(const std::string& entityId) const {
 
 bool CacheCore::isCapabilityReachable(const std::string& entityId,
                                       const CapabilityKey& capabilityKey) const {
-  MutexLock lock(storeMutex);
   const std::string id = normalizeEntityId(entityId);
+  MutexLock lock(storeMutex);
   LogBuilder line("isCapabilityReachable", nullptr);
   line.d("entityId", id.c_str()).d("capability", capabilityKey.capability.c_str());
   const std::vector<CachedEndpoint>* endpoints = findEndpointsLocked(id);
@@ -271,8 +272,8 @@ bool CacheCore::isCapabilityReachable(const std::string& entityId,
 bool CacheCore::isCapabilityReachableByDriver(const std::string& entityId,
                                               const CapabilityKey& capabilityKey,
                                               ApplianceDriverType driverType) const {
-  MutexLock lock(storeMutex);
   const std::string id = normalizeEntityId(entityId);
+  MutexLock lock(storeMutex);
   LogBuilder line("isCapabilityReachableByDriver", nullptr);
   line.d("entityId", id.c_str())
       .d("capability", capabilityKey.capability.c_str())
@@ -295,8 +296,8 @@ bool CacheCore::isCapabilityReachableByDriver(const std::string& entityId,
 }
 
 std::string CacheCore::getEndpointIdForEntity(const std::string& entityId) const {
-  MutexLock lock(storeMutex);
   const std::string id = normalizeEntityId(entityId);
+  MutexLock lock(storeMutex);
   const std::vector<CachedEndpoint>* endpoints = findEndpointsLocked(id);
   std::string endpointId = endpoints == nullptr ? "" : endpoints->front().endpointId;
   logStore(LogPriority::kDebug,
@@ -319,8 +320,9 @@ std::string CacheCore::getEntityIdForEndpoint(const std::string& endpointId) con
 
 std::string CacheCore::getAdapterName(const std::string& entityId,
                                       const std::string& endpointId) const {
+  const std::string id = normalizeEntityId(entityId);
   MutexLock lock(storeMutex);
-  const std::vector<CachedEndpoint>* endpoints = findEndpointsLocked(normalizeEntityId(entityId));
+  const std::vector<CachedEndpoint>* endpoints = findEndpointsLocked(id);
   if (endpoints == nullptr) {
     return "";
   }
@@ -329,9 +331,10 @@ std::string CacheCore::getAdapterName(const std::string& entityId,
 }
 
 std::vector<EndpointInfo> CacheCore::getEndpointsForEntity(const std::string& entityId) const {
-  MutexLock lock(storeMutex);
+  const std::string id = normalizeEntityId(entityId);
   std::vector<EndpointInfo> result;
-  const std::vector<CachedEndpoint>* endpoints = findEndpointsLocked(normalizeEntityId(entityId));
+  MutexLock lock(storeMutex);
+  const std::vector<CachedEndpoint>* endpoints = findEndpointsLocked(id);
   if (endpoints == nullptr) {
     return result;
   }
