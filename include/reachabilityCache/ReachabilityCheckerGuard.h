@@ -1,0 +1,107 @@
+// A checker that stands between the cache and the host's checker so that the
+// host can tear the cache down while checks are still under way.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "reachabilityCache/EndpointInfo.h"
+#include "reachabilityCache/Export.h"
+#include "reachabilityCache/IReachabilityChecker.h"
+#include "reachabilityCache/ReachabilityCheckResult.h"
+
+namespace veranda::reachabilityCache {
+
+// Forwards every call to the checker it wraps, and wraps every callback that
+// the cache hands in, so that close() can cut the cache off from answers that
+// arrive late.
+//
+//   auto guard = std::make_shared<ReachabilityCheckerGuard>(
+//       std::make_shared<ApplianceDriverReachabilityChecker>());
+//   config.reachabilityChecker = guard;
+//   auto cache = std::make_unique<ReachabilityCache>(&provider, config);
+//   ...
+//   guard->close();  // no callback of the cache runs after this
+//   cache.reset();   // then the guard, the checker and the provider may go too
+//
+// While open, the guard changes nothing: each call reaches the wrapped checker
+// with the same arguments and its result comes back unchanged; each
+// completion and event reaches the cache on the checker's thread.
+//
+// Lifetime: a check that the wrapped checker has started holds that checker
+// (and nothing of the cache) until the checker lets go of its completion,
+// that is until the answer has arrived: a late answer from the driver still
+// finds the checker it was started on, although the host dropped every
+// reference. Destroying the guard closes it.
+//
+// Thread safety: every member may be called from any thread.
+class REACHABILITY_CACHE_EXPORT ReachabilityCheckerGuard : public IReachabilityChecker {
+ public:
+  // Hears what passes through the guard while it is open. Called on the
+  // thread the event happens on, outside the guard's lock; calls made from a
+  // completion count as a callback of the cache for close().
+  class Observer {
+   public:
+    virtual ~Observer() = default;
+    // The cache is about to start a check. In a periodic cycle this comes
+    // right after the cycle has dropped the endpoints that the provider no
+    // longer names.
+    virtual void onCheckStarting() = 0;
+    // A check's results are about to be handed to the cache.
+    virtual void onResultsArriving(const std::vector<ReachabilityCheckResult>& results) = 0;
+    // The cache has applied them: its completion has returned.
+    virtual void onResultsApplied(const std::vector<ReachabilityCheckResult>& results) = 0;
+  };
+
+  // With a null `checker` nothing starts: checks and registrations answer
+  // false.
+  explicit ReachabilityCheckerGuard(std::shared_ptr<IReachabilityChecker> checker);
+  ~ReachabilityCheckerGuard() override;
+
+  ReachabilityCheckerGuard(const ReachabilityCheckerGuard&) = delete;
+  ReachabilityCheckerGuard& operator=(const ReachabilityCheckerGuard&) = delete;
+
+  // Cuts the cache off: every completion and event that arrives later is
+  // dropped without reaching the cache, and observers hear nothing more.
+  // After it returns, no callback of the cache is running on another thread
+  // and none will start; called from inside a callback, it does not wait for
+  // itself. Call it before destroying the cache, and not while holding a lock
+  // that a listener of the cache takes. Idempotent.
+  //
+  // After close(), checkReachability() starts nothing and answers true (the
+  // check counts as started, so a periodic cycle that still runs before the
+  // cache is destroyed records no failure); its callback is never called.
+  // registerReachabilityUpdateCallback() answers false and subscribes
+  // nothing. unregisterReachabilityUpdateCallback() is still forwarded, so
+  // that the cache's teardown cancels its subscription.
+  void close();
+  bool isClosed() const;
+
+  // Adds an observer; it hears the events from the next one on. Adding the
+  // same observer twice makes it hear everything twice.
+  void addObserver(std::shared_ptr<Observer> observer);
+  // Removes one registration of the observer. Like unregistering a listener,
+  // it does not wait for a call under way on another thread.
+  void removeObserver(const Observer* observer);
+
+  // ---- IReachabilityChecker ----
+
+  bool checkReachability(
+      const std::vector<EndpointInfo>& endpoints, const std::string& requestId,
+      std::function<void(const std::vector<ReachabilityCheckResult>&)> callback) override;
+  bool registerReachabilityUpdateCallback(
+      const std::string& callbackId,
+      std::function<void(const ReachabilityCheckResult&)> callback) override;
+  bool unregisterReachabilityUpdateCallback(const std::string& callbackId) override;
+
+ private:
+  class Shared;
+  // What the wrapped callbacks need after the guard is gone: the gate and the
+  // observers.
+  std::shared_ptr<Shared> shared_;
+  std::shared_ptr<IReachabilityChecker> checker_;
+};
+
+}  // namespace veranda::reachabilityCache
