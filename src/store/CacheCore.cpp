@@ -17,15 +17,6 @@ using commonLog::LogBuilder;
 
 constexpr std::string_view ENTITY_ID_PREFIX = "orbt1.veyra.endpoint.";
 
-// `entityId` without one leading ENTITY_ID_PREFIX (exact, case-sensitive).
-// Operations normalise before they take the store mutex: the copy needs no lock.
-std::string normalizeEntityId(const std::string& entityId) {
-  if (entityId.compare(0, ENTITY_ID_PREFIX.size(), ENTITY_ID_PREFIX) == 0) {
-    return entityId.substr(ENTITY_ID_PREFIX.size());
-  }
-  return entityId;
-}
-
 // Writes "[function]: action=... entityId=... endpointId=...".
 void logEndpointAction(LogPriority priority, const char* function, const char* action,
                        const std::string& entityId, const std::string& endpointId) {
@@ -73,6 +64,14 @@ bool reachedByDriver(const CachedEndpoint& endpoint) {
 }
 
 }  // namespace
+
+// Operations normalise before they take the store mutex: the copy needs no lock.
+std::string CacheCore::normalizeEntityId(const std::string& entityId) {
+  if (entityId.compare(0, ENTITY_ID_PREFIX.size(), ENTITY_ID_PREFIX) == 0) {
+    return entityId.substr(ENTITY_ID_PREFIX.size());
+  }
+  return entityId;
+}
 
 CacheCore::CacheCore(unsigned int maxSize) : maxSize_(maxSize) {
   logStore(LogPriority::kInfo, LogBuilder("CacheCore", nullptr).d("maxSize", maxSize));
@@ -363,6 +362,17 @@ CacheCore::getReachableEndpointsMap() const {
 std::unordered_map<std::string, std::string> CacheCore::getCachedEndpointIds() const {
   MutexLock lock(storeMutex);
   return endpointIndex;
+}
+
+std::unordered_set<std::string> CacheCore::getReachableEntityIds() const {
+  std::unordered_set<std::string> reachable;
+  MutexLock lock(storeMutex);
+  for (const auto& [entityId, endpoints] : entityIndex) {
+    if (std::any_of(endpoints.begin(), endpoints.end(), reachedByDriver)) {
+      reachable.insert(entityId);
+    }
+  }
+  return reachable;
 }
 
 // ---- Lookups under the store mutex ----

@@ -6,6 +6,7 @@
 #include <functional>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "applianceDriver/ApplianceDriver.h"
@@ -31,6 +32,10 @@ class CacheCore {
  public:
   using ReachabilityListener = std::function<void(const std::string& endpointId,
                                                   const std::string& entityId, bool isReachable)>;
+
+  // `entityId` without one leading "orbt1.veyra.endpoint." (exact,
+  // case-sensitive): the id under which the store keeps the entity.
+  static std::string normalizeEntityId(const std::string& entityId);
 
   explicit CacheCore(unsigned int maxSize);
   ~CacheCore();
@@ -93,6 +98,8 @@ class CacheCore {
   getReachableEndpointsMap() const RC_EXCLUDES(storeMutex);
   // Not logged. A copy of the endpoint id to entity id index.
   std::unordered_map<std::string, std::string> getCachedEndpointIds() const RC_EXCLUDES(storeMutex);
+  // Not logged. Every entity that isEntityReachable() answers true for.
+  std::unordered_set<std::string> getReachableEntityIds() const RC_EXCLUDES(storeMutex);
 
   // ---- Listeners ----
 
