@@ -105,6 +105,9 @@ class REACHABILITY_CACHE_EXPORT ReachabilityCache {
   virtual bool unregisterReachabilityListener(const std::string& listenerId);
 
  private:
+  // Reads the store without the query log lines.
+  friend class EntityReachabilityTracker;
+
   ICHRProvider* chrProvider;
   std::shared_ptr<CacheCore> cacheCore;
   std::unique_ptr<ReachabilityUpdater> updater;

@@ -1,0 +1,240 @@
+#include "reachabilityCache/EntityReachabilityTracker.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <map>
+#include <memory>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "LogRecorder.h"
+#include "reachabilityCache/testing/FakeChrProvider.h"
+#include "reachabilityCache/testing/FakeReachabilityChecker.h"
+#include "reachabilityCache/testing/RecordingListener.h"
+
+namespace veranda::reachabilityCache {
+namespace {
+
+namespace fakes = veranda::reachabilityCache::testing;
+using applianceDriver::ApplianceDriverType;
+using fakes::Notification;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::UnorderedElementsAre;
+
+constexpr std::chrono::milliseconds kWait{5000};
+constexpr const char* kZigbee = "PROT_ZIGBEE-ADAPTER";
+
+EndpointInfo endpoint(const std::string& endpointId, const std::string& entityId) {
+  return EndpointInfo(endpointId, entityId, kZigbee, {{"power", "main"}});
+}
+
+// A record that makes its entity reachable (driver type 0), or one that does
+// not (type 2).
+CachedEndpoint record(const std::string& endpointId, const std::string& entityId,
+                      bool reachable = true) {
+  return CachedEndpoint(endpointId, entityId, kZigbee,
+                        reachable ? ApplianceDriverType::NATIVE : ApplianceDriverType::UNKNOWN,
+                        {{"power", "main"}});
+}
+
+ReachabilityCheckResult result(const std::string& endpointId, const std::string& entityId,
+                               bool reachable) {
+  return fakes::makeResult(endpoint(endpointId, entityId), reachable);
+}
+
+// A connectivity event as the checker makes it: no entity, driver type 2.
+ReachabilityCheckResult event(const std::string& endpointId, bool reachable) {
+  return {endpointId, "", "", reachable, {}, ApplianceDriverType::UNKNOWN};
+}
+
+Notification change(const std::string& entityId, bool reachable) {
+  return {"", entityId, reachable};
+}
+
+// A cache over a hand-driven checker behind a guard, with a listener and a
+// tracker that record what they hear side by side.
+class TrackerTest : public ::testing::Test {
+ protected:
+  void SetUp() override { fakes::LogRecorder::instance().clear(); }
+
+  void TearDown() override {
+    fakes::LogRecorder::instance().setDiscard(false);
+    if (tracker) {
+      tracker->close();
+    }
+    guard->close();
+    fake->dropPendingChecks();
+  }
+
+  void start(bool periodic, std::chrono::seconds interval,
+             std::chrono::milliseconds holdDown = {}) {
+    cache = std::make_unique<ReachabilityCache>(
+        &provider, ReachabilityCache::Config{20, interval, periodic, guard});
+    cache->registerReachabilityListener("listener", listener.callback());
+    tracker = std::make_unique<EntityReachabilityTracker>(
+        *cache, guard,
+        [heard = heard.callback()](const std::string& entityId, bool reachable) {
+          heard("", entityId, reachable);
+        },
+        holdDown);
+  }
+
+  // The changes heard since the last call, once there are `expected` of them:
+  // a change may be delivered by a thread that was delivering already.
+  std::vector<Notification> newChanges(std::size_t expected) {
+    EXPECT_TRUE(heard.waitForCount(seen + expected, kWait));
+    std::vector<Notification> all = heard.notifications();
+    std::vector<Notification> fresh(all.begin() + static_cast<std::ptrdiff_t>(seen), all.end());
+    seen = all.size();
+    return fresh;
+  }
+
+  // Waits until the cache has applied `count` connectivity events in all.
+  static bool waitForEventsApplied(std::size_t count) {
+    return fakes::LogRecorder::instance().waitForLine(fakes::kUpdaterTag,
+                                                      "[processReachabilityResults]", kWait, count);
+  }
+
+  std::shared_ptr<fakes::FakeReachabilityChecker> fake =
+      std::make_shared<fakes::FakeReachabilityChecker>();
+  std::shared_ptr<ReachabilityCheckerGuard> guard =
+      std::make_shared<ReachabilityCheckerGuard>(fake);
+  fakes::FakeChrProvider provider;
+  fakes::RecordingListener listener;
+  fakes::RecordingListener heard;
+  std::size_t seen = 0;
+  std::unique_ptr<ReachabilityCache> cache;
+  std::unique_ptr<EntityReachabilityTracker> tracker;
+};
+
+TEST_F(TrackerTest, EveryChangeOfIsEntityReachableIsHeardOnceAndNothingElse) {
+  provider.setEndpoints({endpoint("ep1", "e1"), endpoint("ep2", "e1"), endpoint("ep3", "e3")});
+  start(true, std::chrono::seconds(3600));
+
+  // The host's pushes: listeners hear nothing.
+  tracker->updateEndpoints(
+      {record("ep1", "orbt1.veyra.endpoint.e1"), record("ep4", "e4"), record("ep3", "e3", false)});
+  EXPECT_THAT(newChanges(2), UnorderedElementsAre(change("e1", true), change("e4", true)));
+
+  // The first cycle sweeps ep4, which the provider does not name.
+  ASSERT_TRUE(fake->waitForPendingChecks(1, kWait));
+  EXPECT_FALSE(cache->isEntityReachable("e4"));
+  EXPECT_THAT(newChanges(1), ElementsAre(change("e4", false)));
+
+  // The batch clears ep1 before it adds ep2: listeners hear e1 lost and back,
+  // yet e1 is reachable before and after the batch.
+  fake->completeNextCheck(
+      {result("ep1", "e1", false), result("ep2", "e1", true), result("ep3", "e3", false)});
+  EXPECT_TRUE(cache->isEntityReachable("e1"));
+  EXPECT_THAT(newChanges(0), IsEmpty());
+
+  // A connectivity event announces ep3 back, but events carry no driver type
+  // that makes an entity reachable.
+  fake->deliverEvent(event("ep3", true));
+  ASSERT_TRUE(waitForEventsApplied(2));
+  EXPECT_FALSE(cache->isEntityReachable("e3"));
+  // ep2 going offline takes e1 down: heard by both.
+  fake->deliverEvent(event("ep2", false));
+  EXPECT_THAT(newChanges(1), ElementsAre(change("e1", false)));
+
+  // The host's removals.
+  tracker->updateEndpoints({record("ep6", "e6"), record("ep7", "e7")});
+  EXPECT_THAT(newChanges(2), UnorderedElementsAre(change("e6", true), change("e7", true)));
+  EXPECT_TRUE(tracker->removeEntity("e6"));
+  EXPECT_FALSE(tracker->removeEntity("e6"));
+  tracker->invalidate();
+  EXPECT_THAT(newChanges(2), ElementsAre(change("e6", false), change("e7", false)));
+
+  ASSERT_TRUE(listener.waitForCount(4, kWait));
+  EXPECT_THAT(listener.notifications(),
+              ElementsAre(Notification{"ep1", "e1", false}, Notification{"ep2", "e1", true},
+                          Notification{"ep3", "e3", true}, Notification{"ep2", "e1", false}));
+  EXPECT_THAT(tracker->reportedReachableEntities(), IsEmpty());
+}
+
+TEST_F(TrackerTest, HoldDownReportsALossOnlyOnceItHasLasted) {
+  start(false, std::chrono::seconds(0), std::chrono::hours(1));
+  tracker->updateEndpoints({record("ep1", "e1")});
+  tracker->removeEntity("e1");
+  EXPECT_TRUE(tracker->reportedReachable("e1"));
+  tracker->updateEndpoints({record("ep1", "e1")});  // back within the hold-down
+  EXPECT_THAT(newChanges(1), ElementsAre(change("e1", true)));
+  tracker->close();
+
+  tracker = std::make_unique<EntityReachabilityTracker>(
+      *cache, guard,
+      [heard = heard.callback()](const std::string& entityId, bool reachable) {
+        heard("", entityId, reachable);
+      },
+      std::chrono::milliseconds(20));
+  EXPECT_THAT(newChanges(1), ElementsAre(change("e1", true)));  // what was reachable at start
+  tracker->removeEntity("e1");
+  EXPECT_THAT(newChanges(1), ElementsAre(change("e1", false)));
+  EXPECT_FALSE(tracker->reportedReachable("orbt1.veyra.endpoint.e1"));
+}
+
+// Host pushes, check completions and connectivity events race; each entity's
+// changes must alternate, and once everything is applied the tracker's view
+// is the cache's.
+TEST_F(TrackerTest, RacingChangesAreHeardInOrderPerEntityAndEndInTheCachesState) {
+  const std::vector<std::string> entities = {"e0", "e1", "e2"};
+  std::vector<EndpointInfo> named;
+  for (const std::string& entity : entities) {
+    named.push_back(endpoint("ep-" + entity, entity));
+  }
+  provider.setEndpoints(named);
+  fakes::LogRecorder::instance().setDiscard(true);  // cycles run back to back
+  fake->setResponder([](const EndpointInfo& e) {
+    static thread_local std::mt19937 random(7);
+    return fakes::makeResult(e, random() % 2 == 0);
+  });
+  start(true, std::chrono::seconds(0));  // cycles back to back after the first second
+  ASSERT_TRUE(fake->waitForCheckRequests(1, kWait));
+
+  auto race = [&](unsigned seed) {
+    std::mt19937 random(seed);
+    for (int i = 0; i < 150; ++i) {
+      const std::string& entity = entities[random() % entities.size()];
+      switch (random() % 3) {
+        case 0:
+          tracker->updateEndpoints({record("ep-" + entity, entity)});
+          break;
+        case 1:
+          tracker->removeEntity(entity);
+          break;
+        default:
+          fake->deliverEvent(event("ep-" + entity, random() % 2 == 0));
+      }
+    }
+  };
+  std::thread first(race, 1);
+  std::thread second(race, 2);
+  first.join();
+  second.join();
+
+  // Cut off further answers, then let two more cycles run: everything queued
+  // before has been applied.
+  guard->close();
+  ASSERT_TRUE(provider.waitForQueries(provider.queryCount() + 2, kWait));
+  tracker->updateEndpoints({});
+
+  std::map<std::string, bool> last;
+  for (const Notification& heardChange : heard.notifications()) {
+    const auto previous = last.find(heardChange.entityId);
+    EXPECT_NE(previous == last.end() ? false : previous->second, heardChange.isReachable)
+        << heardChange.entityId;
+    last[heardChange.entityId] = heardChange.isReachable;
+  }
+  for (const std::string& entity : entities) {
+    EXPECT_EQ(tracker->reportedReachable(entity), cache->isEntityReachable(entity)) << entity;
+    EXPECT_EQ(last[entity], cache->isEntityReachable(entity)) << entity;
+  }
+}
+
+}  // namespace
+}  // namespace veranda::reachabilityCache
