@@ -24,21 +24,47 @@ class ReachabilityUpdater;
 
 // Keeps which entities, endpoints and capabilities are reachable, and keeps
 // itself current: with refresh enabled, a cycle one second after construction
-// and then every `updateInterval` asks the provider for the endpoints to track,
-// drops the ones it no longer names and checks the rest, while connectivity
-// events from the checker update single endpoints in between.
+// and then every `updateInterval` (a zero interval makes cycles run back to
+// back) asks the provider for the endpoints to track, drops the ones it no
+// longer names and checks the rest, while connectivity events from the
+// checker update single endpoints in between.
 //
 // Thread safety: every operation may be called from any thread between the
-// end of construction and the start of destruction. Listeners run on the
-// checker's threads or the cache's worker, outside every lock of the cache, so
-// they may call back into it; they must be safe to call concurrently.
+// end of construction and the start of destruction.
 //
-// Teardown: the host must make sure that no checker callback arrives after the
-// cache is destroyed; the cache does not cancel checks that are under way.
-// With ApplianceDriverReachabilityChecker, stop the driver's pending answers
-// before destroying the cache (SimulatedApplianceDriver::shutdown() on a host
-// build). The provider and the driver must outlive the cache, and a listener
-// must not destroy the cache it listens to.
+// Listeners hear per endpoint, not per entity: (endpoint id, entity id as the
+// result carried it, new state). Each result of a check or event is judged
+// against the entity's reachability just before it is applied, in the order
+// the results arrive:
+// - "reachable" when the entity was not reachable. A connectivity event that
+//   brings a cached endpoint back is announced at once, yet
+//   isEntityReachable() stays false until a check confirms the device, which
+//   is announced again.
+// - "unreachable" when the entity was reachable, even if it stays reachable
+//   through another endpoint; such an endpoint is announced at every cycle.
+// - Within one batch, an entity that is reachable before and after the batch
+//   may be heard lost and back, depending on the order of its results.
+// - Not announced: endpoints dropped because the provider no longer names
+//   them, updateEndpoints(), removeEntity(), invalidate(), an unreachable
+//   result for an entity that was not reachable, and refused insertions.
+// EntityReachabilityTracker reports changes of isEntityReachable() per
+// entity, these silent ones included.
+// Listeners run on the checker's threads or the cache's worker, outside every
+// lock of the cache, so they may call back into it. Two notifications may run
+// at the same time, so listeners must be safe to call concurrently.
+// Unregistering does not wait for a notification under way on another thread:
+// the listener may still be running, or be called once more by it.
+//
+// Teardown: checks handed to the checker are not cancelled, and their
+// completions refer to the cache. Put a ReachabilityCheckerGuard between the
+// cache and its checker, and call its close() before destroying the cache:
+// from then on no answer or event reaches the cache, and the guard keeps the
+// checker alive for answers that arrive later, so that the guard and the
+// checker may be dropped right after the cache. With the guard closed, no
+// listener runs once the destructor has returned. Without a guard the host
+// must itself keep every answer from arriving after destruction. The provider
+// must outlive the cache, and a listener must not destroy the cache it
+// listens to.
 class REACHABILITY_CACHE_EXPORT ReachabilityCache {
  public:
   // Filled by the host; the library has no defaults of its own.
