@@ -1,6 +1,7 @@
 // A host of the reachability cache: it names the endpoints to track, lets the
 // library's checker ask the process-wide appliance driver (the simulated home
-// on a Linux host) and listens for reachability changes.
+// on a Linux host), listens for reachability changes, follows entities for its
+// UI, and tears the cache down while the driver still owes it an answer.
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
@@ -8,13 +9,17 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "applianceDriver/ApplianceDriver.h"
 #include "applianceDriver/SimulatedApplianceDriver.h"
 #include "reachabilityCache/ApplianceDriverReachabilityChecker.h"
+#include "reachabilityCache/EntityReachabilityTracker.h"
 #include "reachabilityCache/ICHRProvider.h"
+#include "reachabilityCache/IReachabilityChecker.h"
 #include "reachabilityCache/ReachabilityCache.h"
+#include "reachabilityCache/ReachabilityCheckerGuard.h"
 
 namespace {
 
@@ -22,8 +27,11 @@ using veranda::applianceDriver::ApplianceDriverType;
 using veranda::applianceDriver::DiscoveredDevice;
 using veranda::reachabilityCache::ApplianceDriverReachabilityChecker;
 using veranda::reachabilityCache::EndpointInfo;
+using veranda::reachabilityCache::EntityReachabilityTracker;
 using veranda::reachabilityCache::ICHRProvider;
+using veranda::reachabilityCache::IReachabilityChecker;
 using veranda::reachabilityCache::ReachabilityCache;
+using veranda::reachabilityCache::ReachabilityCheckerGuard;
 
 constexpr auto kWaitLimit = std::chrono::seconds(10);
 
@@ -57,6 +65,11 @@ class PrintingListener {
     return changed_.wait_for(lock, kWaitLimit, [&] { return heard_ >= count; });
   }
 
+  std::size_t count() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return heard_;
+  }
+
  private:
   std::mutex mutex_;
   std::condition_variable changed_;
@@ -75,6 +88,18 @@ DiscoveredDevice device(const std::string& endpointId, const std::string& entity
   return result;
 }
 
+// Waits until the driver owes an answer to a check.
+bool waitForPendingAnswer(veranda::applianceDriver::SimulatedApplianceDriver& home) {
+  const auto deadline = std::chrono::steady_clock::now() + kWaitLimit;
+  while (home.pendingAnswers() == 0) {
+    if (std::chrono::steady_clock::now() > deadline) {
+      return false;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return true;
+}
+
 int run() {
   auto& home = veranda::applianceDriver::getSimulatedApplianceDriver();
   home.upsertDevice(device("lamp-1", "kitchen-lamp", "PROT_ZIGBEE-ADAPTER"));
@@ -82,41 +107,67 @@ int run() {
 
   HomeProvider provider;
   PrintingListener listener;
-  ReachabilityCache::Config config{};
-  config.maxCacheSize = 100;
-  config.updateInterval = std::chrono::seconds(60);
-  config.enablePeriodicUpdates = true;
-  config.reachabilityChecker = std::make_shared<ApplianceDriverReachabilityChecker>();
+  // The guard lets the host destroy the cache while a check is under way.
+  auto checker = std::make_shared<ApplianceDriverReachabilityChecker>();
+  const std::weak_ptr<IReachabilityChecker> checkerAlive = checker;
+  auto guard = std::make_shared<ReachabilityCheckerGuard>(std::move(checker));
 
   int status = 0;
-  {
-    ReachabilityCache cache(&provider, config);
-    cache.registerReachabilityListener("host-app", listener.callback());
+  auto fail = [&status](const char* what) {
+    std::fprintf(stderr, "host-app: %s\n", what);
+    status = 1;
+  };
+  // A cycle every second, so that one is soon under way at teardown.
+  auto cache = std::make_unique<ReachabilityCache>(
+      &provider, ReachabilityCache::Config{/*maxCacheSize=*/100, std::chrono::seconds(1),
+                                           /*enablePeriodicUpdates=*/true, guard});
+  cache->registerReachabilityListener("host-app", listener.callback());
+  // What the UI shows: one line per change of an entity's reachability.
+  auto tracker = std::make_unique<EntityReachabilityTracker>(
+      *cache, guard, [](const std::string& entityId, bool reachable) {
+        std::printf("ui: %s is now %s\n", entityId.c_str(),
+                    reachable ? "reachable" : "unreachable");
+        std::fflush(stdout);
+      });
 
-    // The first cycle runs a second after construction and finds both devices.
-    if (!listener.waitForCount(2)) {
-      std::fprintf(stderr, "host-app: the first cycle announced nothing in time\n");
-      status = 1;
-    } else {
-      // A connectivity event takes the lamp off the network.
-      home.setReachable("lamp-1", false);
-      if (!listener.waitForCount(3)) {
-        std::fprintf(stderr, "host-app: the lamp's connectivity event was not announced\n");
-        status = 1;
-      }
+  // The first cycle runs a second after construction and finds both devices.
+  if (!listener.waitForCount(2)) {
+    fail("the first cycle announced nothing in time");
+  } else {
+    // A connectivity event takes the lamp off the network.
+    home.setReachable("lamp-1", false);
+    if (!listener.waitForCount(3)) {
+      fail("the lamp's connectivity event was not announced");
     }
-    std::printf("kitchen-lamp reachable: %s, desk-plug reachable: %s, cached entities: %zu\n",
-                cache.isEntityReachable("kitchen-lamp") ? "yes" : "no",
-                cache.isEntityReachable("desk-plug") ? "yes" : "no", cache.size());
-    if (status == 0 &&
-        (cache.isEntityReachable("kitchen-lamp") || !cache.isEntityReachable("desk-plug"))) {
-      std::fprintf(stderr, "host-app: the cache disagrees with the home\n");
-      status = 1;
-    }
+  }
+  std::printf("kitchen-lamp reachable: %s, desk-plug reachable: %s, cached entities: %zu\n",
+              cache->isEntityReachable("kitchen-lamp") ? "yes" : "no",
+              cache->isEntityReachable("desk-plug") ? "yes" : "no", cache->size());
+  if (status == 0 &&
+      (cache->isEntityReachable("kitchen-lamp") || !cache->isEntityReachable("desk-plug"))) {
+    fail("the cache disagrees with the home");
+  }
 
-    // Teardown: no driver answer may arrive once the cache is gone.
-    cache.unregisterReachabilityListener("host-app");
-    home.shutdown();
+  // Teardown while the driver still owes the next cycle an answer: close the
+  // guard, then drop the cache, the guard and the checker.
+  home.setAnswerLatency(std::chrono::milliseconds(300));
+  if (!waitForPendingAnswer(home)) {
+    fail("no check was pending at teardown");
+  }
+  tracker.reset();
+  guard->close();
+  const std::size_t heardAtClose = listener.count();
+  cache.reset();
+  guard.reset();
+  std::printf("teardown done with %zu answer(s) pending; checker kept for them: %s\n",
+              home.pendingAnswers(), checkerAlive.expired() ? "no" : "yes");
+
+  // The late answer finds its checker and goes no further.
+  if (!home.waitUntilIdle(kWaitLimit)) {
+    fail("the driver's late answer never came");
+  }
+  if (listener.count() != heardAtClose || !checkerAlive.expired()) {
+    fail("something reached the cache after close(), or the checker was kept");
   }
   return status;
 }
