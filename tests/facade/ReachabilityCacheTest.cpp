@@ -4,11 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <condition_variable>
-#include <future>
 #include <memory>
-#include <mutex>
-#include <thread>
 
 #include "LogRecorder.h"
 #include "reachabilityCache/testing/FakeChrProvider.h"
@@ -135,55 +131,6 @@ TEST_F(ReachabilityCacheTest, BatchUpdatesSkipRefusedRecordsAndClearingKeepsList
   cache->invalidate();
   EXPECT_EQ(cache->size(), 0U);
   EXPECT_TRUE(cache->unregisterReachabilityListener("l"));  // clearing kept it
-}
-
-TEST_F(ReachabilityCacheTest, ListenersMayRunConcurrentlyAndUnregisteringDoesNotWaitForThem) {
-  const EndpointInfo ep2("ep2", "e2", kWifi, {});
-  provider.setEndpoints({EndpointInfo("ep1", "e1", kZigbee, {}), ep2});
-  auto cache = makeCache(true);
-  cache->updateEndpoints({CachedEndpoint(ep2)});  // known, not reachable
-  std::mutex mutex;
-  std::condition_variable changed;
-  int inside = 0;
-  bool released = false;
-  cache->registerReachabilityListener("l", [&](const std::string&, const std::string&, bool) {
-    std::unique_lock<std::mutex> lock(mutex);
-    ++inside;
-    changed.notify_all();
-    changed.wait_for(lock, kWait, [&] { return released; });
-  });
-  const auto inListener = [&](int count) {
-    std::unique_lock<std::mutex> lock(mutex);
-    return changed.wait_for(lock, kWait, [&] { return inside == count; });
-  };
-
-  // A check's completion on one thread and an event on the cache's worker.
-  ASSERT_TRUE(checker->waitForPendingChecks(1, kWait));
-  std::thread driverThread([&] {
-    checker->completeNextCheck({testing::makeResult(EndpointInfo("ep1", "e1", kZigbee, {}), true)});
-  });
-  ASSERT_TRUE(inListener(1));
-  checker->deliverEvent(
-      ReachabilityCheckResult("ep2", "", "", true, {}, ApplianceDriverType::UNKNOWN));
-  EXPECT_TRUE(inListener(2));
-
-  auto unregistered =
-      std::async(std::launch::async, [&] { return cache->unregisterReachabilityListener("l"); });
-  EXPECT_EQ(unregistered.wait_for(kWait), std::future_status::ready);
-  {
-    std::lock_guard<std::mutex> lock(mutex);
-    released = true;
-    changed.notify_all();
-  }
-  driverThread.join();
-  EXPECT_TRUE(unregistered.get());
-}
-
-TEST_F(ReachabilityCacheTest, TheHostsCheckerOutlivesTheCache) {
-  auto cache = makeCache(true);
-  EXPECT_GE(checker.use_count(), 3);
-  cache.reset();
-  EXPECT_EQ(checker.use_count(), 1);
 }
 
 }  // namespace

@@ -1,6 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "StoreTestSupport.h"
@@ -72,6 +76,35 @@ TEST_F(CacheCoreListenersTest, ListenerMayUnregisterItselfAndReenterTheStore) {
   EXPECT_EQ(selfCalls, 1);
   EXPECT_EQ(steady.count(), 2U);
   EXPECT_EQ(late.notifications(), (std::vector<Notification>{{"ep1", "lamp", false}}));
+}
+
+TEST_F(CacheCoreListenersTest, NotificationsRunConcurrentlyAndUnregisteringDoesNotWaitForThem) {
+  constexpr std::chrono::seconds kWait{5};
+  std::mutex mutex;
+  std::condition_variable changed;
+  int inside = 0;
+  int left = 0;
+  bool released = false;
+  store_.registerReachabilityListener("l", [&](const std::string&, const std::string&, bool) {
+    std::unique_lock<std::mutex> lock(mutex);
+    ++inside;
+    changed.notify_all();
+    changed.wait_for(lock, kWait, [&] { return released; });
+    ++left;
+  });
+  std::thread first([&] { store_.notifyReachabilityListeners("ep1", "lamp", true); });
+  std::thread second([&] { store_.notifyReachabilityListeners("ep2", "fan", false); });
+  std::unique_lock<std::mutex> lock(mutex);
+  EXPECT_TRUE(changed.wait_for(lock, kWait, [&] { return inside == 2; }));
+  lock.unlock();
+  EXPECT_TRUE(store_.unregisterReachabilityListener("l"));
+  lock.lock();
+  EXPECT_EQ(left, 0);  // both still running when unregistering returned
+  released = true;
+  changed.notify_all();
+  lock.unlock();
+  first.join();
+  second.join();
 }
 
 }  // namespace

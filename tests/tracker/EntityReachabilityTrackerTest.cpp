@@ -42,11 +42,6 @@ CachedEndpoint record(const std::string& endpointId, const std::string& entityId
                         {{"power", "main"}});
 }
 
-ReachabilityCheckResult result(const std::string& endpointId, const std::string& entityId,
-                               bool reachable) {
-  return fakes::makeResult(endpoint(endpointId, entityId), reachable);
-}
-
 // A connectivity event as the checker makes it: no entity, driver type 2.
 ReachabilityCheckResult event(const std::string& endpointId, bool reachable) {
   return {endpointId, "", "", reachable, {}, ApplianceDriverType::UNKNOWN};
@@ -76,7 +71,11 @@ class TrackerTest : public ::testing::Test {
     cache = std::make_unique<ReachabilityCache>(
         &provider, ReachabilityCache::Config{20, interval, periodic, guard});
     cache->registerReachabilityListener("listener", listener.callback());
-    tracker = std::make_unique<EntityReachabilityTracker>(
+    tracker = makeTracker(holdDown);
+  }
+
+  std::unique_ptr<EntityReachabilityTracker> makeTracker(std::chrono::milliseconds holdDown) {
+    return std::make_unique<EntityReachabilityTracker>(
         *cache, guard,
         [heard = heard.callback()](const std::string& entityId, bool reachable) {
           heard("", entityId, reachable);
@@ -92,12 +91,6 @@ class TrackerTest : public ::testing::Test {
     std::vector<Notification> fresh(all.begin() + static_cast<std::ptrdiff_t>(seen), all.end());
     seen = all.size();
     return fresh;
-  }
-
-  // Waits until the cache has applied `count` connectivity events in all.
-  static bool waitForEventsApplied(std::size_t count) {
-    return fakes::LogRecorder::instance().waitForLine(fakes::kUpdaterTag,
-                                                      "[processReachabilityResults]", kWait, count);
   }
 
   std::shared_ptr<fakes::FakeReachabilityChecker> fake =
@@ -128,15 +121,17 @@ TEST_F(TrackerTest, EveryChangeOfIsEntityReachableIsHeardOnceAndNothingElse) {
 
   // The batch clears ep1 before it adds ep2: listeners hear e1 lost and back,
   // yet e1 is reachable before and after the batch.
-  fake->completeNextCheck(
-      {result("ep1", "e1", false), result("ep2", "e1", true), result("ep3", "e3", false)});
+  fake->completeNextCheck({fakes::makeResult(endpoint("ep1", "e1"), false),
+                           fakes::makeResult(endpoint("ep2", "e1"), true),
+                           fakes::makeResult(endpoint("ep3", "e3"), false)});
   EXPECT_TRUE(cache->isEntityReachable("e1"));
   EXPECT_THAT(newChanges(0), IsEmpty());
 
   // A connectivity event announces ep3 back, but events carry no driver type
   // that makes an entity reachable.
   fake->deliverEvent(event("ep3", true));
-  ASSERT_TRUE(waitForEventsApplied(2));
+  ASSERT_TRUE(fakes::LogRecorder::instance().waitForLine(
+      fakes::kUpdaterTag, "[processReachabilityResults]", kWait, 2));  // batch and event
   EXPECT_FALSE(cache->isEntityReachable("e3"));
   // ep2 going offline takes e1 down: heard by both.
   fake->deliverEvent(event("ep2", false));
@@ -166,12 +161,7 @@ TEST_F(TrackerTest, HoldDownReportsALossOnlyOnceItHasLasted) {
   EXPECT_THAT(newChanges(1), ElementsAre(change("e1", true)));
   tracker->close();
 
-  tracker = std::make_unique<EntityReachabilityTracker>(
-      *cache, guard,
-      [heard = heard.callback()](const std::string& entityId, bool reachable) {
-        heard("", entityId, reachable);
-      },
-      std::chrono::milliseconds(20));
+  tracker = makeTracker(std::chrono::milliseconds(20));
   EXPECT_THAT(newChanges(1), ElementsAre(change("e1", true)));  // what was reachable at start
   tracker->removeEntity("e1");
   EXPECT_THAT(newChanges(1), ElementsAre(change("e1", false)));
@@ -183,11 +173,8 @@ TEST_F(TrackerTest, HoldDownReportsALossOnlyOnceItHasLasted) {
 // is the cache's.
 TEST_F(TrackerTest, RacingChangesAreHeardInOrderPerEntityAndEndInTheCachesState) {
   const std::vector<std::string> entities = {"e0", "e1", "e2"};
-  std::vector<EndpointInfo> named;
-  for (const std::string& entity : entities) {
-    named.push_back(endpoint("ep-" + entity, entity));
-  }
-  provider.setEndpoints(named);
+  provider.setEndpoints(
+      {endpoint("ep-e0", "e0"), endpoint("ep-e1", "e1"), endpoint("ep-e2", "e2")});
   fakes::LogRecorder::instance().setDiscard(true);  // cycles run back to back
   fake->setResponder([](const EndpointInfo& e) {
     static thread_local std::mt19937 random(7);
@@ -200,15 +187,13 @@ TEST_F(TrackerTest, RacingChangesAreHeardInOrderPerEntityAndEndInTheCachesState)
     std::mt19937 random(seed);
     for (int i = 0; i < 150; ++i) {
       const std::string& entity = entities[random() % entities.size()];
-      switch (random() % 3) {
-        case 0:
-          tracker->updateEndpoints({record("ep-" + entity, entity)});
-          break;
-        case 1:
-          tracker->removeEntity(entity);
-          break;
-        default:
-          fake->deliverEvent(event("ep-" + entity, random() % 2 == 0));
+      const unsigned int pick = random() % 4;
+      if (pick == 0) {
+        tracker->updateEndpoints({record("ep-" + entity, entity)});
+      } else if (pick == 1) {
+        tracker->removeEntity(entity);
+      } else {
+        fake->deliverEvent(event("ep-" + entity, pick == 2));
       }
     }
   };
