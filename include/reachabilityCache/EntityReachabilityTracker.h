@@ -49,15 +49,18 @@ class TrackerCore;
 // worker, the host's thread inside the tracker's operations, or the
 // tracker's own timer thread), outside every lock of the tracker and the
 // cache, one at a time and in the order the changes were seen; a callback may
-// call back into the tracker and the cache. A callback may also run while the
-// constructor has not returned yet: the constructor reports every entity
-// reachable at that moment.
+// call back into the tracker and the cache. A thread that is delivering
+// already takes over the changes that another thread saw, so a change may be
+// heard shortly after the call that caused it has returned. A callback may
+// also run while the constructor has not returned yet: the constructor
+// reports every entity reachable at that moment.
 //
 // Lifetime: the tracker registers a listener with the cache (under an id
 // "entityReachabilityTracker_" and a number) and an observer with the guard,
 // which must be the cache's checker. Close or destroy the tracker before the
-// cache is destroyed. Thread safety: every member may be called from any
-// thread.
+// cache is destroyed.
+//
+// Thread safety: every member may be called from any thread.
 class REACHABILITY_CACHE_EXPORT EntityReachabilityTracker {
  public:
   using ChangeCallback = std::function<void(const std::string& entityId, bool reachable)>;

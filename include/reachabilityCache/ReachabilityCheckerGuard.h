@@ -27,8 +27,9 @@ namespace veranda::reachabilityCache {
 //   cache.reset();   // then the guard, the checker and the provider may go too
 //
 // While open, the guard changes nothing: each call reaches the wrapped checker
-// with the same arguments and its result comes back unchanged; each
-// completion and event reaches the cache on the checker's thread.
+// with the same endpoints and ids and its result comes back unchanged; each
+// completion and event reaches the cache with the same results, on the
+// checker's thread.
 //
 // Lifetime: a check that the wrapped checker has started holds that checker
 // (and nothing of the cache) until the checker lets go of its completion,
@@ -40,8 +41,8 @@ namespace veranda::reachabilityCache {
 class REACHABILITY_CACHE_EXPORT ReachabilityCheckerGuard : public IReachabilityChecker {
  public:
   // Hears what passes through the guard while it is open. Called on the
-  // thread the event happens on, outside the guard's lock; calls made from a
-  // completion count as a callback of the cache for close().
+  // thread the event happens on, outside the guard's lock; close() waits for
+  // observer calls under way as for callbacks of the cache.
   class Observer {
    public:
     virtual ~Observer() = default;
