@@ -12,8 +12,8 @@
 
 #include "LogRecorder.h"
 #include "Options.h"
+#include "ScenarioFromOptions.h"
 #include "ScenarioLoader.h"
-#include "Setup.h"
 #include "SimRun.h"
 #include "SvgWriter.h"
 
