@@ -26,7 +26,7 @@ std::size_t occurrences(const std::string& text, const std::string& part) {
   return count;
 }
 
-// Scenario texts (starting with "{") and command lines (words) are refused
+// Scenario texts (starting with "{" or "[") and command lines (words) are refused
 // with one line that points at the problem.
 TEST(SimInputsTest, BadScenariosAndCommandLinesAreRefusedWithOneLine) {
   const std::string lamp =
@@ -34,7 +34,20 @@ TEST(SimInputsTest, BadScenariosAndCommandLinesAreRefusedWithOneLine) {
   const LoadResult base = parseScenario(lamp + "]}", "t");  // unset fields take their defaults
   EXPECT_TRUE(base.ok && base.scenario.durationMs == 10000 && base.scenario.intervalSeconds == 2 &&
               base.scenario.effectiveCacheSize() == 100);
+  // Errors quote a short, printable excerpt of the input, never all of it.
+  const std::string deep = std::string(70000, '[') + std::string(70000, ']');
+  const std::string longKey = std::string(100000, 'k');
+  const std::string longText = std::string(100000, 'a');
   const std::pair<std::string, std::string> cases[] = {
+      {deep, "t: top level: expected an object, found " + std::string(37, '[') + "..."},
+      {lamp + "], \"" + longKey + "\": 1}",
+       "t: top level: unknown key \"" + std::string(36, 'k') + "..."},
+      {"{\"name\": \"" + longText + "\n\"}",
+       "t:2:0: malformed JSON: syntax error while parsing value - invalid string: control "
+       "character U+000A (LF) must be escaped to \\u000A or \\n; last read: '..." +
+           std::string(28, 'a') + "<U+000A>'"},
+      {R"({"entities": ["\u001b[2J", "\u001b[2J"], "devices": []})",
+       R"(t: entities[1]: entity "\u001b[2J" is listed twice)"},
       {"{\n  \"entities\": [\"lamp\",]\n}",
        "t:2:23: malformed JSON: syntax error while parsing value - unexpected ']'; "
        "expected '[', '{', or a literal"},
@@ -71,9 +84,9 @@ TEST(SimInputsTest, BadScenariosAndCommandLinesAreRefusedWithOneLine) {
   for (const auto& [input, error] : cases) {
     std::istringstream words(input);
     const std::vector<std::string> arguments{std::istream_iterator<std::string>(words), {}};
-    const std::string refusal =
-        input[0] == '{' ? parseScenario(input, "t").error : parseOptions(arguments).error;
-    EXPECT_EQ(refusal, error) << input;
+    const std::string refusal = input[0] == '{' || input[0] == '[' ? parseScenario(input, "t").error
+                                                                   : parseOptions(arguments).error;
+    EXPECT_EQ(refusal, error) << input.substr(0, 80);
   }
   EXPECT_EQ(loadScenarioFile("/nonexistent/home.json").error,
             "cannot open scenario file /nonexistent/home.json: No such file or directory");

@@ -10,6 +10,8 @@
 #include <system_error>
 #include <utility>
 
+#include "Excerpt.h"
+
 namespace veranda::reachabilityCache::sim {
 namespace {
 
@@ -44,7 +46,8 @@ class SyntaxErrorCatcher : public nlohmann::json_sax<json> {
 };
 
 // Turns the parser's "[json.exception...] parse error at line L, column C: text"
-// into "origin:L:C: malformed JSON: text".
+// into "origin:L:C: malformed JSON: text", with the input that the parser quotes
+// after "last read: " cut to its end.
 std::string syntaxError(const std::string& origin, const std::string& message) {
   unsigned long line = 0;
   unsigned long column = 0;
@@ -54,16 +57,15 @@ std::string syntaxError(const std::string& origin, const std::string& message) {
       std::sscanf(message.c_str() + at, "at line %lu, column %lu", &line, &column) != 2) {
     return origin + ": malformed JSON: " + message;
   }
-  return origin + ":" + std::to_string(line) + ":" + std::to_string(column) +
-         ": malformed JSON: " + message.substr(colon + 2);
-}
-
-std::string shown(const json& value) {
-  std::string text = value.dump();
-  if (text.size() > 40) {
-    text = text.substr(0, 37) + "...";
+  std::string text = message.substr(colon + 2);
+  const std::string lastRead = "last read: ";
+  const std::size_t quoted = text.find(lastRead);
+  if (quoted != std::string::npos) {
+    const std::size_t from = quoted + lastRead.size() + (text[quoted + lastRead.size()] == '\'');
+    text = text.substr(0, from) + tailExcerpt(text.substr(from));
   }
-  return text;
+  return origin + ":" + std::to_string(line) + ":" + std::to_string(column) +
+         ": malformed JSON: " + text;
 }
 
 // Reads typed values out of the parsed document; the first failure is kept.
@@ -83,12 +85,12 @@ class Checker {
   bool onlyKeys(const json& object, const std::string& path,
                 std::initializer_list<const char*> keys) {
     if (!object.is_object()) {
-      return fail(path, "expected an object, found " + shown(object));
+      return fail(path, "expected an object, found " + excerpt(object));
     }
     for (const auto& item : object.items()) {
       if (std::none_of(keys.begin(), keys.end(),
                        [&](const char* key) { return item.key() == key; })) {
-        return fail(path, "unknown key \"" + item.key() + "\"");
+        return fail(path, "unknown key " + quotedExcerpt(item.key()));
       }
     }
     return true;
@@ -96,7 +98,7 @@ class Checker {
 
   bool text(const json& value, const std::string& path, std::string& out) {
     if (!value.is_string() || value.get_ref<const std::string&>().empty()) {
-      return fail(path, "expected a non-empty string, found " + shown(value));
+      return fail(path, "expected a non-empty string, found " + excerpt(value));
     }
     out = value.get<std::string>();
     return true;
@@ -104,7 +106,7 @@ class Checker {
 
   bool flag(const json& value, const std::string& path, bool& out) {
     if (!value.is_boolean()) {
-      return fail(path, "expected true or false, found " + shown(value));
+      return fail(path, "expected true or false, found " + excerpt(value));
     }
     out = value.get<bool>();
     return true;
@@ -119,7 +121,7 @@ class Checker {
                       : value.get<int64_t>() >= minimum && value.get<int64_t>() <= maximum);
     if (!inRange) {
       return fail(path, "expected a whole number from " + std::to_string(minimum) + " to " +
-                            std::to_string(maximum) + ", found " + shown(value));
+                            std::to_string(maximum) + ", found " + excerpt(value));
     }
     out = value.get<int64_t>();
     return true;
@@ -128,12 +130,12 @@ class Checker {
   // Seconds, fractions allowed, converted to milliseconds.
   bool seconds(const json& value, const std::string& path, bool zeroAllowed, int64_t& outMs) {
     if (!value.is_number()) {
-      return fail(path, "expected a number of seconds, found " + shown(value));
+      return fail(path, "expected a number of seconds, found " + excerpt(value));
     }
     const double number = value.get<double>();
     if (!std::isfinite(number) || number < 0 || (number == 0 && !zeroAllowed)) {
       return fail(path, std::string("must be ") + (zeroAllowed ? "0 or more" : "more than 0") +
-                            " seconds, found " + shown(value));
+                            " seconds, found " + excerpt(value));
     }
     if (number > kMaxSeconds) {
       return fail(path, "must be at most " + std::to_string(kMaxSeconds) + " seconds");
@@ -157,7 +159,7 @@ bool readDriverType(Checker& check, const json& value, const std::string& path,
     out = name == "native" ? ApplianceDriverType::NATIVE : ApplianceDriverType::CONNECTED;
     return true;
   }
-  return check.fail(path, "expected \"native\" or \"connected\", found " + shown(value));
+  return check.fail(path, "expected \"native\" or \"connected\", found " + excerpt(value));
 }
 
 bool readCapabilities(Checker& check, const json& value, const std::string& path,
@@ -195,8 +197,8 @@ bool readDevice(Checker& check, const json& value, const std::string& path,
     return false;
   }
   if (entities.count(device.entityId) == 0) {
-    return check.fail(path + ".entity",
-                      "\"" + device.entityId + "\" is not one of the scenario's \"entities\"");
+    return check.fail(path + ".entity", quotedExcerpt(device.entityId) +
+                                            " is not one of the scenario's \"entities\"");
   }
   return (!value.contains("driverType") ||
           readDriverType(check, value["driverType"], path + ".driverType", device.driverType)) &&
@@ -222,7 +224,7 @@ bool readAction(Checker& check, const json& value, const std::string& path, Acti
     }
   }
   return check.fail(path,
-                    "unknown action " + shown(value) + " (offline, online, remove, add or push)");
+                    "unknown action " + excerpt(value) + " (offline, online, remove, add or push)");
 }
 
 bool readEvent(Checker& check, const json& value, const std::string& path,
@@ -242,7 +244,7 @@ bool readEvent(Checker& check, const json& value, const std::string& path,
   }
   if (endpoints.count(event.endpointId) == 0) {
     return check.fail(path + ".endpoint",
-                      "\"" + event.endpointId + "\" is not the endpoint of any device");
+                      quotedExcerpt(event.endpointId) + " is not the endpoint of any device");
   }
   return true;
 }
@@ -259,7 +261,7 @@ bool readEntities(Checker& check, const json& value, Scenario& scenario) {
       return false;
     }
     if (!seen.insert(id).second) {
-      return check.fail(path, "entity \"" + id + "\" is listed twice");
+      return check.fail(path, "entity " + quotedExcerpt(id) + " is listed twice");
     }
     scenario.entities.push_back(id);
   }
@@ -280,7 +282,7 @@ bool readDevices(Checker& check, const json& value, Scenario& scenario) {
     }
     if (!endpoints.insert(device.endpointId).second) {
       return check.fail(path + ".endpoint",
-                        "endpoint \"" + device.endpointId + "\" is used by two devices");
+                        "endpoint " + quotedExcerpt(device.endpointId) + " is used by two devices");
     }
     scenario.devices.push_back(std::move(device));
   }
