@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "Excerpt.h"
+#include "JsonDocument.h"
 
 namespace veranda::reachabilityCache::sim {
 namespace {
@@ -19,54 +20,6 @@ using applianceDriver::ApplianceDriverType;
 using nlohmann::json;
 
 constexpr int64_t kMaxSeconds = 86400;  // one day: longer runs are surely a mistake
-
-// Records the first syntax error of a parse; the parser then stops without
-// throwing.
-class SyntaxErrorCatcher : public nlohmann::json_sax<json> {
- public:
-  bool null() override { return true; }
-  bool boolean(bool /*value*/) override { return true; }
-  bool number_integer(number_integer_t /*value*/) override { return true; }
-  bool number_unsigned(number_unsigned_t /*value*/) override { return true; }
-  bool number_float(number_float_t /*value*/, const string_t& /*text*/) override { return true; }
-  bool string(string_t& /*value*/) override { return true; }
-  bool binary(binary_t& /*value*/) override { return true; }
-  bool start_object(std::size_t /*size*/) override { return true; }
-  bool key(string_t& /*value*/) override { return true; }
-  bool end_object() override { return true; }
-  bool start_array(std::size_t /*size*/) override { return true; }
-  bool end_array() override { return true; }
-  bool parse_error(std::size_t /*position*/, const std::string& /*lastToken*/,
-                   const nlohmann::detail::exception& error) override {
-    message = error.what();
-    return false;
-  }
-
-  std::string message;
-};
-
-// Turns the parser's "[json.exception...] parse error at line L, column C: text"
-// into "origin:L:C: malformed JSON: text", with the input that the parser quotes
-// after "last read: " cut to its end.
-std::string syntaxError(const std::string& origin, const std::string& message) {
-  unsigned long line = 0;
-  unsigned long column = 0;
-  const std::size_t at = message.find("at line ");
-  const std::size_t colon = message.find(": ", at == std::string::npos ? 0 : at);
-  if (at == std::string::npos || colon == std::string::npos ||
-      std::sscanf(message.c_str() + at, "at line %lu, column %lu", &line, &column) != 2) {
-    return origin + ": malformed JSON: " + message;
-  }
-  std::string text = message.substr(colon + 2);
-  const std::string lastRead = "last read: ";
-  const std::size_t quoted = text.find(lastRead);
-  if (quoted != std::string::npos) {
-    const std::size_t from = quoted + lastRead.size() + (text[quoted + lastRead.size()] == '\'');
-    text = text.substr(0, from) + tailExcerpt(text.substr(from));
-  }
-  return origin + ":" + std::to_string(line) + ":" + std::to_string(column) +
-         ": malformed JSON: " + text;
-}
 
 // Reads typed values out of the parsed document; the first failure is kept.
 class Checker {
@@ -345,11 +298,8 @@ bool readSettings(Checker& check, const json& document, Scenario& scenario) {
 
 LoadResult parseScenario(const std::string& text, const std::string& origin) {
   LoadResult result;
-  const json document = json::parse(text, nullptr, /*allow_exceptions=*/false);
-  if (document.is_discarded()) {
-    SyntaxErrorCatcher catcher;
-    json::sax_parse(text, &catcher);
-    result.error = syntaxError(origin, catcher.message);
+  json document;
+  if (!parseJsonDocument(text, origin, document, result.error)) {
     return result;
   }
   Checker check(origin);
