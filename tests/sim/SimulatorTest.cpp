@@ -63,6 +63,9 @@ TEST(SimInputsTest, BadScenariosAndCommandLinesAreRefusedWithOneLine) {
        "t: events[0].action: unknown action \"explode\" (offline, online, remove, add or "
        "push)"},
       {lamp + R"(], "duration": -5})", "t: duration: must be more than 0 seconds, found -5"},
+      {lamp + R"(], "duration": 0.0004})",
+       "t: duration: must be at least 0.001 seconds (runs are timed in milliseconds), found "
+       "0.0004"},
       {lamp + R"(], "duration": "ten"})",
        "t: duration: expected a number of seconds, found \"ten\""},
       {lamp + R"(], "interval": 1.5})",

@@ -93,6 +93,10 @@ class Checker {
     if (number > kMaxSeconds) {
       return fail(path, "must be at most " + std::to_string(kMaxSeconds) + " seconds");
     }
+    if (!zeroAllowed && number < 0.001) {
+      return fail(path, "must be at least 0.001 seconds (runs are timed in milliseconds), found " +
+                            excerpt(value));
+    }
     outMs = std::llround(number * 1000);
     return true;
   }
