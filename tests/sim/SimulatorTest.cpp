@@ -70,6 +70,8 @@ TEST(SimInputsTest, BadScenariosAndCommandLinesAreRefusedWithOneLine) {
        "t: duration: expected a number of seconds, found \"ten\""},
       {lamp + R"(], "interval": 1.5})",
        "t: interval: expected a whole number from 1 to 86400, found 1.5"},
+      {lamp + R"(], "interval": 0})",
+       "t: interval: expected a whole number from 1 to 86400, found 0"},
       {lamp + R"(], "devcies": []})", "t: top level: unknown key \"devcies\""},
       {lamp + R"(], "entities": ["plug"]})", "t: entities: duplicate key"},
       {lamp + R"(, {"endpoint": "x", "entity": "lamp", "adapter": "W", "adapter": "Z"}]})",

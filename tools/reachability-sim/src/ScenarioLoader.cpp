@@ -67,11 +67,11 @@ class Checker {
 
   bool wholeNumber(const json& value, const std::string& path, int64_t minimum, int64_t maximum,
                    int64_t& out) {
-    const bool whole = value.is_number_integer();
-    const bool inRange =
-        whole && (value.is_number_unsigned()
-                      ? value.get<uint64_t>() <= static_cast<uint64_t>(maximum)
-                      : value.get<int64_t>() >= minimum && value.get<int64_t>() <= maximum);
+    // An unsigned number above the maximum may not fit an int64_t.
+    const bool fits =
+        value.is_number_integer() &&
+        (!value.is_number_unsigned() || value.get<uint64_t>() <= static_cast<uint64_t>(maximum));
+    const bool inRange = fits && value.get<int64_t>() >= minimum && value.get<int64_t>() <= maximum;
     if (!inRange) {
       return fail(path, "expected a whole number from " + std::to_string(minimum) + " to " +
                             std::to_string(maximum) + ", found " + excerpt(value));
