@@ -1,5 +1,6 @@
 #include "JsonDocument.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cstdio>
 #include <utility>
@@ -31,7 +32,8 @@ std::string syntaxError(const std::string& origin, const std::string& message) {
   const std::string lastRead = "last read: ";
   const std::size_t quoted = text.find(lastRead);
   if (quoted != std::string::npos) {
-    const std::size_t from = quoted + lastRead.size() + (text[quoted + lastRead.size()] == '\'');
+    const std::size_t from =
+        quoted + lastRead.size() + (text[quoted + lastRead.size()] == '\'' ? 1 : 0);
     text = text.substr(0, from) + tailExcerpt(text.substr(from));
   }
   return origin + ":" + std::to_string(line) + ":" + std::to_string(column) +
@@ -43,12 +45,9 @@ bool isPlainKey(const std::string& key) {
       std::isdigit(static_cast<unsigned char>(key[0])) != 0) {
     return false;
   }
-  for (const char c : key) {
-    if (std::isalnum(static_cast<unsigned char>(c)) == 0 && c != '_') {
-      return false;
-    }
-  }
-  return true;
+  return std::all_of(key.begin(), key.end(), [](char c) {
+    return std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '_';
+  });
 }
 
 // Builds the document from the parser's events, as the library's own builder
