@@ -133,7 +133,8 @@ class HomeRun {
   // sampleEveryMs, until the duration has passed. A home that changes faster
   // than the driver delivers its events falls behind in time: after
   // kEventsBehind events without a pause the run waits for the driver, so
-  // that undelivered events do not pile up in memory.
+  // that undelivered events do not pile up in memory, and events still due
+  // when the duration has passed are not played.
   void playEvents() {
     EventStream events(scenario_);
     const int64_t end = scenario_.durationMs;
@@ -145,6 +146,9 @@ class HomeRun {
         apply(events.take());
         if (++withoutPause % kEventsBehind == 0) {
           driver_.waitUntilIdle(kDriverCatchUp);
+          if (timeline_.nowMs() >= end) {
+            return;  // behind at the end: what is still due is not played
+          }
         }
       }
       if (now >= end) {
