@@ -2,7 +2,8 @@
 # Builds the libFuzzer targets (clang, AddressSanitizer + UBSan) and runs
 # each for a short while on a copy of its seed corpus; any crash, leak,
 # sanitizer report or broken expectation fails the script and leaves the
-# reproducer in build/fuzz/artifacts/. Override the time per target with
+# reproducer in build/fuzz/artifacts/. A target's tests/fuzz/<target>.dict,
+# when there is one, is its dictionary. Override the time per target with
 # FUZZ_SECONDS.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
@@ -18,15 +19,20 @@ mkdir -p "${artifacts}"
 work=$(mktemp -d)
 trap 'rm -rf "${work}"' EXIT
 
-for target in StoreSequenceFuzzer FunctionLabelFuzzer ConnectivityFilterFuzzer; do
+for target in StoreSequenceFuzzer FunctionLabelFuzzer ConnectivityFilterFuzzer \
+  ScenarioLoaderFuzzer; do
   echo "=== fuzz: ${target}, ${seconds} s ==="
   cp -r "tests/fuzz/corpus/${target}" "${work}/${target}"
   log="${work}/${target}.log"
+  dictionary=()
+  if [ -f "tests/fuzz/${target}.dict" ]; then
+    dictionary=(-dict="tests/fuzz/${target}.dict")
+  fi
   if ! ASAN_OPTIONS="detect_leaks=1:abort_on_error=1" \
     UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1" \
     "build/fuzz/tests/fuzz/${target}" -max_total_time="${seconds}" -timeout=10 \
     -rss_limit_mb=2048 -print_final_stats=1 -artifact_prefix="${artifacts}/${target}-" \
-    "${work}/${target}" >"${log}" 2>&1; then
+    "${dictionary[@]}" "${work}/${target}" >"${log}" 2>&1; then
     tail -n 80 "${log}" >&2
     echo "fuzz: ${target} failed; reproducer in ${artifacts}/" >&2
     exit 1

@@ -1,6 +1,5 @@
 #include "GeneratedHome.h"
 
-#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <random>
@@ -31,23 +30,6 @@ std::string numbered(const char* prefix, int64_t number, int width) {
   return text;
 }
 
-void addFlaps(const Device& device, const GeneratedHomeSettings& settings, std::mt19937& random,
-              std::vector<Event>& events) {
-  if (settings.flapRate <= 0) {
-    return;
-  }
-  std::exponential_distribution<double> gapSeconds(settings.flapRate / 60.0);
-  std::uniform_int_distribution<int64_t> downMs(200, 3000);
-  double atSeconds = gapSeconds(random);
-  while (atSeconds * 1000 < static_cast<double>(settings.durationMs)) {
-    const auto offlineMs = static_cast<int64_t>(atSeconds * 1000);
-    const int64_t onlineMs = offlineMs + downMs(random);
-    events.push_back({offlineMs, Action::kOffline, device.endpointId});
-    events.push_back({onlineMs, Action::kOnline, device.endpointId});
-    atSeconds = static_cast<double>(onlineMs) / 1000 + gapSeconds(random);
-  }
-}
-
 }  // namespace
 
 Scenario generateHome(const GeneratedHomeSettings& settings) {
@@ -58,6 +40,7 @@ Scenario generateHome(const GeneratedHomeSettings& settings) {
   scenario.name = name;
   scenario.durationMs = settings.durationMs;
   scenario.intervalSeconds = settings.intervalSeconds;
+  scenario.flaps = {settings.flapRate, settings.seed};
   const int width = static_cast<int>(std::to_string(settings.devices).size());
   std::mt19937 random(settings.seed);
   std::bernoulli_distribution connected(0.3);
@@ -72,12 +55,9 @@ Scenario generateHome(const GeneratedHomeSettings& settings) {
     const std::string capability = kind.capability;
     const std::size_t colon = capability.find(':');
     device.capabilities.emplace_back(capability.substr(0, colon), capability.substr(colon + 1));
-    addFlaps(device, settings, random, scenario.events);
     scenario.entities.push_back(device.entityId);
     scenario.devices.push_back(std::move(device));
   }
-  std::stable_sort(scenario.events.begin(), scenario.events.end(),
-                   [](const Event& a, const Event& b) { return a.atMs < b.atMs; });
   return scenario;
 }
 

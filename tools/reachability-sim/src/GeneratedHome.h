@@ -17,7 +17,8 @@ struct GeneratedHomeSettings {
 
 // `devices` devices, one entity each, spread round-robin over the seven
 // supported adapters. Each device drops offline at random times (a Poisson
-// process of `flapRate` per minute) and comes back 0.2 to 3 s later. The same
+// process of `flapRate` per minute) and comes back 0.2 to 3 s later: the
+// scenario's flaps, which an EventStream makes as the run goes. The same
 // settings always give the same home.
 Scenario generateHome(const GeneratedHomeSettings& settings);
 

@@ -41,6 +41,15 @@ struct Event {
   std::string endpointId;
 };
 
+// Connectivity drops made up while the scenario runs: every device drops
+// offline at random times, `perMinute` times a minute on average (a Poisson
+// process), and comes back 0.2 to 3 s later. The same seed gives the same
+// drops.
+struct GeneratedFlaps {
+  double perMinute = 0;  // 0: none
+  uint32_t seed = 1;
+};
+
 struct Scenario {
   std::string name;
   int64_t durationMs = 10000;
@@ -52,6 +61,7 @@ struct Scenario {
   std::vector<std::string> entities;  // in display order
   std::vector<Device> devices;
   std::vector<Event> events;  // sorted by time; equal times keep file order
+  GeneratedFlaps flaps;       // played together with `events`
 
   // Null when no device has this endpoint id.
   const Device* findDevice(const std::string& endpointId) const;

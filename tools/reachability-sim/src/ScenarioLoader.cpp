@@ -10,6 +10,9 @@
 #include <system_error>
 #include <utility>
 
+#include "Excerpt.h"
+#include "JsonDocument.h"
+
 namespace veranda::reachabilityCache::sim {
 namespace {
 
@@ -17,54 +20,6 @@ using applianceDriver::ApplianceDriverType;
 using nlohmann::json;
 
 constexpr int64_t kMaxSeconds = 86400;  // one day: longer runs are surely a mistake
-
-// Records the first syntax error of a parse; the parser then stops without
-// throwing.
-class SyntaxErrorCatcher : public nlohmann::json_sax<json> {
- public:
-  bool null() override { return true; }
-  bool boolean(bool /*value*/) override { return true; }
-  bool number_integer(number_integer_t /*value*/) override { return true; }
-  bool number_unsigned(number_unsigned_t /*value*/) override { return true; }
-  bool number_float(number_float_t /*value*/, const string_t& /*text*/) override { return true; }
-  bool string(string_t& /*value*/) override { return true; }
-  bool binary(binary_t& /*value*/) override { return true; }
-  bool start_object(std::size_t /*size*/) override { return true; }
-  bool key(string_t& /*value*/) override { return true; }
-  bool end_object() override { return true; }
-  bool start_array(std::size_t /*size*/) override { return true; }
-  bool end_array() override { return true; }
-  bool parse_error(std::size_t /*position*/, const std::string& /*lastToken*/,
-                   const nlohmann::detail::exception& error) override {
-    message = error.what();
-    return false;
-  }
-
-  std::string message;
-};
-
-// Turns the parser's "[json.exception...] parse error at line L, column C: text"
-// into "origin:L:C: malformed JSON: text".
-std::string syntaxError(const std::string& origin, const std::string& message) {
-  unsigned long line = 0;
-  unsigned long column = 0;
-  const std::size_t at = message.find("at line ");
-  const std::size_t colon = message.find(": ", at == std::string::npos ? 0 : at);
-  if (at == std::string::npos || colon == std::string::npos ||
-      std::sscanf(message.c_str() + at, "at line %lu, column %lu", &line, &column) != 2) {
-    return origin + ": malformed JSON: " + message;
-  }
-  return origin + ":" + std::to_string(line) + ":" + std::to_string(column) +
-         ": malformed JSON: " + message.substr(colon + 2);
-}
-
-std::string shown(const json& value) {
-  std::string text = value.dump();
-  if (text.size() > 40) {
-    text = text.substr(0, 37) + "...";
-  }
-  return text;
-}
 
 // Reads typed values out of the parsed document; the first failure is kept.
 class Checker {
@@ -83,12 +38,12 @@ class Checker {
   bool onlyKeys(const json& object, const std::string& path,
                 std::initializer_list<const char*> keys) {
     if (!object.is_object()) {
-      return fail(path, "expected an object, found " + shown(object));
+      return fail(path, "expected an object, found " + excerpt(object));
     }
     for (const auto& item : object.items()) {
       if (std::none_of(keys.begin(), keys.end(),
                        [&](const char* key) { return item.key() == key; })) {
-        return fail(path, "unknown key \"" + item.key() + "\"");
+        return fail(path, "unknown key " + quotedExcerpt(item.key()));
       }
     }
     return true;
@@ -96,7 +51,7 @@ class Checker {
 
   bool text(const json& value, const std::string& path, std::string& out) {
     if (!value.is_string() || value.get_ref<const std::string&>().empty()) {
-      return fail(path, "expected a non-empty string, found " + shown(value));
+      return fail(path, "expected a non-empty string, found " + excerpt(value));
     }
     out = value.get<std::string>();
     return true;
@@ -104,7 +59,7 @@ class Checker {
 
   bool flag(const json& value, const std::string& path, bool& out) {
     if (!value.is_boolean()) {
-      return fail(path, "expected true or false, found " + shown(value));
+      return fail(path, "expected true or false, found " + excerpt(value));
     }
     out = value.get<bool>();
     return true;
@@ -112,14 +67,14 @@ class Checker {
 
   bool wholeNumber(const json& value, const std::string& path, int64_t minimum, int64_t maximum,
                    int64_t& out) {
-    const bool whole = value.is_number_integer();
-    const bool inRange =
-        whole && (value.is_number_unsigned()
-                      ? value.get<uint64_t>() <= static_cast<uint64_t>(maximum)
-                      : value.get<int64_t>() >= minimum && value.get<int64_t>() <= maximum);
+    // An unsigned number above the maximum may not fit an int64_t.
+    const bool fits =
+        value.is_number_integer() &&
+        (!value.is_number_unsigned() || value.get<uint64_t>() <= static_cast<uint64_t>(maximum));
+    const bool inRange = fits && value.get<int64_t>() >= minimum && value.get<int64_t>() <= maximum;
     if (!inRange) {
       return fail(path, "expected a whole number from " + std::to_string(minimum) + " to " +
-                            std::to_string(maximum) + ", found " + shown(value));
+                            std::to_string(maximum) + ", found " + excerpt(value));
     }
     out = value.get<int64_t>();
     return true;
@@ -128,15 +83,19 @@ class Checker {
   // Seconds, fractions allowed, converted to milliseconds.
   bool seconds(const json& value, const std::string& path, bool zeroAllowed, int64_t& outMs) {
     if (!value.is_number()) {
-      return fail(path, "expected a number of seconds, found " + shown(value));
+      return fail(path, "expected a number of seconds, found " + excerpt(value));
     }
     const double number = value.get<double>();
     if (!std::isfinite(number) || number < 0 || (number == 0 && !zeroAllowed)) {
       return fail(path, std::string("must be ") + (zeroAllowed ? "0 or more" : "more than 0") +
-                            " seconds, found " + shown(value));
+                            " seconds, found " + excerpt(value));
     }
     if (number > kMaxSeconds) {
       return fail(path, "must be at most " + std::to_string(kMaxSeconds) + " seconds");
+    }
+    if (!zeroAllowed && number < 0.001) {
+      return fail(path, "must be at least 0.001 seconds (runs are timed in milliseconds), found " +
+                            excerpt(value));
     }
     outMs = std::llround(number * 1000);
     return true;
@@ -157,7 +116,7 @@ bool readDriverType(Checker& check, const json& value, const std::string& path,
     out = name == "native" ? ApplianceDriverType::NATIVE : ApplianceDriverType::CONNECTED;
     return true;
   }
-  return check.fail(path, "expected \"native\" or \"connected\", found " + shown(value));
+  return check.fail(path, "expected \"native\" or \"connected\", found " + excerpt(value));
 }
 
 bool readCapabilities(Checker& check, const json& value, const std::string& path,
@@ -195,8 +154,8 @@ bool readDevice(Checker& check, const json& value, const std::string& path,
     return false;
   }
   if (entities.count(device.entityId) == 0) {
-    return check.fail(path + ".entity",
-                      "\"" + device.entityId + "\" is not one of the scenario's \"entities\"");
+    return check.fail(path + ".entity", quotedExcerpt(device.entityId) +
+                                            " is not one of the scenario's \"entities\"");
   }
   return (!value.contains("driverType") ||
           readDriverType(check, value["driverType"], path + ".driverType", device.driverType)) &&
@@ -222,7 +181,7 @@ bool readAction(Checker& check, const json& value, const std::string& path, Acti
     }
   }
   return check.fail(path,
-                    "unknown action " + shown(value) + " (offline, online, remove, add or push)");
+                    "unknown action " + excerpt(value) + " (offline, online, remove, add or push)");
 }
 
 bool readEvent(Checker& check, const json& value, const std::string& path,
@@ -242,7 +201,7 @@ bool readEvent(Checker& check, const json& value, const std::string& path,
   }
   if (endpoints.count(event.endpointId) == 0) {
     return check.fail(path + ".endpoint",
-                      "\"" + event.endpointId + "\" is not the endpoint of any device");
+                      quotedExcerpt(event.endpointId) + " is not the endpoint of any device");
   }
   return true;
 }
@@ -259,7 +218,7 @@ bool readEntities(Checker& check, const json& value, Scenario& scenario) {
       return false;
     }
     if (!seen.insert(id).second) {
-      return check.fail(path, "entity \"" + id + "\" is listed twice");
+      return check.fail(path, "entity " + quotedExcerpt(id) + " is listed twice");
     }
     scenario.entities.push_back(id);
   }
@@ -280,7 +239,7 @@ bool readDevices(Checker& check, const json& value, Scenario& scenario) {
     }
     if (!endpoints.insert(device.endpointId).second) {
       return check.fail(path + ".endpoint",
-                        "endpoint \"" + device.endpointId + "\" is used by two devices");
+                        "endpoint " + quotedExcerpt(device.endpointId) + " is used by two devices");
     }
     scenario.devices.push_back(std::move(device));
   }
@@ -343,11 +302,8 @@ bool readSettings(Checker& check, const json& document, Scenario& scenario) {
 
 LoadResult parseScenario(const std::string& text, const std::string& origin) {
   LoadResult result;
-  const json document = json::parse(text, nullptr, /*allow_exceptions=*/false);
-  if (document.is_discarded()) {
-    SyntaxErrorCatcher catcher;
-    json::sax_parse(text, &catcher);
-    result.error = syntaxError(origin, catcher.message);
+  json document;
+  if (!parseJsonDocument(text, origin, document, result.error)) {
     return result;
   }
   Checker check(origin);

@@ -9,6 +9,7 @@
 #include <unordered_map>
 #include <unordered_set>
 
+#include "EventStream.h"
 #include "SimProvider.h"
 #include "applianceDriver/SimulatedApplianceDriver.h"
 #include "reachabilityCache/ApplianceDriverReachabilityChecker.h"
@@ -21,6 +22,8 @@ using applianceDriver::DiscoveredDevice;
 using applianceDriver::SimulatedApplianceDriver;
 
 const char* const kListenerId = "reachability-sim";
+constexpr std::size_t kEventsBehind = 256;
+constexpr std::chrono::seconds kDriverCatchUp{1};
 
 DiscoveredDevice discovered(const Device& device, bool online) {
   DiscoveredDevice result;
@@ -127,16 +130,26 @@ class HomeRun {
   }
 
   // Applies each event at its time and looks at the cache every
-  // sampleEveryMs, until the duration has passed.
+  // sampleEveryMs, until the duration has passed. A home that changes faster
+  // than the driver delivers its events falls behind in time: after
+  // kEventsBehind events without a pause the run waits for the driver, so
+  // that undelivered events do not pile up in memory, and events still due
+  // when the duration has passed are not played.
   void playEvents() {
-    const std::vector<Event>& events = scenario_.events;
+    EventStream events(scenario_);
     const int64_t end = scenario_.durationMs;
-    std::size_t next = 0;
     int64_t nextSample = settings_.sampleEveryMs;
+    std::size_t withoutPause = 0;
     for (;;) {
       const int64_t now = timeline_.nowMs();
-      for (; next < events.size() && events[next].atMs <= now && events[next].atMs < end; ++next) {
-        apply(events[next]);
+      for (auto at = events.nextAtMs(); at && *at <= now; at = events.nextAtMs()) {
+        apply(events.take());
+        if (++withoutPause % kEventsBehind == 0) {
+          driver_.waitUntilIdle(kDriverCatchUp);
+          if (timeline_.nowMs() >= end) {
+            return;  // behind at the end: what is still due is not played
+          }
+        }
       }
       if (now >= end) {
         return;
@@ -145,8 +158,8 @@ class HomeRun {
         sample();
         nextSample = now + settings_.sampleEveryMs;
       }
-      const int64_t nextEvent = next < events.size() ? std::min(events[next].atMs, end) : end;
-      const int64_t wake = std::min({nextEvent, nextSample, end});
+      const int64_t wake = std::min({events.nextAtMs().value_or(end), nextSample, end});
+      withoutPause = wake > now ? 0 : withoutPause;
       std::this_thread::sleep_for(std::chrono::milliseconds(std::max<int64_t>(wake - now, 0)));
     }
   }

@@ -11,7 +11,7 @@
 
 #include "Options.h"
 #include "Report.h"
-#include "Setup.h"
+#include "ScenarioFromOptions.h"
 #include "SimRun.h"
 #include "SvgWriter.h"
 

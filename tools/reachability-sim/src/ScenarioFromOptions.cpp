@@ -1,4 +1,4 @@
-#include "Setup.h"
+#include "ScenarioFromOptions.h"
 
 #include "GeneratedHome.h"
 

@@ -1,0 +1,84 @@
+#include "EventStream.h"
+
+#include <cmath>
+
+namespace veranda::reachabilityCache::sim {
+namespace {
+
+constexpr int64_t kShortestDropMs = 200;
+constexpr int64_t kLongestDropMs = 3000;
+
+// SplitMix64: eight bytes of state per device, the same numbers on every
+// platform and standard library.
+uint64_t nextRandom(uint64_t& state) {
+  uint64_t z = (state += 0x9E3779B97F4A7C15ULL);
+  z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ULL;
+  z = (z ^ (z >> 27)) * 0x94D049BB133111EBULL;
+  return z ^ (z >> 31);
+}
+
+// Uniform in [0, 1).
+double nextUnit(uint64_t& state) {
+  return static_cast<double>(nextRandom(state) >> 11) * 0x1.0p-53;
+}
+
+}  // namespace
+
+EventStream::EventStream(const Scenario& scenario) : scenario_(scenario) {
+  const GeneratedFlaps& flaps = scenario.flaps;
+  if (!(flaps.perMinute > 0)) {
+    return;
+  }
+  flappers_.resize(scenario.devices.size());
+  for (std::size_t device = 0; device < flappers_.size(); ++device) {
+    uint64_t origin = (static_cast<uint64_t>(flaps.seed) << 32) ^ device;
+    flappers_[device].random = nextRandom(origin);
+    scheduleFlap(device, 0);
+  }
+}
+
+void EventStream::scheduleFlap(std::size_t device, int64_t fromMs) {
+  Flapper& flapper = flappers_[device];
+  double atMs = 0;
+  if (flapper.down) {
+    const auto span = static_cast<uint64_t>(kLongestDropMs - kShortestDropMs + 1);
+    atMs = static_cast<double>(fromMs + kShortestDropMs +
+                               static_cast<int64_t>(nextRandom(flapper.random) % span));
+  } else {
+    const double gapMs = -std::log1p(-nextUnit(flapper.random)) * 60000 / scenario_.flaps.perMinute;
+    atMs = std::floor(static_cast<double>(fromMs) + gapMs);
+  }
+  if (atMs < static_cast<double>(scenario_.durationMs)) {
+    flaps_.emplace(static_cast<int64_t>(atMs), device);
+  }
+}
+
+bool EventStream::listedIsNext() const {
+  return nextListed_ < scenario_.events.size() &&
+         (flaps_.empty() || scenario_.events[nextListed_].atMs <= flaps_.top().first);
+}
+
+std::optional<int64_t> EventStream::nextAtMs() const {
+  std::optional<int64_t> at;
+  if (listedIsNext()) {
+    at = scenario_.events[nextListed_].atMs;
+  } else if (!flaps_.empty()) {
+    at = flaps_.top().first;
+  }
+  return at && *at < scenario_.durationMs ? at : std::nullopt;
+}
+
+Event EventStream::take() {
+  if (listedIsNext()) {
+    return scenario_.events[nextListed_++];
+  }
+  const auto [atMs, device] = flaps_.top();
+  flaps_.pop();
+  Flapper& flapper = flappers_[device];
+  flapper.down = !flapper.down;
+  scheduleFlap(device, atMs);
+  return {atMs, flapper.down ? Action::kOffline : Action::kOnline,
+          scenario_.devices[device].endpointId};
+}
+
+}  // namespace veranda::reachabilityCache::sim
