@@ -347,10 +347,10 @@ void TraceBuilder::summary(const LibraryLine& line, Micros at, const LogMessage&
     entryLines.pop_back();  // the platform cut it somewhere: it may read as something else
     problem(kSummaryCut, at);
   }
-  std::vector<SummaryEntry> entries;
+  std::vector<std::pair<SummaryEntry, std::string_view>> entries;  // with its line
   for (std::string_view text : entryLines) {
     if (const std::optional<SummaryEntry> entry = parseSummaryEntry(text)) {
-      entries.push_back(*entry);
+      entries.emplace_back(*entry, text);
     }
   }
 
@@ -378,7 +378,7 @@ void TraceBuilder::summary(const LibraryLine& line, Micros at, const LogMessage&
   cache_->changes += changed.value_or(0);
 
   std::vector<Pending::Note>& notes = state_->notes[thread];
-  for (const SummaryEntry& entry : entries) {
+  for (const auto& [entry, entryText] : entries) {
     if (entry.entityId.empty()) {
       if (answered == nullptr) {
         problem(kUnknownEndpoint, at);
@@ -415,7 +415,7 @@ void TraceBuilder::summary(const LibraryLine& line, Micros at, const LogMessage&
     change->adapterName = std::string(entry.adapterName);
     if (inStory(entry.entityId)) {
       change->evidence.push_back(message.lines.front());
-      const std::string& entryLine = lineHolding(message, entry.endpointId);
+      const std::string& entryLine = lineHolding(message, entryText);
       if (&entryLine != &message.lines.front()) {
         change->evidence.push_back(entryLine);
       }

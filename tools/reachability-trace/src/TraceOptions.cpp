@@ -50,7 +50,11 @@ void describe(CLI::App& app, TraceOptions& options) {
          "--cache", options.cache,
          "the cache to draw when the capture holds several\n(1 is the first; default: the last)")
       ->type_name("N")
-      ->check(CLI::PositiveNumber);
+      ->check(CLI::Validator(
+          [](std::string& value) -> std::string {
+            return value == "0" ? "counts from 1, got 0" : "";
+          },
+          "", ""));
 }
 
 }  // namespace

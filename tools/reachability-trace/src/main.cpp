@@ -9,11 +9,9 @@
 #include <system_error>
 #include <vector>
 
-#include "CaptureReader.h"
-#include "LogMessage.h"
+#include "CaptureTrace.h"
 #include "SafeText.h"
 #include "TimelineSvg.h"
-#include "TraceBuilder.h"
 #include "TraceOptions.h"
 #include "TraceOutput.h"
 
@@ -68,20 +66,15 @@ int main(int argc, char** argv) {
     return fail(
         "cannot open " + options.capturePath + ": " + std::generic_category().message(errno), 2);
   }
-  TraceBuilder builder(options.entityId);
-  MessageAssembler assembler([&builder](const LogMessage& message) { builder.add(message); });
-  const ReadResult read = readCapture(fd, baseName(options.capturePath), assembler);
+  const std::string name = standardInput ? "standard input" : options.capturePath;
+  const CaptureTrace read = traceCapture(fd, name, options.entityId);
   if (!standardInput) {
     ::close(fd);
   }
   if (!read.ok) {
     return fail(read.error, 2);
   }
-  builder.addDamaged(assembler.damagedLines());
-  const Trace trace = builder.finish(read.bytes, read.sections);
-  if (trace.caches.empty()) {
-    return fail(baseName(options.capturePath) + " holds no line of the reachability cache", 2);
-  }
+  const Trace& trace = read.trace;
   if (options.json) {
     std::cout << traceJson(trace);
   } else if (!options.entityId.empty()) {
