@@ -1,6 +1,7 @@
 // reachability-trace against the simulator, which knows the truth: what its
 // listener heard, per entity and in order.
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include <cstdlib>
 #include <fstream>
@@ -12,6 +13,7 @@
 
 #include "CaptureFiles.h"
 #include "CaptureLine.h"
+#include "TraceOutput.h"
 
 namespace veranda::reachabilityCache::trace::testing {
 namespace {
@@ -87,6 +89,28 @@ std::string asThreadtime(const std::string& hostLog, bool infoOnly) {
   return capture;
 }
 
+// The simulator's final table: what isEntityReachable answered at the end,
+// as "reachable", "unreachable" or "notCached".
+std::map<std::string, std::string> finalAnswers(const std::string& timeline) {
+  std::map<std::string, std::string> answers;
+  std::istringstream lines(timeline);
+  bool inTable = false;
+  for (std::string line; std::getline(lines, line);) {
+    std::istringstream words(line);
+    std::string entity;
+    std::string answer;
+    words >> entity >> answer;
+    if (line.rfind("The cache at the end", 0) == 0) {
+      inTable = true;
+    } else if (inTable && (answer == "yes" || answer == "no" || answer == "not")) {
+      answers[entity] = answer == "yes"  ? "reachable"
+                        : answer == "no" ? "unreachable"
+                                         : "notCached";
+    }
+  }
+  return answers;
+}
+
 std::map<std::string, Told> toldInTrace(const CacheRecord& cache) {
   std::map<std::string, Told> told;
   for (const EntityRecord& entity : cache.entities) {
@@ -129,6 +153,12 @@ TEST(TraceAgainstSimTest, TellsWhatTheListenerHeard) {
     EXPECT_EQ(cache.changes, total(heard));
     EXPECT_EQ(cache.unseenChanges(), 0u);
     EXPECT_EQ(full.trace.damagedLines, 0u);
+    const nlohmann::json entities =
+        nlohmann::json::parse(traceJson(full.trace))["caches"][0]["entities"];
+    for (const auto& [entity, answer] : finalAnswers(sim.timeline)) {
+      EXPECT_EQ(entities.contains(entity) ? entities[entity]["lastAnswer"] : "notCached", answer)
+          << entity;
+    }
 
     // Info lines only: what the summaries kept, and an exact count.
     const CaptureTrace info = traceText(asThreadtime(sim.log, true));

@@ -139,6 +139,8 @@ TEST(TraceCaptureTest, CountsWhatACutSummaryLostAndInventsNothing) {
   const std::vector<Message> capture = {
       {"11-22 12:00:00.000", 7, 7, 'I', kFacade,
        "[ReachabilityCache]: event=cacheCreated maxCacheSize=100 periodicUpdates=true"},
+      {"11-22 12:00:00.500", 7, 7, 'I', kStore,  // the host's own record: reachable
+       "[insertEndpoint]: action=newEntity entityId=entity-39 endpointId=ep-39-wifi"},
       {"11-22 12:00:01.000", 7, 8, 'I', kChecker,
        "[processDiscoveredDevices]: requestId=periodic_0 deviceCount=30 resultCount=30"},
       {"11-22 12:00:01.000", 7, 8, 'I', kUpdater, bigSummary(pad).substr(0, kMaxMessageBytes)},
@@ -151,8 +153,12 @@ TEST(TraceCaptureTest, CountsWhatACutSummaryLostAndInventsNothing) {
     EXPECT_EQ(cache.changes, 30u);
     EXPECT_EQ(cache.seenChanges(), 9u);
     EXPECT_EQ(cache.unseenChanges(), 21u);
-    EXPECT_EQ(cache.entities.size(), 9u) << "the cut entry is not taken at its word";
+    EXPECT_EQ(cache.entities.size(), 10u) << "the cut entry is not taken at its word";
     EXPECT_EQ(cache.entities.back().id, "entity-18");
+    // Its entry lost, what the entity answers after the check is unknown.
+    const std::vector<AnswerRecord>& answers = cache.entities.front().answers;
+    ASSERT_EQ(answers.size(), 2u);
+    EXPECT_TRUE(answers[0].answer == Answer::kReachable && answers[1].answer == Answer::kUnknown);
     EXPECT_EQ(cache.problems.at(kSummaryCut).count, 1u);
     EXPECT_EQ(cache.cycles.at(0).changed, 30u);
   }

@@ -144,11 +144,160 @@ EntityRecord& TraceBuilder::entity(std::string_view id) {
   return cache_->entities.back();
 }
 
-void TraceBuilder::presence(std::string_view entityId, Micros at, bool present) {
-  EntityRecord& record = entity(entityId);
-  if (record.presence.empty() || record.presence.back().present != present) {
-    record.presence.push_back({at, trace_.messages, present});
+void TraceBuilder::hold(std::string_view entityId, std::string_view endpointId,
+                        std::optional<EndpointState> state, Micros at, std::optional<int> thread) {
+  std::map<std::string, EndpointState>& endpoints = state_->held[std::string(entityId)];
+  state_->uncertain.erase(std::string(entityId));
+  if (thread) {
+    const auto found = endpoints.find(std::string(endpointId));
+    const Pending::Before before{
+        *thread, found != endpoints.end(),
+        found != endpoints.end() ? found->second : EndpointState::kUnreachable};
+    const auto key = std::make_pair(std::string(entityId), std::string(endpointId));
+    const auto known = state_->before.find(key);
+    if (known == state_->before.end() || known->second.thread != *thread) {
+      state_->before[key] = before;
+    }
   }
+  if (state == EndpointState::kUnreachable && endpoints.count(std::string(endpointId)) == 0) {
+    // nothing was inserted: an unreachable result leaves the store alone
+  } else if (state) {
+    // An event's reachable result merges no capabilities: it keeps what the
+    // endpoint had.
+    EndpointState& held = endpoints.try_emplace(std::string(endpointId), *state).first->second;
+    held = *state == EndpointState::kUnconfirmed ? std::max(held, *state) : *state;
+  } else {
+    endpoints.erase(std::string(endpointId));
+  }
+  noteAnswer(entityId, at);
+}
+
+void TraceBuilder::forgetEntity(std::string_view entityId, Micros at) {
+  state_->held.erase(std::string(entityId));
+  state_->uncertain.erase(std::string(entityId));
+  noteAnswer(entityId, at);
+}
+
+void TraceBuilder::noteAnswer(std::string_view entityId, Micros at) {
+  Answer answer = Answer::kAbsent;
+  const auto held = state_->held.find(std::string(entityId));
+  if (state_->uncertain.count(std::string(entityId)) > 0) {
+    answer = Answer::kUnknown;
+  } else if (held != state_->held.end() && !held->second.empty()) {
+    answer = Answer::kUnreachable;
+    for (const auto& endpoint : held->second) {
+      answer = endpoint.second == EndpointState::kConfirmed ? Answer::kReachable : answer;
+    }
+  }
+  EntityRecord& record = entity(entityId);
+  std::vector<AnswerRecord>& answers = record.answers;
+  if (!answers.empty() && answers.back().message == trace_.messages) {
+    answers.pop_back();  // one message tells one answer: its last
+  }
+  const Answer last = answers.empty() ? Answer::kAbsent : answers.back().answer;
+  if (answer != last) {
+    answers.push_back({at, answer, trace_.messages});
+  }
+}
+
+std::optional<TraceBuilder::EndpointState> TraceBuilder::heldState(
+    const std::string& entityId, const std::string& endpointId) const {
+  const auto entity = state_->held.find(entityId);
+  if (entity == state_->held.end()) {
+    return std::nullopt;
+  }
+  const auto endpoint = entity->second.find(endpointId);
+  return endpoint == entity->second.end() ? std::nullopt
+                                          : std::optional<EndpointState>(endpoint->second);
+}
+
+void TraceBuilder::setHeld(const std::string& entityId, const std::string& endpointId,
+                           std::optional<EndpointState> state) {
+  if (state) {
+    state_->held[entityId][endpointId] = *state;
+  } else if (state_->held.count(entityId) > 0) {
+    state_->held[entityId].erase(endpointId);
+  }
+}
+
+std::map<std::pair<std::string, std::string>, std::optional<TraceBuilder::EndpointState>>
+TraceBuilder::rollBack(int thread) {
+  std::map<std::pair<std::string, std::string>, std::optional<EndpointState>> after;
+  for (auto before = state_->before.begin(); before != state_->before.end();) {
+    if (before->second.thread != thread) {
+      ++before;
+      continue;
+    }
+    const auto& [entityId, endpointId] = before->first;
+    after[before->first] = heldState(entityId, endpointId);
+    setHeld(
+        entityId, endpointId,
+        before->second.held ? std::optional<EndpointState>(before->second.state) : std::nullopt);
+    before = state_->before.erase(before);
+  }
+  return after;
+}
+
+void TraceBuilder::observe(const LibraryLine& line, Micros at) {
+  const std::string_view entityId = line.get("entityId").value_or("");
+  if (entityId.empty()) {
+    return;
+  }
+  const std::string id(entityId);
+  if (line.has("reason", "notInCache")) {
+    if (state_->held.count(id) > 0 && !state_->held[id].empty()) {
+      forgetEntity(entityId, at);
+    }
+    return;
+  }
+  if (state_->held.count(id) == 0 || state_->held[id].empty()) {
+    return;  // which endpoints it holds, the capture does not tell yet
+  }
+  state_->uncertain.erase(id);
+  const bool reachable = line.has("reachable", "true");
+  std::map<std::string, EndpointState>& endpoints = state_->held[id];
+  bool modelled = false;
+  for (const auto& endpoint : endpoints) {
+    modelled = modelled || endpoint.second == EndpointState::kConfirmed;
+  }
+  if (reachable && !modelled) {
+    endpoints[""] = EndpointState::kConfirmed;  // an endpoint the capture never named
+  } else if (!reachable && modelled) {
+    for (auto& endpoint : endpoints) {
+      endpoint.second = std::min(endpoint.second, EndpointState::kUnconfirmed);
+    }
+  }
+  noteAnswer(entityId, at);
+}
+
+void TraceBuilder::correct(std::string_view entityId, std::string_view endpointId,
+                           bool reachableBefore, int thread, Micros at) {
+  static const std::string kUnnamed;  // no endpoint id is empty
+  std::map<std::string, EndpointState>& endpoints = state_->held[std::string(entityId)];
+  // What the held endpoints said before this result's own lines.
+  const auto before = state_->before.find({std::string(entityId), std::string(endpointId)});
+  const bool useBefore = before != state_->before.end() && before->second.thread == thread;
+  bool reachable = false;
+  for (const auto& endpoint : endpoints) {
+    const bool own = useBefore && endpoint.first == endpointId;
+    reachable = reachable || (!own && endpoint.second == EndpointState::kConfirmed);
+  }
+  if (useBefore && before->second.held) {
+    reachable = reachable || before->second.state == EndpointState::kConfirmed;
+  }
+  if (reachableBefore && !reachable) {
+    endpoints[kUnnamed] = EndpointState::kConfirmed;
+  } else if (!reachableBefore && reachable) {
+    for (auto& endpoint : endpoints) {
+      endpoint.second = std::min(endpoint.second, EndpointState::kUnconfirmed);
+    }
+  }
+  noteAnswer(entityId, at);
+}
+
+// True while a check's answer is being applied on the message's thread.
+bool TraceBuilder::checkAnswering(const LogMessage& message) const {
+  return state_->answers.count(threadKey(message)) > 0;
 }
 
 void TraceBuilder::facade(const LibraryLine& line, Micros at) {
@@ -180,19 +329,29 @@ void TraceBuilder::store(const LibraryLine& line, Micros at, const LogMessage& m
     const std::optional<std::string_view> endpointId = line.get("endpointId");
     if (!reason && entityId && endpointId) {
       entity(*entityId).endpoints.emplace(*endpointId);
-      if (line.has("action", "newEntity")) {
-        presence(*entityId, at, true);
+      if (line.has("action", "newEntity") || line.has("action", "appended")) {
+        // a check's answer or the host's record: with capabilities
+        hold(*entityId, *endpointId, EndpointState::kConfirmed, at, threadKey(message));
       }
     }
-  } else if ((label == "removeEndpoint" && line.has("action", "removedEndpointAndEntity")) ||
-             (label == "removeEntity" && line.has("action", "removedEntity"))) {
-    presence(line.get("entityId").value_or(""), at, false);
+  } else if (label == "removeEndpoint" && (line.has("action", "removedEndpointAndEntity") ||
+                                           line.has("action", "removedEndpoint"))) {
+    hold(line.get("entityId").value_or(""), line.get("endpointId").value_or(""), std::nullopt, at);
+  } else if (label == "removeEntity" && line.has("action", "removedEntity")) {
+    forgetEntity(line.get("entityId").value_or(""), at);
   } else if (label == "clear" && line.has("action", "cleared")) {
-    for (EntityRecord& record : cache_->entities) {
-      if (!record.presence.empty() && record.presence.back().present) {
-        record.presence.push_back({at, trace_.messages, false});
-      }
+    std::vector<std::string> held;
+    for (const auto& entry : state_->held) {
+      held.push_back(entry.first);
     }
+    for (const std::string& entityId : held) {
+      forgetEntity(entityId, at);
+    }
+  } else if (label == "clearEndpointCapabilities" && line.has("action", "clearedCapabilities")) {
+    hold(line.get("entityId").value_or(""), line.get("endpointId").value_or(""),
+         EndpointState::kUnreachable, at, threadKey(message));
+  } else if (label == "isEntityReachable") {
+    observe(line, at);
   } else if (label == "notifyReachabilityListeners") {
     notification(line, at, message);
   }
@@ -320,14 +479,21 @@ void TraceBuilder::notification(const LibraryLine& line, Micros at, const LogMes
   record.endpoints.emplace(*endpointId);
   ChangeRecord change;
   change.at = at;
-  change.sequence = trace_.messages;
   change.endpointId = std::string(*endpointId);
   change.reachable = *reachable == "true";
   if (inStory(*entityId)) {
     change.evidence = causeOf(message, *endpointId);
     change.evidence.push_back(message.lines.front());
   }
+  const bool confirmed = checkAnswering(message);
+  state_->notified = true;
+  // Listeners hear only of changes: the entity was the other way before.
+  correct(*entityId, *endpointId, *reachable != "true", threadKey(message), at);
   record.changes.push_back(std::move(change));
+  hold(*entityId, *endpointId,
+       *reachable != "true" ? EndpointState::kUnreachable
+                            : (confirmed ? EndpointState::kConfirmed : EndpointState::kUnconfirmed),
+       at, threadKey(message));
   state_->notes[threadKey(message)].push_back({std::string(*endpointId), std::string(*entityId),
                                                *reachable == "true", record.changes.size() - 1});
 }
@@ -377,8 +543,13 @@ void TraceBuilder::summary(const LibraryLine& line, Micros at, const LogMessage&
   }
   cache_->changes += changed.value_or(0);
 
+  // The store's lines of this result came before it: apply the result
+  // entry by entry from the states before them, then keep what those lines
+  // did to endpoints whose entries the platform cut.
+  auto after = rollBack(thread);
   std::vector<Pending::Note>& notes = state_->notes[thread];
   for (const auto& [entry, entryText] : entries) {
+    after.erase({std::string(entry.entityId), std::string(entry.endpointId)});
     if (entry.entityId.empty()) {
       if (answered == nullptr) {
         problem(kUnknownEndpoint, at);
@@ -389,6 +560,16 @@ void TraceBuilder::summary(const LibraryLine& line, Micros at, const LogMessage&
     record.endpoints.emplace(entry.endpointId);
     if (!entry.adapterName.empty()) {
       record.adapters.emplace(entry.adapterName);
+    }
+    if (!entry.insertFailed) {
+      // "reachable" and "becameUnreachable" follow a reachable entity.
+      correct(entry.entityId, entry.endpointId, entry.reachable != entry.changed, thread, at);
+      // An event's result carries no adapter and no capabilities.
+      hold(entry.entityId, entry.endpointId,
+           !entry.reachable            ? EndpointState::kUnreachable
+           : entry.adapterName.empty() ? EndpointState::kUnconfirmed
+                                       : EndpointState::kConfirmed,
+           at);
     }
     if (!entry.changed) {
       continue;
@@ -405,7 +586,6 @@ void TraceBuilder::summary(const LibraryLine& line, Micros at, const LogMessage&
       record.changes.push_back({});
       change = &record.changes.back();
       change->at = at;
-      change->sequence = trace_.messages;
       change->endpointId = std::string(entry.endpointId);
       change->reachable = entry.reachable;
       if (inStory(entry.entityId)) {
@@ -423,6 +603,23 @@ void TraceBuilder::summary(const LibraryLine& line, Micros at, const LogMessage&
   }
   if (message.tid) {
     notes.clear();  // a thread's notifications all come before its summary
+  }
+  for (const auto& [key, state] : after) {
+    setHeld(key.first, key.second, state);
+    noteAnswer(key.first, at);
+  }
+  if (cut && answered != nullptr && !state_->notified) {
+    // Without notification lines, what the lost entries said is unknown.
+    std::set<std::string> told;
+    for (const auto& entry : entries) {
+      told.emplace(entry.first.entityId);
+    }
+    for (const auto& [entityId, endpoints] : state_->held) {
+      if (!endpoints.empty() && told.count(entityId) == 0) {
+        state_->uncertain.insert(entityId);
+        noteAnswer(entityId, at);
+      }
+    }
   }
 }
 

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -31,6 +32,10 @@ class TraceBuilder {
 
  private:
   // What the builder needs besides the record while a cache's lines come in.
+  // An endpoint as the cache holds it: unreachable, reachable by an event
+  // only (no capabilities yet), or reachable by a check or the host.
+  enum class EndpointState { kUnreachable, kUnconfirmed, kConfirmed };
+
   struct Pending {
     bool periodicRunning = false;
     std::optional<uint64_t> nextEndpointCount;
@@ -44,6 +49,17 @@ class TraceBuilder {
     };
     std::map<int, std::vector<Note>> notes;  // thread -> notifications awaiting their summary
     std::unordered_map<std::string, std::string> lastEvent;  // endpoint -> line (story only)
+    std::unordered_map<std::string, std::map<std::string, EndpointState>> held;  // entity -> ...
+    std::set<std::string> uncertain;  // entities whose entry a cut summary lost
+    bool notified = false;            // the capture has notification lines
+    // An endpoint's state before the lines of a result still being applied
+    // on a thread changed it: (entity, endpoint) -> (thread, held, state).
+    struct Before {
+      int thread;
+      bool held;
+      EndpointState state;
+    };
+    std::map<std::pair<std::string, std::string>, Before> before;
   };
 
   CacheRecord& cacheFor(const LogMessage& message, const LibraryLine& line, Micros at);
@@ -57,7 +73,28 @@ class TraceBuilder {
   CheckRecord& check(std::string_view requestId, Micros at);
   EntityRecord& entity(std::string_view id);
   void problem(const char* kind, Micros at, uint64_t count = 1);
-  void presence(std::string_view entityId, Micros at, bool present);
+  // Sets (or with nothing, forgets) an endpoint's state and notes the
+  // entity's answer if it changed.
+  // `thread` names the thread whose result the change belongs to, if any.
+  void hold(std::string_view entityId, std::string_view endpointId,
+            std::optional<EndpointState> state, Micros at, std::optional<int> thread = {});
+  void forgetEntity(std::string_view entityId, Micros at);
+  // Every result tells whether its entity was reachable just before; where
+  // the held endpoints say otherwise, an endpoint the capture never named
+  // holds the entity, or the held ones had lost their capabilities.
+  void correct(std::string_view entityId, std::string_view endpointId, bool reachableBefore,
+               int thread, Micros at);
+  void noteAnswer(std::string_view entityId, Micros at);
+  bool checkAnswering(const LogMessage& message) const;
+  // A query's answer, written by the store (debug): the truth at that moment.
+  void observe(const LibraryLine& line, Micros at);
+  // Puts the endpoints that the lines of `thread`'s result changed back as
+  // they were, and returns their states after those lines.
+  std::map<std::pair<std::string, std::string>, std::optional<EndpointState>> rollBack(int thread);
+  std::optional<EndpointState> heldState(const std::string& entityId,
+                                         const std::string& endpointId) const;
+  void setHeld(const std::string& entityId, const std::string& endpointId,
+               std::optional<EndpointState> state);
   int threadKey(const LogMessage& message) const;
   bool inStory(std::string_view entityId) const;
   std::vector<std::string> causeOf(const LogMessage& message, std::string_view endpointId);

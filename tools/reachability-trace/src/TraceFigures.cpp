@@ -4,45 +4,19 @@
 #include "TraceOutput.h"
 
 namespace veranda::reachabilityCache::trace {
-namespace {
-
-// A change or a departure, in capture order.
-struct Step {
-  Micros at;
-  uint64_t sequence;
-  ToldState state;
-};
-
-std::vector<Step> steps(const EntityRecord& entity) {
-  std::vector<Step> result;
-  for (const ChangeRecord& change : entity.changes) {
-    result.push_back({change.at, change.sequence,
-                      change.reachable ? ToldState::kReachable : ToldState::kUnreachable});
-  }
-  for (const PresenceRecord& presence : entity.presence) {
-    // A record enters the cache reachable (a check's answer or the host's own).
-    result.push_back({presence.at, presence.sequence,
-                      presence.present ? ToldState::kReachable : ToldState::kAbsent});
-  }
-  std::stable_sort(result.begin(), result.end(),
-                   [](const Step& a, const Step& b) { return a.sequence < b.sequence; });
-  return result;
-}
-
-}  // namespace
 
 std::vector<EntitySpan> entitySpans(const EntityRecord& entity, Micros start, Micros end) {
   std::vector<EntitySpan> spans;
-  EntitySpan current{start, start, ToldState::kAbsent};
-  for (const Step& step : steps(entity)) {
-    if (step.at == kNoTime || step.state == current.state) {
+  EntitySpan current{start, start, Answer::kAbsent};
+  for (const AnswerRecord& answer : entity.answers) {
+    if (answer.at == kNoTime) {
       continue;
     }
-    current.to = std::max(step.at, current.from);
+    current.to = std::max(answer.at, current.from);
     if (current.to > current.from) {
       spans.push_back(current);
     }
-    current = {current.to, current.to, step.state};
+    current = {current.to, current.to, answer.answer};
   }
   current.to = std::max(end, current.from);
   spans.push_back(current);
@@ -52,18 +26,14 @@ std::vector<EntitySpan> entitySpans(const EntityRecord& entity, Micros start, Mi
 EntityFigures entityFigures(const EntityRecord& entity, Micros cacheEnd) {
   EntityFigures figures;
   figures.changes = entity.changes.size();
-  bool wasReachable = false;
-  for (const ChangeRecord& change : entity.changes) {
-    figures.flaps += wasReachable && !change.reachable ? 1 : 0;
-    wasReachable = change.reachable;
+  for (const AnswerRecord& answer : entity.answers) {
+    figures.flaps +=
+        figures.last == Answer::kReachable && answer.answer == Answer::kUnreachable ? 1 : 0;
+    figures.last = answer.answer;
   }
-  if (!entity.changes.empty()) {
-    figures.lastReachable = entity.changes.back().reachable;
-  }
-  const Micros start = entity.changes.empty() ? cacheEnd : entity.changes.front().at;
-  if (start != kNoTime && cacheEnd != kNoTime) {
-    for (const EntitySpan& span : entitySpans(entity, start, cacheEnd)) {
-      if (span.state == ToldState::kUnreachable) {
+  if (!entity.answers.empty() && entity.answers.front().at != kNoTime && cacheEnd != kNoTime) {
+    for (const EntitySpan& span : entitySpans(entity, entity.answers.front().at, cacheEnd)) {
+      if (span.answer == Answer::kUnreachable) {
         figures.unreachableSeconds += static_cast<double>(span.to - span.from) / 1e6;
       }
     }

@@ -19,6 +19,20 @@ json optional(const std::optional<T>& value) {
   return value ? json(*value) : json(nullptr);
 }
 
+const char* answerText(Answer answer) {
+  switch (answer) {
+    case Answer::kReachable:
+      return "reachable";
+    case Answer::kUnreachable:
+      return "unreachable";
+    case Answer::kUnknown:
+      return "unknown";
+    case Answer::kAbsent:
+      break;
+  }
+  return "notCached";
+}
+
 double percentile(const std::vector<double>& sorted, double fraction) {
   const auto rank =
       static_cast<std::size_t>(std::ceil(fraction * static_cast<double>(sorted.size())));
@@ -60,10 +74,18 @@ json entityJson(const Trace& trace, const EntityRecord& entity, Micros cacheEnd)
     }
     changes.push_back(std::move(item));
   }
+  json answers = json::array();
+  for (const AnswerRecord& answer : entity.answers) {
+    answers.push_back({{"time", time(trace, answer.at)}, {"answer", answerText(answer.answer)}});
+  }
   const EntityFigures figures = entityFigures(entity, cacheEnd);
   return {{"changes", std::move(changes)},
           {"flaps", figures.flaps},
-          {"lastReachable", optional(figures.lastReachable)},
+          {"lastReachable", figures.last == Answer::kReachable     ? json(true)
+                            : figures.last == Answer::kUnreachable ? json(false)
+                                                                   : json(nullptr)},
+          {"lastAnswer", answerText(figures.last)},
+          {"answers", std::move(answers)},
           {"unreachableSeconds", trace.hasTime ? json(figures.unreachableSeconds) : json(nullptr)},
           {"endpoints", entity.endpoints},
           {"adapters", entity.adapters}};

@@ -47,24 +47,29 @@ struct CheckRecord {
 // A change told to listeners.
 struct ChangeRecord {
   Micros at = kNoTime;
-  uint64_t sequence = 0;  // the message's place in the capture
   std::string endpointId;
   std::string adapterName;  // where a summary names it
   bool reachable = false;
   std::vector<std::string> evidence;  // kept only for an entity's story
 };
 
-// The entity entered (a record was inserted) or left the cache.
-struct PresenceRecord {
+// What isEntityReachable answers for an entity from `at` on, as the lines
+// tell it: an entity is reachable while one of its endpoints is, by a check's
+// answer or the host's own record; an event alone does not make it so. Where
+// a cut summary lost an entity's entry and no notification line tells, its
+// answer is unknown until the next line about it.
+enum class Answer { kAbsent, kReachable, kUnreachable, kUnknown };
+
+struct AnswerRecord {
   Micros at = kNoTime;
-  uint64_t sequence = 0;
-  bool present = false;
+  Answer answer = Answer::kAbsent;
+  uint64_t message = 0;  // the number of the message that told it
 };
 
 struct EntityRecord {
   std::string id;
   std::vector<ChangeRecord> changes;
-  std::vector<PresenceRecord> presence;
+  std::vector<AnswerRecord> answers;  // each change of the answer, in capture order
   std::set<std::string> endpoints;
   std::set<std::string> adapters;
 };

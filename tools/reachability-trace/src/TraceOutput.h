@@ -24,8 +24,9 @@ bool printEntityStory(const Trace& trace, const std::string& entityId, std::ostr
 // The JSON document (one line, then a line feed).
 std::string traceJson(const Trace& trace);
 
-// The picture of one cache: a row per entity with the states listeners were
-// told, grey while it is not in the cache; the periodic cycles.
+// The picture of one cache: a row per entity with its answers over time,
+// grey while it is not in the cache, and a mark at each change told to
+// listeners; the periodic cycles.
 tools::TimelinePicture tracePicture(const Trace& trace, std::size_t cacheIndex,
                                     const std::string& captureName);
 
@@ -34,26 +35,24 @@ tools::TimelinePicture tracePicture(const Trace& trace, std::size_t cacheIndex,
 std::vector<double> answerLatenciesMs(const CacheRecord& cache);
 std::vector<double> cycleGapsSeconds(const CacheRecord& cache);
 
-// What listeners were last told about an entity while it was in the cache.
-enum class ToldState { kAbsent, kReachable, kUnreachable };
-
 struct EntitySpan {
   Micros from = kNoTime;
   Micros to = kNoTime;
-  ToldState state = ToldState::kAbsent;
+  Answer answer = Answer::kAbsent;
 };
 
-// The entity's spans from `start` to `end`: absent until it enters the
-// cache (or is first told about), then as its changes and departures say.
+// The entity's answers as spans from `start` to `end`; absent before the
+// first.
 std::vector<EntitySpan> entitySpans(const EntityRecord& entity, Micros start, Micros end);
 
-// Per entity: the time it spent unreachable (told so, while in the cache)
-// and the number of times it dropped from reachable to unreachable.
+// Per entity: the changes told to listeners, the times its answer dropped
+// from reachable to unreachable, the time it answered unreachable while in
+// the cache, and its last answer.
 struct EntityFigures {
   std::size_t changes = 0;
   std::size_t flaps = 0;
   double unreachableSeconds = 0;
-  std::optional<bool> lastReachable;
+  Answer last = Answer::kAbsent;
 };
 EntityFigures entityFigures(const EntityRecord& entity, Micros cacheEnd);
 

@@ -4,13 +4,14 @@
 namespace veranda::reachabilityCache::trace {
 namespace {
 
-tools::SpanState spanState(ToldState state) {
-  switch (state) {
-    case ToldState::kReachable:
+tools::SpanState spanState(Answer answer) {
+  switch (answer) {
+    case Answer::kReachable:
       return tools::SpanState::kReachable;
-    case ToldState::kUnreachable:
+    case Answer::kUnreachable:
       return tools::SpanState::kUnreachable;
-    case ToldState::kAbsent:
+    case Answer::kAbsent:
+    case Answer::kUnknown:
       break;
   }
   return tools::SpanState::kAbsent;
@@ -44,13 +45,15 @@ tools::TimelinePicture tracePicture(const Trace& trace, std::size_t cacheIndex,
       picture.cycleTimesMs.push_back(msSince(start, check.start));
     }
   }
+  bool unknown = false;
   for (const EntityRecord& entity : cache.entities) {
     tools::TimelineRow row;
     row.label = entity.id;
     for (const EntitySpan& span : entitySpans(entity, start, end)) {
-      if (span.state != ToldState::kAbsent || span.to > span.from) {
+      unknown = unknown || span.answer == Answer::kUnknown;
+      if (span.answer != Answer::kUnknown) {  // left blank: the capture does not tell
         row.spans.push_back(
-            {msSince(start, span.from), msSince(start, span.to), spanState(span.state)});
+            {msSince(start, span.from), msSince(start, span.to), spanState(span.answer)});
       }
     }
     for (const ChangeRecord& change : entity.changes) {
@@ -59,6 +62,9 @@ tools::TimelinePicture tracePicture(const Trace& trace, std::size_t cacheIndex,
       }
     }
     picture.rows.push_back(std::move(row));
+  }
+  if (unknown) {
+    picture.note += "; blank where cut summaries leave the answer unknown";
   }
   return picture;
 }

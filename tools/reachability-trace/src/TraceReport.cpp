@@ -42,6 +42,20 @@ std::string decimal(double value, const char* unit) {
   return text;
 }
 
+const char* answerText(Answer answer) {
+  switch (answer) {
+    case Answer::kReachable:
+      return "reachable";
+    case Answer::kUnreachable:
+      return "unreachable";
+    case Answer::kUnknown:
+      return "unknown (summary cut)";
+    case Answer::kAbsent:
+      break;
+  }
+  return "not cached";
+}
+
 double percentile(const std::vector<double>& sorted, double fraction) {
   const auto rank =
       static_cast<std::size_t>(std::ceil(fraction * static_cast<double>(sorted.size())));
@@ -125,18 +139,15 @@ void printEntities(const CacheRecord& cache, std::ostream& out) {
     }
     return a.figures.changes > b.figures.changes;
   });
-  out << "  " << terminalPadded("entity", width) << "  changes  flaps  unreachable  last\n";
+  out << "  " << terminalPadded("entity", width)
+      << "  changes  flaps  unreachable  answers at the end\n";
   for (std::size_t i = 0; i < rows.size() && i < kListedEntities; ++i) {
     const EntityFigures& figures = rows[i].figures;
     char numbers[64];
     std::snprintf(numbers, sizeof(numbers), "%7zu  %5zu  %11s", figures.changes, figures.flaps,
                   decimal(figures.unreachableSeconds, "s").c_str());
     out << "  " << terminalPadded(tools::shortened(rows[i].entity->id, 40), width) << "  "
-        << numbers << "  "
-        << (!figures.lastReachable   ? "-"
-            : *figures.lastReachable ? "reachable"
-                                     : "unreachable")
-        << '\n';
+        << numbers << "  " << answerText(figures.last) << '\n';
   }
   if (rows.size() > kListedEntities) {
     out << "  ... and " << rows.size() - kListedEntities
@@ -144,7 +155,7 @@ void printEntities(const CacheRecord& cache, std::ostream& out) {
   }
 }
 
-void printCycles(const CacheRecord& cache, std::ostream& out) {
+void printCycles(const Trace& trace, const CacheRecord& cache, std::ostream& out) {
   std::size_t unanswered = 0;
   std::size_t notStarted = 0;
   for (const CheckRecord& check : cache.cycles) {
@@ -164,7 +175,9 @@ void printCycles(const CacheRecord& cache, std::ostream& out) {
   if (!latencies.empty()) {
     out << "  Answer latency: median " << decimal(percentile(latencies, 0.5), "ms") << ", p99 "
         << decimal(percentile(latencies, 0.99), "ms") << ", max " << decimal(latencies.back(), "ms")
-        << " over " << latencies.size() << " checks\n";
+        << " over " << latencies.size() << " checks"
+        << (trace.clock.resolution() >= 1000000 ? " (the timestamps have whole seconds only)" : "")
+        << '\n';
   }
 }
 
@@ -186,7 +199,7 @@ void printReport(const Trace& trace, std::ostream& out) {
     printHeading(trace, cache, i + 1, out);
     printProblems(trace, cache, out);
     printEntities(cache, out);
-    printCycles(cache, out);
+    printCycles(trace, cache, out);
   }
 }
 
