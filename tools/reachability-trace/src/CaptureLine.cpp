@@ -75,15 +75,9 @@ bool isPriority(char c) {
 }
 
 bool isNumber(std::string_view text) {
-  if (text.empty()) {
-    return false;
-  }
-  for (char c : text) {
-    if (std::isdigit(static_cast<unsigned char>(c)) == 0) {
-      return false;
-    }
-  }
-  return true;
+  return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) {
+    return std::isdigit(static_cast<unsigned char>(c)) != 0;
+  });
 }
 
 int toInt(std::string_view text) {

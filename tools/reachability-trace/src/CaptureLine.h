@@ -30,8 +30,8 @@ struct CaptureLine {
   std::string_view text;  // the message (or this line of it)
 };
 
-// Parses `line` (without its line feed). Returns nothing when no header form
-// fits. The views point into `line`.
-std::optional<CaptureLine> parseCaptureLine(std::string_view line);
+// Parses `text`, one line without its line feed. Returns nothing when no
+// header form fits. The views point into `text`.
+std::optional<CaptureLine> parseCaptureLine(std::string_view text);
 
 }  // namespace veranda::reachabilityCache::trace

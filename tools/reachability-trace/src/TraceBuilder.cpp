@@ -548,7 +548,9 @@ void TraceBuilder::summary(const LibraryLine& line, Micros at, const LogMessage&
   // did to endpoints whose entries the platform cut.
   auto after = rollBack(thread);
   std::vector<Pending::Note>& notes = state_->notes[thread];
-  for (const auto& [entry, entryText] : entries) {
+  for (const auto& item : entries) {
+    const SummaryEntry& entry = item.first;
+    const std::string_view entryText = item.second;
     after.erase({std::string(entry.entityId), std::string(entry.endpointId)});
     if (entry.entityId.empty()) {
       if (answered == nullptr) {

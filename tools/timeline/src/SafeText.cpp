@@ -112,7 +112,7 @@ std::string terminalText(std::string_view text) {
   for (std::size_t at = 0; at < text.size();) {
     const Character character = decode(text, at);
     char escape[16];
-    if (character.codePoint < 0 || character.codePoint < 0x20 || character.codePoint == 0x7F) {
+    if (character.codePoint < 0x20 || character.codePoint == 0x7F) {  // and invalid bytes (-1)
       std::snprintf(escape, sizeof(escape), "\\x%02x", static_cast<unsigned char>(text[at]));
       result += escape;
     } else if (isControl(character.codePoint)) {
