@@ -404,8 +404,8 @@ void TraceBuilder::checker(const LibraryLine& line, Micros at, const LogMessage&
   if (label == "checkReachability") {
     if (const auto details = line.get("details")) {
       // "requestId=periodic_3 count=17" and one line per endpoint
-      const std::optional<LibraryLine> head =
-          parseLibraryLine("[]: " + std::string(details->substr(0, details->find('\n'))));
+      const std::string first = "[]: " + std::string(details->substr(0, details->find('\n')));
+      const std::optional<LibraryLine> head = parseLibraryLine(first);  // views into `first`
       if (head && head->get("requestId")) {
         CheckRecord& record = check(*head->get("requestId"), at);
         record.endpointCount = number(head->get("count"));
