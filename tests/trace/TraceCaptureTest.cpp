@@ -124,8 +124,9 @@ std::string bigSummary(std::size_t pad) {
   std::string details;
   for (int i = 10; i < 40; ++i) {
     const std::string n = std::to_string(i);
-    details += "\n    ep-" + n + std::string(i == 10 ? pad : 0, 'p') + "-wifi (entityId=entity-" +
-               n + ", adapter=PROT_WIFI-ADAPTER): reachable (becameReachable)";
+    details.append("\n    ep-").append(n).append(i == 10 ? pad : 0, 'p');
+    details.append("-wifi (entityId=entity-").append(n);
+    details.append(", adapter=PROT_WIFI-ADAPTER): reachable (becameReachable)");
   }
   return "[processReachabilityResults]: reachable=30 unreachable=0 changed=30 details=" + details;
 }

@@ -645,6 +645,7 @@ void TraceBuilder::checkRhythm(CacheRecord& cache) {
     return;
   }
   std::vector<Micros> sorted;
+  sorted.reserve(gaps.size());
   for (const auto& gap : gaps) {
     sorted.push_back(gap.first);
   }
