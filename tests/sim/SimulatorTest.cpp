@@ -80,15 +80,18 @@ TEST(SimInputsTest, BadScenariosAndCommandLinesAreRefusedWithOneLine) {
       {R"({"entities": ["lamp"]})", "t: missing \"devices\""},
       {"--colour", "unknown option '--colour'"},
       {"home.json", "unexpected argument 'home.json'"},
-      {"--duration -3", "--duration must be more than 0 and at most 86400 seconds, got -3"},
-      {"--duration=soon", "--duration expects a number of seconds, got 'soon'"},
-      {"--interval 0.5", "--interval must be a whole number of seconds, got '0.5'"},
-      {"--devices 0", "--devices must be from 1 to 100000, got 0"},
+      {"--duration -3", "--duration: must be more than 0 and at most 86400 seconds, got -3"},
+      {"--duration=soon", "--duration: expects a number of seconds, got 'soon'"},
+      {"--interval 0.5", "--interval: must be a whole number of seconds, got '0.5'"},
+      {"--devices 0", "--devices: must be from 1 to 100000, got 0"},
+      {"--duration 0.0004",  // rounds to no millisecond at all
+       "--duration: must be at least 0.001 seconds (the simulator plays whole milliseconds), "
+       "got 0.0004"},
       {"--seed", "--seed needs a value"},
       {"--devices 5 --scenario a.json",
        "--devices and --scenario cannot be combined: pick a generated or a scenario home"},
       {"--flap-rate 3", "--flap-rate applies only to a generated home (--devices N)"},
-      {"--log-level loud", "--log-level must be debug, info, warn or error, got 'loud'"},
+      {"--log-level loud", "--log-level: must be debug, info, warn or error, got 'loud'"},
   };
   for (const auto& [input, error] : cases) {
     std::istringstream words(input);
@@ -97,6 +100,8 @@ TEST(SimInputsTest, BadScenariosAndCommandLinesAreRefusedWithOneLine) {
                                                                    : parseOptions(arguments).error;
     EXPECT_EQ(refusal, error) << input.substr(0, 80);
   }
+  EXPECT_EQ(parseOptions({"--timeline", ""}).error,
+            "--timeline: needs a file path, got an empty text");
   EXPECT_EQ(loadScenarioFile("/nonexistent/home.json").error,
             "cannot open scenario file /nonexistent/home.json: No such file or directory");
 }

@@ -1,15 +1,23 @@
 #include "Options.h"
 
+#include <CLI/CLI.hpp>
+
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
 #include <functional>
 #include <map>
+#include <utility>
+
+#include "SafeText.h"
 
 namespace veranda::reachabilityCache::sim {
 namespace {
 
 constexpr double kMaxSeconds = 86400;
+// The simulator plays whole milliseconds: nothing shorter can run.
+constexpr double kMinSeconds = 0.001;
 
 bool parseNumber(const std::string& text, double& out) {
   if (text.empty()) {
@@ -31,206 +39,111 @@ bool parseWhole(const std::string& text, int64_t& out) {
   return errno == 0 && *end == '\0';
 }
 
-std::string quoted(const std::string& text) { return "'" + text + "'"; }
+std::string quotedText(const std::string& text) { return "'" + tools::terminalText(text) + "'"; }
 
-// Each option that takes a value: its name and what to do with the value.
-// A handler returns an error text, empty on success.
-using Handler = std::function<std::string(const std::string& value, Options& options)>;
-
-std::string readWhole(const std::string& name, const std::string& value, int64_t minimum,
-                      int64_t maximum, const char* unit, int64_t& out) {
-  double number = 0;
-  if (!parseWhole(value, out)) {
-    if (parseNumber(value, number)) {
-      return name + " must be a whole number" + (*unit != '\0' ? std::string(" of ") + unit : "") +
-             ", got " + quoted(value);
-    }
-    return name + " expects a number, got " + quoted(value);
-  }
-  if (out < minimum || out > maximum) {
-    return name + " must be from " + std::to_string(minimum) + " to " + std::to_string(maximum) +
-           ", got " + value;
-  }
-  return "";
+const std::map<std::string, int>& logLevels() {
+  static const std::map<std::string, int> levels = {
+      {"debug", 3}, {"info", 4}, {"warn", 5}, {"error", 6}};
+  return levels;
 }
 
-std::string readSeconds(const std::string& name, const std::string& value, int64_t& outMs) {
-  double seconds = 0;
-  if (!parseNumber(value, seconds)) {
-    return name + " expects a number of seconds, got " + quoted(value);
-  }
-  if (seconds <= 0 || seconds > kMaxSeconds) {
-    return name + " must be more than 0 and at most 86400 seconds, got " + value;
-  }
-  outMs = std::llround(seconds * 1000);
-  return "";
+// Each check returns an error text without the option's name (CLI11 puts
+// "--name: " in front), or an empty text when the value is good.
+CLI::Validator wholeNumber(int64_t minimum, int64_t maximum, const std::string& unit) {
+  return {[=](std::string& value) -> std::string {
+            int64_t number = 0;
+            double real = 0;
+            if (!parseWhole(value, number)) {
+              return parseNumber(value, real)
+                         ? "must be a whole number" + (unit.empty() ? "" : " of " + unit) +
+                               ", got " + quotedText(value)
+                         : "expects a number, got " + quotedText(value);
+            }
+            if (number < minimum || number > maximum) {
+              return "must be from " + std::to_string(minimum) + " to " + std::to_string(maximum) +
+                     ", got " + value;
+            }
+            return "";
+          },
+          "", ""};
 }
 
-const std::map<std::string, Handler>& valueOptions() {
-  static const std::map<std::string, Handler> handlers = {
-      {"--scenario",
-       [](const std::string& value, Options& options) {
-         options.scenarioPath = value;
-         return std::string();
-       }},
-      {"--timeline",
-       [](const std::string& value, Options& options) {
-         options.timelinePath = value;
-         return std::string();
-       }},
-      {"--prefer",
-       [](const std::string& value, Options& options) {
-         options.preferredAdapter = value;
-         return std::string();
-       }},
-      {"--devices",
-       [](const std::string& value, Options& options) {
-         int64_t count = 0;
-         std::string error = readWhole("--devices", value, 1, 100000, "devices", count);
-         options.devices = count;
-         return error;
-       }},
-      {"--duration",
-       [](const std::string& value, Options& options) {
-         int64_t ms = 0;
-         std::string error = readSeconds("--duration", value, ms);
-         options.durationMs = ms;
-         return error;
-       }},
-      {"--interval",
-       [](const std::string& value, Options& options) {
-         int64_t seconds = 0;
-         std::string error = readWhole("--interval", value, 1, 86400, "seconds", seconds);
-         options.intervalSeconds = seconds;
-         return error;
-       }},
-      {"--flap-rate",
-       [](const std::string& value, Options& options) {
-         double rate = 0;
-         if (!parseNumber(value, rate)) {
-           return "--flap-rate expects a number, got " + quoted(value);
-         }
-         if (rate < 0 || rate > 600) {
-           return "--flap-rate must be from 0 to 600 drops per device per minute, got " + value;
-         }
-         options.flapRate = rate;
-         return std::string();
-       }},
-      {"--seed",
-       [](const std::string& value, Options& options) {
-         int64_t seed = 0;
-         std::string error = readWhole("--seed", value, 0, 4294967295LL, "", seed);
-         options.seed = static_cast<uint32_t>(seed);
-         return error;
-       }},
-      {"--log-level",
-       [](const std::string& value, Options& options) {
-         static const std::map<std::string, int> levels = {
-             {"debug", 3}, {"info", 4}, {"warn", 5}, {"error", 6}};
-         const auto found = levels.find(value);
-         if (found == levels.end()) {
-           return "--log-level must be debug, info, warn or error, got " + quoted(value);
-         }
-         options.logPriority = found->second;
-         return std::string();
-       }},
-  };
-  return handlers;
+CLI::Validator seconds() {
+  return {[](std::string& value) -> std::string {
+            double number = 0;
+            if (!parseNumber(value, number)) {
+              return "expects a number of seconds, got " + quotedText(value);
+            }
+            if (number <= 0 || number > kMaxSeconds) {
+              return "must be more than 0 and at most 86400 seconds, got " + value;
+            }
+            if (number < kMinSeconds) {
+              return "must be at least 0.001 seconds (the simulator plays whole milliseconds), "
+                     "got " +
+                     value;
+            }
+            return "";
+          },
+          "", ""};
 }
 
-std::string checkCombination(const Options& options) {
-  if (options.devices && !options.scenarioPath.empty()) {
-    return "--devices and --scenario cannot be combined: pick a generated or a scenario home";
-  }
-  if (options.flapRate && !options.devices) {
-    return "--flap-rate applies only to a generated home (--devices N)";
-  }
-  return "";
+CLI::Validator flapRate() {
+  return {[](std::string& value) -> std::string {
+            double rate = 0;
+            if (!parseNumber(value, rate)) {
+              return "expects a number, got " + quotedText(value);
+            }
+            if (rate < 0 || rate > 600) {
+              return "must be from 0 to 600 drops per device per minute, got " + value;
+            }
+            return "";
+          },
+          "", ""};
 }
 
-}  // namespace
-
-OptionsResult parseOptions(const std::vector<std::string>& arguments) {
-  OptionsResult result;
-  for (std::size_t i = 0; i < arguments.size(); ++i) {
-    const std::string& argument = arguments[i];
-    if (argument == "--help" || argument == "-h") {
-      result.options.help = true;
-      continue;
-    }
-    if (argument == "--quiet" || argument == "-q") {
-      result.options.quiet = true;
-      continue;
-    }
-    const std::size_t equals = argument.find('=');
-    const std::string name = argument.substr(0, equals);
-    const auto handler = valueOptions().find(name);
-    if (argument.rfind("--", 0) != 0 || handler == valueOptions().end()) {
-      result.error = (argument.rfind('-', 0) == 0 ? "unknown option " : "unexpected argument ") +
-                     quoted(argument);
-      return result;
-    }
-    std::string value;
-    if (equals != std::string::npos) {
-      value = argument.substr(equals + 1);
-    } else if (i + 1 < arguments.size()) {
-      value = arguments[++i];
-    } else {
-      result.error = name + " needs a value";
-      return result;
-    }
-    result.error = handler->second(value, result.options);
-    if (!result.error.empty()) {
-      return result;
-    }
-  }
-  result.error = checkCombination(result.options);
-  result.ok = result.error.empty();
-  return result;
+CLI::Validator path(const char* what) {
+  return {[what](std::string& value) -> std::string {
+            return value.empty() ? std::string("needs ") + what + ", got an empty text" : "";
+          },
+          "", ""};
 }
 
-std::string usageText() {
-  return R"(Usage: reachability-sim [options]
+CLI::Validator logLevel() {
+  return {[](std::string& value) -> std::string {
+            return logLevels().count(value) > 0
+                       ? ""
+                       : "must be debug, info, warn or error, got " + quotedText(value);
+          },
+          "", ""};
+}
 
-Plays a simulated home through a real ReachabilityCache (the library's
-appliance-driver checker over a simulated driver, a provider, a listener)
-and shows what the cache decided.
+// The raw texts of the options that take a value; converted once CLI11 has
+// read and checked them.
+struct RawOptions {
+  std::string devices;
+  std::string duration;
+  std::string interval;
+  std::string flapRate;
+  std::string seed;
+  std::string logLevel;
+};
 
-Standard output: a timeline of every listener notification (seconds since the
-cache was created, entity, endpoint, adapter, new state, and what
-isEntityReachable answers at that moment), interleaved with what the home did
-(*), each periodic cycle (.) and entities leaving the cache unannounced (~);
-then a table of every entity as the cache holds it at the end.
-Standard error: the library's own log lines, logcat style.
+const char* const kDescription =
+    "Plays a simulated home through a real ReachabilityCache (the library's\n"
+    "appliance-driver checker over a simulated driver, a provider, a listener)\n"
+    "and shows what the cache decided.\n\n"
+    "Standard output: a timeline of every listener notification (seconds since the\n"
+    "cache was created, entity, endpoint, adapter, new state, and what\n"
+    "isEntityReachable answers at that moment), interleaved with what the home did\n"
+    "(*), each periodic cycle (.) and entities leaving the cache unannounced (~);\n"
+    "then a table of every entity as the cache holds it at the end.\n"
+    "Standard error: the library's own log lines, logcat style.\n\n"
+    "Home (default: the embedded home, 17 entities on all seven adapters, 10 s).\n"
+    "Options override the home's own timing. The first cycle is always 1 s after\n"
+    "start; connectivity events (flaps) are timed to the millisecond and reach the\n"
+    "cache between cycles.\n";
 
-Home (default: the embedded home, 17 entities on all seven adapters, 10 s):
-  --scenario FILE     a JSON home (format below)
-  --devices N         a generated home of N devices, one entity each, spread
-                      over the seven supported adapters (1..100000)
-  --flap-rate R       generated home: connectivity drops per device per
-                      minute (default 2); each comes back 0.2 to 3 s later
-  --seed N            seeds the generated home and the driver's answer delays
-                      (default 1)
-
-Timing (override the home's own values):
-  --duration S        seconds to run, fractions allowed (default 10)
-  --interval S        the cache's refresh period in whole seconds, as its
-                      Config takes it (default 2). The first cycle is always
-                      1 s after start. Connectivity events (flaps) are timed to
-                      the millisecond and reach the cache between cycles.
-  --prefer ADAPTER    the adapter asked for in the final table's "preferred"
-                      column (default: the home's, else PROT_WIFI-ADAPTER)
-
-Output:
-  --timeline FILE     writes an SVG picture: one row per entity, reachable and
-                      unreachable spans. Above 120 entities it draws the 100
-                      that changed most, under a band that counts all of them.
-  --log-level LEVEL   lowest library log priority shown: debug (default),
-                      info, warn or error
-  --quiet, -q         no library log lines at all
-  --help, -h          this text
-
-Scenario file (JSON; unknown keys are errors):
+const char* const kFooter = R"(Scenario file (JSON; unknown keys are errors):
   {
     "name": "my flat",                 optional
     "duration": 10,                    seconds, optional
@@ -261,6 +174,140 @@ Exit status: 0 after a run; 2 for a bad option, a bad scenario or a timeline
 path that cannot be created (one line on standard error); 1 when writing the
 timeline fails after the run.
 )";
+
+void describe(CLI::App& app, Options& options, RawOptions& raw) {
+  app.description(kDescription);
+  app.footer(kFooter);
+  app.get_formatter()->column_width(26);
+  app.allow_extras();
+  app.add_option("--scenario", options.scenarioPath, "a JSON home (format below)")
+      ->type_name("FILE")
+      ->check(path("a file path"));
+  app.add_option("--devices", raw.devices,
+                 "a generated home of N devices, one entity each,\n"
+                 "spread over the seven supported adapters (1..100000)")
+      ->type_name("N")
+      ->check(wholeNumber(1, 100000, "devices"));
+  app.add_option("--flap-rate", raw.flapRate,
+                 "generated home: connectivity drops per device per\n"
+                 "minute (default 2); each comes back 0.2 to 3 s later")
+      ->type_name("R")
+      ->check(flapRate());
+  app.add_option("--seed", raw.seed,
+                 "seeds the generated home and the driver's answer\ndelays (default 1)")
+      ->type_name("N")
+      ->check(wholeNumber(0, 4294967295LL, ""));
+  app.add_option("--duration", raw.duration, "seconds to run, fractions allowed (default 10)")
+      ->type_name("S")
+      ->check(seconds());
+  app.add_option("--interval", raw.interval,
+                 "the cache's refresh period in whole seconds, as its\n"
+                 "Config takes it (default 2)")
+      ->type_name("S")
+      ->check(wholeNumber(1, 86400, "seconds"));
+  app.add_option("--prefer", options.preferredAdapter,
+                 "the adapter asked for in the final table's\n"
+                 "\"preferred\" column (default: the home's, else\n"
+                 "PROT_WIFI-ADAPTER)")
+      ->type_name("ADAPTER");
+  app.add_option("--timeline", options.timelinePath,
+                 "writes an SVG picture: one row per entity, reachable\n"
+                 "and unreachable spans. Above 120 entities it draws\n"
+                 "the 100 that changed most, under a band that counts\n"
+                 "all of them")
+      ->type_name("FILE")
+      ->check(path("a file path"));
+  app.add_option("--log-level", raw.logLevel,
+                 "lowest library log priority shown: debug (default),\ninfo, warn or error")
+      ->type_name("LEVEL")
+      ->check(logLevel());
+  app.add_flag("-q,--quiet", options.quiet, "no library log lines at all");
+}
+
+// Turns the checked texts into the options' values.
+void convert(const RawOptions& raw, Options& options) {
+  int64_t whole = 0;
+  double number = 0;
+  if (parseWhole(raw.devices, whole)) {
+    options.devices = whole;
+  }
+  if (parseNumber(raw.duration, number)) {
+    options.durationMs = std::llround(number * 1000);
+  }
+  if (parseWhole(raw.interval, whole)) {
+    options.intervalSeconds = whole;
+  }
+  if (parseNumber(raw.flapRate, number)) {
+    options.flapRate = number;
+  }
+  if (parseWhole(raw.seed, whole)) {
+    options.seed = static_cast<uint32_t>(whole);
+  }
+  if (!raw.logLevel.empty()) {
+    options.logPriority = logLevels().at(raw.logLevel);
+  }
+}
+
+// One line for a refusal by CLI11.
+std::string errorLine(const CLI::ParseError& error) {
+  std::string text = error.what();
+  const std::string missing = " required ";
+  // "--seed: 1 required S missing" reads better as "--seed needs a value".
+  const std::size_t colon = text.find(':');
+  if (dynamic_cast<const CLI::ArgumentMismatch*>(&error) != nullptr && colon != std::string::npos &&
+      text.find(missing) != std::string::npos) {
+    return text.substr(0, colon) + " needs a value";
+  }
+  return tools::terminalText(text);
+}
+
+std::string checkCombination(const Options& options) {
+  if (options.devices && !options.scenarioPath.empty()) {
+    return "--devices and --scenario cannot be combined: pick a generated or a scenario home";
+  }
+  if (options.flapRate && !options.devices) {
+    return "--flap-rate applies only to a generated home (--devices N)";
+  }
+  return "";
+}
+
+}  // namespace
+
+OptionsResult parseOptions(const std::vector<std::string>& arguments) {
+  OptionsResult result;
+  RawOptions raw;
+  CLI::App app("", "reachability-sim");
+  describe(app, result.options, raw);
+  std::vector<std::string> reversed(arguments.rbegin(), arguments.rend());  // as CLI11 takes them
+  try {
+    app.parse(reversed);
+  } catch (const CLI::CallForHelp&) {
+    result.options.help = true;
+    result.ok = true;
+    return result;
+  } catch (const CLI::ParseError& error) {
+    result.error = errorLine(error);
+    return result;
+  }
+  const std::vector<std::string> extras = app.remaining();
+  if (!extras.empty()) {
+    const std::string& first = extras.front();
+    result.error =
+        (first.rfind('-', 0) == 0 ? "unknown option " : "unexpected argument ") + quotedText(first);
+    return result;
+  }
+  convert(raw, result.options);
+  result.error = checkCombination(result.options);
+  result.ok = result.error.empty();
+  return result;
+}
+
+std::string usageText() {
+  Options options;
+  RawOptions raw;
+  CLI::App app("", "reachability-sim");
+  describe(app, options, raw);
+  return app.help();
 }
 
 }  // namespace veranda::reachabilityCache::sim

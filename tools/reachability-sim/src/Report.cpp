@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "SafeText.h"
 #include "reachabilityCache/ApplianceDriverReachabilityChecker.h"
 
 namespace veranda::reachabilityCache::sim {
@@ -25,10 +26,11 @@ void printDeviceList(const char* heading, const std::vector<const Device*>& devi
   }
   out << "  " << heading << ":";
   for (std::size_t i = 0; i < devices.size() && i < kListedDevices; ++i) {
-    out << (i == 0 ? " " : ", ") << devices[i]->entityId << " / " << devices[i]->endpointId;
+    out << (i == 0 ? " " : ", ") << tools::terminalText(devices[i]->entityId) << " / "
+        << tools::terminalText(devices[i]->endpointId);
     if (ApplianceDriverReachabilityChecker::SUPPORTED_ADAPTERS.count(devices[i]->adapterName) ==
         0) {
-      out << " on " << devices[i]->adapterName;
+      out << " on " << tools::terminalText(devices[i]->adapterName);
     }
   }
   if (devices.size() > kListedDevices) {
@@ -45,11 +47,9 @@ std::string endpointsText(const TableRow& row) {
   return text;
 }
 
-std::string padded(std::string text, std::size_t width) {
-  if (text.size() < width) {
-    text.resize(width, ' ');
-  }
-  return text;
+// The text made safe for a terminal, padded to `width` characters.
+std::string padded(const std::string& text, std::size_t width) {
+  return tools::terminalPadded(text, width);
 }
 
 }  // namespace
@@ -69,9 +69,9 @@ void printHomeSummary(const Scenario& scenario, std::ostream& out) {
       absent.push_back(&device);
     }
   }
-  out << "Home: " << (scenario.name.empty() ? "(unnamed)" : scenario.name) << " - "
-      << scenario.entities.size() << " entities, " << scenario.devices.size() << " devices, "
-      << scenario.events.size() << " events; runs " << seconds(scenario.durationMs)
+  out << "Home: " << (scenario.name.empty() ? "(unnamed)" : tools::terminalText(scenario.name))
+      << " - " << scenario.entities.size() << " entities, " << scenario.devices.size()
+      << " devices, " << scenario.events.size() << " events; runs " << seconds(scenario.durationMs)
       << ", refresh every " << scenario.intervalSeconds << " s (the first cycle 1 s after start)\n";
   printDeviceList("on adapters the cache does not support", unsupported, out);
   printDeviceList("offline at start", offline, out);
@@ -80,12 +80,13 @@ void printHomeSummary(const Scenario& scenario, std::ostream& out) {
 }
 
 void printFinalTable(const RunReport& report, std::ostream& out) {
-  const std::string preferredHeading = "preferred for " + report.preferredAdapter;
+  const std::string preferredHeading =
+      "preferred for " + tools::terminalText(report.preferredAdapter);
   std::size_t entityWidth = 6;
   std::size_t endpointsWidth = 9;
   for (const TableRow& row : report.table) {
-    entityWidth = std::max(entityWidth, row.entityId.size());
-    endpointsWidth = std::max(endpointsWidth, endpointsText(row).size());
+    entityWidth = std::max(entityWidth, tools::terminalWidth(row.entityId));
+    endpointsWidth = std::max(endpointsWidth, tools::terminalWidth(endpointsText(row)));
   }
   entityWidth = std::min<std::size_t>(entityWidth, 32);
   endpointsWidth = std::min<std::size_t>(endpointsWidth, 72);
@@ -103,7 +104,7 @@ void printFinalTable(const RunReport& report, std::ostream& out) {
                                               : "no",
                               9) +
                        "  " + padded(endpointsText(row), endpointsWidth) + "  " +
-                       row.preferredEndpoint;
+                       tools::terminalText(row.preferredEndpoint);
     line.erase(line.find_last_not_of(' ') + 1);
     out << line << '\n';
   }

@@ -1,21 +1,19 @@
-// A picture of each entity's reachability over a run.
+// The timeline picture of a run: the report turned into the shared
+// renderer's input.
 #pragma once
 
-#include <cstddef>
 #include <string>
 
 #include "SimRun.h"
+#include "TimelinePicture.h"
 
 namespace veranda::reachabilityCache::sim {
 
-// Homes with more entities than this get a counting band and a selection of
-// rows instead of one row each.
-inline constexpr std::size_t kMaxSvgRows = 120;
-// Rows drawn for such homes: the entities that changed most.
-inline constexpr std::size_t kSelectedSvgRows = 100;
+// One row per entity of the scenario with the states the run saw, a mark at
+// each notification, and the periodic cycles.
+tools::TimelinePicture timelinePicture(const RunReport& report);
 
-// The SVG document: one row per entity with reachable, unreachable and
-// not-cached spans, the periodic cycles as dashed lines, and labelled axes.
+// The SVG document of timelinePicture(report).
 std::string timelineSvg(const RunReport& report);
 
 // Writes timelineSvg(report) to `path`; on failure returns false and sets

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "SafeText.h"
+
 namespace veranda::reachabilityCache::sim {
 namespace {
 
@@ -12,17 +14,14 @@ const std::string kEntityPrefix = "orbt1.veyra.endpoint.";
 int columnWidth(const std::vector<std::string>& values, int minimum) {
   auto widest = static_cast<std::size_t>(minimum);
   for (const std::string& value : values) {
-    widest = std::max(widest, value.size());
+    widest = std::max(widest, tools::terminalWidth(value));
   }
   return static_cast<int>(std::min<std::size_t>(widest, kWidestColumn));
 }
 
+// The text made safe for a terminal, padded to `width` characters.
 std::string padded(const std::string& text, int width) {
-  std::string result = text;
-  if (result.size() < static_cast<std::size_t>(width)) {
-    result.resize(static_cast<std::size_t>(width), ' ');
-  }
-  return result;
+  return tools::terminalPadded(text, static_cast<std::size_t>(width));
 }
 
 const char* actionText(Action action) {
@@ -140,8 +139,9 @@ void Timeline::action(const Event& event, const Device& device, const std::strin
   if (stopped_ || out_ == nullptr) {
     return;
   }
-  *out_ << stamp(event.atMs) << "* " << device.entityId << " / " << device.endpointId << " "
-        << actionText(event.action) << (outcome.empty() ? "" : ": ") << outcome << '\n';
+  *out_ << stamp(event.atMs) << "* " << tools::terminalText(device.entityId) << " / "
+        << tools::terminalText(device.endpointId) << " " << actionText(event.action)
+        << (outcome.empty() ? "" : ": ") << tools::terminalText(outcome) << '\n';
 }
 
 void Timeline::observe(const std::string& entityId, EntityState state) {
@@ -163,7 +163,7 @@ void Timeline::noteCacheContents(const std::unordered_set<std::string>& cachedEn
     }
     recordLocked(i, snapshotMs, EntityState::kAbsent);
     if (out_ != nullptr) {
-      *out_ << stamp(snapshotMs) << "~ " << entities_[i]
+      *out_ << stamp(snapshotMs) << "~ " << tools::terminalText(entities_[i])
             << " is no longer in the cache (listeners are not told)\n";
     }
   }

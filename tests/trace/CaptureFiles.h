@@ -1,0 +1,38 @@
+// Captures for the trace tests: the library's messages written as logcat or
+// the host liblog would write them, and the trace of such a capture.
+#pragma once
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "CaptureTrace.h"
+
+namespace veranda::reachabilityCache::trace::testing {
+
+inline constexpr const char* kFacade = "ReachabilityCache-ReachabilityCache";
+inline constexpr const char* kStore = "ReachabilityCache-CacheCore";
+inline constexpr const char* kUpdater = "ReachabilityCache-ReachabilityUpdater";
+inline constexpr const char* kChecker = "ReachabilityCache-ApplianceDriverChecker";
+
+// One message of the library (or another process).
+struct Message {
+  std::string time;  // "MM-DD HH:MM:SS.mmm"
+  int pid;
+  int tid;
+  char priority;
+  std::string tag;
+  std::string text;  // may hold line feeds
+};
+
+enum class Form { kThreadtime, kUidYearUsec, kTime, kBrief, kHost };
+
+// The message's lines in `form`: logcat repeats the header on every line,
+// the host liblog writes the following lines bare.
+std::string render(const Message& message, Form form);
+std::string render(const std::vector<Message>& messages, Form form);
+
+// The trace of `capture`, read from a temporary file.
+CaptureTrace traceText(const std::string& capture, const std::string& storyEntity = "");
+
+}  // namespace veranda::reachabilityCache::trace::testing

@@ -1,0 +1,117 @@
+#include "LibraryLine.h"
+
+#include <cctype>
+
+namespace veranda::reachabilityCache::trace {
+namespace {
+
+bool isKeyCharacter(char c) { return std::isalpha(static_cast<unsigned char>(c)) != 0; }
+
+// The length of the key at the start of `text` when a "=" follows it, else 0.
+std::size_t keyLength(std::string_view text) {
+  std::size_t length = 0;
+  while (length < text.size() && isKeyCharacter(text[length])) {
+    ++length;
+  }
+  return length > 0 && length < text.size() && text[length] == '=' ? length : 0;
+}
+
+// Where the value that starts at `text` ends: before the next " key=".
+std::size_t valueLength(std::string_view text) {
+  for (std::size_t at = text.find(' '); at != std::string_view::npos; at = text.find(' ', at + 1)) {
+    if (keyLength(text.substr(at + 1)) > 0) {
+      return at;
+    }
+  }
+  return text.size();
+}
+
+}  // namespace
+
+std::optional<std::string_view> LibraryLine::get(std::string_view key) const {
+  for (const Field& field : fields) {
+    if (field.key == key) {
+      return field.value;
+    }
+  }
+  return std::nullopt;
+}
+
+bool LibraryLine::has(std::string_view key, std::string_view value) const {
+  const std::optional<std::string_view> found = get(key);
+  return found && *found == value;
+}
+
+std::optional<LibraryLine> parseLibraryLine(std::string_view text) {
+  if (text.empty() || text[0] != '[') {
+    return std::nullopt;
+  }
+  const std::size_t close = text.find(']');
+  if (close == std::string_view::npos) {
+    return std::nullopt;
+  }
+  LibraryLine line;
+  line.label = text.substr(1, close - 1);
+  const std::size_t colon = text.find(": ", close);
+  if (colon == std::string_view::npos) {
+    return line;  // a label (and context) alone
+  }
+  std::string_view rest = text.substr(colon + 2);
+  while (!rest.empty()) {
+    const std::size_t key = keyLength(rest);
+    if (key == 0) {
+      return std::nullopt;
+    }
+    Field field{rest.substr(0, key), {}};
+    rest.remove_prefix(key + 1);
+    const std::size_t length = field.key == "details" ? rest.size() : valueLength(rest);
+    field.value = rest.substr(0, length);
+    line.fields.push_back(field);
+    rest.remove_prefix(length);
+    if (!rest.empty()) {
+      rest.remove_prefix(1);  // the blank before the next key
+    }
+  }
+  return line;
+}
+
+std::optional<SummaryEntry> parseSummaryEntry(std::string_view line) {
+  constexpr std::string_view kIndent = "    ";
+  constexpr std::string_view kEntity = " (entityId=";
+  constexpr std::string_view kAdapter = ", adapter=";
+  if (line.substr(0, kIndent.size()) != kIndent) {
+    return std::nullopt;
+  }
+  line.remove_prefix(kIndent.size());
+  const std::size_t entity = line.find(kEntity);
+  const std::size_t status = line.rfind("): ");
+  if (entity == std::string_view::npos || status == std::string_view::npos || status < entity) {
+    return std::nullopt;
+  }
+  SummaryEntry entry;
+  entry.endpointId = line.substr(0, entity);
+  std::string_view ids = line.substr(entity + kEntity.size(), status - entity - kEntity.size());
+  const std::size_t adapter = ids.rfind(kAdapter);
+  if (adapter != std::string_view::npos) {
+    entry.adapterName = ids.substr(adapter + kAdapter.size());
+    ids = ids.substr(0, adapter);
+  }
+  entry.entityId = ids;
+  const std::string_view word = line.substr(status + 3);
+  if (word == "reachable") {
+    entry.reachable = true;
+  } else if (word == "reachable (becameReachable)") {
+    entry.reachable = entry.changed = true;
+  } else if (word == "reachable (insertFailed)") {
+    entry.reachable = entry.insertFailed = true;
+  } else if (word == "unreachable (becameUnreachable)") {
+    entry.changed = true;
+  } else if (word == "unreachable (insertFailed)") {
+    entry.insertFailed = true;
+  } else if (word != "unreachable (alreadyUnreachable)") {
+    return std::nullopt;
+  }
+  return entry;
+}
+
+}  // namespace veranda::reachabilityCache::trace

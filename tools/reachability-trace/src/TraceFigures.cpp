@@ -1,0 +1,68 @@
+// The figures that the report, the JSON document and the picture share.
+#include <algorithm>
+
+#include "TraceOutput.h"
+
+namespace veranda::reachabilityCache::trace {
+
+std::vector<EntitySpan> entitySpans(const EntityRecord& entity, Micros start, Micros end) {
+  std::vector<EntitySpan> spans;
+  EntitySpan current{start, start, Answer::kAbsent};
+  for (const AnswerRecord& answer : entity.answers) {
+    if (answer.at == kNoTime) {
+      continue;
+    }
+    current.to = std::max(answer.at, current.from);
+    if (current.to > current.from) {
+      spans.push_back(current);
+    }
+    current = {current.to, current.to, answer.answer};
+  }
+  current.to = std::max(end, current.from);
+  spans.push_back(current);
+  return spans;
+}
+
+EntityFigures entityFigures(const EntityRecord& entity, Micros cacheEnd) {
+  EntityFigures figures;
+  figures.changes = entity.changes.size();
+  for (const AnswerRecord& answer : entity.answers) {
+    figures.flaps +=
+        figures.last == Answer::kReachable && answer.answer == Answer::kUnreachable ? 1 : 0;
+    figures.last = answer.answer;
+  }
+  if (!entity.answers.empty() && entity.answers.front().at != kNoTime && cacheEnd != kNoTime) {
+    for (const EntitySpan& span : entitySpans(entity, entity.answers.front().at, cacheEnd)) {
+      if (span.answer == Answer::kUnreachable) {
+        figures.unreachableSeconds += static_cast<double>(span.to - span.from) / 1e6;
+      }
+    }
+  }
+  return figures;
+}
+
+std::vector<double> answerLatenciesMs(const CacheRecord& cache) {
+  std::vector<double> latencies;
+  for (const std::vector<CheckRecord>* list : {&cache.cycles, &cache.manualChecks}) {
+    for (const CheckRecord& check : *list) {
+      if (check.answered && check.answeredAt != kNoTime && check.start != kNoTime) {
+        latencies.push_back(static_cast<double>(check.answeredAt - check.start) / 1000);
+      }
+    }
+  }
+  std::sort(latencies.begin(), latencies.end());
+  return latencies;
+}
+
+std::vector<double> cycleGapsSeconds(const CacheRecord& cache) {
+  std::vector<double> gaps;
+  for (std::size_t i = 1; i < cache.cycles.size(); ++i) {
+    if (cache.cycles[i].start != kNoTime && cache.cycles[i - 1].start != kNoTime) {
+      gaps.push_back(static_cast<double>(cache.cycles[i].start - cache.cycles[i - 1].start) / 1e6);
+    }
+  }
+  std::sort(gaps.begin(), gaps.end());
+  return gaps;
+}
+
+}  // namespace veranda::reachabilityCache::trace

@@ -1,0 +1,88 @@
+#include "TraceOptions.h"
+
+#include <CLI/CLI.hpp>
+
+#include "SafeText.h"
+
+namespace veranda::reachabilityCache::trace {
+namespace {
+
+const char* const kDescription =
+    "Reads a device log capture and tells what the reachability cache believed, when,\n"
+    "and why: per cache its configuration and life, every periodic cycle and check,\n"
+    "the changes told to listeners per entity, and its problems.\n\n"
+    "FILE is an adb logcat capture (threadtime, time or brief; the uid, year and usec\n"
+    "adverbs too), a bug report, or what the host liblog writes on standard error\n"
+    "(such as reachability-sim's); - reads standard input.\n";
+
+const char* const kFooter =
+    "Exit status: 0 after a report; 2 for a bad option, or for a capture that cannot be\n"
+    "read, is binary or empty, or holds no line of the cache (one line on standard\n"
+    "error); 1 when the picture cannot be written.\n";
+
+CLI::Validator nonEmpty() {
+  return {[](std::string& value) -> std::string {
+            return value.empty() ? "needs a file path, got an empty text" : "";
+          },
+          "", ""};
+}
+
+void describe(CLI::App& app, TraceOptions& options) {
+  app.description(kDescription);
+  app.footer(kFooter);
+  app.get_formatter()->column_width(24);
+  app.add_option("FILE", options.capturePath, "the capture to read (- for standard input)")
+      ->required()
+      ->check(nonEmpty());
+  auto* json = app.add_flag("--json", options.json,
+                            "writes a JSON document for scripts instead of the\nreport");
+  app.add_option("--entity", options.entityId,
+                 "tells one entity's story instead of the report: each\n"
+                 "change with the log lines that caused it")
+      ->type_name("ID")
+      ->excludes(json);
+  app.add_option("--timeline", options.timelinePath,
+                 "also draws the cache's picture as SVG: a row per\n"
+                 "entity, the state listeners were told over time")
+      ->type_name("FILE.svg")
+      ->check(nonEmpty());
+  app.add_option(
+         "--cache", options.cache,
+         "the cache to draw when the capture holds several\n(1 is the first; default: the last)")
+      ->type_name("N")
+      ->check(CLI::Validator(
+          [](std::string& value) -> std::string {
+            return value == "0" ? "counts from 1, got 0" : "";
+          },
+          "", ""));
+}
+
+}  // namespace
+
+TraceOptionsResult parseTraceOptions(const std::vector<std::string>& arguments) {
+  TraceOptionsResult result;
+  CLI::App app("", "reachability-trace");
+  describe(app, result.options);
+  std::vector<std::string> reversed(arguments.rbegin(), arguments.rend());  // as CLI11 takes them
+  try {
+    app.parse(reversed);
+  } catch (const CLI::CallForHelp&) {
+    result.options.help = true;
+    result.ok = true;
+    return result;
+  } catch (const CLI::ParseError& error) {
+    result.error = tools::terminalText(error.what());
+    return result;
+  }
+  result.ok = true;
+  return result;
+}
+
+std::string traceUsageText() {
+  TraceOptions options;
+  CLI::App app("", "reachability-trace");
+  describe(app, options);
+  return app.help();
+}
+
+}  // namespace veranda::reachabilityCache::trace

@@ -1,0 +1,31 @@
+// The command line of reachability-trace.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+namespace veranda::reachabilityCache::trace {
+
+struct TraceOptions {
+  bool help = false;
+  std::string capturePath;   // "-" for standard input
+  std::string entityId;      // --entity: tell this entity's story instead of the report
+  std::string timelinePath;  // --timeline: also draw the picture
+  bool json = false;         // --json: the JSON document instead of the report
+  std::size_t cache = 0;     // --cache: 1-based, for the picture; 0 for the last cache
+};
+
+struct TraceOptionsResult {
+  bool ok = false;
+  std::string error;  // one line when !ok
+  TraceOptions options;
+};
+
+// Parses the arguments after the program name.
+TraceOptionsResult parseTraceOptions(const std::vector<std::string>& arguments);
+
+// The --help text.
+std::string traceUsageText();
+
+}  // namespace veranda::reachabilityCache::trace

@@ -1,0 +1,72 @@
+// One cache of the capture as the shared timeline picture.
+#include "TraceOutput.h"
+
+namespace veranda::reachabilityCache::trace {
+namespace {
+
+tools::SpanState spanState(Answer answer) {
+  switch (answer) {
+    case Answer::kReachable:
+      return tools::SpanState::kReachable;
+    case Answer::kUnreachable:
+      return tools::SpanState::kUnreachable;
+    case Answer::kAbsent:
+    case Answer::kUnknown:
+      break;
+  }
+  return tools::SpanState::kAbsent;
+}
+
+int64_t msSince(Micros start, Micros at) { return (at - start) / 1000; }
+
+}  // namespace
+
+tools::TimelinePicture tracePicture(const Trace& trace, std::size_t cacheIndex,
+                                    const std::string& captureName) {
+  const CacheRecord& cache = trace.caches.at(cacheIndex);
+  const Micros start = cache.startTime();
+  const Micros end = cache.endTime();
+  tools::TimelinePicture picture;
+  picture.title = "Reachability over time: " + captureName;
+  if (cache.pid) {
+    picture.title += " (pid " + std::to_string(*cache.pid) + ")";
+  }
+  picture.note =
+      std::to_string(cache.entities.size()) + " entities" +
+      (cache.intervalSeconds ? ", refresh every " + std::to_string(*cache.intervalSeconds) + " s"
+                             : std::string()) +
+      ", " + std::to_string(cache.changes) + " changes told to listeners; from " +
+      trace.clock.format(start);
+  picture.axisLabel = cache.creationSeen ? "time since the cache was created (s)"
+                                         : "time since its first line in the capture (s)";
+  picture.durationMs = msSince(start, end);
+  for (const CheckRecord& check : cache.cycles) {
+    if (check.start != kNoTime) {
+      picture.cycleTimesMs.push_back(msSince(start, check.start));
+    }
+  }
+  bool unknown = false;
+  for (const EntityRecord& entity : cache.entities) {
+    tools::TimelineRow row;
+    row.label = entity.id;
+    for (const EntitySpan& span : entitySpans(entity, start, end)) {
+      unknown = unknown || span.answer == Answer::kUnknown;
+      if (span.answer != Answer::kUnknown) {  // left blank: the capture does not tell
+        row.spans.push_back(
+            {msSince(start, span.from), msSince(start, span.to), spanState(span.answer)});
+      }
+    }
+    for (const ChangeRecord& change : entity.changes) {
+      if (change.at != kNoTime) {
+        row.marksMs.push_back(msSince(start, change.at));
+      }
+    }
+    picture.rows.push_back(std::move(row));
+  }
+  if (unknown) {
+    picture.note += "; blank where cut summaries leave the answer unknown";
+  }
+  return picture;
+}
+
+}  // namespace veranda::reachabilityCache::trace

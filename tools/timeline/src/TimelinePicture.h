@@ -1,0 +1,36 @@
+// What the timeline picture shows, independent of where it came from: per
+// entity, spans of what the cache answered over time and marks where
+// listeners were told; the periodic cycles across all rows.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace veranda::reachabilityCache::tools {
+
+// What isEntityReachable answered during a span.
+enum class SpanState { kAbsent, kReachable, kUnreachable };
+
+struct StateSpan {
+  int64_t fromMs = 0;  // since the start of the picture
+  int64_t toMs = 0;    // exclusive
+  SpanState state = SpanState::kAbsent;
+};
+
+struct TimelineRow {
+  std::string label;             // any text; shown shortened, whole in the tooltip
+  std::vector<StateSpan> spans;  // in time order; time outside every span is left blank
+  std::vector<int64_t> marksMs;  // when listeners were told about the entity
+};
+
+struct TimelinePicture {
+  std::string title;      // e.g. "Reachability over time: my flat"
+  std::string note;       // one line under the title
+  std::string axisLabel;  // under the time axis
+  int64_t durationMs = 0;
+  std::vector<TimelineRow> rows;      // in display order
+  std::vector<int64_t> cycleTimesMs;  // periodic cycles, drawn as dashed lines
+};
+
+}  // namespace veranda::reachabilityCache::tools

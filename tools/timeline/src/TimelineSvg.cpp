@@ -1,0 +1,297 @@
+#include "TimelineSvg.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <numeric>
+#include <sstream>
+#include <system_error>
+#include <vector>
+
+#include "SafeText.h"
+
+namespace veranda::reachabilityCache::tools {
+namespace {
+
+constexpr double kPlotWidth = 900;
+constexpr double kRowHeight = 16;
+constexpr double kBarHeight = 11;
+constexpr double kBandHeight = 150;
+constexpr double kTop = 84;
+constexpr double kBottom = 56;
+constexpr double kRight = 24;
+constexpr double kCharWidth = 6.4;  // of the 11 px label font
+constexpr std::size_t kLabelChars = 30;
+constexpr int kBandBins = 300;
+
+const char* const kReachableColour = "#1f77b4";
+const char* const kUnreachableColour = "#ff7f0e";
+const char* const kAbsentColour = "#e6e6e6";
+
+std::string num(double value) {
+  char text[32];
+  std::snprintf(text, sizeof(text), "%.1f", value);
+  return text;
+}
+
+std::string tickLabel(double seconds) {
+  char text[32];
+  std::snprintf(text, sizeof(text), "%g", seconds);
+  return text;
+}
+
+std::string label(const std::string& text) { return shortened(text, kLabelChars); }
+
+const char* colour(SpanState state) {
+  switch (state) {
+    case SpanState::kReachable:
+      return kReachableColour;
+    case SpanState::kUnreachable:
+      return kUnreachableColour;
+    case SpanState::kAbsent:
+      break;
+  }
+  return kAbsentColour;
+}
+
+// The state of `row` at `atMs`: that of the last span starting at or before it.
+SpanState stateAt(const TimelineRow& row, int64_t atMs) {
+  SpanState state = SpanState::kAbsent;
+  for (const StateSpan& span : row.spans) {
+    if (span.fromMs > atMs) {
+      break;
+    }
+    state = span.toMs > atMs ? span.state : SpanState::kAbsent;
+  }
+  return state;
+}
+
+// A tick step (in seconds) that gives at most a dozen ticks.
+double tickStep(double seconds) {
+  static constexpr std::array<double, 18> kSteps = {
+      0.1, 0.2, 0.5, 1, 2, 5, 10, 15, 30, 60, 120, 300, 600, 1800, 3600, 7200, 21600, 43200};
+  for (double step : kSteps) {
+    if (seconds / step <= 12) {
+      return step;
+    }
+  }
+  return 86400 * std::ceil(seconds / 86400 / 12);
+}
+
+// The rows to draw, in display order: all of them, or those with most spans.
+std::vector<std::size_t> chosenRows(const TimelinePicture& picture) {
+  std::vector<std::size_t> rows(picture.rows.size());
+  std::iota(rows.begin(), rows.end(), 0);
+  if (rows.size() <= kMaxSvgRows) {
+    return rows;
+  }
+  std::stable_sort(rows.begin(), rows.end(), [&](std::size_t a, std::size_t b) {
+    return picture.rows[a].spans.size() > picture.rows[b].spans.size();
+  });
+  rows.resize(kSelectedSvgRows);
+  std::sort(rows.begin(), rows.end());
+  return rows;
+}
+
+class Drawing {
+ public:
+  explicit Drawing(const TimelinePicture& picture)
+      : picture_(picture), rows_(chosenRows(picture)), banded_(rows_.size() < picture.rows.size()) {
+    std::size_t widest = 6;
+    for (std::size_t row : rows_) {
+      widest = std::max(widest, terminalWidth(label(picture.rows[row].label)));
+    }
+    left_ = 40 + static_cast<double>(widest) * kCharWidth;
+    rowsTop_ = kTop + (banded_ ? kBandHeight + 36 : 0);
+    plotBottom_ = rowsTop_ + static_cast<double>(rows_.size()) * kRowHeight;
+    durationMs_ = std::max<int64_t>(picture.durationMs, 1);
+  }
+
+  std::string render() {
+    const double width = left_ + kPlotWidth + kRight;
+    const double height = plotBottom_ + kBottom;
+    svg_ << "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"" << num(width) << "\" height=\""
+         << num(height) << "\" viewBox=\"0 0 " << num(width) << ' ' << num(height)
+         << "\" font-family=\"sans-serif\" font-size=\"11\">\n"
+         << "<rect width=\"100%\" height=\"100%\" fill=\"white\"/>\n";
+    heading();
+    grid();
+    if (banded_) {
+      band();
+    }
+    rows();
+    cycles();
+    axes();
+    svg_ << "</svg>\n";
+    return svg_.str();
+  }
+
+ private:
+  double x(int64_t atMs) const {
+    const int64_t clamped = std::clamp<int64_t>(atMs, 0, durationMs_);
+    return left_ + kPlotWidth * static_cast<double>(clamped) / static_cast<double>(durationMs_);
+  }
+
+  double plotTop() const { return banded_ ? kTop : rowsTop_; }
+
+  void heading() {
+    svg_ << "<text x=\"" << num(left_) << "\" y=\"22\" font-size=\"15\" font-weight=\"bold\">"
+         << xmlText(picture_.title) << "</text>\n";
+    std::string note = picture_.note;
+    if (banded_) {
+      note += "; rows: the " + std::to_string(rows_.size()) +
+              " entities that changed most; the band counts all " +
+              std::to_string(picture_.rows.size());
+    }
+    svg_ << "<text x=\"" << num(left_) << "\" y=\"40\" fill=\"#444\">" << xmlText(note)
+         << "</text>\n";
+    legend();
+  }
+
+  void legend() {
+    double at = left_;
+    const std::array<std::pair<const char*, const char*>, 3> keys = {
+        {{kReachableColour, "reachable"},
+         {kUnreachableColour, "unreachable"},
+         {kAbsentColour, "not in the cache"}}};
+    for (const auto& key : keys) {
+      svg_ << "<rect x=\"" << num(at) << "\" y=\"52\" width=\"14\" height=\"10\" fill=\""
+           << key.first << "\"/><text x=\"" << num(at + 19) << "\" y=\"61\">" << key.second
+           << "</text>\n";
+      at += 30 + static_cast<double>(std::strlen(key.second)) * kCharWidth;
+    }
+    svg_ << "<rect x=\"" << num(at + 6) << "\" y=\"50\" width=\"2\" height=\"7\" fill=\"#111\"/>"
+         << "<text x=\"" << num(at + 19) << "\" y=\"61\">listener notified</text>\n";
+    at += 30 + 17 * kCharWidth;
+    svg_ << "<line x1=\"" << num(at) << "\" y1=\"57\" x2=\"" << num(at + 14)
+         << "\" y2=\"57\" stroke=\"#555\" stroke-dasharray=\"3,2\"/><text x=\"" << num(at + 19)
+         << "\" y=\"61\">periodic cycle</text>\n";
+  }
+
+  void grid() {
+    const double seconds = static_cast<double>(durationMs_) / 1000;
+    const double step = tickStep(seconds);
+    for (int i = 0; static_cast<double>(i) * step <= seconds + 1e-9; ++i) {
+      const int64_t atMs = std::llround(static_cast<double>(i) * step * 1000);
+      svg_ << "<line x1=\"" << num(x(atMs)) << "\" y1=\"" << num(plotTop()) << "\" x2=\""
+           << num(x(atMs)) << "\" y2=\"" << num(plotBottom_ + 4)
+           << "\" stroke=\"#d0d0d0\"/>\n<text x=\"" << num(x(atMs)) << "\" y=\""
+           << num(plotBottom_ + 17) << "\" text-anchor=\"middle\">"
+           << tickLabel(static_cast<double>(i) * step) << "</text>\n";
+    }
+  }
+
+  void band() {
+    const double bottom = kTop + kBandHeight;
+    const auto total = static_cast<double>(picture_.rows.size());
+    std::vector<double> reachable(kBandBins + 1);
+    std::vector<double> known(kBandBins + 1);
+    for (const TimelineRow& row : picture_.rows) {
+      for (int bin = 0; bin <= kBandBins; ++bin) {
+        const SpanState state = stateAt(row, binTime(bin));
+        reachable[bin] += state == SpanState::kReachable ? 1 : 0;
+        known[bin] += state != SpanState::kAbsent ? 1 : 0;
+      }
+    }
+    const auto y = [&](double count) { return bottom - kBandHeight * count / total; };
+    svg_ << "<rect x=\"" << num(left_) << "\" y=\"" << num(kTop) << "\" width=\"" << num(kPlotWidth)
+         << "\" height=\"" << num(kBandHeight) << "\" fill=\"" << kAbsentColour << "\"/>\n";
+    area(known, y, bottom, kUnreachableColour);
+    area(reachable, y, bottom, kReachableColour);
+    for (double count : {0.0, total / 2, total}) {
+      svg_ << "<text x=\"" << num(left_ - 6) << "\" y=\"" << num(y(count) + 4)
+           << "\" text-anchor=\"end\">" << static_cast<long long>(count) << "</text>\n";
+    }
+    svg_ << "<text transform=\"translate(14," << num(kTop + kBandHeight / 2)
+         << ") rotate(-90)\" text-anchor=\"middle\">entities</text>\n";
+  }
+
+  int64_t binTime(int bin) const { return durationMs_ * bin / kBandBins; }
+
+  template <typename Y>
+  void area(const std::vector<double>& counts, Y y, double bottom, const char* fill) {
+    svg_ << "<polygon fill=\"" << fill << "\" points=\"" << num(x(0)) << ',' << num(bottom);
+    for (int bin = 0; bin <= kBandBins; ++bin) {
+      svg_ << ' ' << num(x(binTime(bin))) << ',' << num(y(counts[bin]));
+    }
+    svg_ << ' ' << num(x(durationMs_)) << ',' << num(bottom) << "\"/>\n";
+  }
+
+  void rows() {
+    for (std::size_t i = 0; i < rows_.size(); ++i) {
+      const TimelineRow& row = picture_.rows[rows_[i]];
+      const double top = rowsTop_ + static_cast<double>(i) * kRowHeight;
+      const double barTop = top + (kRowHeight - kBarHeight) / 2;
+      svg_ << "<g><title>" << xmlText(row.label) << "</title>\n<text x=\"" << num(left_ - 6)
+           << "\" y=\"" << num(barTop + kBarHeight - 2) << "\" text-anchor=\"end\">"
+           << xmlText(label(row.label)) << "</text>\n";
+      for (const StateSpan& span : row.spans) {
+        const double from = x(span.fromMs);
+        const double width = std::max(x(span.toMs) - from, 1.0);  // short flaps stay visible
+        svg_ << "<rect x=\"" << num(from) << "\" y=\"" << num(barTop) << "\" width=\"" << num(width)
+             << "\" height=\"" << num(kBarHeight) << "\" fill=\"" << colour(span.state) << "\"/>\n";
+      }
+      // A dark tick on the bar at each notification about the entity.
+      for (int64_t atMs : row.marksMs) {
+        svg_ << "<rect x=\"" << num(x(atMs) - 1) << "\" y=\"" << num(barTop - 2)
+             << "\" width=\"2\" height=\"7\" fill=\"#111\"/>\n";
+      }
+      svg_ << "</g>\n";
+    }
+    if (!rows_.empty()) {
+      svg_ << "<text transform=\"translate(14," << num((rowsTop_ + plotBottom_) / 2)
+           << ") rotate(-90)\" text-anchor=\"middle\">entity</text>\n";
+    }
+  }
+
+  void cycles() {
+    for (int64_t atMs : picture_.cycleTimesMs) {
+      svg_ << "<line x1=\"" << num(x(atMs)) << "\" y1=\"" << num(plotTop()) << "\" x2=\""
+           << num(x(atMs)) << "\" y2=\"" << num(plotBottom_)
+           << "\" stroke=\"#555\" stroke-dasharray=\"3,2\"/>\n";
+    }
+  }
+
+  void axes() {
+    svg_ << "<line x1=\"" << num(left_) << "\" y1=\"" << num(plotBottom_) << "\" x2=\""
+         << num(left_ + kPlotWidth) << "\" y2=\"" << num(plotBottom_) << "\" stroke=\"#333\"/>\n"
+         << "<text x=\"" << num(left_ + kPlotWidth / 2) << "\" y=\"" << num(plotBottom_ + 40)
+         << "\" text-anchor=\"middle\">" << xmlText(picture_.axisLabel) << "</text>\n";
+  }
+
+  const TimelinePicture& picture_;
+  std::vector<std::size_t> rows_;
+  bool banded_;
+  double left_ = 0;
+  double rowsTop_ = 0;
+  double plotBottom_ = 0;
+  int64_t durationMs_ = 1;
+  std::ostringstream svg_;
+};
+
+}  // namespace
+
+std::string timelineSvg(const TimelinePicture& picture) { return Drawing(picture).render(); }
+
+bool writeTimelineSvg(const TimelinePicture& picture, const std::string& path, std::string& error) {
+  const std::string document = timelineSvg(picture);
+  std::FILE* file = std::fopen(path.c_str(), "wb");
+  if (file == nullptr) {
+    error = "cannot write " + path + ": " + std::generic_category().message(errno);
+    return false;
+  }
+  const bool written = std::fwrite(document.data(), 1, document.size(), file) == document.size();
+  const int writeErrno = errno;
+  const bool closed = std::fclose(file) == 0;
+  if (!written || !closed) {
+    error = "cannot write " + path + ": " +
+            std::generic_category().message(written ? errno : writeErrno);
+    return false;
+  }
+  return true;
+}
+
+}  // namespace veranda::reachabilityCache::tools

@@ -1,0 +1,27 @@
+// Draws a TimelinePicture as an SVG document. Used by reachability-sim and
+// reachability-trace, so that both show the same picture.
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+#include "TimelinePicture.h"
+
+namespace veranda::reachabilityCache::tools {
+
+// Pictures with more rows than this get a counting band and a selection of
+// rows instead of one row each.
+inline constexpr std::size_t kMaxSvgRows = 120;
+// Rows drawn for such pictures: those with the most spans.
+inline constexpr std::size_t kSelectedSvgRows = 100;
+
+// The SVG document: one row per entity with its spans and marks, the cycles
+// as dashed lines, a legend and labelled axes. Every text of the picture is
+// escaped, so the document is well-formed XML whatever the labels hold.
+std::string timelineSvg(const TimelinePicture& picture);
+
+// Writes timelineSvg(picture) to `path`; on failure returns false and sets
+// `error` to one line.
+bool writeTimelineSvg(const TimelinePicture& picture, const std::string& path, std::string& error);
+
+}  // namespace veranda::reachabilityCache::tools
