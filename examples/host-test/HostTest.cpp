@@ -17,7 +17,7 @@ using veranda::applianceDriver::ApplianceDriverType;
 using veranda::reachabilityCache::EndpointInfo;
 using veranda::reachabilityCache::ReachabilityCache;
 using veranda::reachabilityCache::ReachabilityCheckResult;
-using namespace veranda::reachabilityCache::testing;
+using namespace veranda::reachabilityCache::test;
 
 constexpr auto kWaitLimit = std::chrono::seconds(10);
 

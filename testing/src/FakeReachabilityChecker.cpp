@@ -3,7 +3,7 @@
 #include <unordered_set>
 #include <utility>
 
-namespace veranda::reachabilityCache::testing {
+namespace veranda::reachabilityCache::test {
 
 using applianceDriver::ApplianceDriverType;
 
@@ -173,4 +173,4 @@ bool FakeReachabilityChecker::unregisterReachabilityUpdateCallback(const std::st
   return updateCallbacks_.erase(callbackId) != 0;
 }
 
-}  // namespace veranda::reachabilityCache::testing
+}  // namespace veranda::reachabilityCache::test

@@ -22,8 +22,8 @@ namespace {
 using applianceDriver::ApplianceDriverType;
 using applianceDriver::DiscoveredDevice;
 using applianceDriver::SimulatedApplianceDriver;
-using testing::LogRecorder;
-using testing::Notification;
+using test::LogRecorder;
+using test::Notification;
 using ::testing::UnorderedElementsAre;
 
 constexpr std::chrono::milliseconds kWait{5000};
@@ -66,8 +66,8 @@ class EndToEndTest : public ::testing::Test {
   SimulatedApplianceDriver driver;
   std::shared_ptr<ApplianceDriverReachabilityChecker> checker =
       std::make_shared<ApplianceDriverReachabilityChecker>(driver);
-  testing::FakeChrProvider provider;
-  testing::RecordingListener listener;
+  test::FakeChrProvider provider;
+  test::RecordingListener listener;
   std::unique_ptr<ReachabilityCache> cache;
 };
 
@@ -103,8 +103,8 @@ TEST_F(EndToEndTest, ListenersFollowDevicesThroughCyclesAndConnectivityEvents) {
   // A further cycle with nothing changed tells nobody anything.
   ASSERT_TRUE(driver.waitUntilIdle(kWait));
   LogRecorder::instance().clear();
-  ASSERT_TRUE(LogRecorder::instance().waitForLine(testing::kUpdaterTag,
-                                                  "[processReachabilityResults]", kWait));
+  ASSERT_TRUE(LogRecorder::instance().waitForLine(test::kUpdaterTag, "[processReachabilityResults]",
+                                                  kWait));
   EXPECT_EQ(listener.count(), 5U);
 
   // A connectivity event brings ep2 back between cycles.

@@ -8,7 +8,7 @@
 #include <cstdlib>
 #include <iostream>
 
-namespace veranda::reachabilityCache::testing {
+namespace veranda::reachabilityCache::test {
 namespace {
 
 std::size_t countIn(const std::vector<LogLine>& lines, const std::string& tag,
@@ -92,7 +92,7 @@ bool LogRecorder::waitForLine(const std::string& tag, const std::string& fragmen
       timeout);
 }
 
-}  // namespace veranda::reachabilityCache::testing
+}  // namespace veranda::reachabilityCache::test
 
 // The test binary's platform log: every line is recorded instead of printed.
 extern "C" int __android_log_print(int prio, const char* tag, const char* fmt, ...) {
@@ -105,6 +105,6 @@ extern "C" int __android_log_print(int prio, const char* tag, const char* fmt, .
   std::string text(length > 0 ? static_cast<std::size_t>(length) : 0, '\0');
   std::vsnprintf(text.data(), text.size() + 1, fmt, args);
   va_end(args);
-  veranda::reachabilityCache::testing::LogRecorder::instance().record(prio, tag, text.c_str());
+  veranda::reachabilityCache::test::LogRecorder::instance().record(prio, tag, text.c_str());
   return length;
 }

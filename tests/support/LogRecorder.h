@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-namespace veranda::reachabilityCache::testing {
+namespace veranda::reachabilityCache::test {
 
 struct LogLine {
   int priority;
@@ -62,4 +62,4 @@ class LogRecorder {
   bool discard_ = false;
 };
 
-}  // namespace veranda::reachabilityCache::testing
+}  // namespace veranda::reachabilityCache::test

@@ -5,10 +5,10 @@
 namespace veranda::reachabilityCache {
 namespace {
 
+using test::LogLine;
+using test::LogRecorder;
 using ::testing::Contains;
 using ::testing::ElementsAre;
-using testing::LogLine;
-using testing::LogRecorder;
 
 // Holds the worker inside queryEndpoints until released.
 struct GatedProvider : ICHRProvider {
@@ -25,7 +25,7 @@ TEST_F(UpdaterTest, AnUpdaterNeverStartedLogsItsWholeLife) {
   createUpdater(&provider);
   updater.reset();
   EXPECT_THAT(
-      LogRecorder::instance().linesWithTag(testing::kUpdaterTag),
+      LogRecorder::instance().linesWithTag(test::kUpdaterTag),
       ElementsAre(updaterLine(4, "[ReachabilityUpdater]"), updaterLine(4, "[~ReachabilityUpdater]"),
                   updaterLine(4, "[stopPeriodicUpdates]"),
                   updaterLine(3,
@@ -47,7 +47,7 @@ TEST_F(UpdaterTest, CycleSweepsStaleEndpointsThenChecksTheProvidersList) {
   const auto requests = checker->checkRequests();
   EXPECT_EQ(requests[0].requestId, "periodic_0");
   EXPECT_EQ(requests[0].endpoints.size(), 3U);
-  EXPECT_THAT(LogRecorder::instance().texts(testing::kUpdaterTag),
+  EXPECT_THAT(LogRecorder::instance().texts(test::kUpdaterTag),
               ElementsAre("[ReachabilityUpdater]",
                           "[startPeriodicUpdates]: intervalSeconds=3600 initialDelayMs=0",
                           "[performPeriodicUpdate]: endpointCount=3"));
@@ -73,7 +73,7 @@ TEST_F(UpdaterTest, NullProviderEndsTheChainWhileTheFlagStaysSet) {
   // drain's trigger.
   drainExecutor();
   drainExecutor();
-  EXPECT_THAT(LogRecorder::instance().linesWithTag(testing::kUpdaterTag),
+  EXPECT_THAT(LogRecorder::instance().linesWithTag(test::kUpdaterTag),
               Contains(updaterLine(6, "[performPeriodicUpdate]: reason=chrProviderNull")).Times(1));
   EXPECT_TRUE(updater->isPeriodicUpdatesRunning());
 }
@@ -92,7 +92,7 @@ TEST_F(UpdaterTest, RefusedCheckIsLoggedCountedAndRetriedNextCycle) {
       updaterLine(6, "[performPeriodicUpdate]: requestId=periodic_0 reason=checkStartFailed"));
   ASSERT_LT(failure + 1, lines.end());
   EXPECT_EQ(*(failure + 1),
-            (LogLine{4, testing::kMetricTag,
+            (LogLine{4, test::kMetricTag,
                      "[Metric]: metricName=ReachabilityCache.CheckFailed updateType=periodic "
                      "reason=checkStartFailed program=762veg6l source=nlef/2/03330473"}));
   EXPECT_EQ(checker->checkRequests()[1].requestId, "periodic_1");
@@ -133,10 +133,10 @@ TEST_F(UpdaterTest, ManualTriggerChecksItsListOnceOrOnlyLogsWhenEmpty) {
   createUpdater(&provider);
   updater->triggerUpdate({});
   updater->triggerUpdate({endpoint("ep1", "e1")});
-  ASSERT_TRUE(LogRecorder::instance().waitForLine(testing::kMetricTag, "updateType=manual", kWait));
+  ASSERT_TRUE(LogRecorder::instance().waitForLine(test::kMetricTag, "updateType=manual", kWait));
   // The empty trigger drew no request id.
   EXPECT_THAT(
-      LogRecorder::instance().linesWithTag(testing::kUpdaterTag),
+      LogRecorder::instance().linesWithTag(test::kUpdaterTag),
       ElementsAre(updaterLine(4, "[ReachabilityUpdater]"), updaterLine(3, "[]: reason=noEndpoints"),
                   updaterLine(6, "[]: requestId=manual_0 reason=checkStartFailed")));
 }

@@ -3,10 +3,10 @@
 namespace veranda::reachabilityCache {
 namespace {
 
+using test::LogLine;
+using test::LogRecorder;
+using test::Notification;
 using ::testing::ElementsAre;
-using testing::LogLine;
-using testing::LogRecorder;
-using testing::Notification;
 
 using ProactiveUpdateTest = UpdaterTest;
 
@@ -19,7 +19,7 @@ TEST_F(ProactiveUpdateTest, EnableRegistersOnceAndDisableCancels) {
   updater->disableProactiveUpdates();
   EXPECT_FALSE(updater->isProactiveUpdatesEnabled());
   EXPECT_TRUE(checker->registeredCallbackIds().empty());
-  EXPECT_THAT(LogRecorder::instance().linesWithTag(testing::kUpdaterTag),
+  EXPECT_THAT(LogRecorder::instance().linesWithTag(test::kUpdaterTag),
               ElementsAre(updaterLine(4, "[ReachabilityUpdater]"),
                           updaterLine(4,
                                       "[enableProactiveUpdates]: action=enableProactiveUpdates "
@@ -44,7 +44,7 @@ TEST_F(ProactiveUpdateTest, RefusedRegistrationIsReportedAndLeavesUpdatesDisable
       ElementsAre(updaterLine(6,
                               "[enableProactiveUpdates]: action=enableProactiveUpdates "
                               "reason=registrationFailed"),
-                  LogLine{4, testing::kMetricTag,
+                  LogLine{4, test::kMetricTag,
                           "[Metric]: metricName=ReachabilityCache.SubscribeFailed action=enable "
                           "reason=registrationFailed program=762veg6l source=nlef/2/03330473"},
                   updaterLine(3,
@@ -74,7 +74,7 @@ TEST_F(ProactiveUpdateTest, EventsAreResolvedToTheirEntityAndAppliedOnTheWorker)
   // The summary line follows the notification on the worker.
   ASSERT_TRUE(waitForUpdaterLine("ep1 (entityId=e1): unreachable (becameUnreachable)"));
   EXPECT_EQ(LogRecorder::instance().countContaining(
-                testing::kUpdaterTag,
+                test::kUpdaterTag,
                 "[processReachabilityResults]: reachable=0 unreachable=1 changed=1 details="
                 "\n    ep1 (entityId=e1): unreachable (becameUnreachable)"),
             1U);
@@ -90,7 +90,7 @@ TEST_F(ProactiveUpdateTest, DestructionCancelsTheSubscription) {
   ASSERT_TRUE(updater->enableProactiveUpdates());
   updater.reset();
   EXPECT_TRUE(checker->registeredCallbackIds().empty());
-  EXPECT_EQ(LogRecorder::instance().linesWithTag(testing::kUpdaterTag).back(),
+  EXPECT_EQ(LogRecorder::instance().linesWithTag(test::kUpdaterTag).back(),
             (updaterLine(
                 4, "[disableProactiveUpdates]: action=disableProactiveUpdates status=disabled")));
 }

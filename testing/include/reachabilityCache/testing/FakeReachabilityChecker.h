@@ -16,7 +16,7 @@
 #include "reachabilityCache/IReachabilityChecker.h"
 #include "reachabilityCache/ReachabilityCheckResult.h"
 
-namespace veranda::reachabilityCache::testing {
+namespace veranda::reachabilityCache::test {
 
 // Thread safety: every member may be called from any thread. Callbacks run on
 // the thread that completes a check or delivers an event, never under the
@@ -106,4 +106,4 @@ class FakeReachabilityChecker : public IReachabilityChecker {
 // type 0, unreachable ones carry none and driver type 2.
 ReachabilityCheckResult makeResult(const EndpointInfo& endpoint, bool reachable);
 
-}  // namespace veranda::reachabilityCache::testing
+}  // namespace veranda::reachabilityCache::test
