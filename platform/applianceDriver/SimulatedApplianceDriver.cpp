@@ -8,12 +8,10 @@
 #include <utility>
 
 #include "scheduling/DelayedTaskQueue.h"
-#include "scheduling/TimeSource.h"
 
 namespace veranda::applianceDriver {
 namespace {
 
-using scheduling::TimeSource;
 using DevicesCallback = std::function<void(const std::vector<DiscoveredDevice>&)>;
 using StateCallback = std::function<void(const StateChangeEvent&)>;
 
@@ -162,10 +160,9 @@ class SimulatedApplianceDriver::Engine : public std::enable_shared_from_this<Eng
       return false;
     }
     std::uniform_int_distribution<int64_t> draw(latencyMinimum_.count(), latencyMaximum_.count());
-    const TimePoint due = TimeSource::instance().after(std::chrono::milliseconds(draw(random_)));
     queue_.post([self = shared_from_this(),
                  onDevices = std::move(onDevices)] { self->deliverAnswer(onDevices); },
-                due);
+                std::chrono::milliseconds(draw(random_)));
     ++queuedAnswers_;
     ++acceptedRequests_;
     return true;
@@ -201,7 +198,6 @@ class SimulatedApplianceDriver::Engine : public std::enable_shared_from_this<Eng
 
  private:
   using Task = scheduling::DelayedTaskQueue::Task;
-  using TimePoint = TimeSource::TimePoint;
 
   struct Subscription {
     uint64_t token;  // tells a subscription from a later one under the same id
@@ -222,14 +218,12 @@ class SimulatedApplianceDriver::Engine : public std::enable_shared_from_this<Eng
         connectivityEvent(device.endpointId, device.isReachable, jsonConnectivityValues_));
   }
 
-  // Events are due before any answer: the earliest time there is.
   void queueEventLocked(StateChangeEvent event) {
     if (shutDown_) {
       return;
     }
-    queue_.post(
-        [self = shared_from_this(), event = std::move(event)] { self->deliverEvent(event); },
-        TimePoint::min());
+    queue_.postUrgent(
+        [self = shared_from_this(), event = std::move(event)] { self->deliverEvent(event); });
     ++queuedEvents_;
   }
 

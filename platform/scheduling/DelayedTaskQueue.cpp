@@ -10,6 +10,8 @@
 namespace veranda::scheduling {
 namespace {
 
+using TimePoint = TimeSource::TimePoint;
+
 // What the calling thread runs now, when it is a queue's worker inside a task.
 struct RunningTask {
   const void* worker = nullptr;
@@ -26,17 +28,26 @@ constexpr std::chrono::hours kLongestWait{1};
 // so that a thread left to finish a task on its own still has them.
 class DelayedTaskQueue::Worker final : public TimeSource::Queue {
  public:
-  explicit Worker(TimeSource& time) : time_(time) {}
+  // Attaches to `time` under the lock, so that a change of the clock's mode
+  // meanwhile comes after the mode it starts in.
+  explicit Worker(TimeSource& time) : time_(time) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    virtual_ = time_.attach(this);
+  }
 
-  bool add(Task task, TimePoint due) {
+  // Urgent tasks are due at the earliest time there is.
+  bool add(Task task, std::chrono::milliseconds delay, bool urgent) {
     if (!task) {
       return false;
     }
-    const unsigned chain = chainOf(due);
     std::lock_guard<std::mutex> lock(mutex_);
     if (stopping_) {
       return false;
     }
+    const TimePoint now = nowLocked();
+    const TimePoint due =
+        urgent ? TimePoint::min() : TimeSource::plus(now, std::max(delay, decltype(delay)::zero()));
+    const unsigned chain = chainLocked(due <= now);
     tasks_.emplace(Key{due, nextSequence_++}, Entry{std::move(task), chain});
     refreshLocked();
     wake_.notify_one();
@@ -85,9 +96,9 @@ class DelayedTaskQueue::Worker final : public TimeSource::Queue {
         continue;
       }
       const TimePoint due = tasks_.begin()->first.first;
-      const TimePoint now = time_.now();
+      const TimePoint now = nowLocked();
       if (due > now) {
-        if (time_.isVirtual()) {
+        if (virtual_) {
           wake_.wait(lock);  // until time moves
         } else {
           wake_.wait_for(lock, std::min<std::chrono::nanoseconds>(due - now, kLongestWait));
@@ -107,8 +118,18 @@ class DelayedTaskQueue::Worker final : public TimeSource::Queue {
     }
   }
 
-  void timeChanged() override {
+  void timeChanged(bool virtualTime, std::chrono::nanoseconds shift) override {
     std::lock_guard<std::mutex> lock(mutex_);
+    virtual_ = virtualTime;
+    if (shift != std::chrono::nanoseconds::zero()) {
+      Tasks shifted;
+      for (auto& entry : tasks_) {
+        const Key& key = entry.first;
+        shifted.emplace(Key{TimeSource::plus(key.first, shift), key.second},
+                        std::move(entry.second));
+      }
+      tasks_.swap(shifted);
+    }
     refreshLocked();
     wake_.notify_one();
   }
@@ -130,18 +151,22 @@ class DelayedTaskQueue::Worker final : public TimeSource::Queue {
   };
   using Tasks = std::map<Key, Entry>;
 
-  // How long the chain of tasks posted without delay becomes with one posted
-  // for `due` from here: only a task on a worker, due at once in virtual
-  // time, extends it.
-  unsigned chainOf(TimePoint due) const {
-    if (tRunning.worker == nullptr || !time_.isVirtual() || due > time_.now()) {
+  TimePoint nowLocked() const {
+    return virtual_ ? time_.virtualNow() : std::chrono::steady_clock::now();
+  }
+
+  // The length of the chain of tasks posted without delay that a task posted
+  // from here makes: only a task posted from a worker's task, due at once in
+  // virtual time, extends it.
+  unsigned chainLocked(bool dueAtOnce) const {
+    if (tRunning.worker == nullptr || !virtual_ || !dueAtOnce) {
       return 0;
     }
     const unsigned chain = tRunning.chain + 1;
     if (chain >= kLongestChain) {
       TimeSource::fail(std::to_string(kLongestChain) +
-                       " tasks in a row were posted without delay at the same virtual time; a "
-                       "task that re-posts itself with no delay keeps time from ever settling");
+                       " tasks in a row were posted with no delay at the same virtual time: a "
+                       "task that keeps re-posting itself keeps time from ever settling");
     }
     return chain;
   }
@@ -156,8 +181,8 @@ class DelayedTaskQueue::Worker final : public TimeSource::Queue {
   // Tells the time source whether this queue is busy in virtual time: a task
   // runs or one is due.
   void refreshLocked() {
-    const bool busy = time_.isVirtual() &&
-                      (running_ || (!tasks_.empty() && tasks_.begin()->first.first <= time_.now()));
+    const bool busy =
+        virtual_ && (running_ || (!tasks_.empty() && tasks_.begin()->first.first <= nowLocked()));
     if (busy != busyReported_) {
       busyReported_ = busy;
       time_.setBusy(busy);
@@ -170,20 +195,26 @@ class DelayedTaskQueue::Worker final : public TimeSource::Queue {
   std::condition_variable finished_;  // stop() waits for a running task
   Tasks tasks_;
   uint64_t nextSequence_ = 0;
+  bool virtual_ = false;  // the clock's mode as this queue last heard of it
   bool stopping_ = false;
   bool running_ = false;
   bool busyReported_ = false;
 };
 
 DelayedTaskQueue::DelayedTaskQueue() : worker_(std::make_shared<Worker>(TimeSource::instance())) {
-  TimeSource::instance().attach(worker_.get());
   thread_ = std::thread([worker = worker_] { worker->run(); });
   workerId_ = thread_.get_id();
 }
 
 DelayedTaskQueue::~DelayedTaskQueue() { stop(); }
 
-bool DelayedTaskQueue::post(Task task, TimePoint due) { return worker_->add(std::move(task), due); }
+bool DelayedTaskQueue::post(Task task, std::chrono::milliseconds delay) {
+  return worker_->add(std::move(task), delay, false);
+}
+
+bool DelayedTaskQueue::postUrgent(Task task) {
+  return worker_->add(std::move(task), std::chrono::milliseconds::zero(), true);
+}
 
 std::vector<DelayedTaskQueue::Task> DelayedTaskQueue::takePending() {
   return worker_->takePending();

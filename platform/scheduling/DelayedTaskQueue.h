@@ -2,6 +2,7 @@
 // task executor and the simulated appliance driver both run their work on.
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -25,7 +26,6 @@ namespace veranda::scheduling {
 class DelayedTaskQueue {
  public:
   using Task = std::function<void()>;
-  using TimePoint = TimeSource::TimePoint;
 
   // Starts the worker.
   DelayedTaskQueue();
@@ -34,12 +34,16 @@ class DelayedTaskQueue {
   DelayedTaskQueue(const DelayedTaskQueue&) = delete;
   DelayedTaskQueue& operator=(const DelayedTaskQueue&) = delete;
 
-  // Queues `task` to run once TimeSource's now() reaches `due` (at once for a
-  // due time already passed). False, and the task is dropped, for an empty
-  // task or after stop(). In virtual time, ends the process with a message
-  // when a chain of tasks that post one another without delay grows beyond
-  // kLongestChain: virtual time could never settle.
-  bool post(Task task, TimePoint due);
+  // Queues `task` to run once `delay` has passed by the TimeSource (at once
+  // for zero or less; a delay beyond the clock's range waits as long as it
+  // can). False, and the task is dropped, for an empty task or after stop().
+  // In virtual time, ends the process with a message when tasks that post one
+  // another with no delay make a chain of kLongestChain: time could never
+  // settle.
+  bool post(Task task, std::chrono::milliseconds delay);
+  // Queues `task` ahead of every task posted with post(), behind the urgent
+  // ones posted before it. Otherwise as post().
+  bool postUrgent(Task task);
 
   // Drops every task not yet started and hands them over, so that the caller
   // destroys them outside its own locks. A running task is not interrupted.

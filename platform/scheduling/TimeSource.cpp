@@ -13,18 +13,10 @@ namespace {
 using std::chrono::nanoseconds;
 
 constexpr int64_t kLatest = std::numeric_limits<int64_t>::max();
-constexpr int64_t kNanosPerMilli = 1000000;
+constexpr int64_t kEarliest = std::numeric_limits<int64_t>::min();
 
-// A virtual-time wait that lasts this long in real time is taken for a hang.
+// A wait for the queues that lasts this long in real time is taken for a hang.
 constexpr std::chrono::seconds kLongestSettle{60};
-
-// `base` + `add` nanoseconds, held at the largest count when it would overflow.
-int64_t addSaturated(int64_t base, int64_t add) {
-  if (add > 0 && base > kLatest - add) {
-    return kLatest;
-  }
-  return base + add;
-}
 
 }  // namespace
 
@@ -35,44 +27,61 @@ TimeSource& TimeSource::instance() {
 }
 
 TimeSource::TimePoint TimeSource::now() const {
-  const int64_t frozen = virtualNanos_.load();
-  if (frozen != kRealTime) {
-    return TimePoint(nanoseconds(frozen));
-  }
-  const int64_t steady = std::chrono::steady_clock::now().time_since_epoch().count();
-  return TimePoint(nanoseconds(addSaturated(steady, offsetNanos_.load())));
+  return isVirtual() ? virtualNow() : std::chrono::steady_clock::now();
 }
 
-TimeSource::TimePoint TimeSource::after(std::chrono::milliseconds delay) const {
-  const TimePoint base = now();
-  if (delay <= std::chrono::milliseconds::zero()) {
+bool TimeSource::isVirtual() const { return virtual_.load(); }
+
+TimeSource::TimePoint TimeSource::virtualNow() const {
+  return TimePoint(nanoseconds(virtualNanos_.load()));
+}
+
+TimeSource::TimePoint TimeSource::plus(TimePoint base, nanoseconds delta) {
+  const int64_t from = base.time_since_epoch().count();
+  const int64_t by = delta.count();
+  if (base == TimePoint::min() || base == TimePoint::max()) {
     return base;
   }
-  const int64_t delayNanos =
-      delay.count() > kLatest / kNanosPerMilli ? kLatest : delay.count() * kNanosPerMilli;
-  return TimePoint(nanoseconds(addSaturated(base.time_since_epoch().count(), delayNanos)));
+  if (by > 0 && from > kLatest - by) {
+    return TimePoint::max();
+  }
+  if (by < 0 && from < kEarliest - by) {
+    return TimePoint::min();
+  }
+  return TimePoint(nanoseconds(from + by));
 }
 
-bool TimeSource::isVirtual() const { return virtualNanos_.load() != kRealTime; }
+TimeSource::TimePoint TimeSource::plus(TimePoint base, std::chrono::milliseconds delta) {
+  constexpr int64_t kNanosPerMilli = 1000000;
+  const int64_t count = delta.count();
+  if (count > kLatest / kNanosPerMilli) {
+    return base == TimePoint::min() ? base : TimePoint::max();
+  }
+  if (count < kEarliest / kNanosPerMilli) {
+    return base == TimePoint::max() ? base : TimePoint::min();
+  }
+  return plus(base, nanoseconds(count * kNanosPerMilli));
+}
 
 void TimeSource::beginVirtualTime() {
   std::lock_guard<std::mutex> control(controlMutex_);
   if (isVirtual()) {
-    fail("virtual time is already on: a second VirtualTime while one lives");
+    fail("virtual time is on already: a second VirtualTime while one lives");
   }
-  setVirtualNow(now());
+  std::lock_guard<std::mutex> lock(queuesMutex_);
+  virtualNanos_.store(std::chrono::steady_clock::now().time_since_epoch().count());
+  virtual_.store(true);
+  notifyQueuesLocked(true, nanoseconds::zero());
 }
 
 void TimeSource::endVirtualTime() {
   std::lock_guard<std::mutex> control(controlMutex_);
-  const int64_t frozen = virtualNanos_.load();
-  if (frozen == kRealTime) {
+  std::lock_guard<std::mutex> lock(queuesMutex_);
+  if (!isVirtual()) {
     return;
   }
-  const int64_t steady = std::chrono::steady_clock::now().time_since_epoch().count();
-  offsetNanos_.store(frozen - steady);
-  virtualNanos_.store(kRealTime);
-  notifyQueues();
+  virtual_.store(false);
+  notifyQueuesLocked(false, std::chrono::steady_clock::now() - virtualNow());
 }
 
 void TimeSource::advanceTo(TimePoint target) {
@@ -81,10 +90,10 @@ void TimeSource::advanceTo(TimePoint target) {
   waitUntilIdle("advance()");
   TimePoint due;
   while (earliestDue(due) && due <= target) {
-    setVirtualNow(std::max(due, now()));
+    moveTo(due);
     waitUntilIdle("advance()");
   }
-  setVirtualNow(std::max(target, now()));
+  moveTo(target);
   waitUntilIdle("advance()");
 }
 
@@ -100,9 +109,10 @@ void TimeSource::fail(const std::string& message) {
   std::abort();
 }
 
-void TimeSource::attach(Queue* queue) {
+bool TimeSource::attach(Queue* queue) {
   std::lock_guard<std::mutex> lock(queuesMutex_);
   queues_.push_back(queue);
+  return isVirtual();
 }
 
 void TimeSource::detach(Queue* queue) {
@@ -120,26 +130,26 @@ void TimeSource::setBusy(bool busy) {
 
 void TimeSource::checkCanWait(const char* operation) const {
   if (!isVirtual()) {
-    fail(std::string(operation) + " needs virtual time: no VirtualTime lives");
+    fail(std::string(operation) + " needs virtual time, and no VirtualTime lives");
   }
   if (DelayedTaskQueue::inTask()) {
     fail(std::string(operation) +
-         " called from a task of an executor or simulated driver: it would wait for itself");
+         " called from a task of an executor or a simulated driver: it would wait for itself");
   }
 }
 
-void TimeSource::setVirtualNow(TimePoint time) {
-  virtualNanos_.store(time.time_since_epoch().count());
-  notifyQueues();
-}
-
-// Every queue re-reads the clock, so that each reports whether it is busy at
-// the new time before anyone waits for them.
-void TimeSource::notifyQueues() {
-  std::lock_guard<std::mutex> lock(queuesMutex_);
+void TimeSource::notifyQueuesLocked(bool virtualTime, nanoseconds shift) {
   for (Queue* queue : queues_) {
-    queue->timeChanged();
+    queue->timeChanged(virtualTime, shift);
   }
+}
+
+// Every queue hears of the new time before anyone waits for them, so that
+// each has told whether it is busy at that time.
+void TimeSource::moveTo(TimePoint time) {
+  std::lock_guard<std::mutex> lock(queuesMutex_);
+  virtualNanos_.store(std::max(time, virtualNow()).time_since_epoch().count());
+  notifyQueuesLocked(true, nanoseconds::zero());
 }
 
 bool TimeSource::earliestDue(TimePoint& due) const {

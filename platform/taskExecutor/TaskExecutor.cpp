@@ -3,11 +3,8 @@
 #include <utility>
 
 #include "scheduling/DelayedTaskQueue.h"
-#include "scheduling/TimeSource.h"
 
 namespace veranda {
-
-using scheduling::TimeSource;
 
 std::shared_ptr<TaskExecutor> TaskExecutor::create(
     std::function<void(std::unique_ptr<Message>)> const& handler,
@@ -27,11 +24,11 @@ TaskExecutor::TaskExecutor(std::function<void(std::unique_ptr<Message>)> const& 
 TaskExecutor::~TaskExecutor() { queue_->stop(); }
 
 void TaskExecutor::post(std::function<void()> const& task) {
-  queue_->post(task, TimeSource::instance().now());
+  queue_->post(task, std::chrono::milliseconds::zero());
 }
 
 void TaskExecutor::postDelayed(std::function<void()> const& task, std::chrono::milliseconds delay) {
-  queue_->post(task, TimeSource::instance().after(delay));
+  queue_->post(task, delay);
 }
 
 void TaskExecutor::removeCallbacksAndMessages() { queue_->takePending(); }
