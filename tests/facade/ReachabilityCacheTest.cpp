@@ -10,6 +10,7 @@
 #include "reachabilityCache/testing/FakeChrProvider.h"
 #include "reachabilityCache/testing/FakeReachabilityChecker.h"
 #include "reachabilityCache/testing/RecordingListener.h"
+#include "reachabilityCache/testing/VirtualTime.h"
 
 namespace veranda::reachabilityCache {
 namespace {
@@ -19,7 +20,6 @@ using test::LogLine;
 using test::LogRecorder;
 using ::testing::ElementsAre;
 
-constexpr std::chrono::milliseconds kWait{5000};
 constexpr const char* kZigbee = "PROT_ZIGBEE-ADAPTER";
 constexpr const char* kWifi = "PROT_WIFI-ADAPTER";
 
@@ -38,6 +38,7 @@ class ReachabilityCacheTest : public ::testing::Test {
     return std::make_unique<ReachabilityCache>(&provider, config);
   }
 
+  test::VirtualTime time;  // first: made before every cache, destroyed after
   std::shared_ptr<test::FakeReachabilityChecker> checker =
       std::make_shared<test::FakeReachabilityChecker>();
   test::FakeChrProvider provider;
@@ -74,9 +75,10 @@ TEST_F(ReachabilityCacheTest, WithRefreshTheFirstCycleComesAfterOneSecondAndEven
                           "[startPeriodicUpdates]: intervalSeconds=60 initialDelayMs=1000",
                           "[enableProactiveUpdates]: action=enableProactiveUpdates "
                           "callbackId=reachability_updater_0"));
-  const auto started = std::chrono::steady_clock::now();
-  ASSERT_TRUE(checker->waitForPendingChecks(1, kWait));
-  EXPECT_GE(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(900));
+  time.advance(std::chrono::milliseconds(999));
+  EXPECT_EQ(provider.queryCount(), 0U);
+  time.advance(std::chrono::milliseconds(1));
+  ASSERT_EQ(checker->pendingChecks(), 1U);
   EXPECT_EQ(checker->checkRequests()[0].requestId, "periodic_1");
 
   test::RecordingListener listener;
@@ -86,6 +88,17 @@ TEST_F(ReachabilityCacheTest, WithRefreshTheFirstCycleComesAfterOneSecondAndEven
   EXPECT_EQ(listener.count(), 1U);
   cache.reset();
   EXPECT_TRUE(checker->registeredCallbackIds().empty());
+}
+
+TEST_F(ReachabilityCacheTest, IntervalsBeyondTheClocksRangeWaitInsteadOfComingAtOnce) {
+  provider.setEndpoints({EndpointInfo("ep1", "e1", kZigbee, {})});
+  for (const std::chrono::seconds interval :
+       {std::chrono::seconds(10'000'000'000), std::chrono::seconds::max()}) {
+    const std::size_t queries = provider.queryCount();
+    ReachabilityCache cache(&provider, {10, interval, true, checker});
+    time.advance(std::chrono::minutes(1));
+    EXPECT_EQ(provider.queryCount(), queries + 1) << interval.count();
+  }
 }
 
 TEST_F(ReachabilityCacheTest, PreferredEndpointFollowsAdapterThenStoreOrder) {
