@@ -14,12 +14,12 @@
 #include "reachabilityCache/testing/FakeChrProvider.h"
 #include "reachabilityCache/testing/FakeReachabilityChecker.h"
 #include "reachabilityCache/testing/RecordingListener.h"
+#include "reachabilityCache/testing/VirtualTime.h"
 #include "store/CacheCore.h"
 #include "updater/ReachabilityUpdater.h"
 
 namespace veranda::reachabilityCache {
 
-inline constexpr std::chrono::milliseconds kWait{5000};
 inline constexpr const char* kZigbee = "PROT_ZIGBEE-ADAPTER";
 
 inline EndpointInfo endpoint(const std::string& endpointId, const std::string& entityId,
@@ -59,18 +59,7 @@ class UpdaterTest : public ::testing::Test {
     updater = std::make_unique<ReachabilityUpdater>(store, checker, chrProvider);
   }
 
-  static bool waitForUpdaterLine(const std::string& fragment, std::size_t count = 1) {
-    return test::LogRecorder::instance().waitForLine(test::kUpdaterTag, fragment, kWait, count);
-  }
-
-  // Every task posted to the updater's executor so far has run on return.
-  void drainExecutor() {
-    const std::size_t triggers =
-        test::LogRecorder::instance().countContaining(test::kUpdaterTag, "[]: reason=noEndpoints");
-    updater->triggerUpdate({});
-    ASSERT_TRUE(waitForUpdaterLine("[]: reason=noEndpoints", triggers + 1));
-  }
-
+  test::VirtualTime time;  // first: made before the updater, destroyed after it
   std::shared_ptr<CacheCore> store = std::make_shared<CacheCore>(100);
   std::shared_ptr<test::FakeReachabilityChecker> checker =
       std::make_shared<test::FakeReachabilityChecker>();
