@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <memory>
+#include <stdexcept>
 
 #include "LogRecorder.h"
 #include "reachabilityCache/testing/FakeChrProvider.h"
@@ -83,11 +84,21 @@ TEST_F(ReachabilityCacheTest, WithRefreshTheFirstCycleComesAfterOneSecondAndEven
 
   test::RecordingListener listener;
   ASSERT_TRUE(cache->registerReachabilityListener("l", listener.callback()));
-  checker->completeNextCheck([](const EndpointInfo& e) { return test::makeResult(e, true); });
+  auto reachable = [](const EndpointInfo& e) { return test::makeResult(e, true); };
+  EXPECT_TRUE(checker->completeNextCheck(reachable));
   EXPECT_TRUE(cache->isEntityReachable("e1"));
   EXPECT_EQ(listener.count(), 1U);
+  time.advance(std::chrono::seconds(60));  // the next cycle's check stays pending
   cache.reset();
   EXPECT_TRUE(checker->registeredCallbackIds().empty());
+  // The fake saw the cache go: completing its check would reach freed memory.
+  EXPECT_THROW(checker->completeNextCheck(reachable), std::logic_error);
+
+  cache = makeCache(true);  // a later cache on the same fake is served as before
+  time.advance(std::chrono::seconds(1));
+  EXPECT_TRUE(checker->completeNextCheck(reachable));
+  EXPECT_EQ(checker->takeCheckRequests().size(), 3U);
+  EXPECT_TRUE(checker->checkRequests().empty());
 }
 
 TEST_F(ReachabilityCacheTest, IntervalsBeyondTheClocksRangeWaitInsteadOfComingAtOnce) {
@@ -146,11 +157,15 @@ TEST_F(ReachabilityCacheTest, BatchUpdatesSkipRefusedRecordsAndClearingKeepsList
   EXPECT_TRUE(cache->unregisterReachabilityListener("l"));  // clearing kept it
 }
 
-TEST_F(ReachabilityCacheTest, TheHostsCheckerOutlivesTheCache) {
+TEST_F(ReachabilityCacheTest, TheHostsCheckerOutlivesTheCacheAndCannotReachItAfterwards) {
+  checker->setRefuseUnregistrations(true);  // the cache's update callback outlives it
   auto cache = makeCache(true);
   EXPECT_GE(checker.use_count(), 3);
   cache.reset();
   EXPECT_EQ(checker.use_count(), 1);
+  EXPECT_THROW(checker->deliverEvent(
+                   ReachabilityCheckResult("ep1", "", "", false, {}, ApplianceDriverType::UNKNOWN)),
+               std::logic_error);
 }
 
 }  // namespace

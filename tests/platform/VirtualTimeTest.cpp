@@ -54,7 +54,6 @@ TEST(VirtualTimeTest, AdvanceWaitsForWorkThatHopsBetweenQueues) {
   EXPECT_EQ(time.elapsed(), milliseconds(18));
   time.advance(milliseconds(1));
   EXPECT_EQ(journal.text(), "first@10 second@10 driver@13 back@18 late@19");
-  driver.shutdown();
 }
 
 TEST(VirtualTimeDeathTest, MisuseEndsWithAMessageInsteadOfAHang) {

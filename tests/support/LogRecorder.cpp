@@ -37,7 +37,6 @@ void LogRecorder::record(int priority, const char* tag, const char* text) {
   std::lock_guard<std::mutex> lock(mutex_);
   if (!discard_) {
     lines_.push_back({priority, tag == nullptr ? "" : tag, text});
-    recorded_.notify_all();
   }
 }
 
@@ -77,19 +76,6 @@ std::vector<std::string> LogRecorder::texts(const std::string& tag) const {
 std::size_t LogRecorder::countContaining(const std::string& tag,
                                          const std::string& fragment) const {
   return countIn(lines(), tag, fragment);
-}
-
-bool LogRecorder::waitFor(const std::function<bool(const std::vector<LogLine>&)>& predicate,
-                          std::chrono::milliseconds timeout) const {
-  std::unique_lock<std::mutex> lock(mutex_);
-  return recorded_.wait_for(lock, timeout, [&] { return predicate(lines_); });
-}
-
-bool LogRecorder::waitForLine(const std::string& tag, const std::string& fragment,
-                              std::chrono::milliseconds timeout, std::size_t count) const {
-  return waitFor(
-      [&](const std::vector<LogLine>& lines) { return countIn(lines, tag, fragment) >= count; },
-      timeout);
 }
 
 }  // namespace veranda::reachabilityCache::test
