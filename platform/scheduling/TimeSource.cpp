@@ -22,7 +22,7 @@ constexpr std::chrono::seconds kLongestSettle{60};
 
 TimeSource& TimeSource::instance() {
   // Never destroyed: queues of static objects detach from it at exit.
-  static TimeSource* const time = new TimeSource();  // NOLINT(cppcoreguidelines-owning-memory)
+  static auto* const time = new TimeSource();
   return *time;
 }
 
