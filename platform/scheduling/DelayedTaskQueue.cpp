@@ -28,11 +28,15 @@ constexpr std::chrono::hours kLongestWait{1};
 // so that a thread left to finish a task on its own still has them.
 class DelayedTaskQueue::Worker final : public TimeSource::Queue {
  public:
-  // Attaches to `time` under the lock, so that a change of the clock's mode
-  // meanwhile comes after the mode it starts in.
-  explicit Worker(TimeSource& time) : time_(time) {
+  explicit Worker(TimeSource& time) : time_(time) {}
+
+  // Takes the clock's mode that attaching to it returned, unless the clock
+  // has told of a later change meanwhile.
+  void attached(bool virtualTime) {
     std::lock_guard<std::mutex> lock(mutex_);
-    virtual_ = time_.attach(this);
+    if (!toldOfTime_) {
+      virtual_ = virtualTime;
+    }
   }
 
   // Urgent tasks are due at the earliest time there is.
@@ -121,6 +125,7 @@ class DelayedTaskQueue::Worker final : public TimeSource::Queue {
   void timeChanged(bool virtualTime, std::chrono::nanoseconds shift) override {
     std::lock_guard<std::mutex> lock(mutex_);
     virtual_ = virtualTime;
+    toldOfTime_ = true;
     if (shift != std::chrono::nanoseconds::zero()) {
       Tasks shifted;
       for (auto& entry : tasks_) {
@@ -196,12 +201,14 @@ class DelayedTaskQueue::Worker final : public TimeSource::Queue {
   Tasks tasks_;
   uint64_t nextSequence_ = 0;
   bool virtual_ = false;  // the clock's mode as this queue last heard of it
+  bool toldOfTime_ = false;
   bool stopping_ = false;
   bool running_ = false;
   bool busyReported_ = false;
 };
 
 DelayedTaskQueue::DelayedTaskQueue() : worker_(std::make_shared<Worker>(TimeSource::instance())) {
+  worker_->attached(TimeSource::instance().attach(worker_.get()));
   thread_ = std::thread([worker = worker_] { worker->run(); });
   workerId_ = thread_.get_id();
 }
