@@ -13,6 +13,7 @@ install(TARGETS
     reachabilityCacheTesting
     verandaPlatformHeaders
     verandaMetric
+    verandaScheduling
     verandaTaskExecutor
     verandaApplianceDriver
   EXPORT reachabilityCacheTargets
@@ -69,9 +70,9 @@ foreach(_rc_dir LIBDIR INCLUDEDIR)
   endif()
 endforeach()
 if(REACHABILITY_CACHE_HOST_BUILD)
-  set(_rc_pc_testing_libs "-lreachabilityCacheTesting -lverandaApplianceDriver")
+  set(_rc_pc_testing_libs "-lreachabilityCacheTesting -lverandaScheduling -lverandaApplianceDriver")
 else()
-  set(_rc_pc_testing_libs "-lreachabilityCacheTesting")
+  set(_rc_pc_testing_libs "-lreachabilityCacheTesting -lverandaScheduling")
 endif()
 foreach(_rc_pc reachabilityCache reachabilityCache-testing)
   configure_file("${CMAKE_CURRENT_LIST_DIR}/${_rc_pc}.pc.in"

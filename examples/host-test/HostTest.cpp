@@ -1,50 +1,60 @@
-// A host's test of its use of the cache: the fakes of reachabilityCache::testing
-// decide every check result and connectivity event, so nothing depends on a
-// real driver or on timing beyond the cache's first cycle.
+// A host's test of its use of the cache, on virtual time: the fakes of
+// reachabilityCache::testing decide every check result, and VirtualTime
+// decides when the cache's cycles come, so an hour of cycles takes no wall
+// time and nothing depends on timing.
+#include <gtest/gtest.h>
+
 #include <chrono>
 #include <memory>
-
-#include <gtest/gtest.h>
 
 #include "reachabilityCache/ReachabilityCache.h"
 #include "reachabilityCache/testing/FakeChrProvider.h"
 #include "reachabilityCache/testing/FakeReachabilityChecker.h"
 #include "reachabilityCache/testing/RecordingListener.h"
+#include "reachabilityCache/testing/VirtualTime.h"
 
 namespace {
 
-using veranda::applianceDriver::ApplianceDriverType;
+using std::chrono::milliseconds;
 using veranda::reachabilityCache::EndpointInfo;
 using veranda::reachabilityCache::ReachabilityCache;
-using veranda::reachabilityCache::ReachabilityCheckResult;
-using namespace veranda::reachabilityCache::testing;
+using namespace veranda::reachabilityCache::test;
 
-constexpr auto kWaitLimit = std::chrono::seconds(10);
-
-TEST(HostTest, CacheFollowsCompletedChecksAndConnectivityEvents) {
+TEST(HostTest, AnHourOfCyclesOnVirtualTime) {
+  VirtualTime time;  // before the cache: its worker runs on virtual time
   const EndpointInfo lamp("lamp-1", "kitchen-lamp", "PROT_ZIGBEE-ADAPTER",
                           {{"PowerController", ""}});
   FakeChrProvider provider({lamp});
   auto checker = std::make_shared<FakeReachabilityChecker>();
   RecordingListener listener;
-  ReachabilityCache cache(&provider, {100, std::chrono::hours(1), true, checker});
+  ReachabilityCache cache(&provider, {100, std::chrono::seconds(60), true, checker});
   ASSERT_TRUE(cache.registerReachabilityListener("test", listener.callback()));
 
-  // The first cycle asks the provider and starts a check that waits for us.
-  ASSERT_TRUE(checker->waitForPendingChecks(1, kWaitLimit));
-  EXPECT_EQ(provider.queryCount(), 1u);
+  // The first cycle comes one second after construction.
+  time.advance(milliseconds(999));
+  EXPECT_EQ(checker->pendingChecks(), 0u);
+  time.advance(milliseconds(1));
+  ASSERT_EQ(checker->pendingChecks(), 1u);
+  // Completing a check runs the cache's result handling here, at once.
   ASSERT_TRUE(checker->completeNextCheck(
       [](const EndpointInfo& endpoint) { return makeResult(endpoint, true); }));
-  ASSERT_TRUE(listener.waitForCount(1, kWaitLimit));
   EXPECT_TRUE(cache.isEntityReachable("kitchen-lamp"));
 
-  // A connectivity event takes the lamp away; the cache's worker applies it.
-  EXPECT_EQ(checker->deliverEvent(
-                ReachabilityCheckResult("lamp-1", "", "", false, {}, ApplianceDriverType::UNKNOWN)),
-            1u);
-  ASSERT_TRUE(listener.waitForCount(2, kWaitLimit));
-  EXPECT_EQ(listener.notifications().back(), (Notification{"lamp-1", "kitchen-lamp", false}));
-  EXPECT_FALSE(cache.isEntityReachable("kitchen-lamp"));
+  // Then one cycle a minute; the lamp drops out every other one.
+  for (int minute = 1; minute <= 60; ++minute) {
+    time.advance(std::chrono::minutes(1));
+    ASSERT_EQ(checker->pendingChecks(), 1u) << "minute " << minute;
+    const bool up = minute % 2 == 0;
+    ASSERT_TRUE(checker->completeNextCheck(
+        [up](const EndpointInfo& endpoint) { return makeResult(endpoint, up); }));
+    EXPECT_EQ(cache.isEntityReachable("kitchen-lamp"), up) << "minute " << minute;
+  }
+
+  EXPECT_EQ(checker->checkRequests().size(), 61u);
+  EXPECT_EQ(provider.queryCount(), 61u);
+  EXPECT_EQ(listener.count(), 61u);  // every change: 1 + 60
+  EXPECT_EQ(listener.notifications().back(), (Notification{"lamp-1", "kitchen-lamp", true}));
+  EXPECT_EQ(time.elapsed(), std::chrono::seconds(3601));
 }
 
 }  // namespace

@@ -32,8 +32,13 @@ class IReachabilityChecker {
       const std::string& callbackId,
       std::function<void(const ReachabilityCheckResult&)> callback) = 0;
 
-  // Cancels the subscription. False for an empty or unknown id, or a refused
-  // cancellation (the id then stays registered).
+  // Cancels the subscription. After true, no call of its callback is running
+  // on another thread and none will start, not even for a change reported
+  // before the call: what the callback captures may then be destroyed. Called
+  // from inside that callback it returns without waiting for it, and the
+  // callback finishes after the call. False for an empty or unknown id, or a
+  // refused cancellation (the id then stays registered and its callback may
+  // still be called).
   virtual bool unregisterReachabilityUpdateCallback(const std::string& callbackId) = 0;
 };
 

@@ -86,7 +86,12 @@ class IUnifiedApplianceDriver {
       std::function<void(const StateChangeEvent&)> onStateChange,
       std::function<void(const std::string& subscriptionId)> onSubscriptionError) = 0;
 
-  // Cancels a subscription. After true, its callbacks are no longer called.
+  // Cancels a subscription. After true, no callback of the subscription is
+  // running on another thread and none will start, not even for a change made
+  // before the call: what the callbacks capture may then be destroyed. Called
+  // from inside one of the subscription's own callbacks it returns without
+  // waiting for that callback, which finishes after the call. After false the
+  // subscription stays as it was.
   virtual bool unsubscribeStateChanges(const std::string& subscriptionId) = 0;
 };
 

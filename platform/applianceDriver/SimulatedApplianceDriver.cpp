@@ -2,17 +2,16 @@
 
 #include <algorithm>
 #include <condition_variable>
-#include <deque>
 #include <map>
 #include <mutex>
 #include <random>
-#include <thread>
 #include <utility>
+
+#include "scheduling/DelayedTaskQueue.h"
 
 namespace veranda::applianceDriver {
 namespace {
 
-using Clock = std::chrono::steady_clock;
 using DevicesCallback = std::function<void(const std::vector<DiscoveredDevice>&)>;
 using StateCallback = std::function<void(const StateChangeEvent&)>;
 
@@ -28,35 +27,15 @@ StateChangeEvent connectivityEvent(const std::string& endpointId, bool reachable
                           kConnectivityProperty, std::move(value)};
 }
 
-// The home, the queues and the dispatcher's loop. Shared by the driver and its
-// dispatcher thread, so that a thread left to finish a callback on its own
-// (the driver shut down or destroyed from inside a callback) still has it.
-class Core {
- public:
-  // The dispatcher thread's body: delivers events as soon as possible and
-  // answers once due, one at a time, until shutdown.
-  void dispatch() {
-    std::unique_lock<std::mutex> lock(mutex_);
-    dispatcherId_ = std::this_thread::get_id();
-    while (!shutDown_) {
-      if (!events_.empty()) {
-        deliverEvent(lock);
-        continue;
-      }
-      if (answers_.empty()) {
-        wake_.wait(lock);
-        continue;
-      }
-      // A copy: the wait reads it again after the answer may have been dropped.
-      const Clock::time_point due = answers_.begin()->first.first;
-      if (due <= Clock::now()) {
-        deliverAnswer(lock);
-      } else {
-        wake_.wait_until(lock, due);
-      }
-    }
-  }
+}  // namespace
 
+// The home, the subscriptions and the deliveries. Answers and events are
+// tasks of one delayed-task queue: events go ahead of every answer, in the
+// order published; answers follow by due time. Each task holds the engine, so
+// that a thread left to finish a callback on its own (the driver shut down or
+// destroyed from inside a callback) still has it.
+class SimulatedApplianceDriver::Engine : public std::enable_shared_from_this<Engine> {
+ public:
   void upsertDevice(DiscoveredDevice device) {
     std::lock_guard<std::mutex> lock(mutex_);
     auto found = home_.find(device.endpointId);
@@ -134,35 +113,35 @@ class Core {
   }
 
   bool waitUntilIdle(std::chrono::milliseconds timeout) const {
-    std::unique_lock<std::mutex> lock(mutex_);
-    if (onDispatcherLocked()) {
-      return false;  // the dispatcher cannot wait for itself
+    if (queue_.onWorker()) {
+      return false;  // the driver's thread cannot wait for itself
     }
+    std::unique_lock<std::mutex> lock(mutex_);
     return idle_.wait_for(lock, timeout, [this] {
-      return answers_.empty() && events_.empty() && !deliveringAnswer_ && !deliveringEvent_;
+      return queuedAnswers_ == 0 && queuedEvents_ == 0 && !deliveringAnswer_ && !deliveringEvent_;
     });
   }
 
   // Refuses later work, drops what is queued and waits for a running
-  // callback (unless on the dispatcher). Stopping the thread is the caller's.
+  // callback, unless called on the driver's thread. Safe to call repeatedly
+  // and from several threads.
   void shutdown() {
-    Answers droppedAnswers;
-    std::deque<StateChangeEvent> droppedEvents;
-    std::unique_lock<std::mutex> lock(mutex_);
-    shutDown_ = true;
-    droppedAnswers.swap(answers_);
-    droppedEvents.swap(events_);
-    wake_.notify_all();
-    idle_.notify_all();
-    if (!onDispatcherLocked()) {
-      idle_.wait(lock, [this] { return !deliveringAnswer_ && !deliveringEvent_; });
+    std::vector<Task> dropped;  // destroyed after the lock is released
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      shutDown_ = true;
+      dropped = queue_.takePending();
+      queuedAnswers_ = 0;
+      queuedEvents_ = 0;
+      idle_.notify_all();
     }
-    lock.unlock();  // the dropped callbacks are destroyed outside the lock
+    dropped.clear();
+    queue_.stop();
   }
 
   std::size_t pendingAnswers() const {
     std::lock_guard<std::mutex> lock(mutex_);
-    return answers_.size() + (deliveringAnswer_ ? 1 : 0);
+    return queuedAnswers_ + (deliveringAnswer_ ? 1 : 0);
   }
 
   uint64_t acceptedRequests() const {
@@ -181,10 +160,11 @@ class Core {
       return false;
     }
     std::uniform_int_distribution<int64_t> draw(latencyMinimum_.count(), latencyMaximum_.count());
-    const Clock::time_point due = Clock::now() + std::chrono::milliseconds(draw(random_));
-    answers_.emplace(Key{due, nextSequence_++}, std::move(onDevices));
+    queue_.post([self = shared_from_this(),
+                 onDevices = std::move(onDevices)] { self->deliverAnswer(onDevices); },
+                std::chrono::milliseconds(draw(random_)));
+    ++queuedAnswers_;
     ++acceptedRequests_;
-    wake_.notify_one();
     return true;
   }
 
@@ -210,22 +190,19 @@ class Core {
     const uint64_t token = found->second.token;
     dropped = std::move(found->second.callback);
     subscriptions_.erase(found);
-    if (!onDispatcherLocked()) {
+    if (!queue_.onWorker()) {
       idle_.wait(lock, [this, token] { return activeToken_ != token; });
     }
     return true;
   }
 
  private:
-  using Key = std::pair<Clock::time_point, uint64_t>;  // due time, acceptance order
-  using Answers = std::map<Key, DevicesCallback>;
+  using Task = scheduling::DelayedTaskQueue::Task;
 
   struct Subscription {
     uint64_t token;  // tells a subscription from a later one under the same id
     std::shared_ptr<const StateCallback> callback;
   };
-
-  bool onDispatcherLocked() const { return dispatcherId_ == std::this_thread::get_id(); }
 
   std::vector<DiscoveredDevice> snapshotLocked() const {
     std::vector<DiscoveredDevice> snapshot;
@@ -245,28 +222,34 @@ class Core {
     if (shutDown_) {
       return;
     }
-    events_.push_back(std::move(event));
-    wake_.notify_one();
+    queue_.postUrgent(
+        [self = shared_from_this(), event = std::move(event)] { self->deliverEvent(event); });
+    ++queuedEvents_;
   }
 
-  void deliverAnswer(std::unique_lock<std::mutex>& lock) {
-    DevicesCallback callback = std::move(answers_.begin()->second);
-    answers_.erase(answers_.begin());
+  void deliverAnswer(const DevicesCallback& callback) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (shutDown_) {
+      return;  // taken by the thread just before the shutdown dropped the rest
+    }
+    --queuedAnswers_;
     std::vector<DiscoveredDevice> snapshot = snapshotLocked();
     deliveringAnswer_ = true;
     lock.unlock();
     callback(snapshot);
-    callback = nullptr;
     lock.lock();
     deliveringAnswer_ = false;
     idle_.notify_all();
   }
 
-  // Delivers the oldest event to every subscription that exists when its turn
+  // Delivers the event to every subscription that exists when its turn
   // comes, in subscription id order.
-  void deliverEvent(std::unique_lock<std::mutex>& lock) {
-    const StateChangeEvent event = std::move(events_.front());
-    events_.pop_front();
+  void deliverEvent(const StateChangeEvent& event) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (shutDown_) {
+      return;
+    }
+    --queuedEvents_;
     std::vector<std::pair<std::string, uint64_t>> targets;
     for (const auto& entry : subscriptions_) {
       targets.emplace_back(entry.first, entry.second.token);
@@ -294,12 +277,9 @@ class Core {
   }
 
   mutable std::mutex mutex_;
-  std::condition_variable wake_;          // the dispatcher waits for work
   mutable std::condition_variable idle_;  // callers wait for deliveries to end
 
   std::map<std::string, DiscoveredDevice> home_;
-  Answers answers_;
-  std::deque<StateChangeEvent> events_;
   std::map<std::string, Subscription> subscriptions_;
 
   std::chrono::milliseconds latencyMinimum_{0};
@@ -315,130 +295,89 @@ class Core {
   bool deliveringEvent_ = false;
   uint64_t activeToken_ = 0;  // subscription whose callback runs now; 0 for none
   uint64_t nextToken_ = 1;
-  uint64_t nextSequence_ = 0;
+  std::size_t queuedAnswers_ = 0;
+  std::size_t queuedEvents_ = 0;
   uint64_t acceptedRequests_ = 0;
-  std::thread::id dispatcherId_;
+
+  // Declared last: destroyed first, it stops the thread before the rest goes.
+  scheduling::DelayedTaskQueue queue_;
 };
 
-}  // namespace
+SimulatedApplianceDriver::SimulatedApplianceDriver() : engine_(std::make_shared<Engine>()) {}
 
-// Owns the dispatcher thread; the thread shares the core.
-class SimulatedApplianceDriver::Engine {
- public:
-  Engine() : core_(std::make_shared<Core>()) {
-    thread_ = std::thread([core = core_] { core->dispatch(); });
-  }
-
-  ~Engine() { shutdown(); }
-
-  Engine(const Engine&) = delete;
-  Engine& operator=(const Engine&) = delete;
-
-  Core& core() const { return *core_; }
-
-  // Stops the core, then joins the thread, or lets it finish on its own when
-  // called on it. Safe to call repeatedly and from several threads.
-  void shutdown() {
-    core_->shutdown();
-    std::thread thread;
-    {
-      std::lock_guard<std::mutex> lock(threadMutex_);
-      thread.swap(thread_);
-    }
-    if (!thread.joinable()) {
-      return;
-    }
-    if (thread.get_id() == std::this_thread::get_id()) {
-      thread.detach();
-    } else {
-      thread.join();
-    }
-  }
-
- private:
-  const std::shared_ptr<Core> core_;
-  std::mutex threadMutex_;
-  std::thread thread_;
-};
-
-SimulatedApplianceDriver::SimulatedApplianceDriver() : engine_(std::make_unique<Engine>()) {}
-
-SimulatedApplianceDriver::~SimulatedApplianceDriver() = default;
+// Queued tasks hold the engine; dropping them lets it go.
+SimulatedApplianceDriver::~SimulatedApplianceDriver() { engine_->shutdown(); }
 
 void SimulatedApplianceDriver::upsertDevice(DiscoveredDevice device) {
-  engine_->core().upsertDevice(std::move(device));
+  engine_->upsertDevice(std::move(device));
 }
 
 bool SimulatedApplianceDriver::removeDevice(const std::string& endpointId) {
-  return engine_->core().removeDevice(endpointId);
+  return engine_->removeDevice(endpointId);
 }
 
 bool SimulatedApplianceDriver::setReachable(const std::string& endpointId, bool reachable) {
-  return engine_->core().setReachable(endpointId, reachable);
+  return engine_->setReachable(endpointId, reachable);
 }
 
 std::vector<DiscoveredDevice> SimulatedApplianceDriver::devices() const {
-  return engine_->core().devices();
+  return engine_->devices();
 }
 
 void SimulatedApplianceDriver::publishStateChange(StateChangeEvent event) {
-  engine_->core().publishStateChange(std::move(event));
+  engine_->publishStateChange(std::move(event));
 }
 
 void SimulatedApplianceDriver::setAnswerLatency(std::chrono::milliseconds minimum,
                                                 std::chrono::milliseconds maximum) {
-  engine_->core().setAnswerLatency(minimum, maximum);
+  engine_->setAnswerLatency(minimum, maximum);
 }
 
-void SimulatedApplianceDriver::setRandomSeed(uint32_t seed) { engine_->core().setRandomSeed(seed); }
+void SimulatedApplianceDriver::setRandomSeed(uint32_t seed) { engine_->setRandomSeed(seed); }
 
 void SimulatedApplianceDriver::setRefuseRequests(bool refuse) {
-  engine_->core().setRefuseRequests(refuse);
+  engine_->setRefuseRequests(refuse);
 }
 
 void SimulatedApplianceDriver::setRefuseSubscriptions(bool refuse) {
-  engine_->core().setRefuseSubscriptions(refuse);
+  engine_->setRefuseSubscriptions(refuse);
 }
 
 void SimulatedApplianceDriver::setRefuseUnsubscriptions(bool refuse) {
-  engine_->core().setRefuseUnsubscriptions(refuse);
+  engine_->setRefuseUnsubscriptions(refuse);
 }
 
 void SimulatedApplianceDriver::setJsonConnectivityValues(bool json) {
-  engine_->core().setJsonConnectivityValues(json);
+  engine_->setJsonConnectivityValues(json);
 }
 
 bool SimulatedApplianceDriver::waitUntilIdle(std::chrono::milliseconds timeout) const {
-  return engine_->core().waitUntilIdle(timeout);
+  return engine_->waitUntilIdle(timeout);
 }
 
 void SimulatedApplianceDriver::shutdown() { engine_->shutdown(); }
 
-std::size_t SimulatedApplianceDriver::pendingAnswers() const {
-  return engine_->core().pendingAnswers();
-}
+std::size_t SimulatedApplianceDriver::pendingAnswers() const { return engine_->pendingAnswers(); }
 
-uint64_t SimulatedApplianceDriver::acceptedRequests() const {
-  return engine_->core().acceptedRequests();
-}
+uint64_t SimulatedApplianceDriver::acceptedRequests() const { return engine_->acceptedRequests(); }
 
 std::size_t SimulatedApplianceDriver::subscriptionCount() const {
-  return engine_->core().subscriptionCount();
+  return engine_->subscriptionCount();
 }
 
 bool SimulatedApplianceDriver::getReachableDevices(const std::string& /*requestId*/,
                                                    DevicesCallback onDevices) {
-  return engine_->core().getReachableDevices(std::move(onDevices));
+  return engine_->getReachableDevices(std::move(onDevices));
 }
 
 bool SimulatedApplianceDriver::subscribeStateChanges(
     const std::vector<std::string>& /*endpointIds*/, const std::string& subscriptionId,
     StateCallback onStateChange, std::function<void(const std::string&)> /*onSubscriptionError*/) {
-  return engine_->core().subscribe(subscriptionId, std::move(onStateChange));
+  return engine_->subscribe(subscriptionId, std::move(onStateChange));
 }
 
 bool SimulatedApplianceDriver::unsubscribeStateChanges(const std::string& subscriptionId) {
-  return engine_->core().unsubscribe(subscriptionId);
+  return engine_->unsubscribe(subscriptionId);
 }
 
 SimulatedApplianceDriver& getSimulatedApplianceDriver() {

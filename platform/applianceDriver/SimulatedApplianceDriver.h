@@ -1,5 +1,6 @@
 // A simulated appliance driver: a home of devices behind the driver interface,
-// answering on a thread of its own. It is what getUnifiedApplianceDriver()
+// answering on a thread of its own, by the stand-ins' clock (virtual time in a
+// test that asks for it). It is what getUnifiedApplianceDriver()
 // returns on a host build, the test double of the cache's own tests and the
 // engine of the reachability simulator.
 #pragma once
@@ -58,7 +59,9 @@ class SimulatedApplianceDriver : public IUnifiedApplianceDriver {
   // ---- Behaviour ----
 
   // Each answer to getReachableDevices waits a time drawn uniformly from
-  // [minimum, maximum] (default: no wait). Answers are delivered by due time.
+  // [minimum, maximum] (default: no wait); a wait too long for the clock's
+  // range lasts as long as it can. Answers are delivered by due time, equal
+  // due times in the order accepted; events go ahead of every answer.
   void setAnswerLatency(std::chrono::milliseconds minimum, std::chrono::milliseconds maximum);
   void setAnswerLatency(std::chrono::milliseconds latency) { setAnswerLatency(latency, latency); }
 
@@ -107,13 +110,14 @@ class SimulatedApplianceDriver : public IUnifiedApplianceDriver {
       std::function<void(const StateChangeEvent&)> onStateChange,
       std::function<void(const std::string& subscriptionId)> onSubscriptionError) override;
 
-  // After true the subscription's callback is not called again: a delivery to
-  // it that is running on another thread is waited for.
+  // As the interface says: a delivery to the subscription that is running on
+  // another thread is waited for, and none starts after true. On the driver's
+  // thread (inside any callback) it returns at once.
   bool unsubscribeStateChanges(const std::string& subscriptionId) override;
 
  private:
   class Engine;
-  std::unique_ptr<Engine> engine_;
+  std::shared_ptr<Engine> engine_;  // shared with its queued tasks
 };
 
 // The process-wide simulated driver (the one getUnifiedApplianceDriver()

@@ -9,13 +9,17 @@
 
 namespace veranda {
 
+namespace scheduling {
+class DelayedTaskQueue;
+}  // namespace scheduling
+
 class Message;            // the executor library's message type
 class DynamicThreadPool;  // the executor library's pool type
 
 // Runs tasks on one worker thread of its own, one at a time: immediate tasks
-// in posting order, delayed tasks once due by a monotonic clock (equal due
-// times keep posting order). All members are safe to call from any thread,
-// the worker included.
+// in posting order, delayed tasks once due by the stand-ins' clock (the
+// steady clock, or virtual time in a test), equal due times in posting order.
+// All members are safe to call from any thread, the worker included.
 //
 // Lifetime: the destructor drops every task not yet started and waits for a
 // running one to return, unless it runs on the worker itself (the last
@@ -42,15 +46,14 @@ class TaskExecutor {
   void post(std::function<void()> const& task);
 
   // Queues `task` to run once `delay` has passed; a delay of zero or less
-  // means now.
+  // means now. A delay too long for the clock's range waits as long as it can.
   void postDelayed(std::function<void()> const& task, std::chrono::milliseconds delay);
 
   // Drops every task not yet started. A running task is not interrupted.
   void removeCallbacksAndMessages();
 
  private:
-  class Worker;
-  std::shared_ptr<Worker> worker_;
+  std::unique_ptr<scheduling::DelayedTaskQueue> queue_;
   std::function<void(std::unique_ptr<Message>)> handler_;
 };
 

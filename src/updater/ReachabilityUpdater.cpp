@@ -1,5 +1,17 @@
+// Tasks and callbacks capture the updater as a plain `this`. Each is safe:
+// - Tasks on taskExecutor (cycles, manual triggers, proactive events): the
+//   destructor drops the queued ones, and taskExecutor, declared last, is
+//   destroyed first and waits for a running one.
+// - The proactive callback handed to the checker: the destructor unregisters
+//   it, and after that returns true no call of it runs on another thread or
+//   starts. A refused cancellation leaves it registered: the checker must not
+//   refuse at teardown.
+// - Completion callbacks of batch checks: nothing here cancels them; the
+//   owner keeps the checker from answering once the updater is gone.
 #include "updater/ReachabilityUpdater.h"
 
+#include <cstdint>
+#include <limits>
 #include <string>
 #include <utility>
 
@@ -39,6 +51,19 @@ void appendDetail(std::string& details, const ReachabilityCheckResult& result, c
   }
   details += "): ";
   details += status;
+}
+
+// The interval in milliseconds (seconds x 1000), held at the range of a count
+// of milliseconds where the product would not fit.
+std::chrono::milliseconds rearmDelay(int64_t intervalSeconds) {
+  constexpr int64_t kMillisPerSecond = 1000;
+  if (intervalSeconds > std::numeric_limits<int64_t>::max() / kMillisPerSecond) {
+    return std::chrono::milliseconds::max();
+  }
+  if (intervalSeconds < std::numeric_limits<int64_t>::min() / kMillisPerSecond) {
+    return std::chrono::milliseconds::min();
+  }
+  return std::chrono::milliseconds(intervalSeconds * kMillisPerSecond);
 }
 
 }  // namespace
@@ -87,8 +112,7 @@ void ReachabilityUpdater::rearmPeriodicUpdate() {
   if (!periodicUpdatesRunning) {
     return;
   }
-  const std::chrono::milliseconds delay(static_cast<int64_t>(updateInterval) * 1000);
-  taskExecutor->postDelayed([this] { performPeriodicUpdate(); }, delay);
+  taskExecutor->postDelayed([this] { performPeriodicUpdate(); }, rearmDelay(updateInterval));
 }
 
 // ---- Periodic cycle ----

@@ -2,7 +2,7 @@
 
 #include <utility>
 
-namespace veranda::reachabilityCache::testing {
+namespace veranda::reachabilityCache::test {
 
 FakeChrProvider::FakeChrProvider(std::vector<EndpointInfo> endpoints)
     : endpoints_(std::move(endpoints)) {}
@@ -29,4 +29,4 @@ std::vector<EndpointInfo> FakeChrProvider::queryEndpoints() {
   return endpoints_;
 }
 
-}  // namespace veranda::reachabilityCache::testing
+}  // namespace veranda::reachabilityCache::test

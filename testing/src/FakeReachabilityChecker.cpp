@@ -1,9 +1,11 @@
 #include "reachabilityCache/testing/FakeReachabilityChecker.h"
 
+#include <algorithm>
+#include <stdexcept>
 #include <unordered_set>
 #include <utility>
 
-namespace veranda::reachabilityCache::testing {
+namespace veranda::reachabilityCache::test {
 
 using applianceDriver::ApplianceDriverType;
 
@@ -56,6 +58,13 @@ bool FakeReachabilityChecker::takeNextPending(PendingCheck& check) {
   check = std::move(pending_.front());
   pending_.pop_front();
   changed_.notify_all();
+  if (hasEndedLocked(check.owner)) {
+    throw std::logic_error("FakeReachabilityChecker: check \"" + check.requestId +
+                           "\" belongs to a cache that is gone (it cancelled its update "
+                           "callback \"" +
+                           check.owner.callbackId +
+                           "\"); completing it would call into freed memory");
+  }
   return true;
 }
 
@@ -87,23 +96,50 @@ void FakeReachabilityChecker::dropPendingChecks() {
   }
 }
 
+// Each callback is called only if still registered when its turn comes, and
+// marked as running meanwhile so that its cancellation waits for it.
 std::size_t FakeReachabilityChecker::deliverEvent(const ReachabilityCheckResult& result) {
-  std::vector<UpdateCallback> callbacks;
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    for (const auto& entry : updateCallbacks_) {
-      callbacks.push_back(entry.second);
+  std::unique_lock<std::mutex> lock(mutex_);
+  std::vector<std::pair<std::string, uint64_t>> targets;
+  for (const auto& [id, subscription] : subscriptions_) {
+    if (subscription.cancelled) {
+      throw std::logic_error("FakeReachabilityChecker: deliverEvent() while update callback \"" +
+                             id +
+                             "\" is registered though its cache is gone (its cancellation was "
+                             "refused); calling it would call into freed memory");
     }
+    targets.emplace_back(id, subscription.token);
   }
-  for (const UpdateCallback& callback : callbacks) {
-    callback(result);
+  std::size_t called = 0;
+  for (const auto& [id, token] : targets) {
+    auto found = subscriptions_.find(id);
+    if (found == subscriptions_.end() || found->second.token != token) {
+      continue;
+    }
+    std::shared_ptr<const UpdateCallback> callback = found->second.callback;
+    const auto running = std::make_pair(token, std::this_thread::get_id());
+    delivering_.push_back(running);
+    lock.unlock();
+    (*callback)(result);
+    callback.reset();
+    lock.lock();
+    delivering_.erase(std::find(delivering_.begin(), delivering_.end(), running));
+    changed_.notify_all();
+    ++called;
   }
-  return callbacks.size();
+  return called;
 }
 
 std::vector<FakeReachabilityChecker::CheckRequest> FakeReachabilityChecker::checkRequests() const {
   std::lock_guard<std::mutex> lock(mutex_);
   return requests_;
+}
+
+std::vector<FakeReachabilityChecker::CheckRequest> FakeReachabilityChecker::takeCheckRequests() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  std::vector<CheckRequest> taken;
+  taken.swap(requests_);
+  return taken;
 }
 
 std::size_t FakeReachabilityChecker::pendingChecks() const {
@@ -114,7 +150,7 @@ std::size_t FakeReachabilityChecker::pendingChecks() const {
 std::vector<std::string> FakeReachabilityChecker::registeredCallbackIds() const {
   std::lock_guard<std::mutex> lock(mutex_);
   std::vector<std::string> ids;
-  for (const auto& entry : updateCallbacks_) {
+  for (const auto& entry : subscriptions_) {
     ids.push_back(entry.first);
   }
   return ids;
@@ -123,7 +159,7 @@ std::vector<std::string> FakeReachabilityChecker::registeredCallbackIds() const 
 bool FakeReachabilityChecker::waitForCheckRequests(std::size_t count,
                                                    std::chrono::milliseconds timeout) const {
   std::unique_lock<std::mutex> lock(mutex_);
-  return changed_.wait_for(lock, timeout, [&] { return requests_.size() >= count; });
+  return changed_.wait_for(lock, timeout, [&] { return requestCount_ >= count; });
 }
 
 bool FakeReachabilityChecker::waitForPendingChecks(std::size_t count,
@@ -139,12 +175,13 @@ bool FakeReachabilityChecker::checkReachability(const std::vector<EndpointInfo>&
   {
     std::lock_guard<std::mutex> lock(mutex_);
     requests_.push_back({endpoints, requestId, !refuseChecks_});
+    ++requestCount_;
     changed_.notify_all();
     if (refuseChecks_) {
       return false;
     }
     if (!responder_) {
-      pending_.push_back({endpoints, std::move(callback)});
+      pending_.push_back({endpoints, std::move(callback), requestId, ownerOfNewCheckLocked()});
       changed_.notify_all();
       return true;
     }
@@ -158,19 +195,63 @@ bool FakeReachabilityChecker::registerReachabilityUpdateCallback(const std::stri
                                                                  UpdateCallback callback) {
   std::lock_guard<std::mutex> lock(mutex_);
   if (callbackId.empty() || !callback || refuseRegistrations_ ||
-      updateCallbacks_.count(callbackId) != 0) {
+      subscriptions_.count(callbackId) != 0) {
     return false;
   }
-  updateCallbacks_.emplace(callbackId, std::move(callback));
+  subscriptions_.emplace(
+      callbackId, Subscription{nextToken_++,
+                               std::make_shared<const UpdateCallback>(std::move(callback)), false});
   return true;
 }
 
 bool FakeReachabilityChecker::unregisterReachabilityUpdateCallback(const std::string& callbackId) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  if (refuseUnregistrations_) {
+  std::shared_ptr<const UpdateCallback> dropped;  // destroyed after the lock is released
+  std::unique_lock<std::mutex> lock(mutex_);
+  auto found = subscriptions_.find(callbackId);
+  if (found == subscriptions_.end()) {
     return false;
   }
-  return updateCallbacks_.erase(callbackId) != 0;
+  const uint64_t token = found->second.token;
+  lastCancelled_ = {token, callbackId};
+  if (refuseUnregistrations_) {
+    found->second.cancelled = true;
+    return false;
+  }
+  dropped = std::move(found->second.callback);
+  subscriptions_.erase(found);
+  changed_.wait(lock, [&] { return !deliveringElsewhereLocked(token); });
+  return true;
 }
 
-}  // namespace veranda::reachabilityCache::testing
+// The only live registration, else the last one cancelled when none is live.
+FakeReachabilityChecker::Owner FakeReachabilityChecker::ownerOfNewCheckLocked() const {
+  Owner owner;
+  std::size_t live = 0;
+  for (const auto& [id, subscription] : subscriptions_) {
+    if (!subscription.cancelled) {
+      owner = {subscription.token, id};
+      ++live;
+    }
+  }
+  if (live == 0) {
+    return lastCancelled_;
+  }
+  return live == 1 ? owner : Owner{};
+}
+
+bool FakeReachabilityChecker::hasEndedLocked(const Owner& owner) const {
+  if (owner.token == 0) {
+    return false;
+  }
+  auto found = subscriptions_.find(owner.callbackId);
+  return found == subscriptions_.end() || found->second.token != owner.token ||
+         found->second.cancelled;
+}
+
+bool FakeReachabilityChecker::deliveringElsewhereLocked(uint64_t token) const {
+  return std::any_of(delivering_.begin(), delivering_.end(), [token](const auto& running) {
+    return running.first == token && running.second != std::this_thread::get_id();
+  });
+}
+
+}  // namespace veranda::reachabilityCache::test

@@ -1,6 +1,6 @@
 #include "reachabilityCache/testing/RecordingListener.h"
 
-namespace veranda::reachabilityCache::testing {
+namespace veranda::reachabilityCache::test {
 
 ReachabilityCache::ReachabilityListener RecordingListener::callback() {
   return [this](const std::string& endpointId, const std::string& entityId, bool isReachable) {
@@ -35,4 +35,4 @@ void RecordingListener::clear() {
   notifications_.clear();
 }
 
-}  // namespace veranda::reachabilityCache::testing
+}  // namespace veranda::reachabilityCache::test

@@ -17,8 +17,8 @@
 namespace veranda::reachabilityCache {
 namespace {
 
-using testing::LogLine;
-using testing::LogRecorder;
+using test::LogLine;
+using test::LogRecorder;
 using Strings = std::vector<std::string>;
 using Lines = std::vector<LogLine>;
 using Devices = std::vector<applianceDriver::DiscoveredDevice>;
@@ -26,7 +26,7 @@ constexpr auto kConnected = applianceDriver::ApplianceDriverType::CONNECTED;
 constexpr const char* kHealth = "Veyra.EndpointHealth";
 const CapabilitySet kPower{{"Power", ""}};
 
-LogLine line(int level, const std::string& text) { return {level, testing::kCheckerTag, text}; }
+LogLine line(int level, const std::string& text) { return {level, test::kCheckerTag, text}; }
 
 // "endpoint entity adapter +|- type capability..."
 std::string describe(const ReachabilityCheckResult& r) {
@@ -63,7 +63,7 @@ class CheckerTest : public ::testing::Test, public applianceDriver::IUnifiedAppl
 
   // The checker's lines since the last call; empties the log.
   static Lines takeLines() {
-    Lines found = LogRecorder::instance().linesWithTag(testing::kCheckerTag);
+    Lines found = LogRecorder::instance().linesWithTag(test::kCheckerTag);
     LogRecorder::instance().clear();
     return found;
   }

@@ -12,8 +12,8 @@ namespace veranda::reachabilityCache {
 namespace {
 
 using commonLog::LogBuilder;
-using testing::LogLine;
-using testing::LogRecorder;
+using test::LogLine;
+using test::LogRecorder;
 
 TEST(LogBuilderTest, LabelFollowsNameAndContextRules) {
   EXPECT_EQ(LogBuilder("ReachabilityUpdater", nullptr).str(), "[ReachabilityUpdater]");

@@ -7,8 +7,8 @@
 namespace veranda::reachabilityCache {
 namespace {
 
-using testing::LogLine;
-using testing::LogRecorder;
+using test::LogLine;
+using test::LogRecorder;
 using Metrics = ReachabilityCacheMetrics;
 
 class ReachabilityCacheMetricsTest : public ::testing::Test {
@@ -16,7 +16,7 @@ class ReachabilityCacheMetricsTest : public ::testing::Test {
   void SetUp() override { LogRecorder::instance().clear(); }
 
   static std::vector<LogLine> metricLines() {
-    return LogRecorder::instance().linesWithTag(testing::kMetricTag);
+    return LogRecorder::instance().linesWithTag(test::kMetricTag);
   }
 };
 

@@ -5,21 +5,22 @@
 
 #include <chrono>
 #include <memory>
+#include <stdexcept>
 
 #include "LogRecorder.h"
 #include "reachabilityCache/testing/FakeChrProvider.h"
 #include "reachabilityCache/testing/FakeReachabilityChecker.h"
 #include "reachabilityCache/testing/RecordingListener.h"
+#include "reachabilityCache/testing/VirtualTime.h"
 
 namespace veranda::reachabilityCache {
 namespace {
 
 using applianceDriver::ApplianceDriverType;
+using test::LogLine;
+using test::LogRecorder;
 using ::testing::ElementsAre;
-using testing::LogLine;
-using testing::LogRecorder;
 
-constexpr std::chrono::milliseconds kWait{5000};
 constexpr const char* kZigbee = "PROT_ZIGBEE-ADAPTER";
 constexpr const char* kWifi = "PROT_WIFI-ADAPTER";
 
@@ -38,9 +39,10 @@ class ReachabilityCacheTest : public ::testing::Test {
     return std::make_unique<ReachabilityCache>(&provider, config);
   }
 
-  std::shared_ptr<testing::FakeReachabilityChecker> checker =
-      std::make_shared<testing::FakeReachabilityChecker>();
-  testing::FakeChrProvider provider;
+  test::VirtualTime time;  // first: made before every cache, destroyed after
+  std::shared_ptr<test::FakeReachabilityChecker> checker =
+      std::make_shared<test::FakeReachabilityChecker>();
+  test::FakeChrProvider provider;
 };
 
 TEST_F(ReachabilityCacheTest, WithoutRefreshNothingStartsAndTeardownIsLoggedInOrder) {
@@ -53,39 +55,61 @@ TEST_F(ReachabilityCacheTest, WithoutRefreshNothingStartsAndTeardownIsLoggedInOr
 
   const std::vector<LogLine> lines = LogRecorder::instance().lines();
   ASSERT_GE(lines.size(), 3U);
-  EXPECT_EQ(lines[0], (LogLine{4, testing::kFacadeTag,
+  EXPECT_EQ(lines[0], (LogLine{4, test::kFacadeTag,
                                "[ReachabilityCache]: event=cacheCreated maxCacheSize=7 "
                                "periodicUpdates=false"}));
-  EXPECT_EQ(lines[1], (LogLine{4, testing::kStoreTag, "[CacheCore]: maxSize=7"}));
-  EXPECT_EQ(lines[2], (LogLine{4, testing::kUpdaterTag, "[ReachabilityUpdater]"}));
-  const LogLine destroyed{4, testing::kFacadeTag,
+  EXPECT_EQ(lines[1], (LogLine{4, test::kStoreTag, "[CacheCore]: maxSize=7"}));
+  EXPECT_EQ(lines[2], (LogLine{4, test::kUpdaterTag, "[ReachabilityUpdater]"}));
+  const LogLine destroyed{4, test::kFacadeTag,
                           "[~ReachabilityCache]: event=cacheDestroyed cacheSize=3"};
   const auto destroyedAt = std::find(lines.begin(), lines.end(), destroyed);
   ASSERT_NE(destroyedAt, lines.end());
   ASSERT_NE(destroyedAt + 1, lines.end());
-  EXPECT_EQ(*(destroyedAt + 1), (LogLine{4, testing::kUpdaterTag, "[stopPeriodicUpdates]"}));
+  EXPECT_EQ(*(destroyedAt + 1), (LogLine{4, test::kUpdaterTag, "[stopPeriodicUpdates]"}));
 }
 
 TEST_F(ReachabilityCacheTest, WithRefreshTheFirstCycleComesAfterOneSecondAndEventsAreOn) {
   provider.setEndpoints({EndpointInfo("ep1", "e1", kZigbee, {})});
   auto cache = makeCache(true);
-  EXPECT_THAT(LogRecorder::instance().texts(testing::kUpdaterTag),
+  EXPECT_THAT(LogRecorder::instance().texts(test::kUpdaterTag),
               ElementsAre("[ReachabilityUpdater]",
                           "[startPeriodicUpdates]: intervalSeconds=60 initialDelayMs=1000",
                           "[enableProactiveUpdates]: action=enableProactiveUpdates "
                           "callbackId=reachability_updater_0"));
-  const auto started = std::chrono::steady_clock::now();
-  ASSERT_TRUE(checker->waitForPendingChecks(1, kWait));
-  EXPECT_GE(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(900));
+  time.advance(std::chrono::milliseconds(999));
+  EXPECT_EQ(provider.queryCount(), 0U);
+  time.advance(std::chrono::milliseconds(1));
+  ASSERT_EQ(checker->pendingChecks(), 1U);
   EXPECT_EQ(checker->checkRequests()[0].requestId, "periodic_1");
 
-  testing::RecordingListener listener;
+  test::RecordingListener listener;
   ASSERT_TRUE(cache->registerReachabilityListener("l", listener.callback()));
-  checker->completeNextCheck([](const EndpointInfo& e) { return testing::makeResult(e, true); });
+  auto reachable = [](const EndpointInfo& e) { return test::makeResult(e, true); };
+  EXPECT_TRUE(checker->completeNextCheck(reachable));
   EXPECT_TRUE(cache->isEntityReachable("e1"));
   EXPECT_EQ(listener.count(), 1U);
+  time.advance(std::chrono::seconds(60));  // the next cycle's check stays pending
   cache.reset();
   EXPECT_TRUE(checker->registeredCallbackIds().empty());
+  // The fake saw the cache go: completing its check would reach freed memory.
+  EXPECT_THROW(checker->completeNextCheck(reachable), std::logic_error);
+
+  cache = makeCache(true);  // a later cache on the same fake is served as before
+  time.advance(std::chrono::seconds(1));
+  EXPECT_TRUE(checker->completeNextCheck(reachable));
+  EXPECT_EQ(checker->takeCheckRequests().size(), 3U);
+  EXPECT_TRUE(checker->checkRequests().empty());
+}
+
+TEST_F(ReachabilityCacheTest, IntervalsBeyondTheClocksRangeWaitInsteadOfComingAtOnce) {
+  provider.setEndpoints({EndpointInfo("ep1", "e1", kZigbee, {})});
+  for (const std::chrono::seconds interval :
+       {std::chrono::seconds(10'000'000'000), std::chrono::seconds::max()}) {
+    const std::size_t queries = provider.queryCount();
+    ReachabilityCache cache(&provider, {10, interval, true, checker});
+    time.advance(std::chrono::minutes(1));
+    EXPECT_EQ(provider.queryCount(), queries + 1) << interval.count();
+  }
 }
 
 TEST_F(ReachabilityCacheTest, PreferredEndpointFollowsAdapterThenStoreOrder) {
@@ -105,8 +129,8 @@ TEST_F(ReachabilityCacheTest, PreferredEndpointFollowsAdapterThenStoreOrder) {
   const EndpointInfo none = cache->getPreferredEndpoint("orbt1.veyra.endpoint.nobody", kWifi);
   EXPECT_TRUE(none.endpointId.empty() && none.entityId.empty() && none.adapterName.empty() &&
               none.capabilities.empty());
-  EXPECT_THAT(LogRecorder::instance().linesWithTag(testing::kFacadeTag),
-              ElementsAre(LogLine{5, testing::kFacadeTag,
+  EXPECT_THAT(LogRecorder::instance().linesWithTag(test::kFacadeTag),
+              ElementsAre(LogLine{5, test::kFacadeTag,
                                   "[getPreferredEndpoint]: action=getPreferredEndpoint "
                                   "entityId=orbt1.veyra.endpoint.nobody reason=noEndpointsFound"}));
 }
@@ -124,13 +148,24 @@ TEST_F(ReachabilityCacheTest, BatchUpdatesSkipRefusedRecordsAndClearingKeepsList
   EXPECT_EQ(cache->getEntityIdForEndpoint("ep1"), "e1");
   EXPECT_FALSE(cache->isEntityReachable("e2"));  // only driver type 2
   EXPECT_TRUE(cache->isCapabilityReachable("e2", {"dim", ""}));
-  EXPECT_EQ(LogRecorder::instance().countContaining(testing::kMetricTag, "CacheFull"), 1U);
+  EXPECT_EQ(LogRecorder::instance().countContaining(test::kMetricTag, "CacheFull"), 1U);
 
-  testing::RecordingListener listener;
+  test::RecordingListener listener;
   EXPECT_TRUE(cache->registerReachabilityListener("l", listener.callback()));
   cache->invalidate();
   EXPECT_EQ(cache->size(), 0U);
   EXPECT_TRUE(cache->unregisterReachabilityListener("l"));  // clearing kept it
+}
+
+TEST_F(ReachabilityCacheTest, TheHostsCheckerOutlivesTheCacheAndCannotReachItAfterwards) {
+  checker->setRefuseUnregistrations(true);  // the cache's update callback outlives it
+  auto cache = makeCache(true);
+  EXPECT_GE(checker.use_count(), 3);
+  cache.reset();
+  EXPECT_EQ(checker.use_count(), 1);
+  EXPECT_THROW(checker->deliverEvent(
+                   ReachabilityCheckResult("ep1", "", "", false, {}, ApplianceDriverType::UNKNOWN)),
+               std::logic_error);
 }
 
 }  // namespace

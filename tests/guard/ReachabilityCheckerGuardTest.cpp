@@ -18,11 +18,11 @@
 #include "reachabilityCache/testing/FakeChrProvider.h"
 #include "reachabilityCache/testing/FakeReachabilityChecker.h"
 #include "reachabilityCache/testing/RecordingListener.h"
+#include "reachabilityCache/testing/VirtualTime.h"
 
 namespace veranda::reachabilityCache {
 namespace {
 
-namespace fakes = veranda::reachabilityCache::testing;
 using applianceDriver::DiscoveredDevice;
 using applianceDriver::StateChangeEvent;
 using Results = std::vector<ReachabilityCheckResult>;
@@ -78,11 +78,13 @@ TEST(ReachabilityCheckerGuardTest, ALateAnswerAfterTheCacheIsGoneFindsItsChecker
   auto checker = std::make_shared<ApplianceDriverReachabilityChecker>(driver);
   const std::weak_ptr<IReachabilityChecker> checkerAlive = checker;
   auto guard = std::make_shared<ReachabilityCheckerGuard>(std::move(checker));
-  fakes::FakeChrProvider provider({EndpointInfo("ep1", "e1", kZigbee, {})});
-  fakes::RecordingListener listener;
+  test::FakeChrProvider provider({EndpointInfo("ep1", "e1", kZigbee, {})});
+  test::RecordingListener listener;
+  test::VirtualTime time;
   auto cache = std::make_unique<ReachabilityCache>(
       &provider, ReachabilityCache::Config{10, std::chrono::seconds(60), true, guard});
   cache->registerReachabilityListener("l", listener.callback());
+  time.advance(std::chrono::seconds(1));
   ASSERT_TRUE(driver.waitForRequest());  // the first cycle's check is pending
 
   guard->close();
@@ -90,19 +92,19 @@ TEST(ReachabilityCheckerGuardTest, ALateAnswerAfterTheCacheIsGoneFindsItsChecker
   guard.reset();
   EXPECT_FALSE(checkerAlive.expired());  // the pending answer holds it
 
-  fakes::LogRecorder::instance().clear();
+  test::LogRecorder::instance().clear();
   driver.answerAll(
       {{"ep1", "e1", kZigbee, "", true, {}, applianceDriver::ApplianceDriverType::NATIVE}});
   EXPECT_TRUE(checkerAlive.expired());
-  EXPECT_EQ(fakes::LogRecorder::instance().countContaining(fakes::kCheckerTag,
+  EXPECT_EQ(test::LogRecorder::instance().countContaining(test::kCheckerTag,
                                                            "[processDiscoveredDevices]"),
             1U);
-  EXPECT_TRUE(fakes::LogRecorder::instance().linesWithTag(fakes::kUpdaterTag).empty());
+  EXPECT_TRUE(test::LogRecorder::instance().linesWithTag(test::kUpdaterTag).empty());
   EXPECT_EQ(listener.count(), 0U);
 }
 
 TEST(ReachabilityCheckerGuardTest, OpenItPassesEverythingThroughClosedItDropsWhatComesBack) {
-  auto fake = std::make_shared<fakes::FakeReachabilityChecker>();
+  auto fake = std::make_shared<test::FakeReachabilityChecker>();
   ReachabilityCheckerGuard guard(fake);
   std::vector<Results> completions;
   std::vector<ReachabilityCheckResult> events;
@@ -113,8 +115,8 @@ TEST(ReachabilityCheckerGuardTest, OpenItPassesEverythingThroughClosedItDropsWha
   ASSERT_TRUE(guard.registerReachabilityUpdateCallback(
       "u", [&](const ReachabilityCheckResult& result) { events.push_back(result); }));
   EXPECT_FALSE(guard.registerReachabilityUpdateCallback("w", nullptr));  // stays empty
-  ASSERT_TRUE(fake->completeNextCheck({fakes::makeResult(lamp, true)}));
-  EXPECT_EQ(fake->deliverEvent(fakes::makeResult(lamp, false)), 1U);
+  ASSERT_TRUE(fake->completeNextCheck({test::makeResult(lamp, true)}));
+  EXPECT_EQ(fake->deliverEvent(test::makeResult(lamp, false)), 1U);
   ASSERT_EQ(completions.size(), 1U);
   EXPECT_EQ(completions[0][0].entityId, "e1");
   EXPECT_EQ(events.size(), 1U);
@@ -124,8 +126,8 @@ TEST(ReachabilityCheckerGuardTest, OpenItPassesEverythingThroughClosedItDropsWha
   ASSERT_TRUE(guard.checkReachability({lamp}, "r3", complete));
   fake->completeNextCheck(Results{});
   EXPECT_TRUE(guard.isClosed());
-  fake->completeNextCheck({fakes::makeResult(lamp, true)});
-  EXPECT_EQ(fake->deliverEvent(fakes::makeResult(lamp, true)), 1U);
+  fake->completeNextCheck({test::makeResult(lamp, true)});
+  EXPECT_EQ(fake->deliverEvent(test::makeResult(lamp, true)), 1U);
   EXPECT_TRUE(guard.checkReachability({lamp}, "r4", complete));  // accepted, not started
   EXPECT_FALSE(guard.registerReachabilityUpdateCallback("v", [](const auto&) {}));
   EXPECT_TRUE(guard.unregisterReachabilityUpdateCallback("u"));
@@ -136,7 +138,7 @@ TEST(ReachabilityCheckerGuardTest, OpenItPassesEverythingThroughClosedItDropsWha
 }
 
 TEST(ReachabilityCheckerGuardTest, CloseWaitsForACompletionRunningOnAnotherThread) {
-  auto fake = std::make_shared<fakes::FakeReachabilityChecker>();
+  auto fake = std::make_shared<test::FakeReachabilityChecker>();
   ReachabilityCheckerGuard guard(fake);
   std::promise<void> entered;
   std::promise<void> release;

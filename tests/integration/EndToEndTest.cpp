@@ -15,6 +15,7 @@
 #include "reachabilityCache/ReachabilityCache.h"
 #include "reachabilityCache/testing/FakeChrProvider.h"
 #include "reachabilityCache/testing/RecordingListener.h"
+#include "reachabilityCache/testing/VirtualTime.h"
 
 namespace veranda::reachabilityCache {
 namespace {
@@ -22,11 +23,10 @@ namespace {
 using applianceDriver::ApplianceDriverType;
 using applianceDriver::DiscoveredDevice;
 using applianceDriver::SimulatedApplianceDriver;
-using testing::LogRecorder;
-using testing::Notification;
+using test::LogRecorder;
+using test::Notification;
 using ::testing::UnorderedElementsAre;
 
-constexpr std::chrono::milliseconds kWait{5000};
 constexpr const char* kZigbee = "PROT_ZIGBEE-ADAPTER";
 const CapabilityKey kPower{"PowerController", "main"};
 
@@ -46,9 +46,9 @@ class EndToEndTest : public ::testing::Test {
     driver.upsertDevice(device("ep2", "e2", true));
     provider.setEndpoints(
         {EndpointInfo("ep1", "e1", kZigbee, {}), EndpointInfo("ep2", "e2", kZigbee, {})});
+    driver.setAnswerLatency(std::chrono::milliseconds(40));
     const ReachabilityCache::Config config{10, std::chrono::seconds(1), true, checker};
     cache = std::make_unique<ReachabilityCache>(&provider, config);
-    // The first cycle comes one second after construction: nothing is missed.
     ASSERT_TRUE(cache->registerReachabilityListener("recorder", listener.callback()));
   }
 
@@ -63,17 +63,21 @@ class EndToEndTest : public ::testing::Test {
     driver.upsertDevice(replacement);
   }
 
+  test::VirtualTime time;  // first: made before the cache and the driver, destroyed after
   SimulatedApplianceDriver driver;
   std::shared_ptr<ApplianceDriverReachabilityChecker> checker =
       std::make_shared<ApplianceDriverReachabilityChecker>(driver);
-  testing::FakeChrProvider provider;
-  testing::RecordingListener listener;
+  test::FakeChrProvider provider;
+  test::RecordingListener listener;
   std::unique_ptr<ReachabilityCache> cache;
 };
 
 TEST_F(EndToEndTest, ListenersFollowDevicesThroughCyclesAndConnectivityEvents) {
-  // The first cycle finds both devices.
-  ASSERT_TRUE(listener.waitForCount(2, kWait));
+  // The first cycle, one second after construction, finds both devices once
+  // the driver answers.
+  time.advance(std::chrono::milliseconds(1039));
+  EXPECT_EQ(listener.count(), 0U);
+  time.advance(std::chrono::milliseconds(1));
   EXPECT_THAT(listener.notifications(), UnorderedElementsAre(Notification{"ep1", "e1", true},
                                                              Notification{"ep2", "e2", true}));
   EXPECT_TRUE(cache->isEntityReachable("e1"));
@@ -82,17 +86,18 @@ TEST_F(EndToEndTest, ListenersFollowDevicesThroughCyclesAndConnectivityEvents) {
 
   // A connectivity event takes ep1 offline between cycles.
   ASSERT_TRUE(driver.setReachable("ep1", false));
-  ASSERT_TRUE(listener.waitForCount(3, kWait));
+  time.runUntilIdle();
+  ASSERT_EQ(listener.count(), 3U);
   EXPECT_EQ(listener.notifications()[2], (Notification{"ep1", "e1", false}));
   EXPECT_FALSE(cache->isEntityReachable("e1"));
   EXPECT_TRUE(cache->isEntityReachable("e2"));
 
-  // Without events only a cycle sees ep1 come back and ep2 go offline; the
-  // cycles in between do not repeat ep1's offline change.
+  // Without events only a cycle sees ep1 come back and ep2 go offline.
   replaceQuietly(device("ep1", "e1", true));
   replaceQuietly(device("ep2", "e2", false));
-  ASSERT_TRUE(listener.waitForCount(5, kWait));
+  time.advance(std::chrono::seconds(1));
   const std::vector<Notification> heard = listener.notifications();
+  ASSERT_EQ(heard.size(), 5U);
   EXPECT_THAT(
       std::vector<Notification>(heard.begin() + 3, heard.end()),
       UnorderedElementsAre(Notification{"ep1", "e1", true}, Notification{"ep2", "e2", false}));
@@ -100,17 +105,20 @@ TEST_F(EndToEndTest, ListenersFollowDevicesThroughCyclesAndConnectivityEvents) {
   EXPECT_FALSE(cache->isEntityReachable("e2"));
   EXPECT_EQ(cache->getEndpointIdForEntity("e2"), "ep2");  // unreachable, still cached
 
-  // A further cycle with nothing changed tells nobody anything.
-  ASSERT_TRUE(driver.waitUntilIdle(kWait));
+  // Three further cycles with nothing changed tell nobody anything.
   LogRecorder::instance().clear();
-  ASSERT_TRUE(LogRecorder::instance().waitForLine(testing::kUpdaterTag,
-                                                  "[processReachabilityResults]", kWait));
+  time.advance(std::chrono::seconds(3));
+  EXPECT_EQ(LogRecorder::instance().countContaining(test::kUpdaterTag,
+                                                    "[processReachabilityResults]: reachable=1"),
+            3U);
   EXPECT_EQ(listener.count(), 5U);
 
   // A connectivity event brings ep2 back between cycles.
   ASSERT_TRUE(driver.setReachable("ep2", true));
-  ASSERT_TRUE(listener.waitForCount(6, kWait));
+  time.runUntilIdle();
+  ASSERT_EQ(listener.count(), 6U);
   EXPECT_EQ(listener.notifications()[5], (Notification{"ep2", "e2", true}));
+  EXPECT_EQ(time.elapsed(), std::chrono::milliseconds(5040));
 }
 
 }  // namespace

@@ -25,6 +25,11 @@ class Journal {
                     [&] { return text_.find(" " + entry + " ") != std::string::npos; });
     return text_.substr(1, text_.size() - 2);  // without the outer blanks
   }
+  // The entries joined by blanks.
+  std::string text() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return text_.substr(1, text_.size() - 2);
+  }
 
  private:
   std::mutex mutex_;

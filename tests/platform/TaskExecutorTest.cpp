@@ -8,6 +8,7 @@
 #include <string>
 
 #include "PlatformTestSupport.h"
+#include "reachabilityCache/testing/VirtualTime.h"
 
 namespace veranda {
 namespace {
@@ -16,6 +17,7 @@ using platformTesting::Journal;
 using std::chrono::milliseconds;
 
 TEST(TaskExecutorTest, RunsTasksByDueTimeThenPostingOrderAndDropsOnlyThoseNotStarted) {
+  reachabilityCache::test::VirtualTime time;
   Journal journal;
   auto add = [&](const std::string& entry) { return [&journal, entry] { journal.add(entry); }; };
   // A task that adds `entry`, waits for `release`, and adds `entry` + "Done".
@@ -32,20 +34,31 @@ TEST(TaskExecutorTest, RunsTasksByDueTimeThenPostingOrderAndDropsOnlyThoseNotSta
   executor->post(add("!"));
   executor->postDelayed(add("!"), milliseconds(1));
   executor->removeCallbacksAndMessages();             // drops those two, not the running task
-  executor->post([&] { executor->post(add("f")); });  // tasks may post
+  executor->post([&] { executor->post(add("g")); });  // tasks may post
   executor->post(add("b"));
   executor->postDelayed(add("c"), milliseconds(0));  // zero or less means now
   executor->post(add("d"));
   executor->postDelayed(add("e"), milliseconds(-5));
-  const auto start = std::chrono::steady_clock::now();
-  executor->postDelayed(add("k"), milliseconds(400));
-  executor->postDelayed(add("g"), milliseconds(200));
-  executor->postDelayed(add("h"), milliseconds(300));  // equal delays keep posting order
+  executor->post(add("f"));
+  executor->postDelayed(add("never"), milliseconds::max());  // saturates: not in the past
+  executor->postDelayed(add("never"), milliseconds(10'000'000'000'000));  // 1e10 s
+  executor->postDelayed(add("m"), milliseconds(400));
+  executor->postDelayed(add("h"), milliseconds(300));  // equal due times keep posting order
   executor->postDelayed(add("i"), milliseconds(300));
+  executor->postDelayed(
+      [&] {
+        journal.add("x");
+        executor->postDelayed(add("k"), milliseconds(1));  // due inside the window
+      },
+      milliseconds(299));
   executor->postDelayed(add("j"), milliseconds(300));
   journal.add("go");
-  EXPECT_EQ(journal.waitFor("k"), "first go firstDone b c d e f g h i j k");
-  EXPECT_GE(std::chrono::steady_clock::now() - start, milliseconds(400));
+  time.runUntilIdle();
+  EXPECT_EQ(journal.text(), "first go firstDone b c d e f g");
+  time.advance(milliseconds(300));
+  EXPECT_EQ(journal.text(), "first go firstDone b c d e f g x h i j k");
+  time.advance(std::chrono::hours(24 * 365));
+  EXPECT_EQ(journal.text(), "first go firstDone b c d e f g x h i j k m");
 
   executor->post(held("last", "dropped"));
   // Adds "dropped" once the task holding it is destroyed.
@@ -54,8 +67,7 @@ TEST(TaskExecutorTest, RunsTasksByDueTimeThenPostingOrderAndDropsOnlyThoseNotSta
   notice.reset();
   journal.waitFor("last");
   executor.reset();  // drops the pending task and waits for the running one
-  EXPECT_EQ(journal.waitFor("dropped"),
-            "first go firstDone b c d e f g h i j k last dropped lastDone");
+  EXPECT_EQ(journal.text(), "first go firstDone b c d e f g x h i j k m last dropped lastDone");
 }
 
 TEST(TaskExecutorTest, LastReferenceDroppedInsideATaskDoesNotDeadlock) {

@@ -141,7 +141,7 @@ const char* const kHome = R"({
 })";
 
 TEST(SimRunTest, ReadsTheHomeThenPlaysItThroughTheCacheAndReportsWhatItDecided) {
-  testing::LogRecorder::instance().setDiscard(true);  // the run's log lines are not asserted
+  test::LogRecorder::instance().setDiscard(true);  // the run's log lines are not asserted
   const LoadResult home = parseScenario(kHome, "test home");
   ASSERT_TRUE(home.ok) << home.error;
   const Scenario& scenario = home.scenario;

@@ -39,7 +39,7 @@ TEST_F(CacheCoreInsertRemoveTest, MergesReplaceOnlyTheDriverTypesTheyBring) {
   EXPECT_FALSE(store.isCapabilityReachable("lamp", kPower));
   EXPECT_FALSE(store.isCapabilityReachable("lamp", kBrightness));
   EXPECT_TRUE(store.isEntityReachable("lamp"));
-  EXPECT_EQ(LogRecorder::instance().countContaining(testing::kStoreTag, "driverCount=2"), 2U);
+  EXPECT_EQ(LogRecorder::instance().countContaining(test::kStoreTag, "driverCount=2"), 2U);
 }
 
 TEST_F(CacheCoreInsertRemoveTest, RefusalsAnswerFalseWithOneLineAndOneMetricAndChangeNothing) {

@@ -14,8 +14,8 @@
 namespace veranda::reachabilityCache {
 namespace {
 
-using testing::Notification;
-using testing::RecordingListener;
+using test::Notification;
+using test::RecordingListener;
 
 class CacheCoreListenersTest : public StoreTest {
  protected:

@@ -14,8 +14,8 @@
 namespace veranda::reachabilityCache {
 
 using applianceDriver::ApplianceDriverType;
-using testing::LogLine;
-using testing::LogRecorder;
+using test::LogLine;
+using test::LogRecorder;
 using Lines = std::vector<LogLine>;
 
 inline const std::string kPrefix = "orbt1.veyra.endpoint.";
@@ -30,11 +30,11 @@ inline CachedEndpoint record(const std::string& endpointId, const std::string& e
   return CachedEndpoint(endpointId, entityId, adapterName, driverType, std::move(capabilities));
 }
 
-inline LogLine debugLine(const std::string& text) { return {3, testing::kStoreTag, text}; }
-inline LogLine infoLine(const std::string& text) { return {4, testing::kStoreTag, text}; }
-inline LogLine warnLine(const std::string& text) { return {5, testing::kStoreTag, text}; }
+inline LogLine debugLine(const std::string& text) { return {3, test::kStoreTag, text}; }
+inline LogLine infoLine(const std::string& text) { return {4, test::kStoreTag, text}; }
+inline LogLine warnLine(const std::string& text) { return {5, test::kStoreTag, text}; }
 inline LogLine metricLine(const std::string& dimensions) {
-  return {4, testing::kMetricTag,
+  return {4, test::kMetricTag,
           "[Metric]: " + dimensions + " program=762veg6l source=nlef/2/03330473"};
 }
 

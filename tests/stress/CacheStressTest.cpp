@@ -164,9 +164,9 @@ void checkIndexes(const Cache& cache) {
 // Listeners hear only of driver entities, with their endpoints. Checks apply on
 // the driver's one thread, so a polled entity alternates from reachable to its
 // final state; evented ones also change on the updater's worker, in any order.
-void checkLedger(const std::vector<testing::Notification>& heard, const CacheCore& store) {
+void checkLedger(const std::vector<test::Notification>& heard, const CacheCore& store) {
   std::vector<int> changes(kPolled, 0);
-  for (const testing::Notification& notification : heard) {
+  for (const test::Notification& notification : heard) {
     int e = 0;
     while (e < kDriverEntities && driverEndpoint(e) != notification.endpointId) ++e;
     EXPECT_TRUE(e < kDriverEntities && (notification.entityId == driverEntity(e) ||
@@ -198,9 +198,9 @@ TEST(CacheStressTest, RefreshHostLoadAndTeardownKeepTheCacheConsistent) {
       std::abort();
     }
   });
-  testing::LogRecorder::instance().setDiscard(true);
+  test::LogRecorder::instance().setDiscard(true);
 
-  testing::RecordingListener ledger;                 // before the store: it listens to the end
+  test::RecordingListener ledger;                    // before the store: it listens to the end
   applianceDriver::SimulatedApplianceDriver driver;  // a device per driver entity
   driver.setRandomSeed(seed);
   driver.setAnswerLatency(milliseconds(0), milliseconds(15));
@@ -210,7 +210,7 @@ TEST(CacheStressTest, RefreshHostLoadAndTeardownKeepTheCacheConsistent) {
     tracked.emplace_back(driverEndpoint(i), (i % 2 == 0 ? kPrefix : "") + driverEntity(i), "",
                          CapabilitySet{});
   }
-  testing::FakeChrProvider provider;
+  test::FakeChrProvider provider;
   provider.setEndpoints(tracked);
   tracked.emplace_back("ghost-ep", "ghost", "", CapabilitySet{});
   auto store = std::make_shared<CacheCore>(kCapacity);
@@ -268,7 +268,7 @@ TEST(CacheStressTest, RefreshHostLoadAndTeardownKeepTheCacheConsistent) {
   checkLedger(ledger.notifications(), *store);
   checkIndexes(*store);
   checkIndexes(facade);
-  testing::LogRecorder::instance().setDiscard(false);
+  test::LogRecorder::instance().setDiscard(false);
   finished.set_value();
   watchdog.join();
 }

@@ -8,7 +8,7 @@
 #include <cstdlib>
 #include <iostream>
 
-namespace veranda::reachabilityCache::testing {
+namespace veranda::reachabilityCache::test {
 namespace {
 
 std::size_t countIn(const std::vector<LogLine>& lines, const std::string& tag,
@@ -37,7 +37,6 @@ void LogRecorder::record(int priority, const char* tag, const char* text) {
   std::lock_guard<std::mutex> lock(mutex_);
   if (!discard_) {
     lines_.push_back({priority, tag == nullptr ? "" : tag, text});
-    recorded_.notify_all();
   }
 }
 
@@ -79,20 +78,7 @@ std::size_t LogRecorder::countContaining(const std::string& tag,
   return countIn(lines(), tag, fragment);
 }
 
-bool LogRecorder::waitFor(const std::function<bool(const std::vector<LogLine>&)>& predicate,
-                          std::chrono::milliseconds timeout) const {
-  std::unique_lock<std::mutex> lock(mutex_);
-  return recorded_.wait_for(lock, timeout, [&] { return predicate(lines_); });
-}
-
-bool LogRecorder::waitForLine(const std::string& tag, const std::string& fragment,
-                              std::chrono::milliseconds timeout, std::size_t count) const {
-  return waitFor(
-      [&](const std::vector<LogLine>& lines) { return countIn(lines, tag, fragment) >= count; },
-      timeout);
-}
-
-}  // namespace veranda::reachabilityCache::testing
+}  // namespace veranda::reachabilityCache::test
 
 // The test binary's platform log: every line is recorded instead of printed.
 extern "C" int __android_log_print(int prio, const char* tag, const char* fmt, ...) {
@@ -105,6 +91,6 @@ extern "C" int __android_log_print(int prio, const char* tag, const char* fmt, .
   std::string text(length > 0 ? static_cast<std::size_t>(length) : 0, '\0');
   std::vsnprintf(text.data(), text.size() + 1, fmt, args);
   va_end(args);
-  veranda::reachabilityCache::testing::LogRecorder::instance().record(prio, tag, text.c_str());
+  veranda::reachabilityCache::test::LogRecorder::instance().record(prio, tag, text.c_str());
   return length;
 }

@@ -2,16 +2,13 @@
 // binary defines __android_log_print itself and hands each line here.
 #pragma once
 
-#include <chrono>
-#include <condition_variable>
 #include <cstddef>
-#include <functional>
 #include <mutex>
 #include <ostream>
 #include <string>
 #include <vector>
 
-namespace veranda::reachabilityCache::testing {
+namespace veranda::reachabilityCache::test {
 
 struct LogLine {
   int priority;
@@ -47,19 +44,12 @@ class LogRecorder {
   // The number of lines with `tag` that contain `fragment`.
   std::size_t countContaining(const std::string& tag, const std::string& fragment) const;
 
-  bool waitFor(const std::function<bool(const std::vector<LogLine>&)>& predicate,
-               std::chrono::milliseconds timeout) const;
-  // Waits until at least `count` lines with `tag` contain `fragment`.
-  bool waitForLine(const std::string& tag, const std::string& fragment,
-                   std::chrono::milliseconds timeout, std::size_t count = 1) const;
-
  private:
   LogRecorder() = default;
 
   mutable std::mutex mutex_;
-  mutable std::condition_variable recorded_;
   std::vector<LogLine> lines_;
   bool discard_ = false;
 };
 
-}  // namespace veranda::reachabilityCache::testing
+}  // namespace veranda::reachabilityCache::test

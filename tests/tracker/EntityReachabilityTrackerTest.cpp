@@ -6,6 +6,7 @@
 #include <chrono>
 #include <map>
 #include <memory>
+#include <optional>
 #include <random>
 #include <string>
 #include <thread>
@@ -15,13 +16,13 @@
 #include "reachabilityCache/testing/FakeChrProvider.h"
 #include "reachabilityCache/testing/FakeReachabilityChecker.h"
 #include "reachabilityCache/testing/RecordingListener.h"
+#include "reachabilityCache/testing/VirtualTime.h"
 
 namespace veranda::reachabilityCache {
 namespace {
 
-namespace fakes = veranda::reachabilityCache::testing;
 using applianceDriver::ApplianceDriverType;
-using fakes::Notification;
+using test::Notification;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::UnorderedElementsAre;
@@ -55,10 +56,10 @@ Notification change(const std::string& entityId, bool reachable) {
 // tracker that record what they hear side by side.
 class TrackerTest : public ::testing::Test {
  protected:
-  void SetUp() override { fakes::LogRecorder::instance().clear(); }
+  void SetUp() override { test::LogRecorder::instance().clear(); }
 
   void TearDown() override {
-    fakes::LogRecorder::instance().setDiscard(false);
+    test::LogRecorder::instance().setDiscard(false);
     if (tracker) {
       tracker->close();
     }
@@ -93,20 +94,22 @@ class TrackerTest : public ::testing::Test {
     return fresh;
   }
 
-  std::shared_ptr<fakes::FakeReachabilityChecker> fake =
-      std::make_shared<fakes::FakeReachabilityChecker>();
+  std::shared_ptr<test::FakeReachabilityChecker> fake =
+      std::make_shared<test::FakeReachabilityChecker>();
   std::shared_ptr<ReachabilityCheckerGuard> guard =
       std::make_shared<ReachabilityCheckerGuard>(fake);
-  fakes::FakeChrProvider provider;
-  fakes::RecordingListener listener;
-  fakes::RecordingListener heard;
+  test::FakeChrProvider provider;
+  test::RecordingListener listener;
+  test::RecordingListener heard;
   std::size_t seen = 0;
+  std::optional<test::VirtualTime> time;  // made before the cache, destroyed after it
   std::unique_ptr<ReachabilityCache> cache;
   std::unique_ptr<EntityReachabilityTracker> tracker;
 };
 
 TEST_F(TrackerTest, EveryChangeOfIsEntityReachableIsHeardOnceAndNothingElse) {
   provider.setEndpoints({endpoint("ep1", "e1"), endpoint("ep2", "e1"), endpoint("ep3", "e3")});
+  time.emplace();
   start(true, std::chrono::seconds(3600));
 
   // The host's pushes: listeners hear nothing.
@@ -115,26 +118,27 @@ TEST_F(TrackerTest, EveryChangeOfIsEntityReachableIsHeardOnceAndNothingElse) {
   EXPECT_THAT(newChanges(2), UnorderedElementsAre(change("e1", true), change("e4", true)));
 
   // The first cycle sweeps ep4, which the provider does not name.
-  ASSERT_TRUE(fake->waitForPendingChecks(1, kWait));
+  time->advance(std::chrono::seconds(1));
+  ASSERT_EQ(fake->pendingChecks(), 1U);
   EXPECT_FALSE(cache->isEntityReachable("e4"));
   EXPECT_THAT(newChanges(1), ElementsAre(change("e4", false)));
 
   // The batch clears ep1 before it adds ep2: listeners hear e1 lost and back,
   // yet e1 is reachable before and after the batch.
-  fake->completeNextCheck({fakes::makeResult(endpoint("ep1", "e1"), false),
-                           fakes::makeResult(endpoint("ep2", "e1"), true),
-                           fakes::makeResult(endpoint("ep3", "e3"), false)});
+  fake->completeNextCheck({test::makeResult(endpoint("ep1", "e1"), false),
+                           test::makeResult(endpoint("ep2", "e1"), true),
+                           test::makeResult(endpoint("ep3", "e3"), false)});
   EXPECT_TRUE(cache->isEntityReachable("e1"));
   EXPECT_THAT(newChanges(0), IsEmpty());
 
   // A connectivity event announces ep3 back, but events carry no driver type
   // that makes an entity reachable.
   fake->deliverEvent(event("ep3", true));
-  ASSERT_TRUE(fakes::LogRecorder::instance().waitForLine(
-      fakes::kUpdaterTag, "[processReachabilityResults]", kWait, 2));  // batch and event
+  time->runUntilIdle();  // the cache's worker has applied the event
   EXPECT_FALSE(cache->isEntityReachable("e3"));
   // ep2 going offline takes e1 down: heard by both.
   fake->deliverEvent(event("ep2", false));
+  time->runUntilIdle();
   EXPECT_THAT(newChanges(1), ElementsAre(change("e1", false)));
 
   // The host's removals.
@@ -153,17 +157,21 @@ TEST_F(TrackerTest, EveryChangeOfIsEntityReachableIsHeardOnceAndNothingElse) {
 }
 
 TEST_F(TrackerTest, HoldDownReportsALossOnlyOnceItHasLasted) {
-  start(false, std::chrono::seconds(0), std::chrono::hours(1));
+  time.emplace();
+  start(false, std::chrono::seconds(0), std::chrono::minutes(1));
   tracker->updateEndpoints({record("ep1", "e1")});
-  tracker->removeEntity("e1");
-  EXPECT_TRUE(tracker->reportedReachable("e1"));
-  tracker->updateEndpoints({record("ep1", "e1")});  // back within the hold-down
   EXPECT_THAT(newChanges(1), ElementsAre(change("e1", true)));
-  tracker->close();
 
-  tracker = makeTracker(std::chrono::milliseconds(20));
-  EXPECT_THAT(newChanges(1), ElementsAre(change("e1", true)));  // what was reachable at start
   tracker->removeEntity("e1");
+  time->advance(std::chrono::seconds(59));
+  tracker->updateEndpoints({record("ep1", "e1")});  // back within the hold-down
+  time->advance(std::chrono::minutes(5));
+  EXPECT_TRUE(tracker->reportedReachable("e1"));
+
+  tracker->removeEntity("e1");
+  time->advance(std::chrono::milliseconds(59999));
+  EXPECT_TRUE(tracker->reportedReachable("e1"));
+  time->advance(std::chrono::milliseconds(1));
   EXPECT_THAT(newChanges(1), ElementsAre(change("e1", false)));
   EXPECT_FALSE(tracker->reportedReachable("orbt1.veyra.endpoint.e1"));
 }
@@ -175,10 +183,10 @@ TEST_F(TrackerTest, RacingChangesAreHeardInOrderPerEntityAndEndInTheCachesState)
   const std::vector<std::string> entities = {"e0", "e1", "e2"};
   provider.setEndpoints(
       {endpoint("ep-e0", "e0"), endpoint("ep-e1", "e1"), endpoint("ep-e2", "e2")});
-  fakes::LogRecorder::instance().setDiscard(true);  // cycles run back to back
+  test::LogRecorder::instance().setDiscard(true);  // cycles run back to back
   fake->setResponder([](const EndpointInfo& e) {
     static thread_local std::mt19937 random(7);
-    return fakes::makeResult(e, random() % 2 == 0);
+    return test::makeResult(e, random() % 2 == 0);
   });
   start(true, std::chrono::seconds(0));  // cycles back to back after the first second
   ASSERT_TRUE(fake->waitForCheckRequests(1, kWait));

@@ -5,10 +5,10 @@
 namespace veranda::reachabilityCache {
 namespace {
 
+using test::LogLine;
+using test::LogRecorder;
 using ::testing::Contains;
 using ::testing::ElementsAre;
-using testing::LogLine;
-using testing::LogRecorder;
 
 // Holds the worker inside queryEndpoints until released.
 struct GatedProvider : ICHRProvider {
@@ -25,7 +25,7 @@ TEST_F(UpdaterTest, AnUpdaterNeverStartedLogsItsWholeLife) {
   createUpdater(&provider);
   updater.reset();
   EXPECT_THAT(
-      LogRecorder::instance().linesWithTag(testing::kUpdaterTag),
+      LogRecorder::instance().linesWithTag(test::kUpdaterTag),
       ElementsAre(updaterLine(4, "[ReachabilityUpdater]"), updaterLine(4, "[~ReachabilityUpdater]"),
                   updaterLine(4, "[stopPeriodicUpdates]"),
                   updaterLine(3,
@@ -39,7 +39,8 @@ TEST_F(UpdaterTest, CycleSweepsStaleEndpointsThenChecksTheProvidersList) {
   provider.setEndpoints({endpoint("ep1", "e1"), endpoint("ep2", "e2"), endpoint("ep2", "e2")});
   createUpdater(&provider);
   updater->startPeriodicUpdates(std::chrono::seconds(3600), std::chrono::milliseconds(0));
-  ASSERT_TRUE(checker->waitForPendingChecks(1, kWait));
+  time.runUntilIdle();
+  ASSERT_EQ(checker->pendingChecks(), 1U);
 
   // The stale endpoint is gone before any result of the cycle arrives.
   EXPECT_FALSE(store->isEntityPresent("e9"));
@@ -47,7 +48,7 @@ TEST_F(UpdaterTest, CycleSweepsStaleEndpointsThenChecksTheProvidersList) {
   const auto requests = checker->checkRequests();
   EXPECT_EQ(requests[0].requestId, "periodic_0");
   EXPECT_EQ(requests[0].endpoints.size(), 3U);
-  EXPECT_THAT(LogRecorder::instance().texts(testing::kUpdaterTag),
+  EXPECT_THAT(LogRecorder::instance().texts(test::kUpdaterTag),
               ElementsAre("[ReachabilityUpdater]",
                           "[startPeriodicUpdates]: intervalSeconds=3600 initialDelayMs=0",
                           "[performPeriodicUpdate]: endpointCount=3"));
@@ -56,9 +57,9 @@ TEST_F(UpdaterTest, CycleSweepsStaleEndpointsThenChecksTheProvidersList) {
 TEST_F(UpdaterTest, EmptyProviderAnswerLeavesTheStoreAndKeepsCycling) {
   store->insertEndpoint(CachedEndpoint(endpoint("ep1", "e1")));
   createUpdater(&provider);
-  updater->startPeriodicUpdates(std::chrono::seconds(0), std::chrono::milliseconds(-5));
-  ASSERT_TRUE(provider.waitForQueries(3, kWait));
-  updater->stopPeriodicUpdates();
+  updater->startPeriodicUpdates(std::chrono::seconds(1), std::chrono::milliseconds(-5));
+  time.advance(std::chrono::seconds(2));
+  EXPECT_EQ(provider.queryCount(), 3U);
   EXPECT_EQ(store->size(), 1U);
   EXPECT_TRUE(checker->checkRequests().empty());
   EXPECT_THAT(LogRecorder::instance().lines(),
@@ -67,13 +68,9 @@ TEST_F(UpdaterTest, EmptyProviderAnswerLeavesTheStoreAndKeepsCycling) {
 
 TEST_F(UpdaterTest, NullProviderEndsTheChainWhileTheFlagStaysSet) {
   createUpdater(nullptr);
-  updater->startPeriodicUpdates(std::chrono::seconds(0), std::chrono::milliseconds(0));
-  ASSERT_TRUE(waitForUpdaterLine("chrProviderNull"));
-  // A cycle that re-armed would have queued its successor before the second
-  // drain's trigger.
-  drainExecutor();
-  drainExecutor();
-  EXPECT_THAT(LogRecorder::instance().linesWithTag(testing::kUpdaterTag),
+  updater->startPeriodicUpdates(std::chrono::seconds(1), std::chrono::milliseconds(0));
+  time.advance(std::chrono::hours(1));
+  EXPECT_THAT(LogRecorder::instance().linesWithTag(test::kUpdaterTag),
               Contains(updaterLine(6, "[performPeriodicUpdate]: reason=chrProviderNull")).Times(1));
   EXPECT_TRUE(updater->isPeriodicUpdatesRunning());
 }
@@ -82,9 +79,9 @@ TEST_F(UpdaterTest, RefusedCheckIsLoggedCountedAndRetriedNextCycle) {
   checker->setRefuseChecks(true);
   provider.setEndpoints({endpoint("ep1", "e1")});
   createUpdater(&provider);
-  updater->startPeriodicUpdates(std::chrono::seconds(0), std::chrono::milliseconds(0));
-  ASSERT_TRUE(checker->waitForCheckRequests(2, kWait));
-  updater->stopPeriodicUpdates();
+  updater->startPeriodicUpdates(std::chrono::seconds(1), std::chrono::milliseconds(0));
+  time.advance(std::chrono::seconds(1));
+  ASSERT_EQ(checker->checkRequests().size(), 2U);
 
   const std::vector<LogLine> lines = LogRecorder::instance().lines();
   const auto failure = std::find(
@@ -92,7 +89,7 @@ TEST_F(UpdaterTest, RefusedCheckIsLoggedCountedAndRetriedNextCycle) {
       updaterLine(6, "[performPeriodicUpdate]: requestId=periodic_0 reason=checkStartFailed"));
   ASSERT_LT(failure + 1, lines.end());
   EXPECT_EQ(*(failure + 1),
-            (LogLine{4, testing::kMetricTag,
+            (LogLine{4, test::kMetricTag,
                      "[Metric]: metricName=ReachabilityCache.CheckFailed updateType=periodic "
                      "reason=checkStartFailed program=762veg6l source=nlef/2/03330473"}));
   EXPECT_EQ(checker->checkRequests()[1].requestId, "periodic_1");
@@ -102,7 +99,8 @@ TEST_F(UpdaterTest, StopEndsTheChainAndDropsQueuedWork) {
   GatedProvider gated;
   createUpdater(&gated);
   updater->startPeriodicUpdates(std::chrono::seconds(0), std::chrono::milliseconds(0));
-  ASSERT_EQ(gated.entered.get_future().wait_for(kWait), std::future_status::ready);
+  ASSERT_EQ(gated.entered.get_future().wait_for(std::chrono::seconds(5)),
+            std::future_status::ready);
   updater->triggerUpdate({endpoint("ep7", "e7")});  // queued behind the running cycle
   updater->stopPeriodicUpdates();
   EXPECT_FALSE(updater->isPeriodicUpdatesRunning());
@@ -118,10 +116,11 @@ TEST_F(UpdaterTest, RequestIdsOfEveryKindComeFromOneCounter) {
   provider.setEndpoints({endpoint("ep1", "e1")});
   createUpdater(&provider);
   updater->triggerUpdate({endpoint("ep1", "e1")});
-  ASSERT_TRUE(checker->waitForCheckRequests(1, kWait));
+  time.runUntilIdle();
   ASSERT_TRUE(updater->enableProactiveUpdates());
   updater->startPeriodicUpdates(std::chrono::seconds(3600), std::chrono::milliseconds(0));
-  ASSERT_TRUE(checker->waitForCheckRequests(2, kWait));
+  time.runUntilIdle();
+  ASSERT_EQ(checker->checkRequests().size(), 2U);
 
   EXPECT_EQ(checker->checkRequests()[0].requestId, "manual_0");
   EXPECT_EQ(checker->checkRequests()[1].requestId, "periodic_2");
@@ -133,10 +132,10 @@ TEST_F(UpdaterTest, ManualTriggerChecksItsListOnceOrOnlyLogsWhenEmpty) {
   createUpdater(&provider);
   updater->triggerUpdate({});
   updater->triggerUpdate({endpoint("ep1", "e1")});
-  ASSERT_TRUE(LogRecorder::instance().waitForLine(testing::kMetricTag, "updateType=manual", kWait));
+  time.runUntilIdle();
   // The empty trigger drew no request id.
   EXPECT_THAT(
-      LogRecorder::instance().linesWithTag(testing::kUpdaterTag),
+      LogRecorder::instance().linesWithTag(test::kUpdaterTag),
       ElementsAre(updaterLine(4, "[ReachabilityUpdater]"), updaterLine(3, "[]: reason=noEndpoints"),
                   updaterLine(6, "[]: requestId=manual_0 reason=checkStartFailed")));
 }

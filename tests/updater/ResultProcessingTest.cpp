@@ -3,10 +3,10 @@
 namespace veranda::reachabilityCache {
 namespace {
 
+using test::LogLine;
+using test::LogRecorder;
+using test::Notification;
 using ::testing::ElementsAre;
-using testing::LogLine;
-using testing::LogRecorder;
-using testing::Notification;
 
 // Feeds each batch of results to the updater as a manual check's answer.
 class ResultProcessingTest : public UpdaterTest {
@@ -20,17 +20,17 @@ class ResultProcessingTest : public UpdaterTest {
   LogLine apply(const std::vector<ReachabilityCheckResult>& results) {
     if (checker->pendingChecks() == 0) {
       updater->triggerUpdate({endpoint("any", "any")});
-      EXPECT_TRUE(checker->waitForPendingChecks(1, kWait));
+      time.runUntilIdle();
     }
     LogRecorder::instance().clear();
     EXPECT_TRUE(checker->completeNextCheck(results));
-    const auto lines = LogRecorder::instance().linesWithTag(testing::kUpdaterTag);
+    const auto lines = LogRecorder::instance().linesWithTag(test::kUpdaterTag);
     EXPECT_FALSE(lines.empty());
     return lines.empty() ? LogLine{} : lines.back();
   }
 
   static LogLine summary(const std::string& text) {
-    return {4, testing::kUpdaterTag, "[processReachabilityResults]: " + text};
+    return {4, test::kUpdaterTag, "[processReachabilityResults]: " + text};
   }
 };
 
@@ -90,7 +90,7 @@ TEST_F(ResultProcessingTest, RefusedChangesAreReportedAsInsertFailedWithoutNotif
                     "(insertFailed)"
                     "\n    ep-unknown (entityId=e1): unreachable (insertFailed)"));
   EXPECT_TRUE(listener.notifications().empty());
-  EXPECT_EQ(LogRecorder::instance().countContaining(testing::kMetricTag, "CacheFull"), 1U);
+  EXPECT_EQ(LogRecorder::instance().countContaining(test::kMetricTag, "CacheFull"), 1U);
 }
 
 }  // namespace

@@ -14,12 +14,12 @@
 #include "reachabilityCache/testing/FakeChrProvider.h"
 #include "reachabilityCache/testing/FakeReachabilityChecker.h"
 #include "reachabilityCache/testing/RecordingListener.h"
+#include "reachabilityCache/testing/VirtualTime.h"
 #include "store/CacheCore.h"
 #include "updater/ReachabilityUpdater.h"
 
 namespace veranda::reachabilityCache {
 
-inline constexpr std::chrono::milliseconds kWait{5000};
 inline constexpr const char* kZigbee = "PROT_ZIGBEE-ADAPTER";
 
 inline EndpointInfo endpoint(const std::string& endpointId, const std::string& entityId,
@@ -27,25 +27,25 @@ inline EndpointInfo endpoint(const std::string& endpointId, const std::string& e
   return EndpointInfo(endpointId, entityId, adapter, {{"power", "main"}});
 }
 
-inline testing::LogLine updaterLine(int priority, const std::string& text) {
-  return {priority, testing::kUpdaterTag, text};
+inline test::LogLine updaterLine(int priority, const std::string& text) {
+  return {priority, test::kUpdaterTag, text};
 }
 
 inline ReachabilityCheckResult reachable(const std::string& endpointId, const std::string& entityId,
                                          const std::string& adapter = kZigbee) {
-  return testing::makeResult(endpoint(endpointId, entityId, adapter), true);
+  return test::makeResult(endpoint(endpointId, entityId, adapter), true);
 }
 
 inline ReachabilityCheckResult unreachable(const std::string& endpointId,
                                            const std::string& entityId,
                                            const std::string& adapter = "") {
-  return testing::makeResult(endpoint(endpointId, entityId, adapter), false);
+  return test::makeResult(endpoint(endpointId, entityId, adapter), false);
 }
 
 class UpdaterTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    testing::LogRecorder::instance().clear();
+    test::LogRecorder::instance().clear();
     store->registerReachabilityListener("recorder", listener.callback());
   }
 
@@ -59,24 +59,12 @@ class UpdaterTest : public ::testing::Test {
     updater = std::make_unique<ReachabilityUpdater>(store, checker, chrProvider);
   }
 
-  static bool waitForUpdaterLine(const std::string& fragment, std::size_t count = 1) {
-    return testing::LogRecorder::instance().waitForLine(testing::kUpdaterTag, fragment, kWait,
-                                                        count);
-  }
-
-  // Every task posted to the updater's executor so far has run on return.
-  void drainExecutor() {
-    const std::size_t triggers = testing::LogRecorder::instance().countContaining(
-        testing::kUpdaterTag, "[]: reason=noEndpoints");
-    updater->triggerUpdate({});
-    ASSERT_TRUE(waitForUpdaterLine("[]: reason=noEndpoints", triggers + 1));
-  }
-
+  test::VirtualTime time;  // first: made before the updater, destroyed after it
   std::shared_ptr<CacheCore> store = std::make_shared<CacheCore>(100);
-  std::shared_ptr<testing::FakeReachabilityChecker> checker =
-      std::make_shared<testing::FakeReachabilityChecker>();
-  testing::FakeChrProvider provider;
-  testing::RecordingListener listener;
+  std::shared_ptr<test::FakeReachabilityChecker> checker =
+      std::make_shared<test::FakeReachabilityChecker>();
+  test::FakeChrProvider provider;
+  test::RecordingListener listener;
   std::unique_ptr<ReachabilityUpdater> updater;
 };
 

@@ -10,7 +10,7 @@
 #include "reachabilityCache/EndpointInfo.h"
 #include "reachabilityCache/ICHRProvider.h"
 
-namespace veranda::reachabilityCache::testing {
+namespace veranda::reachabilityCache::test {
 
 // Thread safety: every member may be called from any thread.
 class FakeChrProvider : public ICHRProvider {
@@ -34,4 +34,4 @@ class FakeChrProvider : public ICHRProvider {
   std::size_t queryCount_ = 0;
 };
 
-}  // namespace veranda::reachabilityCache::testing
+}  // namespace veranda::reachabilityCache::test

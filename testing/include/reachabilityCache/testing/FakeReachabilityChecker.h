@@ -5,22 +5,39 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include "reachabilityCache/EndpointInfo.h"
 #include "reachabilityCache/IReachabilityChecker.h"
 #include "reachabilityCache/ReachabilityCheckResult.h"
 
-namespace veranda::reachabilityCache::testing {
+namespace veranda::reachabilityCache::test {
 
 // Thread safety: every member may be called from any thread. Callbacks run on
 // the thread that completes a check or delivers an event, never under the
-// fake's lock.
+// fake's lock. unregisterReachabilityUpdateCallback() keeps the interface's
+// promise: after true no call of that callback runs on another thread or
+// starts.
+//
+// A cache's teardown: the fake serves one cache at a time. It takes the
+// cancellation of an update callback, accepted or refused, as the end of the
+// cache that registered it (a cache with refresh registers
+// "reachability_updater_N" and cancels it when destroyed). A check started
+// while that callback was the only one registered, or after its cancellation
+// while no other is registered, belongs to that cache: completing it once the
+// cache has ended throws std::logic_error instead of calling into freed
+// memory. deliverEvent() throws likewise while a callback whose cancellation
+// was refused is still registered. Checks started while no callback was ever
+// registered, or while several are, are not judged.
 class FakeReachabilityChecker : public IReachabilityChecker {
  public:
   using ResultsCallback = std::function<void(const std::vector<ReachabilityCheckResult>&)>;
@@ -37,6 +54,9 @@ class FakeReachabilityChecker : public IReachabilityChecker {
   FakeReachabilityChecker() = default;
   ~FakeReachabilityChecker() override = default;
 
+  FakeReachabilityChecker(const FakeReachabilityChecker&) = delete;
+  FakeReachabilityChecker& operator=(const FakeReachabilityChecker&) = delete;
+
   // ---- Behaviour ----
 
   // Refused checks answer false and are never completed.
@@ -51,24 +71,31 @@ class FakeReachabilityChecker : public IReachabilityChecker {
   // ---- Driving ----
 
   // Completes the oldest pending check with `results`, on this thread. False
-  // when none is pending.
+  // when none is pending; throws std::logic_error, the check dropped, when
+  // its cache has ended (see above).
   bool completeNextCheck(const std::vector<ReachabilityCheckResult>& results);
   // Completes the oldest pending check with `responder`'s answer for each
-  // distinct requested endpoint id.
+  // distinct requested endpoint id; otherwise as above.
   bool completeNextCheck(const Responder& responder);
   // Forgets every pending check without calling it.
   void dropPendingChecks();
-  // Calls every registered update callback with `result`, on this thread.
-  // Returns how many were called.
+  // Calls every registered update callback with `result`, on this thread,
+  // skipping one cancelled meanwhile. Returns how many were called. Throws
+  // std::logic_error, calling none, while a callback whose cancellation was
+  // refused is registered.
   std::size_t deliverEvent(const ReachabilityCheckResult& result);
 
   // ---- Observation ----
 
-  // Every checkReachability call so far, refused ones included, in order.
+  // Every checkReachability call since the fake was made or the requests were
+  // last taken, refused ones included, in order.
   std::vector<CheckRequest> checkRequests() const;
+  // The same, forgotten by the fake: a long test keeps only what it takes.
+  std::vector<CheckRequest> takeCheckRequests();
   std::size_t pendingChecks() const;
   std::vector<std::string> registeredCallbackIds() const;
-  // Waits until at least `count` checks were requested (accepted or not).
+  // Waits until at least `count` checks were requested in all (accepted or
+  // not, taken or not).
   bool waitForCheckRequests(std::size_t count, std::chrono::milliseconds timeout) const;
   // Waits until at least `count` checks are pending.
   bool waitForPendingChecks(std::size_t count, std::chrono::milliseconds timeout) const;
@@ -82,14 +109,28 @@ class FakeReachabilityChecker : public IReachabilityChecker {
   bool unregisterReachabilityUpdateCallback(const std::string& callbackId) override;
 
  private:
+  struct Owner {
+    uint64_t token = 0;  // 0: none
+    std::string callbackId;
+  };
   struct PendingCheck {
     std::vector<EndpointInfo> endpoints;
     ResultsCallback callback;
+    std::string requestId;
+    Owner owner;  // the cache that started it, as far as the fake can tell
+  };
+  struct Subscription {
+    uint64_t token;  // tells a registration from a later one under the same id
+    std::shared_ptr<const UpdateCallback> callback;
+    bool cancelled;  // cancellation refused: its cache has ended all the same
   };
 
   static std::vector<ReachabilityCheckResult> answer(const std::vector<EndpointInfo>& endpoints,
                                                      const Responder& responder);
   bool takeNextPending(PendingCheck& check);
+  Owner ownerOfNewCheckLocked() const;
+  bool hasEndedLocked(const Owner& owner) const;
+  bool deliveringElsewhereLocked(uint64_t token) const;
 
   mutable std::mutex mutex_;
   mutable std::condition_variable changed_;
@@ -98,12 +139,17 @@ class FakeReachabilityChecker : public IReachabilityChecker {
   bool refuseUnregistrations_ = false;
   Responder responder_;
   std::vector<CheckRequest> requests_;
+  std::size_t requestCount_ = 0;
   std::deque<PendingCheck> pending_;
-  std::map<std::string, UpdateCallback> updateCallbacks_;
+  std::map<std::string, Subscription> subscriptions_;
+  uint64_t nextToken_ = 1;
+  Owner lastCancelled_;
+  // Deliveries running now: the subscription's token and the delivering thread.
+  std::vector<std::pair<uint64_t, std::thread::id>> delivering_;
 };
 
 // A result for `endpoint`: reachable ones carry its capabilities under driver
 // type 0, unreachable ones carry none and driver type 2.
 ReachabilityCheckResult makeResult(const EndpointInfo& endpoint, bool reachable);
 
-}  // namespace veranda::reachabilityCache::testing
+}  // namespace veranda::reachabilityCache::test

@@ -11,7 +11,7 @@
 
 #include "reachabilityCache/ReachabilityCache.h"
 
-namespace veranda::reachabilityCache::testing {
+namespace veranda::reachabilityCache::test {
 
 struct Notification {
   std::string endpointId;
@@ -50,4 +50,4 @@ class RecordingListener {
   std::vector<Notification> notifications_;
 };
 
-}  // namespace veranda::reachabilityCache::testing
+}  // namespace veranda::reachabilityCache::test

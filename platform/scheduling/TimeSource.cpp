@@ -1,0 +1,180 @@
+#include "scheduling/TimeSource.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <limits>
+
+#include "scheduling/DelayedTaskQueue.h"
+
+namespace veranda::scheduling {
+namespace {
+
+using std::chrono::nanoseconds;
+
+constexpr int64_t kLatest = std::numeric_limits<int64_t>::max();
+constexpr int64_t kEarliest = std::numeric_limits<int64_t>::min();
+
+// A wait for the queues that lasts this long in real time is taken for a hang.
+constexpr std::chrono::seconds kLongestSettle{60};
+
+}  // namespace
+
+TimeSource& TimeSource::instance() {
+  // Never destroyed: queues of static objects detach from it at exit.
+  static auto* const time = new TimeSource();
+  return *time;
+}
+
+TimeSource::TimePoint TimeSource::now() const {
+  return isVirtual() ? virtualNow() : std::chrono::steady_clock::now();
+}
+
+bool TimeSource::isVirtual() const { return virtual_.load(); }
+
+TimeSource::TimePoint TimeSource::virtualNow() const {
+  return TimePoint(nanoseconds(virtualNanos_.load()));
+}
+
+TimeSource::TimePoint TimeSource::plus(TimePoint base, nanoseconds delta) {
+  const int64_t from = base.time_since_epoch().count();
+  const int64_t by = delta.count();
+  if (base == TimePoint::min() || base == TimePoint::max()) {
+    return base;
+  }
+  if (by > 0 && from > kLatest - by) {
+    return TimePoint::max();
+  }
+  if (by < 0 && from < kEarliest - by) {
+    return TimePoint::min();
+  }
+  return TimePoint(nanoseconds(from + by));
+}
+
+TimeSource::TimePoint TimeSource::plus(TimePoint base, std::chrono::milliseconds delta) {
+  constexpr int64_t kNanosPerMilli = 1000000;
+  const int64_t count = delta.count();
+  if (count > kLatest / kNanosPerMilli) {
+    return base == TimePoint::min() ? base : TimePoint::max();
+  }
+  if (count < kEarliest / kNanosPerMilli) {
+    return base == TimePoint::max() ? base : TimePoint::min();
+  }
+  return plus(base, nanoseconds(count * kNanosPerMilli));
+}
+
+void TimeSource::beginVirtualTime() {
+  std::lock_guard<std::mutex> control(controlMutex_);
+  if (isVirtual()) {
+    fail("virtual time is on already: a second VirtualTime while one lives");
+  }
+  std::lock_guard<std::mutex> lock(queuesMutex_);
+  virtualNanos_.store(std::chrono::steady_clock::now().time_since_epoch().count());
+  virtual_.store(true);
+  notifyQueuesLocked(true, nanoseconds::zero());
+}
+
+void TimeSource::endVirtualTime() {
+  std::lock_guard<std::mutex> control(controlMutex_);
+  std::lock_guard<std::mutex> lock(queuesMutex_);
+  if (!isVirtual()) {
+    return;
+  }
+  virtual_.store(false);
+  notifyQueuesLocked(false, std::chrono::steady_clock::now() - virtualNow());
+}
+
+void TimeSource::advanceTo(TimePoint target) {
+  checkCanWait("advance()");
+  std::lock_guard<std::mutex> control(controlMutex_);
+  waitUntilIdle("advance()");
+  TimePoint due;
+  while (earliestDue(due) && due <= target) {
+    moveTo(due);
+    waitUntilIdle("advance()");
+  }
+  moveTo(target);
+  waitUntilIdle("advance()");
+}
+
+void TimeSource::runUntilIdle() {
+  checkCanWait("runUntilIdle()");
+  std::lock_guard<std::mutex> control(controlMutex_);
+  waitUntilIdle("runUntilIdle()");
+}
+
+void TimeSource::fail(const std::string& message) {
+  std::fprintf(stderr, "virtual time: %s\n", message.c_str());
+  std::fflush(stderr);
+  std::abort();
+}
+
+bool TimeSource::attach(Queue* queue) {
+  std::lock_guard<std::mutex> lock(queuesMutex_);
+  queues_.push_back(queue);
+  return isVirtual();
+}
+
+void TimeSource::detach(Queue* queue) {
+  std::lock_guard<std::mutex> lock(queuesMutex_);
+  queues_.erase(std::remove(queues_.begin(), queues_.end(), queue), queues_.end());
+}
+
+void TimeSource::setBusy(bool busy) {
+  std::lock_guard<std::mutex> lock(busyMutex_);
+  busyQueues_ += busy ? 1 : -1;
+  if (busyQueues_ == 0) {
+    idle_.notify_all();
+  }
+}
+
+void TimeSource::checkCanWait(const char* operation) const {
+  if (!isVirtual()) {
+    fail(std::string(operation) + " needs virtual time, and no VirtualTime lives");
+  }
+  if (DelayedTaskQueue::inTask()) {
+    fail(std::string(operation) +
+         " called from a task of an executor or a simulated driver: it would wait for itself");
+  }
+}
+
+void TimeSource::notifyQueuesLocked(bool virtualTime, nanoseconds shift) {
+  for (Queue* queue : queues_) {
+    queue->timeChanged(virtualTime, shift);
+  }
+}
+
+// Every queue hears of the new time before anyone waits for them, so that
+// each has told whether it is busy at that time.
+void TimeSource::moveTo(TimePoint time) {
+  std::lock_guard<std::mutex> lock(queuesMutex_);
+  virtualNanos_.store(std::max(time, virtualNow()).time_since_epoch().count());
+  notifyQueuesLocked(true, nanoseconds::zero());
+}
+
+bool TimeSource::earliestDue(TimePoint& due) const {
+  std::lock_guard<std::mutex> lock(queuesMutex_);
+  bool found = false;
+  for (const Queue* queue : queues_) {
+    TimePoint next;
+    if (queue->nextDue(next) && (!found || next < due)) {
+      due = next;
+      found = true;
+    }
+  }
+  return found;
+}
+
+// Exact: a task that posts to another queue makes that queue busy before it
+// stops counting as running itself, so the count of busy queues reaches zero
+// only when no work is left at this time.
+void TimeSource::waitUntilIdle(const char* operation) {
+  std::unique_lock<std::mutex> lock(busyMutex_);
+  if (!idle_.wait_for(lock, kLongestSettle, [this] { return busyQueues_ == 0; })) {
+    fail(std::string(operation) + " has waited " + std::to_string(kLongestSettle.count()) +
+         " s of real time for tasks to finish: a task blocks, perhaps waiting for the thread "
+         "that moves time");
+  }
+}
+
+}  // namespace veranda::scheduling

@@ -1,0 +1,111 @@
+// The process-wide clock of the platform stand-ins: the task executor and the
+// simulated appliance driver take every due time from it. It is the steady
+// clock unless a test switches it to virtual time, which stands still until
+// the test moves it.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace veranda::scheduling {
+
+// Thread safety: every member may be called from any thread.
+//
+// Virtual time: between beginVirtualTime() and endVirtualTime() now() moves
+// only through advanceTo(). Queues run what is due on their own threads as
+// always; advanceTo() and runUntilIdle() wait until every queue is idle, that
+// is until no task runs and none is due. Virtual time starts at the steady
+// clock's reading; when it ends, the clock is the steady clock again and tasks
+// still pending keep the delay they had left.
+class TimeSource {
+ public:
+  using TimePoint = std::chrono::steady_clock::time_point;
+
+  // A queue of delayed tasks that runs on this clock.
+  class Queue {
+   public:
+    // The clock moved or changed mode: the queue reads it from now on in
+    // `virtualTime` mode, moves its due times by `shift`, tells setBusy()
+    // whether it is busy and wakes its worker.
+    virtual void timeChanged(bool virtualTime, std::chrono::nanoseconds shift) = 0;
+    // The earliest due time of a task not yet started; false when none.
+    virtual bool nextDue(TimePoint& due) const = 0;
+
+   protected:
+    ~Queue() = default;
+  };
+
+  // The one time source of the process; it is never destroyed.
+  static TimeSource& instance();
+
+  TimeSource(const TimeSource&) = delete;
+  TimeSource& operator=(const TimeSource&) = delete;
+
+  // The steady clock's reading, or virtual time.
+  TimePoint now() const;
+  bool isVirtual() const;
+  // The reading at which virtual time stands (the last one, after it ended).
+  TimePoint virtualNow() const;
+
+  // `base` moved by `delta`, held at TimePoint::min() or max() where it would
+  // go beyond them. min() and max() stay as they are: they stand for "before
+  // everything" and "never".
+  static TimePoint plus(TimePoint base, std::chrono::nanoseconds delta);
+  static TimePoint plus(TimePoint base, std::chrono::milliseconds delta);
+
+  // ---- Virtual time, for the test support ----
+
+  // Freezes the clock at its reading. Ends the process with a message when
+  // virtual time is on already.
+  void beginVirtualTime();
+  void endVirtualTime();
+  // Moves the clock to `target` one due time after another, and at each
+  // waits until every queue is idle. Ends the process with a message when
+  // called from a queue's task (it would wait for itself), outside virtual
+  // time, or when a task keeps it waiting a minute of real time.
+  void advanceTo(TimePoint target);
+  // Waits until every queue is idle at the current time. Ends the process like
+  // advanceTo().
+  void runUntilIdle();
+
+  // Writes "virtual time: <message>" to standard error and aborts.
+  [[noreturn]] static void fail(const std::string& message);
+
+  // ---- For the queues ----
+
+  // Returns whether virtual time is on, the mode the queue starts in.
+  bool attach(Queue* queue);
+  void detach(Queue* queue);
+  // A queue reports when it becomes busy in virtual time (a task running or
+  // due) and when it stops being so.
+  void setBusy(bool busy);
+
+ private:
+  TimeSource() = default;
+
+  void checkCanWait(const char* operation) const;
+  // Tells every queue; called with queuesMutex_ held.
+  void notifyQueuesLocked(bool virtualTime, std::chrono::nanoseconds shift);
+  void moveTo(TimePoint time);
+  bool earliestDue(TimePoint& due) const;
+  void waitUntilIdle(const char* operation);
+
+  // Read without a lock by now().
+  std::atomic<bool> virtual_{false};
+  std::atomic<int64_t> virtualNanos_{0};
+
+  std::mutex controlMutex_;  // one caller changes the clock at a time
+  mutable std::mutex queuesMutex_;
+  std::vector<Queue*> queues_;  // guarded by queuesMutex_
+
+  std::mutex busyMutex_;
+  std::condition_variable idle_;
+  int64_t busyQueues_ = 0;  // guarded by busyMutex_
+};
+
+}  // namespace veranda::scheduling
