@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <iterator>
 #include <string_view>
+#include <utility>
 
 #include "diagnostics/ComponentLog.h"
 #include "diagnostics/LogBuilder.h"
@@ -66,6 +68,16 @@ void mergeInto(CachedEndpoint& stored, const CachedEndpoint& incoming) {
   }
 }
 
+// The same, moving each set in: the stored set is the incoming one either way.
+void mergeInto(CachedEndpoint& stored, CachedEndpoint&& incoming) {
+  for (auto& entry : incoming.driverCapabilities) {
+    fileCapabilities(stored.driverCapabilities, entry.first, std::move(entry.second));
+  }
+  if (!incoming.adapterName.empty()) {
+    stored.adapterName = incoming.adapterName;
+  }
+}
+
 // True when driver type 0 or 1 reported the endpoint, even with no capability.
 bool reachedByDriver(const CachedEndpoint& endpoint) {
   return endpoint.driverCapabilities.count(ApplianceDriverType::NATIVE) != 0 ||
@@ -82,7 +94,14 @@ CacheCore::~CacheCore() = default;
 
 // ---- Changes ----
 
-bool CacheCore::insertEndpoint(const CachedEndpoint& endpoint) {
+bool CacheCore::insertEndpoint(const CachedEndpoint& endpoint) { return insertRecord(endpoint); }
+
+bool CacheCore::insertEndpoint(CachedEndpoint&& endpoint) {
+  return insertRecord(std::move(endpoint));
+}
+
+template <typename Record>
+bool CacheCore::insertRecord(Record&& endpoint) {
   const std::string entityId = normalizeEntityId(endpoint.entityId);
   MutexLock lock(storeMutex);
   if (refusedForEmptyId(endpoint)) {
@@ -98,23 +117,24 @@ bool CacheCore::insertEndpoint(const CachedEndpoint& endpoint) {
     return false;
   }
   std::vector<CachedEndpoint>& endpoints = entityIndex[entityId];
-  const auto stored = findEndpointInVector(endpoints, endpoint.endpointId);
+  auto stored = findEndpointInVector(endpoints, endpoint.endpointId);
   if (stored == endpoints.end()) {
-    endpoints.push_back(endpoint);
+    endpoints.push_back(std::forward<Record>(endpoint));
+    stored = std::prev(endpoints.end());
     // A fresh string: assigned in place, the stored id would keep the
     // capacity of the id as passed, prefix included.
-    endpoints.back().entityId = std::string(entityId);
+    stored->entityId = std::string(entityId);
     logEndpointAction(entityKnown ? LogPriority::kDebug : LogPriority::kInfo, "insertEndpoint",
-                      entityKnown ? "appended" : "newEntity", entityId, endpoint.endpointId);
+                      entityKnown ? "appended" : "newEntity", entityId, stored->endpointId);
   } else {
-    mergeInto(*stored, endpoint);
+    mergeInto(*stored, std::forward<Record>(endpoint));
     logStore(LogPriority::kDebug, LogBuilder("insertEndpoint", nullptr)
                                       .d("action", "merged")
                                       .d("entityId", entityId.c_str())
-                                      .d("endpointId", endpoint.endpointId.c_str())
+                                      .d("endpointId", stored->endpointId.c_str())
                                       .d("driverCount", stored->driverCapabilities.size()));
   }
-  endpointIndex[endpoint.endpointId] = entityId;
+  endpointIndex[stored->endpointId] = entityId;
   return true;
 }
 

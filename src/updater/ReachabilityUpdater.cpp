@@ -208,9 +208,9 @@ void ReachabilityUpdater::processReachabilityResults(
 
 bool ReachabilityUpdater::processReachableEndpoint(const ReachabilityCheckResult& result,
                                                    bool wasReachable) {
-  const CachedEndpoint endpoint(result.endpointId, result.entityId, result.adapterName,
-                                result.driverType, result.capabilities);
-  const bool inserted = cache->insertEndpoint(endpoint);
+  const bool inserted =
+      cache->insertEndpoint(CachedEndpoint(result.endpointId, result.entityId, result.adapterName,
+                                           result.driverType, result.capabilities));
   if (inserted && !wasReachable) {
     cache->notifyReachabilityListeners(result.endpointId, result.entityId, true);
   }
