@@ -20,12 +20,15 @@ using commonLog::LogBuilder;
 constexpr std::string_view ENTITY_ID_PREFIX = "orbt1.veyra.endpoint.";
 
 // `entityId` without one leading ENTITY_ID_PREFIX (exact, case-sensitive).
-// Operations normalise before they take the store mutex: the copy needs no lock.
-std::string normalizeEntityId(const std::string& entityId) {
-  if (entityId.compare(0, ENTITY_ID_PREFIX.size(), ENTITY_ID_PREFIX) == 0) {
-    return entityId.substr(ENTITY_ID_PREFIX.size());
-  }
-  return entityId;
+// Operations normalise once, before they take the store mutex, and are done
+// with the result when they return: it lives in a buffer of the calling thread,
+// which the next call on that thread overwrites and which keeps its capacity,
+// so that ids are normalised without allocating.
+const std::string& normalizeEntityId(const std::string& entityId) {
+  thread_local std::string normalized;
+  const bool prefixed = entityId.compare(0, ENTITY_ID_PREFIX.size(), ENTITY_ID_PREFIX) == 0;
+  normalized.assign(entityId, prefixed ? ENTITY_ID_PREFIX.size() : 0, std::string::npos);
+  return normalized;
 }
 
 // Writes "[function]: action=... entityId=... endpointId=...".
@@ -102,7 +105,7 @@ bool CacheCore::insertEndpoint(CachedEndpoint&& endpoint) {
 
 template <typename Record>
 bool CacheCore::insertRecord(Record&& endpoint) {
-  const std::string entityId = normalizeEntityId(endpoint.entityId);
+  const std::string& entityId = normalizeEntityId(endpoint.entityId);
   MutexLock lock(storeMutex);
   if (refusedForEmptyId(endpoint)) {
     return false;
@@ -143,7 +146,7 @@ bool CacheCore::insertEndpoint(const EndpointInfo& info) {
 }
 
 bool CacheCore::removeEndpoint(const std::string& entityId, const std::string& endpointId) {
-  const std::string id = normalizeEntityId(entityId);
+  const std::string& id = normalizeEntityId(entityId);
   MutexLock lock(storeMutex);
   std::vector<CachedEndpoint>* endpoints = findEndpointsMutableLocked(id);
   if (endpoints == nullptr) {
@@ -168,7 +171,7 @@ bool CacheCore::removeEndpoint(const std::string& entityId, const std::string& e
 }
 
 bool CacheCore::removeEntity(const std::string& entityId) {
-  const std::string id = normalizeEntityId(entityId);
+  const std::string& id = normalizeEntityId(entityId);
   MutexLock lock(storeMutex);
   const auto entity = entityIndex.find(id);
   if (entity == entityIndex.end()) {
@@ -200,7 +203,7 @@ void CacheCore::clear() {
 
 bool CacheCore::clearEndpointCapabilities(const std::string& entityId,
                                           const std::string& endpointId) {
-  const std::string id = normalizeEntityId(entityId);
+  const std::string& id = normalizeEntityId(entityId);
   MutexLock lock(storeMutex);
   std::vector<CachedEndpoint>* endpoints = findEndpointsMutableLocked(id);
   if (endpoints == nullptr) {
@@ -234,7 +237,7 @@ bool CacheCore::isFull() const {
 // ---- Queries ----
 
 bool CacheCore::isEntityPresent(const std::string& entityId) const {
-  const std::string id = normalizeEntityId(entityId);
+  const std::string& id = normalizeEntityId(entityId);
   MutexLock lock(storeMutex);
   const bool present = findEndpointsLocked(id) != nullptr;
   logStore(LogPriority::kDebug, LogBuilder("isEntityPresent", nullptr)
@@ -244,7 +247,7 @@ bool CacheCore::isEntityPresent(const std::string& entityId) const {
 }
 
 bool CacheCore::isEntityReachable(const std::string& entityId) const {
-  const std::string id = normalizeEntityId(entityId);
+  const std::string& id = normalizeEntityId(entityId);
   MutexLock lock(storeMutex);
   LogBuilder line("isEntityReachable", nullptr);
   line.d("entityId", id.c_str());
@@ -265,7 +268,7 @@ bool CacheCore::isEntityReachable(const std::string& entityId) const {
 
 bool CacheCore::isCapabilityReachable(const std::string& entityId,
                                       const CapabilityKey& capabilityKey) const {
-  const std::string id = normalizeEntityId(entityId);
+  const std::string& id = normalizeEntityId(entityId);
   MutexLock lock(storeMutex);
   LogBuilder line("isCapabilityReachable", nullptr);
   line.d("entityId", id.c_str()).d("capability", capabilityKey.capability.c_str());
@@ -292,7 +295,7 @@ bool CacheCore::isCapabilityReachable(const std::string& entityId,
 bool CacheCore::isCapabilityReachableByDriver(const std::string& entityId,
                                               const CapabilityKey& capabilityKey,
                                               ApplianceDriverType driverType) const {
-  const std::string id = normalizeEntityId(entityId);
+  const std::string& id = normalizeEntityId(entityId);
   MutexLock lock(storeMutex);
   LogBuilder line("isCapabilityReachableByDriver", nullptr);
   line.d("entityId", id.c_str())
@@ -316,7 +319,7 @@ bool CacheCore::isCapabilityReachableByDriver(const std::string& entityId,
 }
 
 std::string CacheCore::getEndpointIdForEntity(const std::string& entityId) const {
-  const std::string id = normalizeEntityId(entityId);
+  const std::string& id = normalizeEntityId(entityId);
   MutexLock lock(storeMutex);
   const std::vector<CachedEndpoint>* endpoints = findEndpointsLocked(id);
   std::string endpointId = endpoints == nullptr ? "" : endpoints->front().endpointId;
@@ -340,7 +343,7 @@ std::string CacheCore::getEntityIdForEndpoint(const std::string& endpointId) con
 
 std::string CacheCore::getAdapterName(const std::string& entityId,
                                       const std::string& endpointId) const {
-  const std::string id = normalizeEntityId(entityId);
+  const std::string& id = normalizeEntityId(entityId);
   MutexLock lock(storeMutex);
   const std::vector<CachedEndpoint>* endpoints = findEndpointsLocked(id);
   if (endpoints == nullptr) {
@@ -351,7 +354,7 @@ std::string CacheCore::getAdapterName(const std::string& entityId,
 }
 
 std::vector<EndpointInfo> CacheCore::getEndpointsForEntity(const std::string& entityId) const {
-  const std::string id = normalizeEntityId(entityId);
+  const std::string& id = normalizeEntityId(entityId);
   std::vector<EndpointInfo> result;
   MutexLock lock(storeMutex);
   const std::vector<CachedEndpoint>* endpoints = findEndpointsLocked(id);
