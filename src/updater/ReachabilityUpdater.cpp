@@ -1,6 +1,7 @@
 #include "updater/ReachabilityUpdater.h"
 
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "diagnostics/ComponentLog.h"
@@ -119,7 +120,8 @@ void ReachabilityUpdater::performPeriodicUpdate() {
              LogBuilder("performPeriodicUpdate", nullptr).d("endpointCount", endpoints.size()));
   const std::string requestId = kPeriodicPrefix + generateRequestId();
 
-  std::unordered_set<std::string> currentEndpointIds;
+  // Views of the provider's ids: `endpoints` outlives the sweep.
+  std::unordered_set<std::string_view> currentEndpointIds;
   currentEndpointIds.reserve(endpoints.size());
   for (const EndpointInfo& endpoint : endpoints) {
     currentEndpointIds.insert(endpoint.endpointId);
@@ -137,7 +139,7 @@ void ReachabilityUpdater::performPeriodicUpdate() {
 }
 
 void ReachabilityUpdater::removeStaleEntries(
-    const std::unordered_set<std::string>& currentEndpointIds) {
+    const std::unordered_set<std::string_view>& currentEndpointIds) {
   for (const auto& [endpointId, entityId] : cache->getCachedEndpointIds()) {
     if (currentEndpointIds.count(endpointId) == 0) {
       cache->removeEndpoint(entityId, endpointId);
