@@ -1,6 +1,7 @@
 #include "CycleRig.h"
 
 #include <climits>
+#include <ctime>
 #include <utility>
 
 #include "BenchData.h"
@@ -25,7 +26,31 @@ std::shared_ptr<IReachabilityChecker> makeChecker(
   return std::make_shared<ApplianceDriverReachabilityChecker>(*driver);
 }
 
+// CPU time of the calling thread so far.
+std::chrono::duration<double> threadCpuTime() {
+  timespec now{};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+  return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
+}
+
 }  // namespace
+
+std::vector<EndpointInfo> FixedProvider::queryEndpoints() {
+  const std::chrono::duration<double> now = threadCpuTime();
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (lastStart_.count() >= 0) {
+      previousCycleCpu_ = now - lastStart_;
+    }
+    lastStart_ = now;
+  }
+  return endpoints_;
+}
+
+std::chrono::duration<double> FixedProvider::previousCycleCpu() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return previousCycleCpu_;
+}
 
 void CompletionSignal::signal() {
   {
