@@ -65,14 +65,14 @@ void* operator new(std::size_t size, std::align_val_t alignment) {
 void* operator new[](std::size_t size, std::align_val_t alignment) {
   return allocate(size, static_cast<std::size_t>(alignment));
 }
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
   try {
     return allocate(size, 0);
   } catch (...) {
     return nullptr;
   }
 }
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
+void* operator new[](std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
   try {
     return allocate(size, 0);
   } catch (...) {
@@ -81,12 +81,17 @@ void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
 }
 void operator delete(void* pointer) noexcept { release(pointer); }
 void operator delete[](void* pointer) noexcept { release(pointer); }
-void operator delete(void* pointer, std::size_t) noexcept { release(pointer); }
-void operator delete[](void* pointer, std::size_t) noexcept { release(pointer); }
-void operator delete(void* pointer, std::align_val_t) noexcept { release(pointer); }
-void operator delete[](void* pointer, std::align_val_t) noexcept { release(pointer); }
-void operator delete(void* pointer, std::size_t, std::align_val_t) noexcept { release(pointer); }
-void operator delete[](void* pointer, std::size_t, std::align_val_t) noexcept { release(pointer); }
+void operator delete(void* pointer, std::size_t /*size*/) noexcept { release(pointer); }
+void operator delete[](void* pointer, std::size_t /*size*/) noexcept { release(pointer); }
+void operator delete(void* pointer, std::align_val_t /*alignment*/) noexcept { release(pointer); }
+void operator delete[](void* pointer, std::align_val_t /*alignment*/) noexcept { release(pointer); }
+void operator delete(void* pointer, std::size_t /*size*/, std::align_val_t /*alignment*/) noexcept {
+  release(pointer);
+}
+void operator delete[](void* pointer, std::size_t /*size*/,
+                       std::align_val_t /*alignment*/) noexcept {
+  release(pointer);
+}
 
 namespace veranda::reachabilityCache::bench {
 namespace {

@@ -67,12 +67,8 @@ struct DriverMapRecord {
            driverCapabilities.count(ApplianceDriverType::CONNECTED) != 0;
   }
   bool has(const CapabilityKey& key) const {
-    for (const auto& entry : driverCapabilities) {
-      if (entry.second.count(key) != 0) {
-        return true;
-      }
-    }
-    return false;
+    return std::any_of(driverCapabilities.begin(), driverCapabilities.end(),
+                       [&](const auto& entry) { return entry.second.count(key) != 0; });
   }
   const CapabilitySet& allCapabilities() const { return driverCapabilities.begin()->second; }
 
