@@ -20,6 +20,7 @@ TEST(MutexTest, HoldersNeverOverlapWhetherWaitersRetryOrPark) {
   long total = 0;   // guarded by mutex
   std::atomic<int> overlaps{0};
   std::vector<std::thread> threads;
+  threads.reserve(kThreads);
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([&, t] {
       for (int round = 0; round < kRounds; ++round) {
