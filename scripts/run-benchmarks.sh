@@ -75,7 +75,7 @@ run() {
   shift 3
   local out="$results/$allocator"
   mkdir -p "$out"
-  echo "=== $name, $allocator ===" >&2
+  echo "=== $name, $allocator ($(date +%T)) ===" >&2
   LD_PRELOAD="$(preload_for "$allocator")" "$bin/$binary" \
     --benchmark_out="$out/$name.json" --benchmark_out_format=json \
     --summary_out="$out/$name.md" --goals_out="$out/$name.tsv" "$@" >"$out/$name.log" 2>&1 ||
