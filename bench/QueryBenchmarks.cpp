@@ -291,6 +291,10 @@ void runQueries(benchmark::State& state, Query query) {
 // to tell what the stored record's layout costs there.
 constexpr int64_t kLeanFloorEntities = 100000;
 
+// Long enough for a stable median of five repetitions, short enough for the
+// whole suite to run under both allocators in minutes.
+constexpr double kQueryMinSeconds = 0.25;
+
 // Registers `query`, a generic lambda of (store, id), on the cache and the
 // floors.
 template <typename Query>
@@ -306,18 +310,22 @@ void registerQuery(const std::string& operation, Query query) {
       ->Arg(100)
       ->Arg(10000)
       ->Arg(100000)
+      ->MinTime(kQueryMinSeconds)
       ->Unit(benchmark::kNanosecond);
   benchmark::RegisterBenchmark((name + "floor").c_str(), on(&Stores::floor))
       ->Arg(100)
       ->Arg(10000)
       ->Arg(100000)
+      ->MinTime(kQueryMinSeconds)
       ->Unit(benchmark::kNanosecond);
   benchmark::RegisterBenchmark((name + "leanFloor").c_str(), on(&Stores::leanFloor))
       ->Arg(kLeanFloorEntities)
+      ->MinTime(kQueryMinSeconds)
       ->Unit(benchmark::kNanosecond);
   benchmark::RegisterBenchmark((name + "leanFloorDriverMap").c_str(),
                                on(&Stores::leanDriverMapFloor))
       ->Arg(kLeanFloorEntities)
+      ->MinTime(kQueryMinSeconds)
       ->Unit(benchmark::kNanosecond);
 }
 

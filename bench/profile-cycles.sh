@@ -26,8 +26,8 @@ if [ "$allocator" = scudo ]; then
 fi
 
 # Cycles a run makes: two warm-up cycles, then each repetition's (see
-# CycleBenchmarks.cpp: an even number, 200000 / N, at least 2).
-cycles_for() { echo $((2 + repetitions * ($1 >= 100000 ? 2 : 200000 / $1))); }
+# CycleBenchmarks.cpp: an even number, 100000 / N, at least 2).
+cycles_for() { echo $((2 + repetitions * ($1 >= 50000 ? 2 : 100000 / $1))); }
 
 # Samples per library and symbol on the updater's thread: the busiest thread
 # other than the main one (the lowest id), which only builds the rig and waits.
