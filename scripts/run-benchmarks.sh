@@ -125,7 +125,8 @@ cxx="$(sed -n 's/^CMAKE_CXX_COMPILER:[A-Z]*=//p' build/bench/CMakeCache.txt)"
 build_type="$(sed -n 's/^CMAKE_BUILD_TYPE:[A-Z]*=//p' build/bench/CMakeCache.txt)"
 scudo_package="$(dpkg -S "$(readlink -f "$scudo")" 2>/dev/null | cut -d: -f1 | head -n 1 || true)"
 commit="$(git rev-parse --short HEAD 2>/dev/null || echo unknown)"
-if [ -n "$(git status --porcelain 2>/dev/null)" ]; then
+# The report itself does not count as a change to what was measured.
+if [ -n "$(git status --porcelain -- . ':!BENCHMARKS.md' 2>/dev/null)" ]; then
   commit="$commit (with uncommitted changes)"
 fi
 minutes=$((($(date +%s) - started_at + 59) / 60))
