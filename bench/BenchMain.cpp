@@ -199,6 +199,15 @@ class SummaryReporter : public benchmark::ConsoleReporter {
     layout(out);
   }
 
+  // `part` as a share of `whole`, when `whole` stands out of the noise of
+  // timing `base` (more than 5 % of it).
+  static std::string share(double part, double whole, double base) {
+    if (whole <= 0.05 * base) {
+      return "no difference beyond noise";
+    }
+    return fixed(100 * part / whole, 0) + " %";
+  }
+
   // What the stored record's layout (a map of driver types per endpoint)
   // costs where records no longer fit in the caches: the cache against the
   // lean floor (the least work), and the lean floor with the record's layout.
@@ -219,7 +228,7 @@ class SummaryReporter : public benchmark::ConsoleReporter {
            << fixed(lean->cpuNanoseconds, 0) << " | " << fixed(driverMap->cpuNanoseconds, 0)
            << " | " << fixed(cache->cpuNanoseconds / lean->cpuNanoseconds, 2) << " | "
            << fixed(gap, 0) << " | " << fixed(layoutCost, 0) << " | "
-           << (gap > 0 ? fixed(100 * layoutCost / gap, 0) + " %" : std::string("no gap")) << " |\n";
+           << share(layoutCost, gap, lean->cpuNanoseconds) << " |\n";
     }
     if (rows.str().empty()) {
       return;
