@@ -39,6 +39,7 @@ struct Result {
   double nanoseconds = 0;     // real time per iteration
   double cpuNanoseconds = 0;  // CPU time of the benchmark's thread per iteration
   std::map<std::string, double> counters;
+  std::map<std::string, double> spreads;  // coefficient of variation of each counter
   bool isMedian = false;
 };
 
@@ -107,12 +108,18 @@ class SummaryReporter : public benchmark::ConsoleReporter {
     if (run.error_occurred) {
       return;
     }
+    Result& result =
+        results_[key(run.run_name.function_name, run.run_name.args, run.run_name.threads)];
     const bool median = run.run_type == Run::RT_Aggregate && run.aggregate_name == "median";
+    if (run.run_type == Run::RT_Aggregate && run.aggregate_name == "cv") {
+      for (const auto& [name, counter] : run.counters) {
+        result.spreads[name] = counter.value;
+      }
+      return;
+    }
     if (run.run_type == Run::RT_Aggregate && !median) {
       return;
     }
-    Result& result =
-        results_[key(run.run_name.function_name, run.run_name.args, run.run_name.threads)];
     if (result.isMedian && !median) {
       return;
     }
@@ -135,6 +142,15 @@ class SummaryReporter : public benchmark::ConsoleReporter {
                      const std::string& threads = "") const {
     const auto found = results_.find(key(function, args, threads));
     return found == results_.end() ? nullptr : &found->second;
+  }
+
+  // " (cv N %)" when repetitions varied by more than 10 %, else "".
+  static std::string spread(const Result& result, const std::string& name) {
+    const auto found = result.spreads.find(name);
+    if (found == result.spreads.end() || found->second <= 0.1) {
+      return "";
+    }
+    return " (cv " + fixed(100 * found->second, 0) + " %)";
   }
 
   static double counter(const Result& result, const std::string& name) {
@@ -297,7 +313,8 @@ class SummaryReporter : public benchmark::ConsoleReporter {
       }
       const double p99 = counter(*result, "p99_us");
       rows << "| " << hosts << " | " << fixed(counter(*result, "p50_us"), 1) << " | "
-           << fixed(p99, 1) << " | " << fixed(counter(*result, "publish_p50_us"), 1) << " | "
+           << fixed(p99, 1) << spread(*result, "p99_us") << " | "
+           << fixed(counter(*result, "publish_p50_us"), 1) << " | "
            << fixed(counter(*result, "publish_p99_us"), 1) << " | "
            << fixed(counter(*result, "host_queries_per_s"), 0) << " |\n";
       if (std::string(hosts) == "2") {
@@ -329,7 +346,8 @@ class SummaryReporter : public benchmark::ConsoleReporter {
           continue;
         }
         const double rate = counter(*result, "items_per_second");
-        rows << "| " << mode << " | " << (threads + 8) << " | " << fixed(rate, 0) << " | "
+        rows << "| " << mode << " | " << (threads + 8) << " | " << fixed(rate, 0)
+             << spread(*result, "items_per_second") << " | "
              << (one != nullptr ? fixed(rate / counter(*one, "items_per_second"), 2) : "-") << " | "
              << fixed(counter(*result, "switches_per_1k_queries"), 1) << " | "
              << fixed(counter(*result, "cycles_per_s"), 1) << " |\n";
