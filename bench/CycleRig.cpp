@@ -1,7 +1,8 @@
 #include "CycleRig.h"
 
+#include <sys/resource.h>
+
 #include <climits>
-#include <ctime>
 #include <utility>
 
 #include "BenchData.h"
@@ -26,11 +27,12 @@ std::shared_ptr<IReachabilityChecker> makeChecker(
   return std::make_shared<ApplianceDriverReachabilityChecker>(*driver);
 }
 
-// CPU time of the calling thread so far.
+// CPU time of the calling thread so far (user and system, in microseconds).
 std::chrono::duration<double> threadCpuTime() {
-  timespec now{};
-  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
-  return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
+  rusage usage{};
+  getrusage(RUSAGE_THREAD, &usage);
+  return std::chrono::seconds(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+         std::chrono::microseconds(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec);
 }
 
 }  // namespace
