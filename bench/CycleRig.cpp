@@ -1,5 +1,7 @@
 #include "CycleRig.h"
 
+#include <sys/resource.h>
+
 #include <climits>
 #include <utility>
 
@@ -25,7 +27,32 @@ std::shared_ptr<IReachabilityChecker> makeChecker(
   return std::make_shared<ApplianceDriverReachabilityChecker>(*driver);
 }
 
+// CPU time of the calling thread so far (user and system, in microseconds).
+std::chrono::duration<double> threadCpuTime() {
+  rusage usage{};
+  getrusage(RUSAGE_THREAD, &usage);
+  return std::chrono::seconds(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+         std::chrono::microseconds(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec);
+}
+
 }  // namespace
+
+std::vector<EndpointInfo> FixedProvider::queryEndpoints() {
+  const std::chrono::duration<double> now = threadCpuTime();
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (lastStart_.count() >= 0) {
+      previousCycleCpu_ = now - lastStart_;
+    }
+    lastStart_ = now;
+  }
+  return endpoints_;
+}
+
+std::chrono::duration<double> FixedProvider::previousCycleCpu() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return previousCycleCpu_;
+}
 
 void CompletionSignal::signal() {
   {

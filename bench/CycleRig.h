@@ -35,14 +35,23 @@ class CompletionSignal {
   uint64_t count_ = 0;
 };
 
-// Returns the same endpoints on every query.
+// Returns the same endpoints on every query. Each query starts a cycle on the
+// updater's thread; the provider measures how much CPU time that thread spent
+// from one query to the next, which is one whole cycle, teardown included,
+// without the time the thread waited for a core or for the next cycle.
 class FixedProvider : public ICHRProvider {
  public:
   explicit FixedProvider(std::vector<EndpointInfo> endpoints) : endpoints_(std::move(endpoints)) {}
-  std::vector<EndpointInfo> queryEndpoints() override { return endpoints_; }
+  std::vector<EndpointInfo> queryEndpoints() override;
+
+  // CPU time of the cycle before the last one started; zero before two.
+  std::chrono::duration<double> previousCycleCpu() const;
 
  private:
   const std::vector<EndpointInfo> endpoints_;
+  mutable std::mutex mutex_;
+  std::chrono::duration<double> lastStart_{-1};        // thread CPU clock at the last query
+  std::chrono::duration<double> previousCycleCpu_{0};  // between the last two queries
 };
 
 // Answers every check at once on the calling thread, alternately with every
@@ -114,6 +123,9 @@ class CycleRig {
   // Runs one cycle; returns its duration from the start request to the last
   // result applied, or a negative duration when it did not finish in time.
   std::chrono::duration<double> runCycle();
+  // The updater thread's CPU time for the cycle before the last one started
+  // (see FixedProvider); zero until two cycles have started.
+  std::chrono::duration<double> previousCycleCpu() const { return provider_.previousCycleCpu(); }
   // Inserts `count` endpoints that the provider does not name, for the next
   // cycle to sweep.
   void addStaleEndpoints(std::size_t count);

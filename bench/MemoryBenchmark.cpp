@@ -1,7 +1,8 @@
 // Memory: bytes the store holds per stored endpoint at 10 000 entities with
 // three capabilities each, counted by this binary's own operator new, against
-// the payload (the characters of the strings stored). A binary of its own,
-// since counting every allocation slows the other benchmarks down.
+// the payload (the characters of the strings stored); and the allocations a
+// steady periodic cycle makes per endpoint. A binary of its own, since
+// counting every allocation slows the other benchmarks down.
 #include <benchmark/benchmark.h>
 
 #include <atomic>
@@ -13,6 +14,7 @@
 #include <vector>
 
 #include "BenchData.h"
+#include "CycleRig.h"
 #include "store/CacheCore.h"
 
 namespace {
@@ -63,14 +65,14 @@ void* operator new(std::size_t size, std::align_val_t alignment) {
 void* operator new[](std::size_t size, std::align_val_t alignment) {
   return allocate(size, static_cast<std::size_t>(alignment));
 }
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
   try {
     return allocate(size, 0);
   } catch (...) {
     return nullptr;
   }
 }
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
+void* operator new[](std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
   try {
     return allocate(size, 0);
   } catch (...) {
@@ -79,12 +81,17 @@ void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
 }
 void operator delete(void* pointer) noexcept { release(pointer); }
 void operator delete[](void* pointer) noexcept { release(pointer); }
-void operator delete(void* pointer, std::size_t) noexcept { release(pointer); }
-void operator delete[](void* pointer, std::size_t) noexcept { release(pointer); }
-void operator delete(void* pointer, std::align_val_t) noexcept { release(pointer); }
-void operator delete[](void* pointer, std::align_val_t) noexcept { release(pointer); }
-void operator delete(void* pointer, std::size_t, std::align_val_t) noexcept { release(pointer); }
-void operator delete[](void* pointer, std::size_t, std::align_val_t) noexcept { release(pointer); }
+void operator delete(void* pointer, std::size_t /*size*/) noexcept { release(pointer); }
+void operator delete[](void* pointer, std::size_t /*size*/) noexcept { release(pointer); }
+void operator delete(void* pointer, std::align_val_t /*alignment*/) noexcept { release(pointer); }
+void operator delete[](void* pointer, std::align_val_t /*alignment*/) noexcept { release(pointer); }
+void operator delete(void* pointer, std::size_t /*size*/, std::align_val_t /*alignment*/) noexcept {
+  release(pointer);
+}
+void operator delete[](void* pointer, std::size_t /*size*/,
+                       std::align_val_t /*alignment*/) noexcept {
+  release(pointer);
+}
 
 namespace veranda::reachabilityCache::bench {
 namespace {
@@ -135,6 +142,56 @@ BENCHMARK(storeMemory)
     ->Name("memory/store")
     ->Arg(10000)
     ->Iterations(3)
+    ->Unit(benchmark::kMillisecond);
+
+// Allocations made while `work` runs, by every thread.
+template <typename Work>
+int64_t allocationsDuring(Work&& work) {
+  const int64_t before = allocations.load();
+  work();
+  return allocations.load() - before;
+}
+
+// Periodic cycles over the library's checker with every endpoint already
+// stored, in pairs: one that finds every endpoint reachable (each entity
+// becomes reachable and is announced), one that finds none (each is cleared
+// and announced). The provider's copy of its list is counted apart: it is the
+// host's code, not the library's.
+void cycleAllocations(benchmark::State& state) {
+  const auto endpointCount = static_cast<std::size_t>(state.range(0));
+  CycleRig rig(firstEndpoints(endpointCount), CheckPath::kApplianceDriver);
+  // Every endpoint stored, then all unreachable: the next cycle finds all reachable.
+  rig.runCycle();
+  rig.runCycle();
+  int64_t reachable = 0;
+  int64_t unreachable = 0;
+  int64_t pairs = 0;
+  for (auto _ : state) {
+    reachable += allocationsDuring([&] { rig.runCycle(); });
+    unreachable += allocationsDuring([&] { rig.runCycle(); });
+    ++pairs;
+  }
+  const std::vector<EndpointInfo> named = firstEndpoints(endpointCount);
+  const int64_t provider = allocationsDuring([&] {
+    std::vector<EndpointInfo> copy = named;
+    benchmark::DoNotOptimize(copy.data());
+  });
+  const auto perEndpoint = [&](int64_t count, int64_t cycles) {
+    return static_cast<double>(count) / static_cast<double>(cycles) /
+           static_cast<double>(endpointCount);
+  };
+  state.counters["endpoints"] = static_cast<double>(endpointCount);
+  state.counters["reachable_cycle"] = perEndpoint(reachable, pairs);
+  state.counters["unreachable_cycle"] = perEndpoint(unreachable, pairs);
+  state.counters["mean"] = perEndpoint(reachable + unreachable, 2 * pairs);
+  state.counters["provider"] = perEndpoint(provider, 1);
+}
+
+BENCHMARK(cycleAllocations)
+    ->Name("allocations/cycle")
+    ->Arg(1000)
+    ->Arg(10000)
+    ->Iterations(2)
     ->Unit(benchmark::kMillisecond);
 
 }  // namespace

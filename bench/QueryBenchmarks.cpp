@@ -1,17 +1,26 @@
 // Query cost of the cache against a floor that does only the work the
 // queries' behaviour demands: normalise the id, take a mutex, one hash lookup,
 // the same log line built with a string stream and handed to the platform log.
-// The floor's queries are kept out of line, as the cache's are.
+// Two lean floors, which normalise without allocating and build the line on
+// the stack as the cache now does, tell at 100 000 entities how much of the
+// cache's time over the least work the stored record's layout (a map of
+// driver types per endpoint) explains. The floors' queries are kept out of
+// line, as the cache's are.
 #include <android/log.h>
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
+#include <charconv>
 #include <cstddef>
+#include <cstring>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "BenchData.h"
@@ -25,37 +34,141 @@ using applianceDriver::ApplianceDriverType;
 constexpr std::size_t kQueryIdCount = 4096;
 constexpr const char* kStoreTag = "ReachabilityCache-CacheCore";
 
+// An endpoint as the least store keeps it: the union of its capabilities and
+// whether driver type 0 or 1 reported it.
+struct FlatRecord {
+  FlatRecord(const EndpointInfo& info, bool reachedByDriver)
+      : endpointId(info.endpointId),
+        adapterName(info.adapterName),
+        reachedByDriver(reachedByDriver),
+        capabilities(info.capabilities) {}
+
+  bool reachable() const { return reachedByDriver; }
+  bool has(const CapabilityKey& key) const { return capabilities.count(key) != 0; }
+  const CapabilitySet& allCapabilities() const { return capabilities; }
+
+  std::string endpointId;
+  std::string adapterName;
+  bool reachedByDriver;
+  CapabilitySet capabilities;
+};
+
+// An endpoint with the stored record's layout: capabilities in a map of
+// driver types, which each query looks into.
+struct DriverMapRecord {
+  DriverMapRecord(const EndpointInfo& info, bool reachedByDriver)
+      : endpointId(info.endpointId), adapterName(info.adapterName), driverCapabilities(1) {
+    driverCapabilities[reachedByDriver ? ApplianceDriverType::NATIVE
+                                       : ApplianceDriverType::UNKNOWN] = info.capabilities;
+  }
+
+  bool reachable() const {
+    return driverCapabilities.count(ApplianceDriverType::NATIVE) != 0 ||
+           driverCapabilities.count(ApplianceDriverType::CONNECTED) != 0;
+  }
+  bool has(const CapabilityKey& key) const {
+    return std::any_of(driverCapabilities.begin(), driverCapabilities.end(),
+                       [&](const auto& entry) { return entry.second.count(key) != 0; });
+  }
+  const CapabilitySet& allCapabilities() const { return driverCapabilities.begin()->second; }
+
+  std::string endpointId;
+  std::string adapterName;
+  DriverCapabilities driverCapabilities;
+};
+
+// A log line appended into a buffer on the stack, the cheapest way.
+class StackLine {
+ public:
+  StackLine& operator<<(std::string_view text) {
+    const std::size_t length = std::min(text.size(), sizeof(text_) - 1 - size_);
+    std::memcpy(text_ + size_, text.data(), length);
+    size_ += length;
+    return *this;
+  }
+  StackLine& operator<<(std::size_t value) {
+    char digits[24];
+    const std::to_chars_result end = std::to_chars(digits, digits + sizeof(digits), value);
+    return *this << std::string_view(digits, static_cast<std::size_t>(end.ptr - digits));
+  }
+  const char* c_str() {
+    text_[size_] = '\0';
+    return text_;
+  }
+
+ private:
+  char text_[1024];
+  std::size_t size_ = 0;
+};
+
+// A log line built with a string stream.
+class StreamLine {
+ public:
+  template <typename T>
+  StreamLine& operator<<(const T& value) {
+    stream_ << value;
+    return *this;
+  }
+  const char* c_str() {
+    text_ = stream_.str();
+    return text_.c_str();
+  }
+
+ private:
+  std::ostringstream stream_;
+  std::string text_;
+};
+
+// How a floor normalises ids and builds lines: the floor of the goal copies
+// the normalised id and builds lines with a string stream; the lean floor
+// normalises into a buffer of the thread and builds lines on the stack, as
+// the cache now does.
+struct StreamFormat {
+  using Line = StreamLine;
+  static std::string normalize(const std::string& entityId) {
+    const std::string_view prefix = kEntityIdPrefix;
+    if (entityId.compare(0, prefix.size(), prefix) == 0) {
+      return entityId.substr(prefix.size());
+    }
+    return entityId;
+  }
+};
+
+struct LeanFormat {
+  using Line = StackLine;
+  static const std::string& normalize(const std::string& entityId) {
+    const std::string_view prefix = kEntityIdPrefix;
+    thread_local std::string normalized;
+    const bool prefixed = entityId.compare(0, prefix.size(), prefix) == 0;
+    normalized.assign(entityId, prefixed ? prefix.size() : 0, std::string::npos);
+    return normalized;
+  }
+};
+
 // The least a store answering the same queries with the same log lines must
-// do: one map from normalised entity id to the endpoints, each endpoint with
-// the union of its capabilities and whether driver type 0 or 1 reported it.
+// do: one map from normalised entity id to the endpoints, kept as `Record`,
+// with ids and lines handled as `Format` says.
+template <typename Record, typename Format>
 class FloorStore {
  public:
-  struct Endpoint {
-    std::string endpointId;
-    std::string adapterName;
-    bool reachedByDriver;
-    CapabilitySet capabilities;
-  };
-
   void insert(const EndpointInfo& info, bool reachedByDriver) {
     std::lock_guard<std::mutex> lock(mutex_);
-    entities_[normalize(info.entityId)].push_back(
-        {info.endpointId, info.adapterName, reachedByDriver, info.capabilities});
+    entities_[std::string(Format::normalize(info.entityId))].emplace_back(info, reachedByDriver);
   }
 
   [[gnu::noinline]] bool isEntityReachable(const std::string& entityId) const {
-    const std::string id = normalize(entityId);
+    const auto& id = Format::normalize(entityId);
     std::lock_guard<std::mutex> lock(mutex_);
     const auto found = entities_.find(id);
-    std::ostringstream line;
+    typename Format::Line line;
     line << "[isEntityReachable]: entityId=" << id;
     if (found == entities_.end() || found->second.empty()) {
       line << " reachable=false reason=notInCache";
       emit(line);
       return false;
     }
-    for (const Endpoint& endpoint : found->second) {
-      if (endpoint.reachedByDriver) {
+    for (const Record& endpoint : found->second) {
+      if (endpoint.reachable()) {
         line << " reachable=true";
         emit(line);
         return true;
@@ -68,18 +181,18 @@ class FloorStore {
 
   [[gnu::noinline]] bool isCapabilityReachable(const std::string& entityId,
                                                const CapabilityKey& key) const {
-    const std::string id = normalize(entityId);
+    const auto& id = Format::normalize(entityId);
     std::lock_guard<std::mutex> lock(mutex_);
     const auto found = entities_.find(id);
-    std::ostringstream line;
+    typename Format::Line line;
     line << "[isCapabilityReachable]: entityId=" << id << " capability=" << key.capability;
     if (found == entities_.end() || found->second.empty()) {
       line << " reachable=false reason=entityNotFound";
       emit(line);
       return false;
     }
-    for (const Endpoint& endpoint : found->second) {
-      if (endpoint.capabilities.count(key) != 0) {
+    for (const Record& endpoint : found->second) {
+      if (endpoint.has(key)) {
         line << " endpointId=" << endpoint.endpointId << " reachable=true";
         emit(line);
         return true;
@@ -91,21 +204,21 @@ class FloorStore {
   }
 
   [[gnu::noinline]] std::string getEndpointIdForEntity(const std::string& entityId) const {
-    const std::string id = normalize(entityId);
+    const auto& id = Format::normalize(entityId);
     std::lock_guard<std::mutex> lock(mutex_);
     const auto found = entities_.find(id);
     const bool missing = found == entities_.end() || found->second.empty();
     std::string endpointId = missing ? "" : found->second.front().endpointId;
-    std::ostringstream line;
+    typename Format::Line line;
     line << "[getEndpointIdForEntity]: entityId=" << id
-         << " endpointId=" << (missing ? "notFound" : endpointId.c_str());
+         << " endpointId=" << (missing ? std::string_view("notFound") : endpointId);
     emit(line);
     return endpointId;
   }
 
   [[gnu::noinline]] std::vector<EndpointInfo> getEndpointsForEntity(
       const std::string& entityId) const {
-    const std::string id = normalize(entityId);
+    const auto& id = Format::normalize(entityId);
     std::lock_guard<std::mutex> lock(mutex_);
     std::vector<EndpointInfo> result;
     const auto found = entities_.find(id);
@@ -113,30 +226,23 @@ class FloorStore {
       return result;
     }
     result.reserve(found->second.size());
-    for (const Endpoint& endpoint : found->second) {
-      result.emplace_back(endpoint.endpointId, id, endpoint.adapterName, endpoint.capabilities);
+    for (const Record& endpoint : found->second) {
+      result.emplace_back(endpoint.endpointId, id, endpoint.adapterName,
+                          endpoint.allCapabilities());
     }
     return result;
   }
 
  private:
-  static std::string normalize(const std::string& entityId) {
-    static const std::string prefix = kEntityIdPrefix;
-    if (entityId.compare(0, prefix.size(), prefix) == 0) {
-      return entityId.substr(prefix.size());
-    }
-    return entityId;
-  }
-
-  static void emit(const std::ostringstream& line) {
-    __android_log_print(ANDROID_LOG_DEBUG, kStoreTag, "%s", line.str().c_str());
+  static void emit(typename Format::Line& line) {
+    __android_log_print(ANDROID_LOG_DEBUG, kStoreTag, "%s", line.c_str());
   }
 
   mutable std::mutex mutex_;
-  std::unordered_map<std::string, std::vector<Endpoint>> entities_;
+  std::unordered_map<std::string, std::vector<Record>> entities_;
 };
 
-// The cache and the floor filled with the same entities, all reachable
+// The cache and the floors filled with the same entities, all reachable
 // through driver type 0, and the ids to query them with.
 struct Stores {
   explicit Stores(std::size_t entityCount)
@@ -147,12 +253,16 @@ struct Stores {
     for (const EndpointInfo& endpoint : endpointsOfEntities(entityCount)) {
       records.push_back(asCached(endpoint, ApplianceDriverType::NATIVE));
       floor.insert(endpoint, true);
+      leanFloor.insert(endpoint, true);
+      leanDriverMapFloor.insert(endpoint, true);
     }
     cache.updateEndpoints(records);
   }
 
   ReachabilityCache cache;
-  FloorStore floor;
+  FloorStore<FlatRecord, StreamFormat> floor;
+  FloorStore<FlatRecord, LeanFormat> leanFloor;
+  FloorStore<DriverMapRecord, LeanFormat> leanDriverMapFloor;
   std::vector<std::string> ids;
 };
 
@@ -177,65 +287,61 @@ void runQueries(benchmark::State& state, Query query) {
   state.SetItemsProcessed(state.iterations());
 }
 
-void registerPair(const std::string& operation, void (*cacheQuery)(benchmark::State&),
-                  void (*floorQuery)(benchmark::State&)) {
-  for (const auto& [implementation, function] :
-       {std::pair{"cache", cacheQuery}, std::pair{"floor", floorQuery}}) {
-    benchmark::RegisterBenchmark(("query/" + operation + "/" + implementation).c_str(), function)
-        ->Arg(100)
-        ->Arg(10000)
-        ->Arg(100000)
-        ->Unit(benchmark::kNanosecond);
-  }
+// The lean floors run where records no longer fit in the processor's caches,
+// to tell what the stored record's layout costs there.
+constexpr int64_t kLeanFloorEntities = 100000;
+
+// Long enough for a stable median of five repetitions, short enough for the
+// whole suite to run under both allocators in minutes.
+constexpr double kQueryMinSeconds = 0.25;
+
+// Registers `query`, a generic lambda of (store, id), on the cache and the
+// floors.
+template <typename Query>
+void registerQuery(const std::string& operation, Query query) {
+  const auto on = [query](auto store) {
+    return [query, store](benchmark::State& state) {
+      runQueries(state,
+                 [&](Stores& stores, const std::string& id) { return query(stores.*store, id); });
+    };
+  };
+  const std::string name = "query/" + operation + "/";
+  benchmark::RegisterBenchmark((name + "cache").c_str(), on(&Stores::cache))
+      ->Arg(100)
+      ->Arg(10000)
+      ->Arg(100000)
+      ->MinTime(kQueryMinSeconds)
+      ->Unit(benchmark::kNanosecond);
+  benchmark::RegisterBenchmark((name + "floor").c_str(), on(&Stores::floor))
+      ->Arg(100)
+      ->Arg(10000)
+      ->Arg(100000)
+      ->MinTime(kQueryMinSeconds)
+      ->Unit(benchmark::kNanosecond);
+  benchmark::RegisterBenchmark((name + "leanFloor").c_str(), on(&Stores::leanFloor))
+      ->Arg(kLeanFloorEntities)
+      ->MinTime(kQueryMinSeconds)
+      ->Unit(benchmark::kNanosecond);
+  benchmark::RegisterBenchmark((name + "leanFloorDriverMap").c_str(),
+                               on(&Stores::leanDriverMapFloor))
+      ->Arg(kLeanFloorEntities)
+      ->MinTime(kQueryMinSeconds)
+      ->Unit(benchmark::kNanosecond);
 }
 
 const bool registered = [] {
-  registerPair(
-      "isEntityReachable",
-      [](benchmark::State& state) {
-        runQueries(state,
-                   [](Stores& s, const std::string& id) { return s.cache.isEntityReachable(id); });
-      },
-      [](benchmark::State& state) {
-        runQueries(state,
-                   [](Stores& s, const std::string& id) { return s.floor.isEntityReachable(id); });
-      });
-  registerPair(
-      "isCapabilityReachable",
-      [](benchmark::State& state) {
-        runQueries(state, [](Stores& s, const std::string& id) {
-          return s.cache.isCapabilityReachable(id, queriedCapability());
-        });
-      },
-      [](benchmark::State& state) {
-        runQueries(state, [](Stores& s, const std::string& id) {
-          return s.floor.isCapabilityReachable(id, queriedCapability());
-        });
-      });
-  registerPair(
-      "getEndpointIdForEntity",
-      [](benchmark::State& state) {
-        runQueries(state, [](Stores& s, const std::string& id) {
-          return s.cache.getEndpointIdForEntity(id);
-        });
-      },
-      [](benchmark::State& state) {
-        runQueries(state, [](Stores& s, const std::string& id) {
-          return s.floor.getEndpointIdForEntity(id);
-        });
-      });
-  registerPair(
-      "getEndpointsForEntity",
-      [](benchmark::State& state) {
-        runQueries(state, [](Stores& s, const std::string& id) {
-          return s.cache.getEndpointsForEntity(id);
-        });
-      },
-      [](benchmark::State& state) {
-        runQueries(state, [](Stores& s, const std::string& id) {
-          return s.floor.getEndpointsForEntity(id);
-        });
-      });
+  registerQuery("isEntityReachable", [](const auto& store, const std::string& id) {
+    return store.isEntityReachable(id);
+  });
+  registerQuery("isCapabilityReachable", [](const auto& store, const std::string& id) {
+    return store.isCapabilityReachable(id, queriedCapability());
+  });
+  registerQuery("getEndpointIdForEntity", [](const auto& store, const std::string& id) {
+    return store.getEndpointIdForEntity(id);
+  });
+  registerQuery("getEndpointsForEntity", [](const auto& store, const std::string& id) {
+    return store.getEndpointsForEntity(id);
+  });
   return true;
 }();
 

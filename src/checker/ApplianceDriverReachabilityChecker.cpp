@@ -1,5 +1,7 @@
 #include "reachabilityCache/ApplianceDriverReachabilityChecker.h"
 
+#include <cstddef>
+#include <string_view>
 #include <utility>
 
 #include "diagnostics/ComponentLog.h"
@@ -22,11 +24,83 @@ constexpr ApplianceDriverType kNoDriverType = static_cast<ApplianceDriverType>(2
 // as reachable.
 constexpr const char* kQuotedOkValue = "\"OK\"";
 
+void logUnsupportedAdapter(const DiscoveredDevice& device) {
+  logChecker(LogPriority::kDebug, LogBuilder("updateResultWithDiscoveredDevice", nullptr)
+                                      .d("endpointId", device.endpointId.c_str())
+                                      .d("adapterName", device.adapterName.c_str())
+                                      .d("reason", "unsupportedAdapter"));
+}
+
 void logInitialized(bool usingSingleton) {
   logChecker(LogPriority::kInfo, LogBuilder("ApplianceDriverReachabilityChecker", nullptr)
                                      .d("status", "initialized")
                                      .d("usingSingleton", boolText(usingSingleton)));
 }
+
+// What a driver's answer says about one requested endpoint. Devices are
+// matched first and the endpoint's result is made once, after the last device:
+// it is the result that replacing the requested data with each supported
+// device in turn (updateResultWithDiscoveredDevice) leaves, without the
+// copies made on the way.
+class DeviceMatch {
+ public:
+  explicit DeviceMatch(const EndpointInfo& requested) : requested_(requested) {}
+
+  // A device on a supported adapter that stands behind the endpoint; later
+  // devices replace earlier ones, but their empty entity id or capabilities
+  // keep the earlier ones.
+  void add(const DiscoveredDevice& device) {
+    last_ = &device;
+    if (!device.entityId.empty()) {
+      entityId_ = &device.entityId;
+    }
+    if (!device.capabilities.empty()) {
+      capabilitiesFrom_ = &device;
+      capabilityCopies_ = 0;
+    } else {
+      ++capabilityCopies_;
+    }
+  }
+
+  ReachabilityCheckResult result(const ApplianceDriverReachabilityChecker& checker) const {
+    if (last_ == nullptr) {
+      return {requested_.endpointId,   requested_.entityId, requested_.adapterName, false,
+              requested_.capabilities, kNoDriverType};
+    }
+    ReachabilityCheckResult result = checker.convertToReachabilityCheckResult(*last_);
+    if (result.entityId.empty()) {
+      result.entityId = entityId_ != nullptr ? *entityId_ : requested_.entityId;
+    }
+    if (capabilityCopies_ > 0) {
+      result.capabilities = inheritedCapabilities(checker);
+    }
+    return result;
+  }
+
+ private:
+  // The set that devices without capabilities passed on: each of them took
+  // a copy of the one before, starting from the last device with capabilities
+  // or from the requested endpoint. The copies are repeated so that the set
+  // is laid out as theirs was.
+  CapabilitySet inheritedCapabilities(const ApplianceDriverReachabilityChecker& checker) const {
+    CapabilitySet capabilities =
+        capabilitiesFrom_ != nullptr
+            ? checker.convertToReachabilityCheckResult(*capabilitiesFrom_).capabilities
+            : CapabilitySet(requested_.capabilities);
+    for (std::size_t i = 0; i < capabilityCopies_; ++i) {
+      CapabilitySet copy;
+      copy = capabilities;
+      capabilities = std::move(copy);
+    }
+    return capabilities;
+  }
+
+  const EndpointInfo& requested_;
+  const DiscoveredDevice* last_ = nullptr;
+  const std::string* entityId_ = nullptr;  // of the last device that reported one
+  const DiscoveredDevice* capabilitiesFrom_ = nullptr;
+  std::size_t capabilityCopies_ = 0;  // devices without capabilities since capabilitiesFrom_
+};
 
 std::string describeRequest(const std::vector<EndpointInfo>& endpoints,
                             const std::string& requestId) {
@@ -112,20 +186,28 @@ std::vector<ReachabilityCheckResult> ApplianceDriverReachabilityChecker::process
     const std::vector<DiscoveredDevice>& devices,
     const std::unordered_map<std::string, EndpointInfo>& lookup,
     const std::string& requestId) const {
-  std::unordered_map<std::string, ReachabilityCheckResult> table;
+  // Keyed by views of the same ids and filled in the same order as a table of
+  // results would be, so that results come out in that table's order.
+  std::unordered_map<std::string_view, DeviceMatch> matches;
   for (const auto& [endpointId, endpoint] : lookup) {
-    table.emplace(endpointId, ReachabilityCheckResult(endpoint.endpointId, endpoint.entityId,
-                                                      endpoint.adapterName, false,
-                                                      endpoint.capabilities, kNoDriverType));
+    matches.emplace(endpointId, DeviceMatch(endpoint));
   }
   for (const DiscoveredDevice& device : devices) {
-    updateResultWithDiscoveredDevice(device, table);
+    const auto match = matches.find(device.endpointId);
+    if (match == matches.end()) {
+      continue;
+    }
+    if (!isSupportedAdapter(device.adapterName)) {
+      logUnsupportedAdapter(device);
+      continue;
+    }
+    match->second.add(device);
   }
 
   std::vector<ReachabilityCheckResult> results;
-  results.reserve(table.size());
-  for (auto& entry : table) {
-    results.push_back(std::move(entry.second));
+  results.reserve(matches.size());
+  for (const auto& entry : matches) {
+    results.push_back(entry.second.result(*this));
   }
   logChecker(LogPriority::kInfo, LogBuilder("processDiscoveredDevices", nullptr)
                                      .d("requestId", requestId.c_str())
@@ -142,10 +224,7 @@ void ApplianceDriverReachabilityChecker::updateResultWithDiscoveredDevice(
     return;
   }
   if (!isSupportedAdapter(device.adapterName)) {
-    logChecker(LogPriority::kDebug, LogBuilder("updateResultWithDiscoveredDevice", nullptr)
-                                        .d("endpointId", device.endpointId.c_str())
-                                        .d("adapterName", device.adapterName.c_str())
-                                        .d("reason", "unsupportedAdapter"));
+    logUnsupportedAdapter(device);
     return;
   }
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 namespace veranda::commonLog {
 namespace {
@@ -41,6 +42,7 @@ std::size_t findNameEnd(const char* text, std::size_t open) {
 }  // namespace
 
 LogBuilder::LogBuilder(const char* function, const char* context) {
+  inline_[0] = '\0';
   const char* name = extractFunctionName(function);
   append('[');
   if (*name != '\0') {
@@ -74,14 +76,24 @@ void LogBuilder::beginField(const char* key) {
   append('=');
 }
 
-// Text goes straight into the stream's buffer: formatted insertion would add
-// only a sentry and a field-width check per piece, and the builder never sets
-// a width, so the line is the same.
-void LogBuilder::append(const char* text) {
-  stream_.rdbuf()->sputn(text, static_cast<std::streamsize>(std::strlen(text)));
+void LogBuilder::append(const char* text) { append(text, std::strlen(text)); }
+
+void LogBuilder::append(const char* text, std::size_t length) {
+  if (size_ + length >= capacity_) {
+    // Doubling keeps a long line (a check's details) to a few allocations.
+    const std::size_t capacity = std::max(2 * capacity_, size_ + length + 1);
+    auto grown = std::make_unique<char[]>(capacity);
+    std::memcpy(grown.get(), text_, size_);
+    heap_ = std::move(grown);
+    text_ = heap_.get();
+    capacity_ = capacity;
+  }
+  std::memcpy(text_ + size_, text, length);
+  size_ += length;
+  text_[size_] = '\0';
 }
 
-void LogBuilder::append(char character) { stream_.rdbuf()->sputc(character); }
+void LogBuilder::append(char character) { append(&character, 1); }
 
 const char* LogBuilder::extractFunctionName(const char* text) {
   thread_local char label[kLabelCapacity];

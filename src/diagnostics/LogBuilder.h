@@ -1,39 +1,58 @@
 // Builds one structured log line: "[label]: key=value key=value".
 #pragma once
 
-#include <sstream>
+#include <charconv>
+#include <cstddef>
+#include <memory>
 #include <string>
 #include <type_traits>
 
 namespace veranda::commonLog {
 
+// Integers that LogBuilder::d() writes in decimal: not booleans, and not the
+// character types, which a stream would print as characters.
+template <typename T>
+constexpr bool kIsDecimalLoggable =
+    std::is_integral_v<T> && !std::is_same_v<T, bool> && !std::is_same_v<T, char> &&
+    !std::is_same_v<T, signed char> && !std::is_same_v<T, unsigned char> &&
+    !std::is_same_v<T, wchar_t> && !std::is_same_v<T, char16_t> && !std::is_same_v<T, char32_t>;
+
 // One builder makes exactly one line: made on the stack where an event
-// happens, filled by chained d() calls, read once with str(). Not shared
-// between threads.
+// happens, filled by chained d() calls, read once with str() or c_str(). Not
+// shared between threads. A line of up to kInlineCapacity - 1 characters is
+// built without allocating.
 class LogBuilder {
  public:
+  static constexpr std::size_t kInlineCapacity = 256;
+
   // Writes the label: "[name] context" when `context` is a non-empty text
   // other than the name extracted from `function`, "[name]" otherwise, and
   // "[context]" when `function` yields no name (a lambda's "operator()").
   // `context` may be null.
   LogBuilder(const char* function, const char* context);
 
+  LogBuilder(const LogBuilder&) = delete;
+  LogBuilder& operator=(const LogBuilder&) = delete;
+
   // Appends " key=value"; the first field is preceded by ":". Text values are
   // written exactly as passed. Neither argument may be null.
   LogBuilder& d(const char* key, const char* value);
 
-  // Appends an integral value in decimal. Booleans are not accepted: write
-  // them as the texts "true" and "false".
-  template <typename T,
-            typename = std::enable_if_t<std::is_integral_v<T> && !std::is_same_v<T, bool>>>
+  // Appends an integral value in plain decimal. Booleans and character types
+  // are not accepted: write booleans as the texts "true" and "false".
+  template <typename T, typename = std::enable_if_t<kIsDecimalLoggable<T>>>
   LogBuilder& d(const char* key, T value) {
     beginField(key);
-    stream_ << value;
+    char digits[24];  // the longest 64-bit value and its sign
+    const std::to_chars_result end = std::to_chars(digits, digits + sizeof(digits), value);
+    append(digits, static_cast<std::size_t>(end.ptr - digits));
     return *this;
   }
 
   // The line built so far.
-  std::string str() const { return stream_.str(); }
+  std::string str() const { return {text_, size_}; }
+  // The line built so far, NUL-terminated; valid until the builder changes.
+  const char* c_str() const { return text_; }
 
   // The label to print for `text`: a bare name unchanged, the function name of
   // a full signature, the empty string for anything holding "operator()". The
@@ -44,9 +63,14 @@ class LogBuilder {
  private:
   void beginField(const char* key);
   void append(const char* text);
+  void append(const char* text, std::size_t length);
   void append(char character);
 
-  std::ostringstream stream_;
+  char inline_[kInlineCapacity];
+  std::unique_ptr<char[]> heap_;  // holds the line once it outgrows inline_
+  char* text_ = inline_;
+  std::size_t size_ = 0;
+  std::size_t capacity_ = kInlineCapacity;
   bool hasFields_ = false;
 };
 

@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <iterator>
 #include <string_view>
+#include <utility>
 
 #include "diagnostics/ComponentLog.h"
 #include "diagnostics/LogBuilder.h"
@@ -16,6 +18,18 @@ using applianceDriver::ApplianceDriverType;
 using commonLog::LogBuilder;
 
 constexpr std::string_view ENTITY_ID_PREFIX = "orbt1.veyra.endpoint.";
+
+// `entityId` without one leading ENTITY_ID_PREFIX (exact, case-sensitive).
+// Operations normalise once, before they take the store mutex, and are done
+// with the result when they return: it lives in a buffer of the calling thread,
+// which the next call on that thread overwrites and which keeps its capacity,
+// so that ids are normalised without allocating.
+const std::string& normalizeIntoThreadBuffer(const std::string& entityId) {
+  thread_local std::string normalized;
+  const bool prefixed = entityId.compare(0, ENTITY_ID_PREFIX.size(), ENTITY_ID_PREFIX) == 0;
+  normalized.assign(entityId, prefixed ? ENTITY_ID_PREFIX.size() : 0, std::string::npos);
+  return normalized;
+}
 
 // Writes "[function]: action=... entityId=... endpointId=...".
 void logEndpointAction(LogPriority priority, const char* function, const char* action,
@@ -57,6 +71,16 @@ void mergeInto(CachedEndpoint& stored, const CachedEndpoint& incoming) {
   }
 }
 
+// The same, moving each set in: the stored set is the incoming one either way.
+void mergeInto(CachedEndpoint& stored, CachedEndpoint&& incoming) {
+  for (auto& entry : incoming.driverCapabilities) {
+    fileCapabilities(stored.driverCapabilities, entry.first, std::move(entry.second));
+  }
+  if (!incoming.adapterName.empty()) {
+    stored.adapterName = incoming.adapterName;
+  }
+}
+
 // True when driver type 0 or 1 reported the endpoint, even with no capability.
 bool reachedByDriver(const CachedEndpoint& endpoint) {
   return endpoint.driverCapabilities.count(ApplianceDriverType::NATIVE) != 0 ||
@@ -65,12 +89,8 @@ bool reachedByDriver(const CachedEndpoint& endpoint) {
 
 }  // namespace
 
-// Operations normalise before they take the store mutex: the copy needs no lock.
 std::string CacheCore::normalizeEntityId(const std::string& entityId) {
-  if (entityId.compare(0, ENTITY_ID_PREFIX.size(), ENTITY_ID_PREFIX) == 0) {
-    return entityId.substr(ENTITY_ID_PREFIX.size());
-  }
-  return entityId;
+  return normalizeIntoThreadBuffer(entityId);
 }
 
 CacheCore::CacheCore(unsigned int maxSize) : maxSize_(maxSize) {
@@ -81,8 +101,15 @@ CacheCore::~CacheCore() = default;
 
 // ---- Changes ----
 
-bool CacheCore::insertEndpoint(const CachedEndpoint& endpoint) {
-  const std::string entityId = normalizeEntityId(endpoint.entityId);
+bool CacheCore::insertEndpoint(const CachedEndpoint& endpoint) { return insertRecord(endpoint); }
+
+bool CacheCore::insertEndpoint(CachedEndpoint&& endpoint) {
+  return insertRecord(std::move(endpoint));
+}
+
+template <typename Record>
+bool CacheCore::insertRecord(Record&& endpoint) {
+  const std::string& entityId = normalizeIntoThreadBuffer(endpoint.entityId);
   MutexLock lock(storeMutex);
   if (refusedForEmptyId(endpoint)) {
     return false;
@@ -97,23 +124,24 @@ bool CacheCore::insertEndpoint(const CachedEndpoint& endpoint) {
     return false;
   }
   std::vector<CachedEndpoint>& endpoints = entityIndex[entityId];
-  const auto stored = findEndpointInVector(endpoints, endpoint.endpointId);
+  auto stored = findEndpointInVector(endpoints, endpoint.endpointId);
   if (stored == endpoints.end()) {
-    endpoints.push_back(endpoint);
+    endpoints.push_back(std::forward<Record>(endpoint));
+    stored = std::prev(endpoints.end());
     // A fresh string: assigned in place, the stored id would keep the
     // capacity of the id as passed, prefix included.
-    endpoints.back().entityId = std::string(entityId);
+    stored->entityId = std::string(entityId);
     logEndpointAction(entityKnown ? LogPriority::kDebug : LogPriority::kInfo, "insertEndpoint",
-                      entityKnown ? "appended" : "newEntity", entityId, endpoint.endpointId);
+                      entityKnown ? "appended" : "newEntity", entityId, stored->endpointId);
   } else {
-    mergeInto(*stored, endpoint);
+    mergeInto(*stored, std::forward<Record>(endpoint));
     logStore(LogPriority::kDebug, LogBuilder("insertEndpoint", nullptr)
                                       .d("action", "merged")
                                       .d("entityId", entityId.c_str())
-                                      .d("endpointId", endpoint.endpointId.c_str())
+                                      .d("endpointId", stored->endpointId.c_str())
                                       .d("driverCount", stored->driverCapabilities.size()));
   }
-  endpointIndex[endpoint.endpointId] = entityId;
+  endpointIndex[stored->endpointId] = entityId;
   return true;
 }
 
@@ -122,7 +150,7 @@ bool CacheCore::insertEndpoint(const EndpointInfo& info) {
 }
 
 bool CacheCore::removeEndpoint(const std::string& entityId, const std::string& endpointId) {
-  const std::string id = normalizeEntityId(entityId);
+  const std::string& id = normalizeIntoThreadBuffer(entityId);
   MutexLock lock(storeMutex);
   std::vector<CachedEndpoint>* endpoints = findEndpointsMutableLocked(id);
   if (endpoints == nullptr) {
@@ -147,7 +175,7 @@ bool CacheCore::removeEndpoint(const std::string& entityId, const std::string& e
 }
 
 bool CacheCore::removeEntity(const std::string& entityId) {
-  const std::string id = normalizeEntityId(entityId);
+  const std::string& id = normalizeIntoThreadBuffer(entityId);
   MutexLock lock(storeMutex);
   const auto entity = entityIndex.find(id);
   if (entity == entityIndex.end()) {
@@ -179,7 +207,7 @@ void CacheCore::clear() {
 
 bool CacheCore::clearEndpointCapabilities(const std::string& entityId,
                                           const std::string& endpointId) {
-  const std::string id = normalizeEntityId(entityId);
+  const std::string& id = normalizeIntoThreadBuffer(entityId);
   MutexLock lock(storeMutex);
   std::vector<CachedEndpoint>* endpoints = findEndpointsMutableLocked(id);
   if (endpoints == nullptr) {
@@ -213,7 +241,7 @@ bool CacheCore::isFull() const {
 // ---- Queries ----
 
 bool CacheCore::isEntityPresent(const std::string& entityId) const {
-  const std::string id = normalizeEntityId(entityId);
+  const std::string& id = normalizeIntoThreadBuffer(entityId);
   MutexLock lock(storeMutex);
   const bool present = findEndpointsLocked(id) != nullptr;
   logStore(LogPriority::kDebug, LogBuilder("isEntityPresent", nullptr)
@@ -223,7 +251,7 @@ bool CacheCore::isEntityPresent(const std::string& entityId) const {
 }
 
 bool CacheCore::isEntityReachable(const std::string& entityId) const {
-  const std::string id = normalizeEntityId(entityId);
+  const std::string& id = normalizeIntoThreadBuffer(entityId);
   MutexLock lock(storeMutex);
   LogBuilder line("isEntityReachable", nullptr);
   line.d("entityId", id.c_str());
@@ -244,7 +272,7 @@ bool CacheCore::isEntityReachable(const std::string& entityId) const {
 
 bool CacheCore::isCapabilityReachable(const std::string& entityId,
                                       const CapabilityKey& capabilityKey) const {
-  const std::string id = normalizeEntityId(entityId);
+  const std::string& id = normalizeIntoThreadBuffer(entityId);
   MutexLock lock(storeMutex);
   LogBuilder line("isCapabilityReachable", nullptr);
   line.d("entityId", id.c_str()).d("capability", capabilityKey.capability.c_str());
@@ -271,7 +299,7 @@ bool CacheCore::isCapabilityReachable(const std::string& entityId,
 bool CacheCore::isCapabilityReachableByDriver(const std::string& entityId,
                                               const CapabilityKey& capabilityKey,
                                               ApplianceDriverType driverType) const {
-  const std::string id = normalizeEntityId(entityId);
+  const std::string& id = normalizeIntoThreadBuffer(entityId);
   MutexLock lock(storeMutex);
   LogBuilder line("isCapabilityReachableByDriver", nullptr);
   line.d("entityId", id.c_str())
@@ -295,7 +323,7 @@ bool CacheCore::isCapabilityReachableByDriver(const std::string& entityId,
 }
 
 std::string CacheCore::getEndpointIdForEntity(const std::string& entityId) const {
-  const std::string id = normalizeEntityId(entityId);
+  const std::string& id = normalizeIntoThreadBuffer(entityId);
   MutexLock lock(storeMutex);
   const std::vector<CachedEndpoint>* endpoints = findEndpointsLocked(id);
   std::string endpointId = endpoints == nullptr ? "" : endpoints->front().endpointId;
@@ -319,7 +347,7 @@ std::string CacheCore::getEntityIdForEndpoint(const std::string& endpointId) con
 
 std::string CacheCore::getAdapterName(const std::string& entityId,
                                       const std::string& endpointId) const {
-  const std::string id = normalizeEntityId(entityId);
+  const std::string& id = normalizeIntoThreadBuffer(entityId);
   MutexLock lock(storeMutex);
   const std::vector<CachedEndpoint>* endpoints = findEndpointsLocked(id);
   if (endpoints == nullptr) {
@@ -330,7 +358,7 @@ std::string CacheCore::getAdapterName(const std::string& entityId,
 }
 
 std::vector<EndpointInfo> CacheCore::getEndpointsForEntity(const std::string& entityId) const {
-  const std::string id = normalizeEntityId(entityId);
+  const std::string& id = normalizeIntoThreadBuffer(entityId);
   std::vector<EndpointInfo> result;
   MutexLock lock(storeMutex);
   const std::vector<CachedEndpoint>* endpoints = findEndpointsLocked(id);

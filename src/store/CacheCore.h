@@ -51,6 +51,9 @@ class CacheCore {
   // Refuses empty ids and, when full, endpoints of new entities. True when
   // the store now holds the endpoint.
   bool insertEndpoint(const CachedEndpoint& endpoint) RC_EXCLUDES(storeMutex);
+  // The same, taking over the record's strings and capability sets rather
+  // than copying them.
+  bool insertEndpoint(CachedEndpoint&& endpoint) RC_EXCLUDES(storeMutex);
   // Inserts `info` with its capabilities filed under driver type 2.
   bool insertEndpoint(const EndpointInfo& info) RC_EXCLUDES(storeMutex);
   // Removes one endpoint of one entity, and the entity with its last endpoint.
@@ -128,6 +131,10 @@ class CacheCore {
       std::vector<CachedEndpoint>& endpoints, const std::string& endpointId);
 
  private:
+  // Both insertEndpoint() overloads: copies from an lvalue, moves from an rvalue.
+  template <typename Record>
+  bool insertRecord(Record&& endpoint) RC_EXCLUDES(storeMutex);
+
   std::unordered_map<std::string, std::vector<CachedEndpoint>> entityIndex
       RC_GUARDED_BY(storeMutex);
   std::unordered_map<std::string, std::string> endpointIndex RC_GUARDED_BY(storeMutex);

@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <limits>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "diagnostics/ComponentLog.h"
@@ -143,7 +144,8 @@ void ReachabilityUpdater::performPeriodicUpdate() {
              LogBuilder("performPeriodicUpdate", nullptr).d("endpointCount", endpoints.size()));
   const std::string requestId = kPeriodicPrefix + generateRequestId();
 
-  std::unordered_set<std::string> currentEndpointIds;
+  // Views of the provider's ids: `endpoints` outlives the sweep.
+  std::unordered_set<std::string_view> currentEndpointIds;
   currentEndpointIds.reserve(endpoints.size());
   for (const EndpointInfo& endpoint : endpoints) {
     currentEndpointIds.insert(endpoint.endpointId);
@@ -161,7 +163,7 @@ void ReachabilityUpdater::performPeriodicUpdate() {
 }
 
 void ReachabilityUpdater::removeStaleEntries(
-    const std::unordered_set<std::string>& currentEndpointIds) {
+    const std::unordered_set<std::string_view>& currentEndpointIds) {
   for (const auto& [endpointId, entityId] : cache->getCachedEndpointIds()) {
     if (currentEndpointIds.count(endpointId) == 0) {
       cache->removeEndpoint(entityId, endpointId);
@@ -232,9 +234,9 @@ void ReachabilityUpdater::processReachabilityResults(
 
 bool ReachabilityUpdater::processReachableEndpoint(const ReachabilityCheckResult& result,
                                                    bool wasReachable) {
-  const CachedEndpoint endpoint(result.endpointId, result.entityId, result.adapterName,
-                                result.driverType, result.capabilities);
-  const bool inserted = cache->insertEndpoint(endpoint);
+  const bool inserted =
+      cache->insertEndpoint(CachedEndpoint(result.endpointId, result.entityId, result.adapterName,
+                                           result.driverType, result.capabilities));
   if (inserted && !wasReachable) {
     cache->notifyReachabilityListeners(result.endpointId, result.entityId, true);
   }

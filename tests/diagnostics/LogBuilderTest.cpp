@@ -31,6 +31,12 @@ TEST(LogBuilderTest, FieldsFollowOneColonAndAreWrittenVerbatim) {
                                .d("odd", "a b=c %s %d")
                                .str();
   EXPECT_EQ(line, "[~ReachabilityCache]: event=cacheDestroyed cacheSize=3 odd=a b=c %s %d");
+  // A line longer than the builder's own buffer is kept whole.
+  const std::string details(3 * LogBuilder::kInlineCapacity, 'x');
+  LogBuilder longLine("f", nullptr);
+  longLine.d("a", details.c_str()).d("b", details.c_str()).d("n", 7);
+  EXPECT_EQ(longLine.str(), "[f]: a=" + details + " b=" + details + " n=7");
+  EXPECT_STREQ(longLine.c_str(), longLine.str().c_str());
 }
 
 TEST(LogBuilderTest, IntegersAreWrittenWholeInDecimal) {
