@@ -9,13 +9,10 @@
 
 namespace veranda::commonLog {
 
-// Integers that LogBuilder::d() writes in decimal: not booleans, and not the
-// character types, which a stream would print as characters.
+// The narrow character types, which a stream writes as the character itself.
 template <typename T>
-constexpr bool kIsDecimalLoggable =
-    std::is_integral_v<T> && !std::is_same_v<T, bool> && !std::is_same_v<T, char> &&
-    !std::is_same_v<T, signed char> && !std::is_same_v<T, unsigned char> &&
-    !std::is_same_v<T, wchar_t> && !std::is_same_v<T, char16_t> && !std::is_same_v<T, char32_t>;
+constexpr bool kIsNarrowCharacter =
+    std::is_same_v<T, char> || std::is_same_v<T, signed char> || std::is_same_v<T, unsigned char>;
 
 // One builder makes exactly one line: made on the stack where an event
 // happens, filled by chained d() calls, read once with str() or c_str(). Not
@@ -38,14 +35,20 @@ class LogBuilder {
   // written exactly as passed. Neither argument may be null.
   LogBuilder& d(const char* key, const char* value);
 
-  // Appends an integral value in plain decimal. Booleans and character types
-  // are not accepted: write booleans as the texts "true" and "false".
-  template <typename T, typename = std::enable_if_t<kIsDecimalLoggable<T>>>
+  // Appends an integral value in plain decimal, as a stream with the default
+  // formatting writes it (a narrow character type as the character itself).
+  // Booleans are not accepted: write them as the texts "true" and "false".
+  template <typename T,
+            typename = std::enable_if_t<std::is_integral_v<T> && !std::is_same_v<T, bool>>>
   LogBuilder& d(const char* key, T value) {
     beginField(key);
-    char digits[24];  // the longest 64-bit value and its sign
-    const std::to_chars_result end = std::to_chars(digits, digits + sizeof(digits), value);
-    append(digits, static_cast<std::size_t>(end.ptr - digits));
+    if constexpr (kIsNarrowCharacter<T>) {
+      append(static_cast<char>(value));
+    } else {
+      char digits[24];  // the longest 64-bit value and its sign
+      const std::to_chars_result end = std::to_chars(digits, digits + sizeof(digits), +value);
+      append(digits, static_cast<std::size_t>(end.ptr - digits));
+    }
     return *this;
   }
 
