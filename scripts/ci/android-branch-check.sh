@@ -52,7 +52,7 @@ echo "== what the Android branch leaves out and links"
 [ ! -e "${prefix}/lib/libverandaApplianceDriver.so" ] || fail "the simulated driver was installed"
 [ -e "${prefix}/include/reachabilityCache/platform/applianceDriver/ApplianceDriver.h" ] ||
   fail "the driver's header is missing"
-dynamic="$(readelf -d "${prefix}/lib/libreachabilityCache.so.1")"
+dynamic="$(readelf -d "${prefix}/lib/libreachabilityCache.so.2")"
 grep -q 'NEEDED.*\[liblog\.so' <<<"${dynamic}" || fail "libreachabilityCache.so does not need liblog"
 grep -q 'NEEDED.*\[libstubApplianceDriver\.so\]' <<<"${dynamic}" ||
   fail "libreachabilityCache.so does not need the platform's driver library"

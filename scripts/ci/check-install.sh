@@ -21,9 +21,9 @@ cmake -S "${root}" -B "${build}" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
 cmake --build "${build}" -j2
 cmake --install "${build}" --prefix "${prefix}" >/dev/null
 
-library="${prefix}/lib/libreachabilityCache.so.1"
-readelf -d "${library}" | grep -q 'SONAME.*\[libreachabilityCache\.so\.1\]' ||
-  { echo "check-install: ${library} lacks the SONAME libreachabilityCache.so.1" >&2; exit 1; }
+library="${prefix}/lib/libreachabilityCache.so.2"
+readelf -d "${library}" | grep -q 'SONAME.*\[libreachabilityCache\.so\.2\]' ||
+  { echo "check-install: ${library} lacks the SONAME libreachabilityCache.so.2" >&2; exit 1; }
 
 if grep -rlF "${root}" "${prefix}/include" "${prefix}/lib/cmake" "${prefix}/lib/pkgconfig"; then
   echo "check-install: the files above refer to the source or build tree" >&2
