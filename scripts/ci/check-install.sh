@@ -56,6 +56,16 @@ for file in lib/cmake/reachabilityCache/reachabilityCacheSimulationTargets.cmake
   share/doc/reachabilityCache/LICENSE share/doc/reachabilityCache/CHANGELOG.md; do
   [ -e "${prefix}/${file}" ] || fail "${file} was not installed"
 done
+# A platform kit's own driver header on the include path wins over the
+# stand-in's, even where the package's flags come first.
+mkdir -p "${work}/kit/applianceDriver"
+{ echo '#define FROM_THE_KIT 1'; cat platform/applianceDriver/ApplianceDriver.h; } \
+  >"${work}/kit/applianceDriver/ApplianceDriver.h"
+# shellcheck disable=SC2046  # pkg-config prints several flags
+printf '#include "reachabilityCache/ReachabilityCache.h"\n#ifndef FROM_THE_KIT\n#error\n#endif\n' |
+  g++ -std=c++17 -fsyntax-only -x c++ - \
+    $(PKG_CONFIG_PATH="${libdir}/pkgconfig" pkg-config --cflags reachabilityCache) \
+    -I "${work}/kit" || fail "the stand-ins' driver header shadows a platform kit's"
 if grep -rlF "${root}" "${prefix}/include" "${prefix}/lib/cmake" "${prefix}/lib/pkgconfig"; then
   fail "the files above refer to the source or build tree"
 fi
