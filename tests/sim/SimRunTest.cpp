@@ -225,6 +225,19 @@ TEST(SimRunTest, AFastRunIsTheSameOnEveryTry) {
   EXPECT_EQ(first.table, second.table);
   EXPECT_EQ(timelineSvg(first.report), timelineSvg(second.report));
   expectTrackerAgrees(first);
+  // Every notification is counted; the picture's marks are thinned to what
+  // its width can show (a 2000th of the duration apart).
+  std::size_t counted = 0;
+  std::size_t marks = 0;
+  for (const EntityHistory& history : first.report.histories) {
+    counted += history.notifications;
+    marks += history.notifiedAtMs.size();
+    for (std::size_t k = 1; k < history.notifiedAtMs.size(); ++k) {
+      ASSERT_GE(history.notifiedAtMs[k] - history.notifiedAtMs[k - 1], 15);
+    }
+  }
+  EXPECT_EQ(counted, first.report.notifications);
+  EXPECT_LT(marks, counted);
 }
 
 // Answers take their time from the scenario's range, except that none comes

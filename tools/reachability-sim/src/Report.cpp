@@ -121,8 +121,7 @@ void printFinalTable(const RunReport& report, std::ostream& out) {
     changes += answerChanges(history);
     char counts[64];
     std::snprintf(counts, sizeof(counts), "%7zu  %8zu  %13s", answerChanges(history),
-                  history.notifiedAtMs.size(),
-                  seconds(reachableMs(history, report.durationMs)).c_str());
+                  history.notifications, seconds(reachableMs(history, report.durationMs)).c_str());
     std::string line = padded(row.entityId, entityWidth) + "  " +
                        padded(!row.cached     ? "not cached"
                               : row.reachable ? "yes"

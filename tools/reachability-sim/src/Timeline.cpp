@@ -9,6 +9,8 @@ namespace veranda::reachabilityCache::sim {
 namespace {
 
 constexpr int kWidestColumn = 32;
+// The picture is 900 px wide: marks closer than half a pixel cannot be told apart.
+constexpr int64_t kMarksPerRow = 2000;
 const std::string kEntityPrefix = "orbt1.veyra.endpoint.";
 
 int columnWidth(const std::vector<std::string>& values, int minimum) {
@@ -72,7 +74,10 @@ int64_t reachableMs(const EntityHistory& history, int64_t endMs) {
 }
 
 Timeline::Timeline(const Scenario& scenario, const RunClock& clock, std::ostream* out)
-    : clock_(clock), out_(out), entities_(scenario.entities) {
+    : clock_(clock),
+      out_(out),
+      entities_(scenario.entities),
+      markSpacingMs_(std::max<int64_t>(scenario.durationMs / kMarksPerRow, 1)) {
   std::vector<std::string> endpoints;
   std::vector<std::string> adapters;
   for (const Device& device : scenario.devices) {
@@ -152,8 +157,11 @@ void Timeline::notification(const std::string& endpointId, const std::string& en
   ++notifications_;
   toldReachable_ += reachable ? 1 : 0;
   if (entity != std::string::npos) {
-    histories_[entity].notifiedAtMs.push_back(atMs);
-    histories_[entity].toldReachable += reachable ? 1 : 0;
+    EntityHistory& history = histories_[entity];
+    ++history.notifications;
+    if (history.notifiedAtMs.empty() || atMs - history.notifiedAtMs.back() >= markSpacingMs_) {
+      history.notifiedAtMs.push_back(atMs);
+    }
     // Only a cached entity is announced.
     recordLocked(entity, atMs,
                  entityReachable ? EntityState::kReachable : EntityState::kUnreachable);

@@ -23,12 +23,13 @@ struct StateChange {
 };
 
 // What a run saw of one entity: what the picture and the final table need.
-// It grows with the entity's changes and notifications, not with the run's
-// length.
+// It grows with the entity's changes of state; its notification times are
+// thinned to what the picture can tell apart, so that they grow with the
+// picture's width, not with the run's length.
 struct EntityHistory {
   std::vector<StateChange> states{{0, EntityState::kAbsent}};  // each change, in time order
-  std::vector<int64_t> notifiedAtMs;  // when listeners were told about the entity
-  std::size_t toldReachable = 0;      // notifications that said "reachable"
+  std::vector<int64_t> notifiedAtMs;  // when listeners were told, none closer than the spacing
+  std::size_t notifications = 0;      // every time listeners were told about the entity
 };
 
 // How often isEntityReachable of the entity changed its answer.
@@ -47,6 +48,8 @@ int64_t reachableMs(const EntityHistory& history, int64_t endMs);
 class Timeline {
  public:
   // `out` receives the timeline; null prints nothing. Times come from `clock`.
+  // Notification times are kept no closer than a 2000th of the scenario's
+  // duration per entity.
   Timeline(const Scenario& scenario, const RunClock& clock, std::ostream* out);
 
   // Prints the heading; `tracker` adds the tracker's column.
@@ -95,6 +98,7 @@ class Timeline {
   int entityWidth_;
   int endpointWidth_;
   int adapterWidth_;
+  int64_t markSpacingMs_;
 
   mutable std::mutex mutex_;
   bool stopped_ = false;
