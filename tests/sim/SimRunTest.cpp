@@ -167,7 +167,9 @@ TEST(SimRunTest, PlaysTheHomeInVirtualTimeAndTellsEveryChangeWhenItHappens) {
   EXPECT_EQ(states(report, 4), "a@0 r@1000 a@2000");
   EXPECT_EQ(states(report, 5), "a@0 r@1200 a@2000");
   std::string table;
-  for (const TableRow& row : report.table) table += row.cached ? (row.reachable ? 'R' : 'U') : '-';
+  for (const TableRow& row : report.table) {
+    table += row.cached ? (row.reachable ? 'R' : 'U') : '-';
+  }
   EXPECT_EQ(table, "RRR---");
   EXPECT_EQ(report.table[2].preferredEndpoint, "speaker-wifi");
   EXPECT_NE(played.table.find("\nplug     yes              3         4            1 s  plug-wifi "),
