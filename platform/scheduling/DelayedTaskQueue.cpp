@@ -122,8 +122,13 @@ class DelayedTaskQueue::Worker final : public TimeSource::Queue {
     }
   }
 
+  // The worker is woken only when it has to look again: a new mode, moved
+  // due times, or a task that the new time makes due. Time moving past a
+  // queue with nothing due costs that queue nothing.
   void timeChanged(bool virtualTime, std::chrono::nanoseconds shift) override {
     std::lock_guard<std::mutex> lock(mutex_);
+    const bool wake = virtual_ != virtualTime || shift != std::chrono::nanoseconds::zero() ||
+                      (!tasks_.empty() && tasks_.begin()->first.first <= nowLockedIn(virtualTime));
     virtual_ = virtualTime;
     toldOfTime_ = true;
     if (shift != std::chrono::nanoseconds::zero()) {
@@ -136,7 +141,9 @@ class DelayedTaskQueue::Worker final : public TimeSource::Queue {
       tasks_.swap(shifted);
     }
     refreshLocked();
-    wake_.notify_one();
+    if (wake) {
+      wake_.notify_one();
+    }
   }
 
   bool nextDue(TimePoint& due) const override {
@@ -156,8 +163,9 @@ class DelayedTaskQueue::Worker final : public TimeSource::Queue {
   };
   using Tasks = std::map<Key, Entry>;
 
-  TimePoint nowLocked() const {
-    return virtual_ ? time_.virtualNow() : std::chrono::steady_clock::now();
+  TimePoint nowLocked() const { return nowLockedIn(virtual_); }
+  TimePoint nowLockedIn(bool virtualTime) const {
+    return virtualTime ? time_.virtualNow() : std::chrono::steady_clock::now();
   }
 
   // The length of the chain of tasks posted without delay that a task posted

@@ -69,8 +69,8 @@ TEST(SafeTextTest, PicturesAreWellFormedXmlWhateverTheIds) {
   report.durationMs = 1000;
   for (const std::string& entity : kHostile) {
     report.entities.push_back(entity);
-    report.states.push_back({{0, sim::EntityState::kAbsent}, {10, sim::EntityState::kReachable}});
-    report.notifications.push_back({10, entity, "ep", "A", true, true});
+    report.histories.push_back(
+        {{{0, sim::EntityState::kAbsent}, {10, sim::EntityState::kReachable}}, {10}, 1});
   }
   EXPECT_EQ(xmlProblems(sim::timelineSvg(report)), "");
 
@@ -106,14 +106,19 @@ TEST(SafeTextTest, TheSimulatorsTerminalOutputShowsControlsAsEscapes) {
   scenario.devices[1].entityId = kHostile[4];
   scenario.devices[1].adapterName = "A";
   std::ostringstream out;
-  sim::Timeline timeline(scenario, &out);
-  timeline.start();
+  const sim::RunClock clock(false);
+  sim::Timeline timeline(scenario, clock, &out);
+  timeline.start(true);
   timeline.notification("ep\x1b", kHostile[1], "ADAPTER\x07", true, true);
+  timeline.trackerChange(kHostile[1], true);
   timeline.action({0, sim::Action::kOffline, "ep\x1b"}, scenario.devices[0], "now\x1b");
+  timeline.observe(kHostile[4], sim::EntityState::kReachable);
+  timeline.remark(kHostile[4], "was refused\x1b");
   sim::printHomeSummary(scenario, out);
   sim::RunReport report;
   report.preferredAdapter = "A\x1b";
   report.table = {{kHostile[1], true, true, {{"ep\x1b", "ADAPTER\x07"}}, "ep\x1b"}};
+  report.histories.resize(1);
   sim::printFinalTable(report, out);
   EXPECT_FALSE(hasRawControl(out.str())) << out.str();
   EXPECT_NE(out.str().find("\\x1b[31mred\\x07 plug\\x01"), std::string::npos);

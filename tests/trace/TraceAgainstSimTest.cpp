@@ -18,9 +18,8 @@
 namespace veranda::reachabilityCache::trace::testing {
 namespace {
 
-// A few seconds of a flapping generated home. (Once the simulator has
-// virtual time, "--fast" joins these options.)
-const char* const kHome = "--devices 30 --duration 4 --interval 1 --flap-rate 30";
+// A few seconds of a flapping generated home, in virtual time.
+const char* const kHome = "--devices 30 --duration 4 --interval 1 --flap-rate 30 --fast";
 
 std::string readFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);

@@ -2,20 +2,13 @@
 
 #include <cmath>
 
+#include "SplitMix.h"
+
 namespace veranda::reachabilityCache::sim {
 namespace {
 
 constexpr int64_t kShortestDropMs = 200;
 constexpr int64_t kLongestDropMs = 3000;
-
-// SplitMix64: eight bytes of state per device, the same numbers on every
-// platform and standard library.
-uint64_t nextRandom(uint64_t& state) {
-  uint64_t z = (state += 0x9E3779B97F4A7C15ULL);
-  z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ULL;
-  z = (z ^ (z >> 27)) * 0x94D049BB133111EBULL;
-  return z ^ (z >> 31);
-}
 
 // Uniform in [0, 1).
 double nextUnit(uint64_t& state) {

@@ -126,6 +126,8 @@ struct RawOptions {
   std::string flapRate;
   std::string seed;
   std::string logLevel;
+  bool tracker = false;
+  bool noTracker = false;
 };
 
 const char* const kDescription =
@@ -134,16 +136,19 @@ const char* const kDescription =
     "and shows what the cache decided.\n\n"
     "Standard output: a timeline of every listener notification (seconds since the\n"
     "cache was created, entity, endpoint, adapter, new state, and what\n"
-    "isEntityReachable answers at that moment), interleaved with what the home did\n"
-    "(*), each periodic cycle (.) and entities leaving the cache unannounced (~);\n"
-    "then a table of every entity as the cache holds it at the end.\n"
+    "isEntityReachable answers at that moment) and, in the last column, each change\n"
+    "of isEntityReachable as an entity tracker tells it, interleaved with what the\n"
+    "home did (*, before what it causes), each periodic cycle (.) and changes that\n"
+    "listeners are not told (~); then a table of every entity as the cache holds it\n"
+    "at the end.\n"
     "Standard error: the library's own log lines, logcat style.\n\n"
     "Home (default: the embedded home, 17 entities on all seven adapters, 10 s).\n"
     "Options override the home's own timing. The first cycle is always 1 s after\n"
     "start; connectivity events (flaps) are timed to the millisecond and reach the\n"
-    "cache between cycles.\n";
+    "cache between cycles. The run takes as long as the home's duration, or with\n"
+    "--fast as long as the work takes.\n";
 
-const char* const kFooter = R"(Scenario file (JSON; unknown keys are errors):
+const char* const kFooter = R"(Scenario file (JSON; unknown keys and keys given twice are errors):
   {
     "name": "my flat",                 optional
     "duration": 10,                    seconds, optional
@@ -221,6 +226,16 @@ void describe(CLI::App& app, Options& options, RawOptions& raw) {
                  "lowest library log priority shown: debug (default),\ninfo, warn or error")
       ->type_name("LEVEL")
       ->check(logLevel());
+  app.add_flag("--fast", options.fast,
+               "plays in virtual time, as fast as the machine\n"
+               "allows: the same home and seed print the same\n"
+               "standard output on every run");
+  app.add_flag("--tracker", raw.tracker,
+               "an entity tracker beside the listener: its changes\n"
+               "of isEntityReachable in the last column (the\n"
+               "default, except for a generated home, where its\n"
+               "work at each event grows with the entities)");
+  app.add_flag("--no-tracker", raw.noTracker, "no entity tracker");
   app.add_flag("-q,--quiet", options.quiet, "no library log lines at all");
 }
 
@@ -245,6 +260,9 @@ void convert(const RawOptions& raw, Options& options) {
   }
   if (!raw.logLevel.empty()) {
     options.logPriority = logLevels().at(raw.logLevel);
+  }
+  if (raw.tracker || raw.noTracker) {
+    options.tracker = raw.tracker;
   }
 }
 
@@ -297,7 +315,8 @@ OptionsResult parseOptions(const std::vector<std::string>& arguments) {
     return result;
   }
   convert(raw, result.options);
-  result.error = checkCombination(result.options);
+  result.error = raw.tracker && raw.noTracker ? "--tracker and --no-tracker cannot be combined"
+                                              : checkCombination(result.options);
   result.ok = result.error.empty();
   return result;
 }

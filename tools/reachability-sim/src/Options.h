@@ -20,6 +20,8 @@ struct Options {
   std::string timelinePath;                // --timeline
   int logPriority = 3;                     // --log-level, as an Android log priority
   bool quiet = false;                      // --quiet: no library log lines at all
+  bool fast = false;                       // --fast: virtual time
+  std::optional<bool> tracker;             // --tracker / --no-tracker
 };
 
 struct OptionsResult {

@@ -47,6 +47,21 @@ std::string endpointsText(const TableRow& row) {
   return text;
 }
 
+// What the run plays: the listed events and the flaps made up as it goes.
+std::string eventsText(const Scenario& scenario) {
+  std::string text;
+  if (!scenario.events.empty() || !(scenario.flaps.perMinute > 0)) {
+    text = std::to_string(scenario.events.size()) + " events";
+  }
+  if (scenario.flaps.perMinute > 0) {
+    char flaps[96];
+    std::snprintf(flaps, sizeof(flaps), "drops generated at %g per device per minute",
+                  scenario.flaps.perMinute);
+    text += (text.empty() ? "" : " and ") + std::string(flaps);
+  }
+  return text;
+}
+
 // The text made safe for a terminal, padded to `width` characters.
 std::string padded(const std::string& text, std::size_t width) {
   return tools::terminalPadded(text, width);
@@ -71,7 +86,7 @@ void printHomeSummary(const Scenario& scenario, std::ostream& out) {
   }
   out << "Home: " << (scenario.name.empty() ? "(unnamed)" : tools::terminalText(scenario.name))
       << " - " << scenario.entities.size() << " entities, " << scenario.devices.size()
-      << " devices, " << scenario.events.size() << " events; runs " << seconds(scenario.durationMs)
+      << " devices, " << eventsText(scenario) << "; runs " << seconds(scenario.durationMs)
       << ", refresh every " << scenario.intervalSeconds << " s (the first cycle 1 s after start)\n";
   printDeviceList("on adapters the cache does not support", unsupported, out);
   printDeviceList("offline at start", offline, out);
@@ -90,33 +105,39 @@ void printFinalTable(const RunReport& report, std::ostream& out) {
   }
   entityWidth = std::min<std::size_t>(entityWidth, 32);
   endpointsWidth = std::min<std::size_t>(endpointsWidth, 72);
-  out << "\nThe cache at the end (" << seconds(report.durationMs) << "):\n"
-      << padded("entity", entityWidth) << "  reachable  " << padded("endpoints", endpointsWidth)
-      << "  " << preferredHeading << '\n';
+  out << "\nThe cache at the end (" << seconds(report.durationMs)
+      << "); over the run, per entity: changes of isEntityReachable, notifications, time "
+         "reachable:\n"
+      << padded("entity", entityWidth) << "  reachable  changes  notified  reachable for  "
+      << padded("endpoints", endpointsWidth) << "  " << preferredHeading << '\n';
   std::size_t reachable = 0;
   std::size_t cached = 0;
-  for (const TableRow& row : report.table) {
+  std::size_t changes = 0;
+  for (std::size_t i = 0; i < report.table.size(); ++i) {
+    const TableRow& row = report.table[i];
+    const EntityHistory& history = report.histories[i];
     cached += row.cached ? 1 : 0;
     reachable += row.reachable ? 1 : 0;
+    changes += answerChanges(history);
+    char counts[64];
+    std::snprintf(counts, sizeof(counts), "%7zu  %8zu  %13s", answerChanges(history),
+                  history.notifications, seconds(reachableMs(history, report.durationMs)).c_str());
     std::string line = padded(row.entityId, entityWidth) + "  " +
                        padded(!row.cached     ? "not cached"
                               : row.reachable ? "yes"
                                               : "no",
-                              9) +
-                       "  " + padded(endpointsText(row), endpointsWidth) + "  " +
+                              10) +
+                       " " + counts + "  " + padded(endpointsText(row), endpointsWidth) + "  " +
                        tools::terminalText(row.preferredEndpoint);
     line.erase(line.find_last_not_of(' ') + 1);
     out << line << '\n';
   }
-  const auto told = static_cast<std::size_t>(
-      std::count_if(report.notifications.begin(), report.notifications.end(),
-                    [](const Notification& notification) { return notification.reachable; }));
   out << "\n"
       << report.table.size() << " entities: " << reachable << " reachable, " << cached - reachable
       << " cached but unreachable, " << report.table.size() - cached << " not cached. "
-      << report.notifications.size() << " notifications (" << told << " reachable, "
-      << report.notifications.size() - told << " unreachable) in " << report.cycleTimesMs.size()
-      << " periodic cycles.\n";
+      << report.notifications << " notifications (" << report.toldReachable << " reachable, "
+      << report.notifications - report.toldReachable << " unreachable) and " << changes
+      << " changes of isEntityReachable in " << report.cycleTimesMs.size() << " periodic cycles.\n";
 }
 
 }  // namespace veranda::reachabilityCache::sim

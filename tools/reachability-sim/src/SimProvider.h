@@ -18,8 +18,14 @@ namespace veranda::reachabilityCache::sim {
 // on the cache's worker, outside the provider's lock.
 class SimProvider : public ICHRProvider {
  public:
+  // Told at each query: how many endpoints it names, and the entities of the
+  // devices it does not name (those whose endpoints a sweep may drop), each
+  // once, in scenario order.
+  using QueryCallback =
+      std::function<void(std::size_t named, const std::vector<std::string>& unnamedEntities)>;
+
   // Named at first: the devices that are present at the start.
-  SimProvider(const Scenario& scenario, std::function<void(std::size_t named)> onQuery);
+  SimProvider(const Scenario& scenario, QueryCallback onQuery);
 
   // Starts or stops naming the device with this endpoint id.
   void setNamed(const std::string& endpointId, bool named);
@@ -28,7 +34,7 @@ class SimProvider : public ICHRProvider {
 
  private:
   std::vector<EndpointInfo> records_;  // every device, in scenario order
-  std::function<void(std::size_t)> onQuery_;
+  QueryCallback onQuery_;
   std::mutex mutex_;
   std::vector<bool> named_;  // guarded by mutex_; parallel to records_
 };

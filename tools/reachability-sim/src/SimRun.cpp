@@ -1,19 +1,21 @@
 #include "SimRun.h"
 
-#include <algorithm>
 #include <chrono>
-#include <limits>
+#include <functional>
 #include <memory>
 #include <mutex>
-#include <thread>
 #include <unordered_map>
-#include <unordered_set>
+#include <utility>
 
+#include "AnswerDelays.h"
 #include "EventStream.h"
+#include "RunClock.h"
 #include "SimProvider.h"
 #include "applianceDriver/SimulatedApplianceDriver.h"
 #include "reachabilityCache/ApplianceDriverReachabilityChecker.h"
+#include "reachabilityCache/EntityReachabilityTracker.h"
 #include "reachabilityCache/ReachabilityCache.h"
+#include "reachabilityCache/ReachabilityCheckerGuard.h"
 
 namespace veranda::reachabilityCache::sim {
 namespace {
@@ -37,15 +39,15 @@ DiscoveredDevice discovered(const Device& device, bool online) {
   return result;
 }
 
-// Lets listeners query the cache only while it is open, so that none does
-// once the cache is being destroyed.
+// Lets callbacks read the cache only while it is open, so that none does
+// before the cache is fully made or once it is being destroyed.
 class CacheGate {
  public:
   void open(ReachabilityCache* cache) {
     std::lock_guard<std::mutex> lock(mutex_);
     cache_ = cache;
   }
-  // Returns once no listener is inside the cache.
+  // Returns once no callback is inside the cache.
   void close() { open(nullptr); }
 
   // Runs `query` on the cache if it is open; false otherwise.
@@ -64,37 +66,71 @@ class CacheGate {
   ReachabilityCache* cache_ = nullptr;
 };
 
+// Hears each check that the cache starts through the guard: in a periodic
+// cycle, right after the sweep.
+class CheckWatcher : public ReachabilityCheckerGuard::Observer {
+ public:
+  explicit CheckWatcher(std::function<void()> starting) : starting_(std::move(starting)) {}
+
+  void onCheckStarting() override { starting_(); }
+  void onResultsArriving(const std::vector<ReachabilityCheckResult>& /*results*/) override {}
+  void onResultsApplied(const std::vector<ReachabilityCheckResult>& /*results*/) override {}
+
+ private:
+  const std::function<void()> starting_;
+};
+
+EntityState stateOf(const ReachabilityCache& cache, const std::string& entityId) {
+  if (cache.isEntityReachable(entityId)) {
+    return EntityState::kReachable;
+  }
+  return cache.getEndpointsForEntity(entityId).empty() ? EntityState::kAbsent
+                                                       : EntityState::kUnreachable;
+}
+
 // One run; the members are what a host would own.
 class HomeRun {
  public:
   HomeRun(const Scenario& scenario, const RunSettings& settings)
       : scenario_(scenario),
         settings_(settings),
-        timeline_(scenario, settings.timeline),
-        provider_(scenario, [this](std::size_t named) { timeline_.cycle(named); }) {
+        clock_(settings.fast),
+        timeline_(scenario, clock_, settings.timeline),
+        provider_(scenario,
+                  [this](std::size_t named, const std::vector<std::string>& unnamedEntities) {
+                    timeline_.cycle(named);
+                    sweepable_ = unnamedEntities;
+                  }),
+        delays_(scenario.latencyMinMs, scenario.latencyMaxMs, scenario.intervalSeconds,
+                settings.seed) {
     for (const Device& device : scenario.devices) {
       devices_.emplace(device.endpointId, &device);
       online_[device.endpointId] = device.online;
+      inHome_[device.endpointId] = device.present;
     }
   }
 
   RunReport run() {
     buildHome();
-    timeline_.start();
+    clock_.start();
+    timeline_.start(settings_.tracker);
     startCache();
-    playEvents();
-    sample();
-    timeline_.stop();
+    EventStream events(scenario_);
+    if (clock_.fast()) {
+      playInVirtualTime(events);
+    } else {
+      playInRealTime(events);
+    }
+    // Nothing runs any more once the clock stands: the table and the
+    // timeline end at the same moment.
+    clock_.freeze();
     RunReport report = collect();
-    tearDown();
+    tearDown(report);
     return report;
   }
 
  private:
   void buildHome() {
-    driver_.setRandomSeed(settings_.seed);
-    driver_.setAnswerLatency(std::chrono::milliseconds(scenario_.latencyMinMs),
-                             std::chrono::milliseconds(scenario_.latencyMaxMs));
     for (const Device& device : scenario_.devices) {
       if (device.present) {
         driver_.upsertDevice(discovered(device, device.online));
@@ -103,15 +139,45 @@ class HomeRun {
   }
 
   void startCache() {
-    checker_ = std::make_shared<ApplianceDriverReachabilityChecker>(driver_);
+    guard_ = std::make_shared<ReachabilityCheckerGuard>(
+        std::make_shared<ApplianceDriverReachabilityChecker>(driver_));
     const ReachabilityCache::Config config{scenario_.effectiveCacheSize(),
                                            std::chrono::seconds(scenario_.intervalSeconds),
-                                           /*enablePeriodicUpdates=*/true, checker_};
+                                           /*enablePeriodicUpdates=*/true, guard_};
     cache_ = std::make_unique<ReachabilityCache>(&provider_, config);
+    if (settings_.tracker) {
+      tracker_ = std::make_unique<EntityReachabilityTracker>(
+          *cache_, guard_, [this](const std::string& entityId, bool reachable) {
+            timeline_.trackerChange(entityId, reachable);
+          });
+    }
+    // After the tracker's: a sweep's "~" lines follow the tracker's.
+    guard_->addObserver(std::make_shared<CheckWatcher>([this] { onCheckStarting(); }));
+    // Registered after the tracker: the cache then calls this listener first
+    // (the newest first, with the standard library this is built with), so
+    // that a notification's line comes before the change the tracker tells.
     cache_->registerReachabilityListener(
         kListenerId, [this](const std::string& endpointId, const std::string& entityId,
                             bool reachable) { onNotification(endpointId, entityId, reachable); });
     gate_.open(cache_.get());
+  }
+
+  // On the cache's worker, right after a cycle's sweep, which can only have
+  // dropped endpoints that the provider did not name: their entities are
+  // read again. The answer's delay is drawn here, where no other check can
+  // start meanwhile.
+  void onCheckStarting() {
+    driver_.setAnswerLatency(std::chrono::milliseconds(delays_.next()));
+    for (const std::string& entityId : sweepable_) {
+      observe(entityId);
+    }
+  }
+
+  void observe(const std::string& entityId) {
+    EntityState state = EntityState::kAbsent;
+    if (gate_.with([&](ReachabilityCache& cache) { state = stateOf(cache, entityId); })) {
+      timeline_.observe(entityId, state);
+    }
   }
 
   // Runs on the driver's thread or the cache's worker.
@@ -129,99 +195,104 @@ class HomeRun {
     timeline_.notification(endpointId, entityId, adapter, reachable, entityReachable);
   }
 
-  // Applies each event at its time and looks at the cache every
-  // sampleEveryMs, until the duration has passed. A home that changes faster
-  // than the driver delivers its events falls behind in time: after
-  // kEventsBehind events without a pause the run waits for the driver, so
-  // that undelivered events do not pile up in memory, and events still due
-  // when the duration has passed are not played.
-  void playEvents() {
-    EventStream events(scenario_);
-    const int64_t end = scenario_.durationMs;
-    int64_t nextSample = settings_.sampleEveryMs;
-    std::size_t withoutPause = 0;
-    for (;;) {
-      const int64_t now = timeline_.nowMs();
-      for (auto at = events.nextAtMs(); at && *at <= now; at = events.nextAtMs()) {
-        apply(events.take());
-        if (++withoutPause % kEventsBehind == 0) {
-          driver_.waitUntilIdle(kDriverCatchUp);
-          if (timeline_.nowMs() >= end) {
-            return;  // behind at the end: what is still due is not played
-          }
-        }
-      }
-      if (now >= end) {
-        return;
-      }
-      if (now >= nextSample) {
-        sample();
-        nextSample = now + settings_.sampleEveryMs;
-      }
-      const int64_t wake = std::min({events.nextAtMs().value_or(end), nextSample, end});
-      withoutPause = wake > now ? 0 : withoutPause;
-      std::this_thread::sleep_for(std::chrono::milliseconds(std::max<int64_t>(wake - now, 0)));
+  // One event at a time, each once everything due before it has run, and
+  // all it causes before the next.
+  void playInVirtualTime(EventStream& events) {
+    for (auto at = events.nextAtMs(); at; at = events.nextAtMs()) {
+      clock_.waitUntil(*at);
+      play(events.take());
+      clock_.settle();
     }
+    clock_.waitUntil(scenario_.durationMs);
   }
 
-  void apply(const Event& event) {
+  // Each event at its time on the wall clock. A home that changes faster than
+  // the driver delivers its events falls behind in time: after kEventsBehind
+  // events without a pause the run waits for the driver, so that undelivered
+  // events do not pile up in memory, and events still due when the duration
+  // has passed are not played.
+  void playInRealTime(EventStream& events) {
+    std::size_t withoutPause = 0;
+    for (auto at = events.nextAtMs(); at; at = events.nextAtMs()) {
+      if (*at > clock_.nowMs()) {
+        withoutPause = 0;
+        clock_.waitUntil(*at);
+      }
+      play(events.take());
+      if (++withoutPause % kEventsBehind == 0) {
+        driver_.waitUntilIdle(kDriverCatchUp);
+        if (clock_.nowMs() >= scenario_.durationMs) {
+          return;  // behind at the end: what is still due is not played
+        }
+      }
+    }
+    clock_.waitUntil(scenario_.durationMs);
+  }
+
+  // Prints what the home or the host does, then does it.
+  void play(const Event& event) {
     const Device& device = *devices_.at(event.endpointId);
-    std::string outcome;
+    timeline_.action(event, device, outcome(event, device));
     switch (event.action) {
       case Action::kOffline:
       case Action::kOnline:
-        outcome = setOnline(device, event.action == Action::kOnline);
+        online_[device.endpointId] = event.action == Action::kOnline;
+        driver_.setReachable(device.endpointId, online_[device.endpointId]);
         break;
       case Action::kRemove:
         provider_.setNamed(device.endpointId, false);
         driver_.removeDevice(device.endpointId);
+        inHome_[device.endpointId] = false;
         break;
       case Action::kAdd:
         driver_.upsertDevice(discovered(device, online_[device.endpointId]));
         provider_.setNamed(device.endpointId, true);
+        inHome_[device.endpointId] = true;
         break;
       case Action::kPush:
-        outcome = push(device);
+        push(device);
         break;
     }
-    timeline_.action(event, device, outcome);
   }
 
-  std::string setOnline(const Device& device, bool online) {
-    const bool was = online_[device.endpointId];
-    online_[device.endpointId] = online;
-    if (!driver_.setReachable(device.endpointId, online)) {
-      return "it is not in the home, nothing happens";
+  // What the driver will make of the event, known before it happens.
+  std::string outcome(const Event& event, const Device& device) {
+    const bool online = event.action == Action::kOnline;
+    switch (event.action) {
+      case Action::kOffline:
+      case Action::kOnline:
+        if (!inHome_[device.endpointId]) {
+          return "it is not in the home, nothing happens";
+        }
+        if (online_[device.endpointId] == online) {
+          return online ? "already online, no event" : "already offline, no event";
+        }
+        return online ? "the driver publishes connectivity OK"
+                      : "the driver publishes connectivity UNREACHABLE";
+      case Action::kPush:
+        return "listeners are not told";
+      case Action::kRemove:
+      case Action::kAdd:
+        break;
     }
-    if (was == online) {
-      return online ? "already online, no event" : "already offline, no event";
-    }
-    return online ? "the driver publishes connectivity OK"
-                  : "the driver publishes connectivity UNREACHABLE";
+    return "";
   }
 
-  std::string push(const Device& device) {
-    cache_->updateEndpoints({CachedEndpoint(device.endpointId, device.entityId, device.adapterName,
-                                            device.driverType, capabilitySet(device))});
-    const bool cached = !cache_->getEndpointsForEntity(device.entityId).empty();
-    const bool reachable = cached && cache_->isEntityReachable(device.entityId);
-    timeline_.observe(device.entityId, !cached     ? EntityState::kAbsent
-                                       : reachable ? EntityState::kReachable
-                                                   : EntityState::kUnreachable);
-    if (!cached) {
-      return "the cache refused it";
+  // Through the tracker when it runs, which tells the change that listeners
+  // do not hear.
+  void push(const Device& device) {
+    const std::vector<CachedEndpoint> record{CachedEndpoint(device.endpointId, device.entityId,
+                                                            device.adapterName, device.driverType,
+                                                            capabilitySet(device))};
+    if (tracker_ != nullptr) {
+      tracker_->updateEndpoints(record);
+    } else {
+      cache_->updateEndpoints(record);
     }
-    return std::string("isEntityReachable now answers ") + (reachable ? "yes" : "no") +
-           " (listeners are not told)";
-  }
-
-  void sample() {
-    const int64_t atMs = timeline_.nowMs();
-    std::unordered_set<std::string> cached;
-    for (const auto& entity : cache_->getReachableEndpointsMap()) {
-      cached.insert(entity.first);
+    observe(device.entityId);
+    if (stateOf(*cache_, device.entityId) == EntityState::kAbsent) {
+      timeline_.remark(device.entityId, "was refused by the cache");
     }
-    timeline_.noteCacheContents(cached, atMs);
   }
 
   RunReport collect() const {
@@ -231,9 +302,6 @@ class HomeRun {
     report.durationMs = scenario_.durationMs;
     report.intervalSeconds = scenario_.intervalSeconds;
     report.preferredAdapter = scenario_.preferredAdapter;
-    report.notifications = timeline_.notifications();
-    report.cycleTimesMs = timeline_.cycleTimes();
-    report.states = timeline_.states();
     for (const std::string& entity : scenario_.entities) {
       report.table.push_back(tableRow(entity));
     }
@@ -257,26 +325,42 @@ class HomeRun {
     return row;
   }
 
-  // No driver answer may reach the cache once it is gone: stop the driver's
-  // pending answers and events first, then keep listeners out of the cache,
-  // then destroy it.
-  void tearDown() {
-    driver_.shutdown();
+  // The clock stands, so nothing is under way: the guard cuts the cache off
+  // from answers due later, the tracker stops, and only then does recording
+  // end. The driver goes last, after the cache has cancelled its
+  // subscription.
+  void tearDown(RunReport& report) {
+    guard_->close();
+    if (tracker_ != nullptr) {
+      tracker_->close();
+    }
+    timeline_.stop();
+    report.cycleTimesMs = timeline_.cycleTimes();
+    report.histories = timeline_.histories();
+    report.notifications = timeline_.notificationCount();
+    report.toldReachable = timeline_.toldReachableCount();
+    tracker_.reset();
     gate_.close();
     cache_.reset();
-    checker_.reset();
+    guard_.reset();
+    driver_.shutdown();
   }
 
   const Scenario& scenario_;
   const RunSettings settings_;
+  RunClock clock_;  // first made, last gone: the process's clock runs again after the rest
   Timeline timeline_;
   std::unordered_map<std::string, const Device*> devices_;  // read-only once built
   std::unordered_map<std::string, bool> online_;            // the run loop's thread only
+  std::unordered_map<std::string, bool> inHome_;            // the run loop's thread only
   SimulatedApplianceDriver driver_;
   SimProvider provider_;
-  std::shared_ptr<ApplianceDriverReachabilityChecker> checker_;
+  AnswerDelays delays_;                 // the cache's worker only
+  std::vector<std::string> sweepable_;  // the cache's worker only
+  std::shared_ptr<ReachabilityCheckerGuard> guard_;
   CacheGate gate_;
   std::unique_ptr<ReachabilityCache> cache_;
+  std::unique_ptr<EntityReachabilityTracker> tracker_;
 };
 
 }  // namespace

@@ -1,7 +1,5 @@
 #include "SvgWriter.h"
 
-#include <unordered_map>
-
 #include "TimelineSvg.h"
 
 namespace veranda::reachabilityCache::sim {
@@ -25,29 +23,27 @@ tools::TimelinePicture timelinePicture(const RunReport& report) {
   tools::TimelinePicture picture;
   picture.title =
       "Reachability over time: " + (report.name.empty() ? std::string("scenario") : report.name);
+  std::size_t changes = 0;
+  for (const EntityHistory& history : report.histories) {
+    changes += answerChanges(history);
+  }
   picture.note = std::to_string(report.entities.size()) + " entities, refresh every " +
                  std::to_string(report.intervalSeconds) + " s, " +
-                 std::to_string(report.notifications.size()) + " notifications";
+                 std::to_string(report.notifications) + " notifications, " +
+                 std::to_string(changes) + " changes of isEntityReachable";
   picture.axisLabel = "time since the cache was created (s)";
   picture.durationMs = report.durationMs;
   picture.cycleTimesMs = report.cycleTimesMs;
-  std::unordered_map<std::string, std::size_t> rowOf;
   for (std::size_t i = 0; i < report.entities.size(); ++i) {
     tools::TimelineRow row;
     row.label = report.entities[i];
-    const std::vector<StateChange>& changes = report.states[i];
+    const std::vector<StateChange>& changes = report.histories[i].states;
     for (std::size_t k = 0; k < changes.size(); ++k) {
       const int64_t endMs = k + 1 < changes.size() ? changes[k + 1].atMs : report.durationMs;
       row.spans.push_back({changes[k].atMs, endMs, spanState(changes[k].state)});
     }
-    rowOf.emplace(report.entities[i], i);
+    row.marksMs = report.histories[i].notifiedAtMs;
     picture.rows.push_back(std::move(row));
-  }
-  for (const Notification& notification : report.notifications) {
-    const auto row = rowOf.find(notification.entityId);
-    if (row != rowOf.end()) {
-      picture.rows[row->second].marksMs.push_back(notification.atMs);
-    }
   }
   return picture;
 }

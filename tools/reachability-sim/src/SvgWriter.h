@@ -9,8 +9,8 @@
 
 namespace veranda::reachabilityCache::sim {
 
-// One row per entity of the scenario with the states the run saw, a mark at
-// each notification, and the periodic cycles.
+// One row per entity of the scenario with what isEntityReachable answered
+// over the run, a mark at each notification, and the periodic cycles.
 tools::TimelinePicture timelinePicture(const RunReport& report);
 
 // The SVG document of timelinePicture(report).

@@ -9,6 +9,8 @@ namespace veranda::reachabilityCache::sim {
 namespace {
 
 constexpr int kWidestColumn = 32;
+// The picture is 900 px wide: marks closer than half a pixel cannot be told apart.
+constexpr int64_t kMarksPerRow = 2000;
 const std::string kEntityPrefix = "orbt1.veyra.endpoint.";
 
 int columnWidth(const std::vector<std::string>& values, int minimum) {
@@ -48,8 +50,34 @@ std::string normalised(const std::string& entityId) {
 
 }  // namespace
 
-Timeline::Timeline(const Scenario& scenario, std::ostream* out)
-    : out_(out), entities_(scenario.entities) {
+std::size_t answerChanges(const EntityHistory& history) {
+  std::size_t changes = 0;
+  bool reachable = false;
+  for (const StateChange& change : history.states) {
+    const bool now = change.state == EntityState::kReachable;
+    changes += now != reachable ? 1 : 0;
+    reachable = now;
+  }
+  return changes;
+}
+
+int64_t reachableMs(const EntityHistory& history, int64_t endMs) {
+  int64_t total = 0;
+  const std::vector<StateChange>& states = history.states;
+  for (std::size_t k = 0; k < states.size(); ++k) {
+    const int64_t untilMs = std::min(k + 1 < states.size() ? states[k + 1].atMs : endMs, endMs);
+    if (states[k].state == EntityState::kReachable) {
+      total += std::max<int64_t>(untilMs - states[k].atMs, 0);
+    }
+  }
+  return total;
+}
+
+Timeline::Timeline(const Scenario& scenario, const RunClock& clock, std::ostream* out)
+    : clock_(clock),
+      out_(out),
+      entities_(scenario.entities),
+      markSpacingMs_(std::max<int64_t>(scenario.durationMs / kMarksPerRow, 1)) {
   std::vector<std::string> endpoints;
   std::vector<std::string> adapters;
   for (const Device& device : scenario.devices) {
@@ -60,27 +88,24 @@ Timeline::Timeline(const Scenario& scenario, std::ostream* out)
   endpointWidth_ = columnWidth(endpoints, 8);
   adapterWidth_ = columnWidth(adapters, 7);
   for (std::size_t i = 0; i < entities_.size(); ++i) {
-    normalised_.push_back(normalised(entities_[i]));
-    index_.emplace(normalised_.back(), i);
+    index_.emplace(normalised(entities_[i]), i);
   }
-  states_.assign(entities_.size(), {StateChange{0, EntityState::kAbsent}});
-  lastRecordMs_.assign(entities_.size(), -1);
+  histories_.resize(entities_.size());
 }
 
-void Timeline::start() {
-  start_ = Clock::now();
+void Timeline::start(bool tracker) {
   if (out_ == nullptr) {
     return;
   }
   *out_ << "Timeline in seconds since the cache was created.  * the home or host acts  "
-           ". a periodic cycle  ~ seen in the cache, not notified\n"
-        << "   time  " << padded("entity", entityWidth_) << "  "
+           ". a periodic cycle  ~ seen in the cache, not notified\n";
+  if (tracker) {
+    *out_ << "Listeners are told per endpoint (notified, and what isEntityReachable answers "
+             "then); the tracker tells each change of isEntityReachable per entity.\n";
+  }
+  *out_ << "   time  " << padded("entity", entityWidth_) << "  "
         << padded("endpoint", endpointWidth_) << "  " << padded("adapter", adapterWidth_)
-        << "  notified     isEntityReachable\n";
-}
-
-int64_t Timeline::nowMs() const {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start_).count();
+        << "  notified     isEntityReachable" << (tracker ? "  tracker" : "") << '\n';
 }
 
 std::string Timeline::stamp(int64_t atMs) const {
@@ -94,44 +119,21 @@ std::size_t Timeline::indexOf(const std::string& entityId) const {
   return found == index_.end() ? std::string::npos : found->second;
 }
 
-void Timeline::recordLocked(std::size_t entity, int64_t atMs, EntityState state) {
-  if (entity == std::string::npos) {
-    return;
+// Changes at one moment count as one: the last of them stands.
+bool Timeline::recordLocked(std::size_t entity, int64_t atMs, EntityState state) {
+  std::vector<StateChange>& states = histories_[entity].states;
+  const EntityState before = states.back().state;
+  if (states.back().atMs == atMs) {
+    if (states.size() == 1) {
+      states.back().state = state;
+      return before != state;
+    }
+    states.pop_back();
   }
-  lastRecordMs_[entity] = atMs;
-  if (states_[entity].back().state != state) {
-    states_[entity].push_back({atMs, state});
+  if (states.back().state != state) {
+    states.push_back({atMs, state});
   }
-}
-
-void Timeline::notification(const std::string& endpointId, const std::string& entityId,
-                            const std::string& adapterName, bool reachable, bool entityReachable) {
-  const int64_t atMs = nowMs();
-  const std::size_t entity = indexOf(entityId);
-  std::lock_guard<std::mutex> lock(mutex_);
-  if (stopped_) {
-    return;
-  }
-  notifications_.push_back({atMs, entityId, endpointId, adapterName, reachable, entityReachable});
-  recordLocked(entity, atMs, entityReachable ? EntityState::kReachable : EntityState::kUnreachable);
-  if (out_ != nullptr) {
-    *out_ << stamp(atMs) << padded(entityId, entityWidth_) << "  "
-          << padded(endpointId, endpointWidth_) << "  " << padded(adapterName, adapterWidth_)
-          << "  " << padded(reachable ? "reachable" : "unreachable", 11) << "  "
-          << (entityReachable ? "yes" : "no") << '\n';
-  }
-}
-
-void Timeline::cycle(std::size_t named) {
-  const int64_t atMs = nowMs();
-  std::lock_guard<std::mutex> lock(mutex_);
-  if (stopped_) {
-    return;
-  }
-  cycles_.push_back(atMs);
-  if (out_ != nullptr) {
-    *out_ << stamp(atMs) << ". periodic cycle: the provider names " << named << " endpoints\n";
-  }
+  return before != state;
 }
 
 void Timeline::action(const Event& event, const Device& device, const std::string& outcome) {
@@ -144,43 +146,93 @@ void Timeline::action(const Event& event, const Device& device, const std::strin
         << (outcome.empty() ? "" : ": ") << tools::terminalText(outcome) << '\n';
 }
 
-void Timeline::observe(const std::string& entityId, EntityState state) {
-  const int64_t atMs = nowMs();
+void Timeline::notification(const std::string& endpointId, const std::string& entityId,
+                            const std::string& adapterName, bool reachable, bool entityReachable) {
   const std::size_t entity = indexOf(entityId);
   std::lock_guard<std::mutex> lock(mutex_);
-  if (!stopped_) {
-    recordLocked(entity, atMs, state);
+  if (stopped_) {
+    return;
+  }
+  const int64_t atMs = clock_.nowMs();
+  ++notifications_;
+  toldReachable_ += reachable ? 1 : 0;
+  if (entity != std::string::npos) {
+    EntityHistory& history = histories_[entity];
+    ++history.notifications;
+    if (history.notifiedAtMs.empty() || atMs - history.notifiedAtMs.back() >= markSpacingMs_) {
+      history.notifiedAtMs.push_back(atMs);
+    }
+    // Only a cached entity is announced.
+    recordLocked(entity, atMs,
+                 entityReachable ? EntityState::kReachable : EntityState::kUnreachable);
+  }
+  if (out_ != nullptr) {
+    *out_ << stamp(atMs) << padded(entityId, entityWidth_) << "  "
+          << padded(endpointId, endpointWidth_) << "  " << padded(adapterName, adapterWidth_)
+          << "  " << padded(reachable ? "reachable" : "unreachable", 11) << "  "
+          << (entityReachable ? "yes" : "no") << '\n';
   }
 }
 
-void Timeline::noteCacheContents(const std::unordered_set<std::string>& cachedEntities,
-                                 int64_t snapshotMs) {
+void Timeline::trackerChange(const std::string& entityId, bool reachable) {
   std::lock_guard<std::mutex> lock(mutex_);
-  for (std::size_t i = 0; i < entities_.size() && !stopped_; ++i) {
-    if (states_[i].back().state == EntityState::kAbsent || lastRecordMs_[i] >= snapshotMs ||
-        cachedEntities.count(normalised_[i]) > 0) {
-      continue;
-    }
-    recordLocked(i, snapshotMs, EntityState::kAbsent);
-    if (out_ != nullptr) {
-      *out_ << stamp(snapshotMs) << "~ " << tools::terminalText(entities_[i])
-            << " is no longer in the cache (listeners are not told)\n";
-    }
+  if (stopped_) {
+    return;
+  }
+  if (out_ != nullptr) {
+    const int64_t atMs = clock_.nowMs();
+    // Under "tracker", past the columns of a notification.
+    const int blank = endpointWidth_ + adapterWidth_ + 11 + 17 + 4 * 2;
+    *out_ << stamp(atMs) << padded(entityId, entityWidth_) << "  "
+          << std::string(static_cast<std::size_t>(blank), ' ')
+          << (reachable ? "reachable" : "unreachable") << '\n';
+  }
+}
+
+void Timeline::cycle(std::size_t named) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (stopped_) {
+    return;
+  }
+  const int64_t atMs = clock_.nowMs();
+  cycles_.push_back(atMs);
+  if (out_ != nullptr) {
+    *out_ << stamp(atMs) << ". periodic cycle: the provider names " << named << " endpoints\n";
+  }
+}
+
+void Timeline::remark(const std::string& entityId, const std::string& text) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (!stopped_ && out_ != nullptr) {
+    *out_ << stamp(clock_.nowMs()) << "~ " << tools::terminalText(entityId) << " "
+          << tools::terminalText(text) << '\n';
+  }
+}
+
+void Timeline::observe(const std::string& entityId, EntityState state) {
+  const std::size_t entity = indexOf(entityId);
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (stopped_ || entity == std::string::npos) {
+    return;
+  }
+  const int64_t atMs = clock_.nowMs();
+  if (recordLocked(entity, atMs, state) && out_ != nullptr) {
+    *out_ << stamp(atMs) << "~ " << tools::terminalText(entities_[entity])
+          << (state == EntityState::kAbsent      ? " is no longer in the cache"
+              : state == EntityState::kReachable ? ": isEntityReachable now answers yes"
+                                                 : ": isEntityReachable now answers no")
+          << " (listeners are not told)\n";
   }
 }
 
 void Timeline::stop() {
-  const int64_t atMs = nowMs();
   std::lock_guard<std::mutex> lock(mutex_);
-  if (!stopped_) {
-    stopped_ = true;
-    stoppedAtMs_ = atMs;
-  }
+  stopped_ = true;
 }
 
-std::vector<Notification> Timeline::notifications() const {
+std::vector<EntityHistory> Timeline::histories() const {
   std::lock_guard<std::mutex> lock(mutex_);
-  return notifications_;
+  return histories_;
 }
 
 std::vector<int64_t> Timeline::cycleTimes() const {
@@ -188,14 +240,14 @@ std::vector<int64_t> Timeline::cycleTimes() const {
   return cycles_;
 }
 
-std::vector<std::vector<StateChange>> Timeline::states() const {
+std::size_t Timeline::notificationCount() const {
   std::lock_guard<std::mutex> lock(mutex_);
-  return states_;
+  return notifications_;
 }
 
-int64_t Timeline::stoppedAtMs() const {
+std::size_t Timeline::toldReachableCount() const {
   std::lock_guard<std::mutex> lock(mutex_);
-  return stoppedAtMs_;
+  return toldReachable_;
 }
 
 }  // namespace veranda::reachabilityCache::sim

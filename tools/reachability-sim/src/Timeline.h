@@ -1,16 +1,15 @@
 // Records what happens during a run and prints it as it happens.
 #pragma once
 
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
 #include <ostream>
 #include <string>
 #include <unordered_map>
-#include <unordered_set>
 #include <vector>
 
+#include "RunClock.h"
 #include "Scenario.h"
 
 namespace veranda::reachabilityCache::sim {
@@ -23,71 +22,90 @@ struct StateChange {
   EntityState state;
 };
 
-// One call of the simulator's listener.
-struct Notification {
-  int64_t atMs;
-  std::string entityId;
-  std::string endpointId;
-  std::string adapterName;
-  bool reachable;        // what the listener was told
-  bool entityReachable;  // what isEntityReachable answered inside the listener
+// What a run saw of one entity: what the picture and the final table need.
+// It grows with the entity's changes of state; its notification times are
+// thinned to what the picture can tell apart, so that they grow with the
+// picture's width, not with the run's length.
+struct EntityHistory {
+  std::vector<StateChange> states{{0, EntityState::kAbsent}};  // each change, in time order
+  std::vector<int64_t> notifiedAtMs;  // when listeners were told, none closer than the spacing
+  std::size_t notifications = 0;      // every time listeners were told about the entity
 };
 
+// How often isEntityReachable of the entity changed its answer.
+std::size_t answerChanges(const EntityHistory& history);
+// How long it answered yes before `endMs`.
+int64_t reachableMs(const EntityHistory& history, int64_t endMs);
+
+// An entity's state is recorded whenever it can change: at each listener
+// notification (which the cache sends right after the change it announces,
+// before anything else changes the entity) and where the simulator reads
+// the cache itself, after the changes that listeners do not hear. So the
+// states are what isEntityReachable answered at every moment.
+//
 // Thread safety: every member may be called from any thread; lines are
 // printed whole, in the order the calls take the lock.
 class Timeline {
  public:
-  using Clock = std::chrono::steady_clock;
+  // `out` receives the timeline; null prints nothing. Times come from `clock`.
+  // Notification times are kept no closer than a 2000th of the scenario's
+  // duration per entity.
+  Timeline(const Scenario& scenario, const RunClock& clock, std::ostream* out);
 
-  // `out` receives the timeline; null prints nothing.
-  Timeline(const Scenario& scenario, std::ostream* out);
+  // Prints the heading; `tracker` adds the tracker's column.
+  void start(bool tracker);
 
-  // Prints the heading and starts the clock; times are counted from here.
-  void start();
-  int64_t nowMs() const;
-
-  // Each records one line (and prints it). Calls after stop() are ignored.
+  // Each prints one line and records it. Calls after stop() are ignored.
+  //
+  // The home or the host acts; called before the act, so that its line comes
+  // before whatever it causes.
+  void action(const Event& event, const Device& device, const std::string& outcome);
+  // The simulator's listener was called; `entityReachable` is what
+  // isEntityReachable answered inside it.
   void notification(const std::string& endpointId, const std::string& entityId,
                     const std::string& adapterName, bool reachable, bool entityReachable);
+  // The entity tracker told that isEntityReachable of the entity changed.
+  void trackerChange(const std::string& entityId, bool reachable);
+  // A periodic cycle asked the provider.
   void cycle(std::size_t named);
-  void action(const Event& event, const Device& device, const std::string& outcome);
-  // Records the entity's state as seen now, without a line of its own.
+  // The entity as the simulator read it from the cache after a change that
+  // listeners are not told; a line ("~") when its state changed.
   void observe(const std::string& entityId, EntityState state);
-  // Entities that a snapshot of the cache taken at `snapshotMs` no longer
-  // holds, and that nothing recorded since, left the cache unannounced.
-  // `cachedEntities` holds ids as the cache keys them.
-  void noteCacheContents(const std::unordered_set<std::string>& cachedEntities, int64_t snapshotMs);
-  // Ends recording at the current time.
+  // Something else listeners are not told about the entity ("~").
+  void remark(const std::string& entityId, const std::string& text);
+
+  // Ends recording.
   void stop();
 
-  std::vector<Notification> notifications() const;
+  // Parallel to the scenario's entities.
+  std::vector<EntityHistory> histories() const;
   std::vector<int64_t> cycleTimes() const;
-  // Parallel to the scenario's entities; each list starts absent at 0.
-  std::vector<std::vector<StateChange>> states() const;
-  int64_t stoppedAtMs() const;
+  // Over all entities, those outside the scenario too.
+  std::size_t notificationCount() const;
+  std::size_t toldReachableCount() const;
 
  private:
-  void recordLocked(std::size_t entity, int64_t atMs, EntityState state);
+  // Records the entity's state at `atMs`; false when it was that already.
+  bool recordLocked(std::size_t entity, int64_t atMs, EntityState state);
   // The scenario's index of the entity, or npos.
   std::size_t indexOf(const std::string& entityId) const;
   std::string stamp(int64_t atMs) const;
 
+  const RunClock& clock_;
   std::ostream* out_;
   std::vector<std::string> entities_;
-  std::vector<std::string> normalised_;  // as the cache keys them
-  std::unordered_map<std::string, std::size_t> index_;
+  std::unordered_map<std::string, std::size_t> index_;  // by id as the cache keys it
   int entityWidth_;
   int endpointWidth_;
   int adapterWidth_;
-  Clock::time_point start_;
+  int64_t markSpacingMs_;
 
   mutable std::mutex mutex_;
   bool stopped_ = false;
-  int64_t stoppedAtMs_ = 0;
-  std::vector<Notification> notifications_;
+  std::vector<EntityHistory> histories_;
   std::vector<int64_t> cycles_;
-  std::vector<std::vector<StateChange>> states_;
-  std::vector<int64_t> lastRecordMs_;
+  std::size_t notifications_ = 0;
+  std::size_t toldReachable_ = 0;
 };
 
 }  // namespace veranda::reachabilityCache::sim

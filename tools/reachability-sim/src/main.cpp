@@ -62,6 +62,8 @@ int main(int argc, char** argv) {
   RunSettings settings;
   settings.timeline = &std::cout;
   settings.seed = options.seed.value_or(1);
+  settings.fast = options.fast;
+  settings.tracker = options.tracker.value_or(!options.devices);
   const RunReport report = runScenario(home.scenario, settings);
   printFinalTable(report, std::cout);
 
