@@ -26,6 +26,9 @@ constexpr double kRight = 24;
 constexpr double kCharWidth = 6.4;  // of the 11 px label font
 constexpr std::size_t kLabelChars = 30;
 constexpr int kBandBins = 300;
+// Closer dashed lines merge into a striped grey, so cycles nearer than this to
+// the last one drawn are left out.
+constexpr double kMinCycleGap = 4;
 
 const char* const kReachableColour = "#1f77b4";
 const char* const kUnreachableColour = "#ff7f0e";
@@ -248,10 +251,15 @@ class Drawing {
   }
 
   void cycles() {
+    double lastDrawn = -kMinCycleGap;
     for (int64_t atMs : picture_.cycleTimesMs) {
-      svg_ << "<line x1=\"" << num(x(atMs)) << "\" y1=\"" << num(plotTop()) << "\" x2=\""
-           << num(x(atMs)) << "\" y2=\"" << num(plotBottom_)
-           << "\" stroke=\"#555\" stroke-dasharray=\"3,2\"/>\n";
+      const double at = x(atMs);
+      if (at - lastDrawn < kMinCycleGap) {
+        continue;
+      }
+      lastDrawn = at;
+      svg_ << "<line x1=\"" << num(at) << "\" y1=\"" << num(plotTop()) << "\" x2=\"" << num(at)
+           << "\" y2=\"" << num(plotBottom_) << "\" stroke=\"#555\" stroke-dasharray=\"3,2\"/>\n";
     }
   }
 

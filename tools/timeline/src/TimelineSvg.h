@@ -16,7 +16,8 @@ inline constexpr std::size_t kMaxSvgRows = 120;
 inline constexpr std::size_t kSelectedSvgRows = 100;
 
 // The SVG document: one row per entity with its spans and marks, the cycles
-// as dashed lines, a legend and labelled axes. Every text of the picture is
+// as dashed lines (thinned where they would lie closer than a few pixels), a
+// legend and labelled axes. Every text of the picture is
 // escaped, so the document is well-formed XML whatever the labels hold.
 std::string timelineSvg(const TimelinePicture& picture);
 
