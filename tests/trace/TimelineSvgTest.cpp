@@ -3,7 +3,8 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <regex>
+#include <cstdio>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -14,12 +15,15 @@ namespace {
 
 // The x positions of the dashed cycle lines in `svg`, the legend's excluded.
 std::vector<double> cycleLineXs(const std::string& svg) {
-  static const std::regex kLine(R"re(<line x1="([0-9.]+)" y1="([0-9.]+)"[^>]*stroke-dasharray)re");
   std::vector<double> xs;
-  for (auto it = std::sregex_iterator(svg.begin(), svg.end(), kLine); it != std::sregex_iterator();
-       ++it) {
-    if (std::stod((*it)[2]) > 60) {  // below the legend
-      xs.push_back(std::stod((*it)[1]));
+  std::istringstream lines(svg);
+  for (std::string line; std::getline(lines, line);) {
+    double x = 0;
+    double y = 0;
+    if (line.find("stroke-dasharray") != std::string::npos &&
+        std::sscanf(line.c_str(), "<line x1=\"%lf\" y1=\"%lf\"", &x, &y) == 2 &&
+        y > 60) {  // below the legend
+      xs.push_back(x);
     }
   }
   return xs;
