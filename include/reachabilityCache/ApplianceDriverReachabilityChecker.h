@@ -72,8 +72,6 @@ class REACHABILITY_CACHE_EXPORT ApplianceDriverReachabilityChecker : public IRea
   void updateResultWithDiscoveredDevice(
       const applianceDriver::DiscoveredDevice& device,
       std::unordered_map<std::string, ReachabilityCheckResult>& results) const;
-  ReachabilityCheckResult convertToReachabilityCheckResult(
-      const applianceDriver::DiscoveredDevice& device) const;
   bool isSupportedAdapter(const std::string& adapterName) const;
   bool validateCallbackParams(const std::string& callbackId, const UpdateCallback& callback) const;
   bool isCallbackIdRegistered(const std::string& callbackId) const RC_EXCLUDES(callbackMutex);
