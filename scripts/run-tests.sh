@@ -4,13 +4,16 @@
 #   - the formatting check (clang-format);
 #   - the suite in a normal build, with AddressSanitizer + UndefinedBehavior-
 #     Sanitizer, and with ThreadSanitizer;
+#   - the API reference (Doxygen), which fails on any warning about a public
+#     header;
 #   - the simulator's default home under AddressSanitizer;
 #   - the seeded stress test under ThreadSanitizer, 2 seeds x 30 s;
 #   - the suite under valgrind memcheck;
 #   - the fuzzers (clang, which also runs the thread-safety analysis);
 #   - install, host examples against the installed package, exported symbols;
 #   - the Android configuration branch, and the arm64 build under qemu.
-# `scripts/run-tests.sh --quick` runs only the normal build's suite.
+# `scripts/run-tests.sh --quick` runs only the formatting check, the normal
+# build's suite and the API reference.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -35,8 +38,13 @@ format() {
   git ls-files '*.h' '*.cpp' | xargs clang-format --dry-run -Werror
 }
 
+api_reference() {
+  cmake --build --preset dev --target docs
+}
+
 step "clang-format" format
 step "normal build" preset dev
+step "API reference" api_reference
 if [ "${1:-}" = "--quick" ]; then
   exit 0
 fi

@@ -97,7 +97,7 @@ TEST(ReachabilityCheckerGuardTest, ALateAnswerAfterTheCacheIsGoneFindsItsChecker
       {{"ep1", "e1", kZigbee, "", true, {}, applianceDriver::ApplianceDriverType::NATIVE}});
   EXPECT_TRUE(checkerAlive.expired());
   EXPECT_EQ(test::LogRecorder::instance().countContaining(test::kCheckerTag,
-                                                           "[processDiscoveredDevices]"),
+                                                          "[processDiscoveredDevices]"),
             1U);
   EXPECT_TRUE(test::LogRecorder::instance().linesWithTag(test::kUpdaterTag).empty());
   EXPECT_EQ(listener.count(), 0U);
