@@ -62,23 +62,29 @@ class REACHABILITY_CACHE_EXPORT ApplianceDriverReachabilityChecker : public IRea
   bool unregisterReachabilityUpdateCallback(const std::string& callbackId) override
       RC_EXCLUDES(callbackMutex);
 
+ private:
+  // Sees which callback ids the checker holds while the driver is called.
+  friend class ApplianceDriverReachabilityCheckerTestPeer;
+
   // Building blocks of the operations above.
-  void buildEndpointLookupMap(const std::vector<EndpointInfo>& endpoints,
-                              std::unordered_map<std::string, EndpointInfo>& lookup) const;
-  std::vector<ReachabilityCheckResult> processDiscoveredDevices(
+  REACHABILITY_CACHE_NO_EXPORT void buildEndpointLookupMap(
+      const std::vector<EndpointInfo>& endpoints,
+      std::unordered_map<std::string, EndpointInfo>& lookup) const;
+  REACHABILITY_CACHE_NO_EXPORT std::vector<ReachabilityCheckResult> processDiscoveredDevices(
       const std::vector<applianceDriver::DiscoveredDevice>& devices,
       const std::unordered_map<std::string, EndpointInfo>& lookup,
       const std::string& requestId) const;
-  void updateResultWithDiscoveredDevice(
+  REACHABILITY_CACHE_NO_EXPORT void updateResultWithDiscoveredDevice(
       const applianceDriver::DiscoveredDevice& device,
       std::unordered_map<std::string, ReachabilityCheckResult>& results) const;
-  bool isSupportedAdapter(const std::string& adapterName) const;
-  bool validateCallbackParams(const std::string& callbackId, const UpdateCallback& callback) const;
-  bool isCallbackIdRegistered(const std::string& callbackId) const RC_EXCLUDES(callbackMutex);
-  std::function<void(const applianceDriver::StateChangeEvent&)> createStateChangeCallbackWrapper(
-      UpdateCallback callback) const;
+  REACHABILITY_CACHE_NO_EXPORT bool isSupportedAdapter(const std::string& adapterName) const;
+  REACHABILITY_CACHE_NO_EXPORT bool validateCallbackParams(const std::string& callbackId,
+                                                           const UpdateCallback& callback) const;
+  REACHABILITY_CACHE_NO_EXPORT bool isCallbackIdRegistered(const std::string& callbackId) const
+      RC_EXCLUDES(callbackMutex);
+  REACHABILITY_CACHE_NO_EXPORT std::function<void(const applianceDriver::StateChangeEvent&)>
+  createStateChangeCallbackWrapper(UpdateCallback callback) const;
 
- private:
   std::unordered_set<std::string> registeredCallbackIds RC_GUARDED_BY(callbackMutex);
   mutable Mutex callbackMutex;
   applianceDriver::IUnifiedApplianceDriver& driver;

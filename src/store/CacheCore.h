@@ -116,9 +116,9 @@ class CacheCore {
   void notifyReachabilityListeners(const std::string& endpointId, const std::string& entityId,
                                    bool isReachable) RC_EXCLUDES(listenerMutex);
 
-  // ---- Lookups for use under the store mutex (entity id already normalised) ----
-
-  // Null when the entity is absent or has no endpoints.
+ private:
+  // Lookups under the store mutex, of an entity id already normalised. Null
+  // when the entity is absent or has no endpoints.
   const std::vector<CachedEndpoint>* findEndpointsLocked(const std::string& entityId) const
       RC_REQUIRES(storeMutex);
   // Null only when the entity is absent.
@@ -130,7 +130,6 @@ class CacheCore {
   static std::vector<CachedEndpoint>::iterator findEndpointInVector(
       std::vector<CachedEndpoint>& endpoints, const std::string& endpointId);
 
- private:
   // Both insertEndpoint() overloads: copies from an lvalue, moves from an rvalue.
   template <typename Record>
   bool insertRecord(Record&& endpoint) RC_EXCLUDES(storeMutex);
