@@ -29,9 +29,6 @@ namespace veranda::reachabilityCache {
 // be unregistered before the checker is destroyed.
 class REACHABILITY_CACHE_EXPORT ApplianceDriverReachabilityChecker : public IReachabilityChecker {
  public:
-  using ResultsCallback = std::function<void(const std::vector<ReachabilityCheckResult>&)>;
-  using UpdateCallback = std::function<void(const ReachabilityCheckResult&)>;
-
   // The adapters whose devices count; names are compared exactly.
   static const std::unordered_set<std::string> SUPPORTED_ADAPTERS;
   static const std::string ENDPOINT_HEALTH_NAMESPACE;  // "Veyra.EndpointHealth"
@@ -82,7 +79,7 @@ class REACHABILITY_CACHE_EXPORT ApplianceDriverReachabilityChecker : public IRea
                                                            const UpdateCallback& callback) const;
   REACHABILITY_CACHE_NO_EXPORT bool isCallbackIdRegistered(const std::string& callbackId) const
       RC_EXCLUDES(callbackMutex);
-  REACHABILITY_CACHE_NO_EXPORT std::function<void(const applianceDriver::StateChangeEvent&)>
+  REACHABILITY_CACHE_NO_EXPORT applianceDriver::IUnifiedApplianceDriver::StateChangeCallback
   createStateChangeCallbackWrapper(UpdateCallback callback) const;
 
   std::unordered_set<std::string> registeredCallbackIds RC_GUARDED_BY(callbackMutex);

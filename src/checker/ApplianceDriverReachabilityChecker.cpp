@@ -15,9 +15,6 @@ using commonLog::LogBuilder;
 
 namespace {
 
-// The driver type of results that no discovered device stands behind.
-constexpr ApplianceDriverType kNoDriverType = static_cast<ApplianceDriverType>(2);
-
 // The value of a JSON-encoded connectivity property that reports the endpoint
 // as reachable.
 constexpr const char* kQuotedOkValue = "\"OK\"";
@@ -144,7 +141,8 @@ std::vector<ReachabilityCheckResult> ApplianceDriverReachabilityChecker::process
   // requested data fills in at the end what no device replaced.
   std::unordered_map<std::string, ReachabilityCheckResult> table;
   for (const auto& entry : lookup) {
-    table.emplace(entry.first, ReachabilityCheckResult("", "", "", false, {}, kNoDriverType));
+    table.emplace(entry.first,
+                  ReachabilityCheckResult("", "", "", false, {}, ApplianceDriverType::NO_DRIVER));
   }
   for (const DiscoveredDevice& device : devices) {
     updateResultWithDiscoveredDevice(device, table);
@@ -285,7 +283,7 @@ bool ApplianceDriverReachabilityChecker::unregisterReachabilityUpdateCallback(
   return true;
 }
 
-std::function<void(const StateChangeEvent&)>
+IUnifiedApplianceDriver::StateChangeCallback
 ApplianceDriverReachabilityChecker::createStateChangeCallbackWrapper(
     UpdateCallback callback) const {
   // Runs on the driver's thread; it touches no checker state and takes no lock.
@@ -307,7 +305,7 @@ ApplianceDriverReachabilityChecker::createStateChangeCallbackWrapper(
     const bool reachable = event.value == CONNECTIVITY_OK_VALUE ||
                            event.value.find(kQuotedOkValue) != std::string::npos;
     const ReachabilityCheckResult result(event.endpointId, "", "", reachable, CapabilitySet(),
-                                         kNoDriverType);
+                                         ApplianceDriverType::NO_DRIVER);
     logChecker(LogPriority::kInfo, LogBuilder("operator()", "stateChangeCallback")
                                        .d("endpointId", event.endpointId.c_str())
                                        .d("isReachable", boolText(reachable))

@@ -81,7 +81,7 @@ void mergeInto(CachedEndpoint& stored, CachedEndpoint&& incoming) {
   }
 }
 
-// True when driver type 0 or 1 reported the endpoint, even with no capability.
+// True when NATIVE or CONNECTED (0, 1) reported the endpoint, even with no capability.
 bool reachedByDriver(const CachedEndpoint& endpoint) {
   return endpoint.driverCapabilities.count(ApplianceDriverType::NATIVE) != 0 ||
          endpoint.driverCapabilities.count(ApplianceDriverType::CONNECTED) != 0;
@@ -367,9 +367,7 @@ std::vector<EndpointInfo> CacheCore::getEndpointsForEntity(const std::string& en
   }
   result.reserve(endpoints->size());
   for (const CachedEndpoint& endpoint : *endpoints) {
-    // endpoint.toExternal(), built in place rather than moved in.
-    result.emplace_back(endpoint.endpointId, endpoint.entityId, endpoint.adapterName,
-                        endpoint.getAllCapabilities());
+    result.push_back(endpoint.toExternal());
   }
   return result;
 }

@@ -13,6 +13,7 @@
 #include "reachabilityCache/CachedEndpoint.h"
 #include "reachabilityCache/CapabilityKey.h"
 #include "reachabilityCache/EndpointInfo.h"
+#include "reachabilityCache/ReachabilityCache.h"
 #include "reachabilityCache/ThreadAnnotations.h"
 
 namespace veranda::reachabilityCache {
@@ -21,7 +22,7 @@ namespace veranda::reachabilityCache {
 // insertion order. Entity ids are normalised (one leading
 // "orbt1.veyra.endpoint." removed) before use; endpoint ids are used as given.
 // An entity is reachable when one of its endpoints holds capabilities of
-// driver type 0 or 1.
+// NATIVE or CONNECTED (0, 1).
 //
 // Thread safety: every public operation may be called from any thread. Store
 // operations take the store mutex for their whole body; listener operations
@@ -30,8 +31,7 @@ namespace veranda::reachabilityCache {
 // caller that decides a change happened calls notifyReachabilityListeners().
 class CacheCore {
  public:
-  using ReachabilityListener = std::function<void(const std::string& endpointId,
-                                                  const std::string& entityId, bool isReachable)>;
+  using ReachabilityListener = ReachabilityCache::ReachabilityListener;
 
   // `entityId` without one leading "orbt1.veyra.endpoint." (exact,
   // case-sensitive): the id under which the store keeps the entity.
@@ -54,7 +54,7 @@ class CacheCore {
   // The same, taking over the record's strings and capability sets rather
   // than copying them.
   bool insertEndpoint(CachedEndpoint&& endpoint) RC_EXCLUDES(storeMutex);
-  // Inserts `info` with its capabilities filed under driver type 2.
+  // Inserts `info` with its capabilities filed under NO_DRIVER.
   bool insertEndpoint(const EndpointInfo& info) RC_EXCLUDES(storeMutex);
   // Removes one endpoint of one entity, and the entity with its last endpoint.
   bool removeEndpoint(const std::string& entityId, const std::string& endpointId)

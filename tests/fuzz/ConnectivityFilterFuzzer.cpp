@@ -87,6 +87,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   FUZZ_CHECK(result.endpointId == event.endpointId);
   FUZZ_CHECK(result.entityId.empty() && result.adapterName.empty());
   FUZZ_CHECK(result.capabilities.empty());
-  FUZZ_CHECK(result.driverType == static_cast<ApplianceDriverType>(2));
+  FUZZ_CHECK(result.driverType == ApplianceDriverType::NO_DRIVER);
   return 0;
 }
