@@ -34,8 +34,11 @@ class CacheCore {
   using ReachabilityListener = ReachabilityCache::ReachabilityListener;
 
   // `entityId` without one leading "orbt1.veyra.endpoint." (exact,
-  // case-sensitive): the id under which the store keeps the entity.
-  static std::string normalizeEntityId(const std::string& entityId);
+  // case-sensitive): the id under which the store keeps the entity. The
+  // result lives in a buffer of the calling thread that keeps its capacity,
+  // so that ids are normalised without allocating; the next call on the same
+  // thread, a store operation included, overwrites it. Copy it to keep it.
+  static const std::string& normalizeEntityId(const std::string& entityId);
 
   explicit CacheCore(unsigned int maxSize);
   ~CacheCore();
