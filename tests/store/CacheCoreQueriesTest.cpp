@@ -14,7 +14,7 @@ using AdapterMap = std::unordered_map<std::string, std::unordered_map<std::strin
 
 class CacheCoreQueriesTest : public StoreTest {};
 
-TEST_F(CacheCoreQueriesTest, OnlyDriverTypesZeroAndOneMakeAnEntityReachable) {
+TEST_F(CacheCoreQueriesTest, OnlyNativeOrConnectedMakeAnEntityReachable) {
   CacheCore store(4);
   store.insertEndpoint(EndpointInfo("ep1", kPrefix + "lamp", "PROT_WIFI-ADAPTER", {kPower}));
   store.insertEndpoint(record("ep2", "fan", ApplianceDriverType::CONNECTED, {}));
