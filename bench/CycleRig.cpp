@@ -72,15 +72,15 @@ SynchronousChecker::SynchronousChecker(const std::vector<EndpointInfo>& endpoint
     : done_(done) {
   for (const EndpointInfo& endpoint : endpoints) {
     answers_[0].emplace_back(endpoint.endpointId, endpoint.entityId, endpoint.adapterName, false,
-                             CapabilitySet(), ApplianceDriverType::UNKNOWN);
+                             CapabilitySet(), ApplianceDriverType::NO_DRIVER);
     answers_[1].emplace_back(endpoint.endpointId, endpoint.entityId, endpoint.adapterName, true,
                              endpoint.capabilities, ApplianceDriverType::NATIVE);
   }
 }
 
-bool SynchronousChecker::checkReachability(
-    const std::vector<EndpointInfo>& /*endpoints*/, const std::string& /*requestId*/,
-    std::function<void(const std::vector<ReachabilityCheckResult>&)> callback) {
+bool SynchronousChecker::checkReachability(const std::vector<EndpointInfo>& /*endpoints*/,
+                                           const std::string& /*requestId*/,
+                                           ResultsCallback callback) {
   callback(answers_[nextReachable_ ? 1 : 0]);
   nextReachable_ = !nextReachable_;
   done_.signal();

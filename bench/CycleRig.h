@@ -55,19 +55,17 @@ class FixedProvider : public ICHRProvider {
 };
 
 // Answers every check at once on the calling thread, alternately with every
-// endpoint reachable (driver type 0, its capabilities) and every endpoint
+// endpoint reachable (NATIVE, its capabilities) and every endpoint
 // unreachable, so that every cycle changes every entity and notifies. The
 // answers are built up front: building them is not the library's work.
 class SynchronousChecker : public IReachabilityChecker {
  public:
   SynchronousChecker(const std::vector<EndpointInfo>& endpoints, CompletionSignal& done);
 
-  bool checkReachability(
-      const std::vector<EndpointInfo>& endpoints, const std::string& requestId,
-      std::function<void(const std::vector<ReachabilityCheckResult>&)> callback) override;
-  bool registerReachabilityUpdateCallback(
-      const std::string& /*callbackId*/,
-      std::function<void(const ReachabilityCheckResult&)> /*callback*/) override {
+  bool checkReachability(const std::vector<EndpointInfo>& endpoints, const std::string& requestId,
+                         ResultsCallback callback) override;
+  bool registerReachabilityUpdateCallback(const std::string& /*callbackId*/,
+                                          UpdateCallback /*callback*/) override {
     return false;
   }
   bool unregisterReachabilityUpdateCallback(const std::string& /*callbackId*/) override {

@@ -35,7 +35,7 @@ constexpr std::size_t kQueryIdCount = 4096;
 constexpr const char* kStoreTag = "ReachabilityCache-CacheCore";
 
 // An endpoint as the least store keeps it: the union of its capabilities and
-// whether driver type 0 or 1 reported it.
+// whether NATIVE or CONNECTED (0, 1) reported it.
 struct FlatRecord {
   FlatRecord(const EndpointInfo& info, bool reachedByDriver)
       : endpointId(info.endpointId),
@@ -59,7 +59,7 @@ struct DriverMapRecord {
   DriverMapRecord(const EndpointInfo& info, bool reachedByDriver)
       : endpointId(info.endpointId), adapterName(info.adapterName), driverCapabilities(1) {
     driverCapabilities[reachedByDriver ? ApplianceDriverType::NATIVE
-                                       : ApplianceDriverType::UNKNOWN] = info.capabilities;
+                                       : ApplianceDriverType::NO_DRIVER] = info.capabilities;
   }
 
   bool reachable() const {
@@ -243,7 +243,7 @@ class FloorStore {
 };
 
 // The cache and the floors filled with the same entities, all reachable
-// through driver type 0, and the ids to query them with.
+// through NATIVE, and the ids to query them with.
 struct Stores {
   explicit Stores(std::size_t entityCount)
       : cache(nullptr,

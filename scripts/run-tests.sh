@@ -9,7 +9,9 @@
 #   - the simulator's default home under AddressSanitizer;
 #   - the seeded stress test under ThreadSanitizer, 2 seeds x 30 s;
 #   - the suite under valgrind memcheck;
-#   - the fuzzers (clang, which also runs the thread-safety analysis);
+#   - clang's thread-safety analysis (the clang-tsa preset, -Werror);
+#   - clang-tidy over src/, platform/ and testing/, on two cores;
+#   - the fuzzers (clang, AddressSanitizer + UBSan);
 #   - install, host examples against the installed package, exported symbols;
 #   - the Android configuration branch, and the arm64 build under qemu.
 # `scripts/run-tests.sh --quick` runs only the formatting check, the normal
@@ -38,6 +40,12 @@ format() {
   git ls-files '*.h' '*.cpp' | xargs clang-format --dry-run -Werror
 }
 
+# Building is the analysis: the suite itself already ran in the normal build.
+thread_safety() {
+  cmake --preset clang-tsa >/dev/null
+  cmake --build --preset clang-tsa
+}
+
 api_reference() {
   cmake --build --preset dev --target docs
 }
@@ -53,7 +61,9 @@ step "thread sanitizer" preset tsan
 step "simulator under address sanitizer" scripts/ci/sim-asan.sh
 step "stress under thread sanitizer" scripts/ci/stress.sh
 step "valgrind memcheck" scripts/ci/memcheck.sh
-step "fuzzers and thread-safety analysis" scripts/ci/fuzz.sh
+step "thread-safety analysis" thread_safety
+step "clang-tidy" scripts/ci/clang-tidy.sh
+step "fuzzers" scripts/ci/fuzz.sh
 step "install and host examples" scripts/ci/check-install.sh
 step "android configuration" scripts/ci/android-branch-check.sh
 step "arm64 under qemu" scripts/ci/arm64-tests.sh

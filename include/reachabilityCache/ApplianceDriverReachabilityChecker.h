@@ -29,9 +29,6 @@ namespace veranda::reachabilityCache {
 // be unregistered before the checker is destroyed.
 class REACHABILITY_CACHE_EXPORT ApplianceDriverReachabilityChecker : public IReachabilityChecker {
  public:
-  using ResultsCallback = std::function<void(const std::vector<ReachabilityCheckResult>&)>;
-  using UpdateCallback = std::function<void(const ReachabilityCheckResult&)>;
-
   // The adapters whose devices count; names are compared exactly.
   static const std::unordered_set<std::string> SUPPORTED_ADAPTERS;
   static const std::string ENDPOINT_HEALTH_NAMESPACE;  // "Veyra.EndpointHealth"
@@ -62,25 +59,29 @@ class REACHABILITY_CACHE_EXPORT ApplianceDriverReachabilityChecker : public IRea
   bool unregisterReachabilityUpdateCallback(const std::string& callbackId) override
       RC_EXCLUDES(callbackMutex);
 
+ private:
+  // Sees which callback ids the checker holds while the driver is called.
+  friend class ApplianceDriverReachabilityCheckerTestPeer;
+
   // Building blocks of the operations above.
-  void buildEndpointLookupMap(const std::vector<EndpointInfo>& endpoints,
-                              std::unordered_map<std::string, EndpointInfo>& lookup) const;
-  std::vector<ReachabilityCheckResult> processDiscoveredDevices(
+  REACHABILITY_CACHE_NO_EXPORT void buildEndpointLookupMap(
+      const std::vector<EndpointInfo>& endpoints,
+      std::unordered_map<std::string, EndpointInfo>& lookup) const;
+  REACHABILITY_CACHE_NO_EXPORT std::vector<ReachabilityCheckResult> processDiscoveredDevices(
       const std::vector<applianceDriver::DiscoveredDevice>& devices,
       const std::unordered_map<std::string, EndpointInfo>& lookup,
       const std::string& requestId) const;
-  void updateResultWithDiscoveredDevice(
+  REACHABILITY_CACHE_NO_EXPORT void updateResultWithDiscoveredDevice(
       const applianceDriver::DiscoveredDevice& device,
       std::unordered_map<std::string, ReachabilityCheckResult>& results) const;
-  ReachabilityCheckResult convertToReachabilityCheckResult(
-      const applianceDriver::DiscoveredDevice& device) const;
-  bool isSupportedAdapter(const std::string& adapterName) const;
-  bool validateCallbackParams(const std::string& callbackId, const UpdateCallback& callback) const;
-  bool isCallbackIdRegistered(const std::string& callbackId) const RC_EXCLUDES(callbackMutex);
-  std::function<void(const applianceDriver::StateChangeEvent&)> createStateChangeCallbackWrapper(
-      UpdateCallback callback) const;
+  REACHABILITY_CACHE_NO_EXPORT bool isSupportedAdapter(const std::string& adapterName) const;
+  REACHABILITY_CACHE_NO_EXPORT bool validateCallbackParams(const std::string& callbackId,
+                                                           const UpdateCallback& callback) const;
+  REACHABILITY_CACHE_NO_EXPORT bool isCallbackIdRegistered(const std::string& callbackId) const
+      RC_EXCLUDES(callbackMutex);
+  REACHABILITY_CACHE_NO_EXPORT applianceDriver::IUnifiedApplianceDriver::StateChangeCallback
+  createStateChangeCallbackWrapper(UpdateCallback callback) const;
 
- private:
   std::unordered_set<std::string> registeredCallbackIds RC_GUARDED_BY(callbackMutex);
   mutable Mutex callbackMutex;
   applianceDriver::IUnifiedApplianceDriver& driver;

@@ -15,9 +15,10 @@ using DriverCapabilities = std::unordered_map<applianceDriver::ApplianceDriverTy
                                               applianceDriver::ApplianceDriverTypeHash>;
 
 struct REACHABILITY_CACHE_EXPORT CachedEndpoint {
-  // Files `info.capabilities` (possibly empty) under driver type 2, the type
-  // of records that no driver stands behind.
-  CachedEndpoint(const EndpointInfo& info);  // NOLINT(google-explicit-constructor)
+  // Files `info.capabilities` (possibly empty) under NO_DRIVER, the type of
+  // records that no driver stands behind. Explicit: such a record never makes
+  // its entity reachable, which a silent conversion would hide.
+  explicit CachedEndpoint(const EndpointInfo& info);
 
   // Files `capabilities` under `driverType`.
   CachedEndpoint(const std::string& endpointId, const std::string& entityId,
@@ -38,7 +39,7 @@ struct REACHABILITY_CACHE_EXPORT CachedEndpoint {
   std::string entityId;  // once stored, the normalised entity id
   std::string adapterName;
   // A driver type present with an empty set differs from an absent one: only
-  // presence of driver types 0 or 1 makes the endpoint reachable.
+  // presence of NATIVE or CONNECTED (0, 1) makes the endpoint reachable.
   DriverCapabilities driverCapabilities;
 };
 

@@ -2,8 +2,8 @@
 // hidden.
 #pragma once
 
-#if defined(REACHABILITY_CACHE_STATIC_DEFINE)
-#define REACHABILITY_CACHE_EXPORT
-#else
+// A class or function that hosts use.
 #define REACHABILITY_CACHE_EXPORT __attribute__((visibility("default")))
-#endif
+// A private member of an exported class: hosts cannot call it, so the library
+// does not export it either.
+#define REACHABILITY_CACHE_NO_EXPORT __attribute__((visibility("hidden")))

@@ -89,7 +89,7 @@ class REACHABILITY_CACHE_EXPORT ReachabilityCache {
   // Entity ids may be given with or without the "orbt1.veyra.endpoint."
   // prefix; both name the same entity. Endpoint ids are used as given.
 
-  // True when an endpoint of the entity holds capabilities of driver type 0 or 1.
+  // True when an endpoint of the entity holds capabilities of NATIVE or CONNECTED (0, 1).
   virtual bool isEntityReachable(const std::string& entityId) const;
   // True when an endpoint of the entity holds the capability, from any driver.
   virtual bool isCapabilityReachable(const std::string& entityId,

@@ -89,12 +89,10 @@ class REACHABILITY_CACHE_EXPORT ReachabilityCheckerGuard : public IReachabilityC
 
   // ---- IReachabilityChecker ----
 
-  bool checkReachability(
-      const std::vector<EndpointInfo>& endpoints, const std::string& requestId,
-      std::function<void(const std::vector<ReachabilityCheckResult>&)> callback) override;
-  bool registerReachabilityUpdateCallback(
-      const std::string& callbackId,
-      std::function<void(const ReachabilityCheckResult&)> callback) override;
+  bool checkReachability(const std::vector<EndpointInfo>& endpoints, const std::string& requestId,
+                         ResultsCallback callback) override;
+  bool registerReachabilityUpdateCallback(const std::string& callbackId,
+                                          UpdateCallback callback) override;
   bool unregisterReachabilityUpdateCallback(const std::string& callbackId) override;
 
  private:

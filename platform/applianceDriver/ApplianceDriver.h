@@ -15,11 +15,16 @@
 
 namespace veranda::applianceDriver {
 
-// The kind of driver that reported a device.
+// The kind of driver that reported a device. Only NATIVE or CONNECTED (0, 1)
+// make an endpoint reachable.
 enum class ApplianceDriverType : int32_t {
   NATIVE = 0,
   CONNECTED = 1,
-  UNKNOWN = 2,
+  // Records that no driver stands behind: an endpoint pushed in by the host,
+  // one the driver did not find, a connectivity change.
+  NO_DRIVER = 2,
+  // The former name of NO_DRIVER.
+  UNKNOWN [[deprecated("use ApplianceDriverType::NO_DRIVER")]] = NO_DRIVER,
 };
 
 // Identity hash: a driver type hashes to its numeric value.
@@ -47,7 +52,7 @@ struct DiscoveredDevice {
   std::string friendlyName;  // not read by the cache
   bool isReachable = false;
   std::unordered_set<DeviceCapability, DeviceCapabilityHash> capabilities;
-  ApplianceDriverType driverType = static_cast<ApplianceDriverType>(2);
+  ApplianceDriverType driverType = ApplianceDriverType::NO_DRIVER;
 };
 
 // A change of one property of one endpoint.
@@ -62,13 +67,18 @@ struct StateChangeEvent {
 // The driver. Callbacks run on the driver's own threads.
 class IUnifiedApplianceDriver {
  public:
+  // Receives the devices of one discovery.
+  using DevicesCallback = std::function<void(const std::vector<DiscoveredDevice>&)>;
+  // Receives one property change.
+  using StateChangeCallback = std::function<void(const StateChangeEvent&)>;
+  // Told the id of a subscription that failed.
+  using SubscriptionErrorCallback = std::function<void(const std::string& subscriptionId)>;
+
   virtual ~IUnifiedApplianceDriver() = default;
 
   // Starts discovery of the devices reachable now. On true, `onDevices` is
   // called once, later, on a driver thread; on false it is never called.
-  virtual bool getReachableDevices(
-      const std::string& requestId,
-      std::function<void(const std::vector<DiscoveredDevice>&)> onDevices) = 0;
+  virtual bool getReachableDevices(const std::string& requestId, DevicesCallback onDevices) = 0;
 
   // Further driver operations that the cache never calls; their default
   // bodies let a test double implement only the three operations it needs.
@@ -81,10 +91,10 @@ class IUnifiedApplianceDriver {
   // Subscribes to property changes of `endpointIds` (all endpoints when the
   // list is empty). On true, `onStateChange` is called on a driver thread for
   // every change until the subscription is cancelled.
-  virtual bool subscribeStateChanges(
-      const std::vector<std::string>& endpointIds, const std::string& subscriptionId,
-      std::function<void(const StateChangeEvent&)> onStateChange,
-      std::function<void(const std::string& subscriptionId)> onSubscriptionError) = 0;
+  virtual bool subscribeStateChanges(const std::vector<std::string>& endpointIds,
+                                     const std::string& subscriptionId,
+                                     StateChangeCallback onStateChange,
+                                     SubscriptionErrorCallback onSubscriptionError) = 0;
 
   // Cancels a subscription. After true, no callback of the subscription is
   // running on another thread and none will start, not even for a change made

@@ -12,8 +12,8 @@
 namespace veranda::applianceDriver {
 namespace {
 
-using DevicesCallback = std::function<void(const std::vector<DiscoveredDevice>&)>;
-using StateCallback = std::function<void(const StateChangeEvent&)>;
+using DevicesCallback = IUnifiedApplianceDriver::DevicesCallback;
+using StateChangeCallback = IUnifiedApplianceDriver::StateChangeCallback;
 
 constexpr const char* kEndpointHealthNamespace = "Veyra.EndpointHealth";
 constexpr const char* kConnectivityProperty = "connectivity";
@@ -168,20 +168,20 @@ class SimulatedApplianceDriver::Engine : public std::enable_shared_from_this<Eng
     return true;
   }
 
-  bool subscribe(const std::string& subscriptionId, StateCallback onStateChange) {
+  bool subscribe(const std::string& subscriptionId, StateChangeCallback onStateChange) {
     std::lock_guard<std::mutex> lock(mutex_);
     if (shutDown_ || refuseSubscriptions_ || !onStateChange ||
         subscriptions_.count(subscriptionId) > 0) {
       return false;
     }
     subscriptions_.emplace(subscriptionId,
-                           Subscription{nextToken_++, std::make_shared<const StateCallback>(
+                           Subscription{nextToken_++, std::make_shared<const StateChangeCallback>(
                                                           std::move(onStateChange))});
     return true;
   }
 
   bool unsubscribe(const std::string& subscriptionId) {
-    std::shared_ptr<const StateCallback> dropped;  // destroyed after the lock is released
+    std::shared_ptr<const StateChangeCallback> dropped;  // destroyed after the lock is released
     std::unique_lock<std::mutex> lock(mutex_);
     auto found = subscriptions_.find(subscriptionId);
     if (refuseUnsubscriptions_ || found == subscriptions_.end()) {
@@ -201,7 +201,7 @@ class SimulatedApplianceDriver::Engine : public std::enable_shared_from_this<Eng
 
   struct Subscription {
     uint64_t token;  // tells a subscription from a later one under the same id
-    std::shared_ptr<const StateCallback> callback;
+    std::shared_ptr<const StateChangeCallback> callback;
   };
 
   std::vector<DiscoveredDevice> snapshotLocked() const {
@@ -263,7 +263,7 @@ class SimulatedApplianceDriver::Engine : public std::enable_shared_from_this<Eng
       if (found == subscriptions_.end() || found->second.token != target.second) {
         continue;
       }
-      std::shared_ptr<const StateCallback> callback = found->second.callback;
+      std::shared_ptr<const StateChangeCallback> callback = found->second.callback;
       activeToken_ = target.second;
       lock.unlock();
       (*callback)(event);
@@ -372,7 +372,7 @@ bool SimulatedApplianceDriver::getReachableDevices(const std::string& /*requestI
 
 bool SimulatedApplianceDriver::subscribeStateChanges(
     const std::vector<std::string>& /*endpointIds*/, const std::string& subscriptionId,
-    StateCallback onStateChange, std::function<void(const std::string&)> /*onSubscriptionError*/) {
+    StateChangeCallback onStateChange, SubscriptionErrorCallback /*onSubscriptionError*/) {
   return engine_->subscribe(subscriptionId, std::move(onStateChange));
 }
 

@@ -99,16 +99,13 @@ class SimulatedApplianceDriver : public IUnifiedApplianceDriver {
 
   // Answers with every device of the home, each with its reachable flag, as
   // the home stands when the answer is delivered.
-  bool getReachableDevices(
-      const std::string& requestId,
-      std::function<void(const std::vector<DiscoveredDevice>&)> onDevices) override;
+  bool getReachableDevices(const std::string& requestId, DevicesCallback onDevices) override;
 
   // Subscriptions receive events of every endpoint; `endpointIds` is ignored.
   // A subscription id already in use is refused.
-  bool subscribeStateChanges(
-      const std::vector<std::string>& endpointIds, const std::string& subscriptionId,
-      std::function<void(const StateChangeEvent&)> onStateChange,
-      std::function<void(const std::string& subscriptionId)> onSubscriptionError) override;
+  bool subscribeStateChanges(const std::vector<std::string>& endpointIds,
+                             const std::string& subscriptionId, StateChangeCallback onStateChange,
+                             SubscriptionErrorCallback onSubscriptionError) override;
 
   // As the interface says: a delivery to the subscription that is running on
   // another thread is waited for, and none starts after true. On the driver's

@@ -24,7 +24,8 @@ class Metric {
  public:
   Metric(const std::vector<Dimension>& dimensions, const std::string& programId,
          const std::string& sourceId, bool immediate);
-  ~Metric();
+  // Declared as the platform's header declares it: its library defines it.
+  ~Metric();  // NOLINT(performance-trivially-destructible)
 
   Metric(const Metric&) = delete;
   Metric& operator=(const Metric&) = delete;

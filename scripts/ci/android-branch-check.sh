@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Exercises the project's Android branch without the NDK (see
-# scripts/ci/android-branch/toolchain.cmake): builds, outside the package, a
+# cmake/toolchains/android-branch-ci.cmake): builds, outside the package, a
 # stand-in platform kit for arm64 (the driver, task executor and metric
 # libraries with their headers), configures the project with ANDROID set and
 # the kit named by the REACHABILITY_CACHE_* settings, builds and installs it,
@@ -26,7 +26,7 @@ fail() {
   exit 1
 }
 
-toolchain="${root}/scripts/ci/android-branch/toolchain.cmake"
+toolchain="${root}/cmake/toolchains/android-branch-ci.cmake"
 build="${root}/build/ci-android-branch"
 work="$(mktemp -d)"
 trap 'rm -rf "${work}"' EXIT

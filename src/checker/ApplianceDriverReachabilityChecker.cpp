@@ -1,7 +1,5 @@
 #include "reachabilityCache/ApplianceDriverReachabilityChecker.h"
 
-#include <cstddef>
-#include <string_view>
 #include <utility>
 
 #include "diagnostics/ComponentLog.h"
@@ -17,19 +15,9 @@ using commonLog::LogBuilder;
 
 namespace {
 
-// The driver type of results that no discovered device stands behind.
-constexpr ApplianceDriverType kNoDriverType = static_cast<ApplianceDriverType>(2);
-
 // The value of a JSON-encoded connectivity property that reports the endpoint
 // as reachable.
 constexpr const char* kQuotedOkValue = "\"OK\"";
-
-void logUnsupportedAdapter(const DiscoveredDevice& device) {
-  logChecker(LogPriority::kDebug, LogBuilder("updateResultWithDiscoveredDevice", nullptr)
-                                      .d("endpointId", device.endpointId.c_str())
-                                      .d("adapterName", device.adapterName.c_str())
-                                      .d("reason", "unsupportedAdapter"));
-}
 
 void logInitialized(bool usingSingleton) {
   logChecker(LogPriority::kInfo, LogBuilder("ApplianceDriverReachabilityChecker", nullptr)
@@ -37,70 +25,33 @@ void logInitialized(bool usingSingleton) {
                                      .d("usingSingleton", boolText(usingSingleton)));
 }
 
-// What a driver's answer says about one requested endpoint. Devices are
-// matched first and the endpoint's result is made once, after the last device:
-// it is the result that replacing the requested data with each supported
-// device in turn (updateResultWithDiscoveredDevice) leaves, without the
-// copies made on the way.
-class DeviceMatch {
- public:
-  explicit DeviceMatch(const EndpointInfo& requested) : requested_(requested) {}
-
-  // A device on a supported adapter that stands behind the endpoint; later
-  // devices replace earlier ones, but their empty entity id or capabilities
-  // keep the earlier ones.
-  void add(const DiscoveredDevice& device) {
-    last_ = &device;
-    if (!device.entityId.empty()) {
-      entityId_ = &device.entityId;
-    }
-    if (!device.capabilities.empty()) {
-      capabilitiesFrom_ = &device;
-      capabilityCopies_ = 0;
-    } else {
-      ++capabilityCopies_;
-    }
+// The device's capabilities as capability keys; entries that make an equal key
+// are kept once.
+CapabilitySet capabilitiesOf(const DiscoveredDevice& device) {
+  CapabilitySet capabilities;
+  for (const applianceDriver::DeviceCapability& capability : device.capabilities) {
+    capabilities.insert(CapabilityKey{capability.first, capability.second});
   }
+  return capabilities;
+}
 
-  ReachabilityCheckResult result(const ApplianceDriverReachabilityChecker& checker) const {
-    if (last_ == nullptr) {
-      return {requested_.endpointId,   requested_.entityId, requested_.adapterName, false,
-              requested_.capabilities, kNoDriverType};
-    }
-    ReachabilityCheckResult result = checker.convertToReachabilityCheckResult(*last_);
-    if (result.entityId.empty()) {
-      result.entityId = entityId_ != nullptr ? *entityId_ : requested_.entityId;
-    }
-    if (capabilityCopies_ > 0) {
-      result.capabilities = inheritedCapabilities(checker);
-    }
-    return result;
+// Completes the result that the devices left for `endpointId`: what no
+// supported device gave comes from the request. A supported device always
+// names its adapter, so only an endpoint that none stood behind lacks one.
+ReachabilityCheckResult completedResult(std::string endpointId, ReachabilityCheckResult result,
+                                        const EndpointInfo& requested) {
+  result.endpointId = std::move(endpointId);
+  if (result.adapterName.empty()) {
+    result.adapterName = requested.adapterName;
   }
-
- private:
-  // The set that devices without capabilities passed on: each of them took
-  // a copy of the one before, starting from the last device with capabilities
-  // or from the requested endpoint. The copies are repeated so that the set
-  // is laid out as theirs was.
-  CapabilitySet inheritedCapabilities(const ApplianceDriverReachabilityChecker& checker) const {
-    CapabilitySet capabilities =
-        capabilitiesFrom_ != nullptr
-            ? checker.convertToReachabilityCheckResult(*capabilitiesFrom_).capabilities
-            : CapabilitySet(requested_.capabilities);
-    for (std::size_t i = 0; i < capabilityCopies_; ++i) {
-      CapabilitySet copy;
-      copy = capabilities;
-      capabilities = std::move(copy);
-    }
-    return capabilities;
+  if (result.entityId.empty()) {
+    result.entityId = requested.entityId;
   }
-
-  const EndpointInfo& requested_;
-  const DiscoveredDevice* last_ = nullptr;
-  const std::string* entityId_ = nullptr;  // of the last device that reported one
-  const DiscoveredDevice* capabilitiesFrom_ = nullptr;
-  std::size_t capabilityCopies_ = 0;  // devices without capabilities since capabilitiesFrom_
-};
+  if (result.capabilities.empty()) {
+    result.capabilities = requested.capabilities;
+  }
+  return result;
+}
 
 std::string describeRequest(const std::vector<EndpointInfo>& endpoints,
                             const std::string& requestId) {
@@ -186,28 +137,25 @@ std::vector<ReachabilityCheckResult> ApplianceDriverReachabilityChecker::process
     const std::vector<DiscoveredDevice>& devices,
     const std::unordered_map<std::string, EndpointInfo>& lookup,
     const std::string& requestId) const {
-  // Keyed by views of the same ids and filled in the same order as a table of
-  // results would be, so that results come out in that table's order.
-  std::unordered_map<std::string_view, DeviceMatch> matches;
-  for (const auto& [endpointId, endpoint] : lookup) {
-    matches.emplace(endpointId, DeviceMatch(endpoint));
+  // Every requested endpoint starts unreachable, with nothing copied yet: the
+  // requested data fills in at the end what no device replaced.
+  std::unordered_map<std::string, ReachabilityCheckResult> table;
+  for (const auto& entry : lookup) {
+    table.emplace(entry.first,
+                  ReachabilityCheckResult("", "", "", false, {}, ApplianceDriverType::NO_DRIVER));
   }
   for (const DiscoveredDevice& device : devices) {
-    const auto match = matches.find(device.endpointId);
-    if (match == matches.end()) {
-      continue;
-    }
-    if (!isSupportedAdapter(device.adapterName)) {
-      logUnsupportedAdapter(device);
-      continue;
-    }
-    match->second.add(device);
+    updateResultWithDiscoveredDevice(device, table);
   }
 
+  // In the table's order; each id moves from the table's key into its result.
   std::vector<ReachabilityCheckResult> results;
-  results.reserve(matches.size());
-  for (const auto& entry : matches) {
-    results.push_back(entry.second.result(*this));
+  results.reserve(table.size());
+  while (!table.empty()) {
+    auto entry = table.extract(table.begin());
+    const EndpointInfo& requested = lookup.find(entry.key())->second;
+    results.push_back(
+        completedResult(std::move(entry.key()), std::move(entry.mapped()), requested));
   }
   logChecker(LogPriority::kInfo, LogBuilder("processDiscoveredDevices", nullptr)
                                      .d("requestId", requestId.c_str())
@@ -219,33 +167,30 @@ std::vector<ReachabilityCheckResult> ApplianceDriverReachabilityChecker::process
 void ApplianceDriverReachabilityChecker::updateResultWithDiscoveredDevice(
     const DiscoveredDevice& device,
     std::unordered_map<std::string, ReachabilityCheckResult>& results) const {
-  auto stored = results.find(device.endpointId);
+  const auto stored = results.find(device.endpointId);
   if (stored == results.end()) {
     return;
   }
   if (!isSupportedAdapter(device.adapterName)) {
-    logUnsupportedAdapter(device);
+    logChecker(LogPriority::kDebug, LogBuilder("updateResultWithDiscoveredDevice", nullptr)
+                                        .d("endpointId", device.endpointId.c_str())
+                                        .d("adapterName", device.adapterName.c_str())
+                                        .d("reason", "unsupportedAdapter"));
     return;
   }
 
-  ReachabilityCheckResult converted = convertToReachabilityCheckResult(device);
-  if (converted.entityId.empty()) {
-    converted.entityId = stored->second.entityId;
+  // The device's data replaces the result's, except an empty entity id or
+  // capability set, which keep what the result had.
+  ReachabilityCheckResult& result = stored->second;
+  if (!device.entityId.empty()) {
+    result.entityId = device.entityId;
   }
-  if (converted.capabilities.empty()) {
-    converted.capabilities = stored->second.capabilities;
+  result.adapterName = device.adapterName;
+  result.isReachable = device.isReachable;
+  if (!device.capabilities.empty()) {
+    result.capabilities = capabilitiesOf(device);
   }
-  stored->second = std::move(converted);
-}
-
-ReachabilityCheckResult ApplianceDriverReachabilityChecker::convertToReachabilityCheckResult(
-    const DiscoveredDevice& device) const {
-  CapabilitySet capabilities;
-  for (const applianceDriver::DeviceCapability& capability : device.capabilities) {
-    capabilities.insert(CapabilityKey{capability.first, capability.second});
-  }
-  return {device.endpointId,  device.entityId,         device.adapterName,
-          device.isReachable, std::move(capabilities), device.driverType};
+  result.driverType = device.driverType;
 }
 
 bool ApplianceDriverReachabilityChecker::isSupportedAdapter(const std::string& adapterName) const {
@@ -338,7 +283,7 @@ bool ApplianceDriverReachabilityChecker::unregisterReachabilityUpdateCallback(
   return true;
 }
 
-std::function<void(const StateChangeEvent&)>
+IUnifiedApplianceDriver::StateChangeCallback
 ApplianceDriverReachabilityChecker::createStateChangeCallbackWrapper(
     UpdateCallback callback) const {
   // Runs on the driver's thread; it touches no checker state and takes no lock.
@@ -360,7 +305,7 @@ ApplianceDriverReachabilityChecker::createStateChangeCallbackWrapper(
     const bool reachable = event.value == CONNECTIVITY_OK_VALUE ||
                            event.value.find(kQuotedOkValue) != std::string::npos;
     const ReachabilityCheckResult result(event.endpointId, "", "", reachable, CapabilitySet(),
-                                         kNoDriverType);
+                                         ApplianceDriverType::NO_DRIVER);
     logChecker(LogPriority::kInfo, LogBuilder("operator()", "stateChangeCallback")
                                        .d("endpointId", event.endpointId.c_str())
                                        .d("isReachable", boolText(reachable))

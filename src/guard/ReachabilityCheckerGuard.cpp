@@ -59,9 +59,9 @@ void ReachabilityCheckerGuard::removeObserver(const Observer* observer) {
   shared_->remove(observer);
 }
 
-bool ReachabilityCheckerGuard::checkReachability(
-    const std::vector<EndpointInfo>& endpoints, const std::string& requestId,
-    std::function<void(const std::vector<ReachabilityCheckResult>&)> callback) {
+bool ReachabilityCheckerGuard::checkReachability(const std::vector<EndpointInfo>& endpoints,
+                                                 const std::string& requestId,
+                                                 ResultsCallback callback) {
   if (checker_ == nullptr) {
     return false;
   }
@@ -93,13 +93,13 @@ bool ReachabilityCheckerGuard::checkReachability(
   return checker_->checkReachability(endpoints, requestId, std::move(guarded));
 }
 
-bool ReachabilityCheckerGuard::registerReachabilityUpdateCallback(
-    const std::string& callbackId, std::function<void(const ReachabilityCheckResult&)> callback) {
+bool ReachabilityCheckerGuard::registerReachabilityUpdateCallback(const std::string& callbackId,
+                                                                  UpdateCallback callback) {
   if (checker_ == nullptr || shared_->gate.isClosed()) {
     return false;
   }
   // An empty callback stays empty, so that the checker refuses it as usual.
-  std::function<void(const ReachabilityCheckResult&)> guarded;
+  UpdateCallback guarded;
   if (callback) {
     guarded = [shared = shared_,
                callback = std::move(callback)](const ReachabilityCheckResult& result) {

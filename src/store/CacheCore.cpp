@@ -19,18 +19,6 @@ using commonLog::LogBuilder;
 
 constexpr std::string_view ENTITY_ID_PREFIX = "orbt1.veyra.endpoint.";
 
-// `entityId` without one leading ENTITY_ID_PREFIX (exact, case-sensitive).
-// Operations normalise once, before they take the store mutex, and are done
-// with the result when they return: it lives in a buffer of the calling thread,
-// which the next call on that thread overwrites and which keeps its capacity,
-// so that ids are normalised without allocating.
-const std::string& normalizeIntoThreadBuffer(const std::string& entityId) {
-  thread_local std::string normalized;
-  const bool prefixed = entityId.compare(0, ENTITY_ID_PREFIX.size(), ENTITY_ID_PREFIX) == 0;
-  normalized.assign(entityId, prefixed ? ENTITY_ID_PREFIX.size() : 0, std::string::npos);
-  return normalized;
-}
-
 // Writes "[function]: action=... entityId=... endpointId=...".
 void logEndpointAction(LogPriority priority, const char* function, const char* action,
                        const std::string& entityId, const std::string& endpointId) {
@@ -81,7 +69,7 @@ void mergeInto(CachedEndpoint& stored, CachedEndpoint&& incoming) {
   }
 }
 
-// True when driver type 0 or 1 reported the endpoint, even with no capability.
+// True when NATIVE or CONNECTED (0, 1) reported the endpoint, even with no capability.
 bool reachedByDriver(const CachedEndpoint& endpoint) {
   return endpoint.driverCapabilities.count(ApplianceDriverType::NATIVE) != 0 ||
          endpoint.driverCapabilities.count(ApplianceDriverType::CONNECTED) != 0;
@@ -89,8 +77,13 @@ bool reachedByDriver(const CachedEndpoint& endpoint) {
 
 }  // namespace
 
-std::string CacheCore::normalizeEntityId(const std::string& entityId) {
-  return normalizeIntoThreadBuffer(entityId);
+// Operations normalise once, before they take the store mutex, and are done
+// with the result when they return.
+const std::string& CacheCore::normalizeEntityId(const std::string& entityId) {
+  thread_local std::string normalized;
+  const bool prefixed = entityId.compare(0, ENTITY_ID_PREFIX.size(), ENTITY_ID_PREFIX) == 0;
+  normalized.assign(entityId, prefixed ? ENTITY_ID_PREFIX.size() : 0, std::string::npos);
+  return normalized;
 }
 
 CacheCore::CacheCore(unsigned int maxSize) : maxSize_(maxSize) {
@@ -109,7 +102,7 @@ bool CacheCore::insertEndpoint(CachedEndpoint&& endpoint) {
 
 template <typename Record>
 bool CacheCore::insertRecord(Record&& endpoint) {
-  const std::string& entityId = normalizeIntoThreadBuffer(endpoint.entityId);
+  const std::string& entityId = normalizeEntityId(endpoint.entityId);
   MutexLock lock(storeMutex);
   if (refusedForEmptyId(endpoint)) {
     return false;
@@ -150,7 +143,7 @@ bool CacheCore::insertEndpoint(const EndpointInfo& info) {
 }
 
 bool CacheCore::removeEndpoint(const std::string& entityId, const std::string& endpointId) {
-  const std::string& id = normalizeIntoThreadBuffer(entityId);
+  const std::string& id = normalizeEntityId(entityId);
   MutexLock lock(storeMutex);
   std::vector<CachedEndpoint>* endpoints = findEndpointsMutableLocked(id);
   if (endpoints == nullptr) {
@@ -175,7 +168,7 @@ bool CacheCore::removeEndpoint(const std::string& entityId, const std::string& e
 }
 
 bool CacheCore::removeEntity(const std::string& entityId) {
-  const std::string& id = normalizeIntoThreadBuffer(entityId);
+  const std::string& id = normalizeEntityId(entityId);
   MutexLock lock(storeMutex);
   const auto entity = entityIndex.find(id);
   if (entity == entityIndex.end()) {
@@ -207,7 +200,7 @@ void CacheCore::clear() {
 
 bool CacheCore::clearEndpointCapabilities(const std::string& entityId,
                                           const std::string& endpointId) {
-  const std::string& id = normalizeIntoThreadBuffer(entityId);
+  const std::string& id = normalizeEntityId(entityId);
   MutexLock lock(storeMutex);
   std::vector<CachedEndpoint>* endpoints = findEndpointsMutableLocked(id);
   if (endpoints == nullptr) {
@@ -241,7 +234,7 @@ bool CacheCore::isFull() const {
 // ---- Queries ----
 
 bool CacheCore::isEntityPresent(const std::string& entityId) const {
-  const std::string& id = normalizeIntoThreadBuffer(entityId);
+  const std::string& id = normalizeEntityId(entityId);
   MutexLock lock(storeMutex);
   const bool present = findEndpointsLocked(id) != nullptr;
   logStore(LogPriority::kDebug, LogBuilder("isEntityPresent", nullptr)
@@ -251,7 +244,7 @@ bool CacheCore::isEntityPresent(const std::string& entityId) const {
 }
 
 bool CacheCore::isEntityReachable(const std::string& entityId) const {
-  const std::string& id = normalizeIntoThreadBuffer(entityId);
+  const std::string& id = normalizeEntityId(entityId);
   MutexLock lock(storeMutex);
   LogBuilder line("isEntityReachable", nullptr);
   line.d("entityId", id.c_str());
@@ -272,7 +265,7 @@ bool CacheCore::isEntityReachable(const std::string& entityId) const {
 
 bool CacheCore::isCapabilityReachable(const std::string& entityId,
                                       const CapabilityKey& capabilityKey) const {
-  const std::string& id = normalizeIntoThreadBuffer(entityId);
+  const std::string& id = normalizeEntityId(entityId);
   MutexLock lock(storeMutex);
   LogBuilder line("isCapabilityReachable", nullptr);
   line.d("entityId", id.c_str()).d("capability", capabilityKey.capability.c_str());
@@ -299,7 +292,7 @@ bool CacheCore::isCapabilityReachable(const std::string& entityId,
 bool CacheCore::isCapabilityReachableByDriver(const std::string& entityId,
                                               const CapabilityKey& capabilityKey,
                                               ApplianceDriverType driverType) const {
-  const std::string& id = normalizeIntoThreadBuffer(entityId);
+  const std::string& id = normalizeEntityId(entityId);
   MutexLock lock(storeMutex);
   LogBuilder line("isCapabilityReachableByDriver", nullptr);
   line.d("entityId", id.c_str())
@@ -323,7 +316,7 @@ bool CacheCore::isCapabilityReachableByDriver(const std::string& entityId,
 }
 
 std::string CacheCore::getEndpointIdForEntity(const std::string& entityId) const {
-  const std::string& id = normalizeIntoThreadBuffer(entityId);
+  const std::string& id = normalizeEntityId(entityId);
   MutexLock lock(storeMutex);
   const std::vector<CachedEndpoint>* endpoints = findEndpointsLocked(id);
   std::string endpointId = endpoints == nullptr ? "" : endpoints->front().endpointId;
@@ -347,7 +340,7 @@ std::string CacheCore::getEntityIdForEndpoint(const std::string& endpointId) con
 
 std::string CacheCore::getAdapterName(const std::string& entityId,
                                       const std::string& endpointId) const {
-  const std::string& id = normalizeIntoThreadBuffer(entityId);
+  const std::string& id = normalizeEntityId(entityId);
   MutexLock lock(storeMutex);
   const std::vector<CachedEndpoint>* endpoints = findEndpointsLocked(id);
   if (endpoints == nullptr) {
@@ -358,7 +351,7 @@ std::string CacheCore::getAdapterName(const std::string& entityId,
 }
 
 std::vector<EndpointInfo> CacheCore::getEndpointsForEntity(const std::string& entityId) const {
-  const std::string& id = normalizeIntoThreadBuffer(entityId);
+  const std::string& id = normalizeEntityId(entityId);
   std::vector<EndpointInfo> result;
   MutexLock lock(storeMutex);
   const std::vector<CachedEndpoint>* endpoints = findEndpointsLocked(id);
@@ -367,9 +360,7 @@ std::vector<EndpointInfo> CacheCore::getEndpointsForEntity(const std::string& en
   }
   result.reserve(endpoints->size());
   for (const CachedEndpoint& endpoint : *endpoints) {
-    // endpoint.toExternal(), built in place rather than moved in.
-    result.emplace_back(endpoint.endpointId, endpoint.entityId, endpoint.adapterName,
-                        endpoint.getAllCapabilities());
+    result.push_back(endpoint.toExternal());
   }
   return result;
 }

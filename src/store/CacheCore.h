@@ -13,6 +13,7 @@
 #include "reachabilityCache/CachedEndpoint.h"
 #include "reachabilityCache/CapabilityKey.h"
 #include "reachabilityCache/EndpointInfo.h"
+#include "reachabilityCache/ReachabilityCache.h"
 #include "reachabilityCache/ThreadAnnotations.h"
 
 namespace veranda::reachabilityCache {
@@ -21,7 +22,7 @@ namespace veranda::reachabilityCache {
 // insertion order. Entity ids are normalised (one leading
 // "orbt1.veyra.endpoint." removed) before use; endpoint ids are used as given.
 // An entity is reachable when one of its endpoints holds capabilities of
-// driver type 0 or 1.
+// NATIVE or CONNECTED (0, 1).
 //
 // Thread safety: every public operation may be called from any thread. Store
 // operations take the store mutex for their whole body; listener operations
@@ -30,12 +31,14 @@ namespace veranda::reachabilityCache {
 // caller that decides a change happened calls notifyReachabilityListeners().
 class CacheCore {
  public:
-  using ReachabilityListener = std::function<void(const std::string& endpointId,
-                                                  const std::string& entityId, bool isReachable)>;
+  using ReachabilityListener = ReachabilityCache::ReachabilityListener;
 
   // `entityId` without one leading "orbt1.veyra.endpoint." (exact,
-  // case-sensitive): the id under which the store keeps the entity.
-  static std::string normalizeEntityId(const std::string& entityId);
+  // case-sensitive): the id under which the store keeps the entity. The
+  // result lives in a buffer of the calling thread that keeps its capacity,
+  // so that ids are normalised without allocating; the next call on the same
+  // thread, a store operation included, overwrites it. Copy it to keep it.
+  static const std::string& normalizeEntityId(const std::string& entityId);
 
   explicit CacheCore(unsigned int maxSize);
   ~CacheCore();
@@ -54,7 +57,7 @@ class CacheCore {
   // The same, taking over the record's strings and capability sets rather
   // than copying them.
   bool insertEndpoint(CachedEndpoint&& endpoint) RC_EXCLUDES(storeMutex);
-  // Inserts `info` with its capabilities filed under driver type 2.
+  // Inserts `info` with its capabilities filed under NO_DRIVER.
   bool insertEndpoint(const EndpointInfo& info) RC_EXCLUDES(storeMutex);
   // Removes one endpoint of one entity, and the entity with its last endpoint.
   bool removeEndpoint(const std::string& entityId, const std::string& endpointId)
@@ -116,9 +119,9 @@ class CacheCore {
   void notifyReachabilityListeners(const std::string& endpointId, const std::string& entityId,
                                    bool isReachable) RC_EXCLUDES(listenerMutex);
 
-  // ---- Lookups for use under the store mutex (entity id already normalised) ----
-
-  // Null when the entity is absent or has no endpoints.
+ private:
+  // Lookups under the store mutex, of an entity id already normalised. Null
+  // when the entity is absent or has no endpoints.
   const std::vector<CachedEndpoint>* findEndpointsLocked(const std::string& entityId) const
       RC_REQUIRES(storeMutex);
   // Null only when the entity is absent.
@@ -130,7 +133,6 @@ class CacheCore {
   static std::vector<CachedEndpoint>::iterator findEndpointInVector(
       std::vector<CachedEndpoint>& endpoints, const std::string& endpointId);
 
- private:
   // Both insertEndpoint() overloads: copies from an lvalue, moves from an rvalue.
   template <typename Record>
   bool insertRecord(Record&& endpoint) RC_EXCLUDES(storeMutex);

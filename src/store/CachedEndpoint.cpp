@@ -18,19 +18,12 @@ constexpr std::size_t kDriverTypeBuckets = 1;
 
 }  // namespace
 
-void fileCapabilities(DriverCapabilities& driverCapabilities, ApplianceDriverType driverType,
-                      CapabilitySet capabilities) {
-  CapabilitySet& stored = driverCapabilities[driverType];
-  stored = std::move(capabilities);
-  stored.rehash(0);  // drop the buckets the set grew while it was filled
-}
-
 CachedEndpoint::CachedEndpoint(const EndpointInfo& info)
     : endpointId(info.endpointId),
       entityId(info.entityId),
       adapterName(info.adapterName),
       driverCapabilities(kDriverTypeBuckets) {
-  fileCapabilities(driverCapabilities, ApplianceDriverType::UNKNOWN, info.capabilities);
+  fileCapabilities(driverCapabilities, ApplianceDriverType::NO_DRIVER, info.capabilities);
 }
 
 CachedEndpoint::CachedEndpoint(const std::string& endpointId, const std::string& entityId,

@@ -36,6 +36,7 @@ void TrackerCore::settle() {
 }
 
 void TrackerCore::onNotification(const std::string& entityId) {
+  // A copy: judgeAll() calls the store, which reuses the buffer.
   const std::string id = CacheCore::normalizeEntityId(entityId);
   const CallbackGate::Pass pass(gate_);
   if (!pass) {
@@ -83,7 +84,7 @@ void TrackerCore::onResultsApplied(const std::vector<ReachabilityCheckResult>& r
 }
 
 bool TrackerCore::reportedReachable(const std::string& entityId) const {
-  const std::string id = CacheCore::normalizeEntityId(entityId);
+  const std::string& id = CacheCore::normalizeEntityId(entityId);
   MutexLock lock(mutex_);
   return shown_.count(id) != 0;
 }

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "guard/CallbackGate.h"
+#include "reachabilityCache/EntityReachabilityTracker.h"
 #include "reachabilityCache/ReachabilityCheckResult.h"
 #include "reachabilityCache/ReachabilityCheckerGuard.h"
 #include "reachabilityCache/ThreadAnnotations.h"
@@ -39,7 +40,7 @@ namespace veranda::reachabilityCache {
 class TrackerCore : public ReachabilityCheckerGuard::Observer,
                     public std::enable_shared_from_this<TrackerCore> {
  public:
-  using ChangeCallback = std::function<void(const std::string& entityId, bool reachable)>;
+  using ChangeCallback = EntityReachabilityTracker::ChangeCallback;
 
   TrackerCore(std::shared_ptr<CacheCore> store, ChangeCallback callback,
               std::chrono::milliseconds unreachableHoldDown);

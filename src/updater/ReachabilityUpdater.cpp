@@ -6,8 +6,10 @@
 //   it, and after that returns true no call of it runs on another thread or
 //   starts. A refused cancellation leaves it registered: the checker must not
 //   refuse at teardown.
-// - Completion callbacks of batch checks: nothing here cancels them; the
-//   owner keeps the checker from answering once the updater is gone.
+// - Completion callbacks of batch checks: nothing here cancels them. The
+//   host puts a ReachabilityCheckerGuard between the cache and its checker and
+//   closes it before the cache goes: a closed guard drops every late answer,
+//   so none reaches a destroyed updater.
 #include "updater/ReachabilityUpdater.h"
 
 #include <cstdint>

@@ -14,8 +14,8 @@ ReachabilityCheckResult makeResult(const EndpointInfo& endpoint, bool reachable)
     return {endpoint.endpointId,   endpoint.entityId,          endpoint.adapterName, true,
             endpoint.capabilities, ApplianceDriverType::NATIVE};
   }
-  return {endpoint.endpointId,         endpoint.entityId, endpoint.adapterName, false, {},
-          ApplianceDriverType::UNKNOWN};
+  return {endpoint.endpointId,           endpoint.entityId, endpoint.adapterName, false, {},
+          ApplianceDriverType::NO_DRIVER};
 }
 
 void FakeReachabilityChecker::setRefuseChecks(bool refuse) {

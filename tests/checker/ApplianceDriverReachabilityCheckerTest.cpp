@@ -9,13 +9,24 @@
 #include <string>
 #include <thread>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include "LogRecorder.h"
 #include "applianceDriver/SimulatedApplianceDriver.h"
 
 namespace veranda::reachabilityCache {
+
+class ApplianceDriverReachabilityCheckerTestPeer {
+ public:
+  static bool holds(const ApplianceDriverReachabilityChecker& checker, const std::string& id) {
+    return checker.isCallbackIdRegistered(id);
+  }
+};
+
 namespace {
+
+using Peer = ApplianceDriverReachabilityCheckerTestPeer;
 
 using test::LogLine;
 using test::LogRecorder;
@@ -57,7 +68,7 @@ class CheckerTest : public ::testing::Test, public applianceDriver::IUnifiedAppl
   }
   bool unsubscribeStateChanges(const std::string& id) override { return call("unsubscribe", id); }
   bool call(const std::string& operation, const std::string& id) {
-    calls.push_back(operation + " " + id + (checker.isCallbackIdRegistered(id) ? "+" : ""));
+    calls.push_back(operation + " " + id + (Peer::holds(checker, id) ? "+" : ""));
     return operation != refuse;
   }
 
@@ -74,6 +85,33 @@ class CheckerTest : public ::testing::Test, public applianceDriver::IUnifiedAppl
   ApplianceDriverReachabilityChecker checker{*this};
 };
 
+// Collects "answer" and then the results of each answer.
+class Answers {
+ public:
+  ApplianceDriverReachabilityChecker::ResultsCallback callback() {
+    return [this](const std::vector<ReachabilityCheckResult>& answer) {
+      texts.push_back("answer");
+      std::transform(answer.begin(), answer.end(), std::back_inserter(texts), describe);
+    };
+  }
+  Strings texts;
+};
+
+TEST_F(CheckerTest, EmptyBatchAnswersAtOnceAndRefusedBatchNever) {
+  const std::string check = "[checkReachability]: ";
+  Answers answers;
+  EXPECT_TRUE(checker.checkReachability({}, "m0", answers.callback()));
+  EXPECT_EQ(answers.texts, Strings{"answer"});
+  EXPECT_EQ(takeLines(), (Lines{line(3, check + "details=requestId=m0 count=0"),
+                                line(3, check + "reason=noEndpointsToCheck")}));
+  refuse = "get";
+  EXPECT_FALSE(checker.checkReachability({{"a", "entA", "PROT_WIFI-ADAPTER", {}}}, "m1",
+                                         answers.callback()));
+  EXPECT_EQ(takeLines().back(), line(6, check + "requestId=m1 reason=getReachableDevicesFailed"));
+  EXPECT_EQ(calls, Strings{"get m1"});
+  EXPECT_EQ(answers.texts, Strings{"answer"});
+}
+
 TEST_F(CheckerTest, BatchGivesEachRequestedEndpointOneResultFromSupportedDevicesOnly) {
   const std::vector<EndpointInfo> requested = {{"a", "entA", "PROT_ZIGBEE-ADAPTER", kPower},
                                                {"b", "entB", "PROT_WIFI-ADAPTER", kPower},
@@ -89,27 +127,17 @@ TEST_F(CheckerTest, BatchGivesEachRequestedEndpointOneResultFromSupportedDevices
       {"d", "entD2", "PROT_BLE_MESH-ADAPTER", "lamp", true, {{"Color", "rgb"}}, kConnected},
       {"d", "", "PROT_LOCALSKILLS-ADAPTER", "lamp", false, {}, kConnected},
       {"d", "entX", " PROT_MOCK-ADAPTER ", "lamp", true, {}, kConnected}};
-  Strings results;  // "answer" and then the results of each answer
-  auto collect = [&](const std::vector<ReachabilityCheckResult>& answer) {
-    results.push_back("answer");
-    std::transform(answer.begin(), answer.end(), std::back_inserter(results), describe);
-  };
-  const std::string check = "[checkReachability]: ";
-  EXPECT_TRUE(checker.checkReachability({}, "m0", collect));
-  EXPECT_EQ(results, Strings{"answer"});  // at once, without asking the driver
-  EXPECT_EQ(takeLines().back(), line(3, check + "reason=noEndpointsToCheck"));
-  refuse = "get";
-  EXPECT_FALSE(checker.checkReachability({requested[0]}, "m1", collect));
-  EXPECT_EQ(takeLines().back(), line(6, check + "requestId=m1 reason=getReachableDevicesFailed"));
-  refuse = "";
-  EXPECT_TRUE(checker.checkReachability(requested, "p", collect));
-  ASSERT_EQ(calls, (Strings{"get m1", "get p"}));
+  Answers answers;
+  EXPECT_TRUE(checker.checkReachability(requested, "p", answers.callback()));
+  ASSERT_EQ(calls, Strings{"get p"});
+  EXPECT_EQ(answers.texts, Strings{});  // not before the driver answers
   pending.back()(devices);
-  std::sort(results.begin(), results.end());
-  EXPECT_EQ(results,
-            (Strings{"a entA PROT_WIFI-ADAPTER +1 Power/", "answer", "answer",
+  std::sort(answers.texts.begin(), answers.texts.end());
+  EXPECT_EQ(answers.texts,
+            (Strings{"a entA PROT_WIFI-ADAPTER +1 Power/", "answer",
                      "b entB PROT_WIFI-ADAPTER -2 Power/", "c entC2 PROT_CHIP-ADAPTER +1 Color/",
                      "d entD2 PROT_LOCALSKILLS-ADAPTER -1 Color/rgb"}));
+  const std::string check = "[checkReachability]: ";
   const std::string unsupported = "[updateResultWithDiscoveredDevice]: endpointId=";
   EXPECT_EQ(
       takeLines(),
@@ -119,9 +147,31 @@ TEST_F(CheckerTest, BatchGivesEachRequestedEndpointOneResultFromSupportedDevices
              line(3, unsupported + "b adapterName=prot_wifi-adapter reason=unsupportedAdapter"),
              line(3, unsupported + "d adapterName= PROT_MOCK-ADAPTER  reason=unsupportedAdapter"),
              line(4, "[processDiscoveredDevices]: requestId=p deviceCount=7 resultCount=4")}));
-  for (const char* name : {"PROT_ZIGBEE-ADAPTER", "PROT_BLE-ADAPTER", "PROT_MOCK-ADAPTER"}) {
-    EXPECT_TRUE(checker.isSupportedAdapter(name)) << name;
+}
+
+TEST_F(CheckerTest, OnlyTheSevenAdapterNamesCountExactly) {
+  const std::vector<std::pair<std::string, bool>> adapters = {
+      {"PROT_ZIGBEE-ADAPTER", true},      {"PROT_WIFI-ADAPTER", true},
+      {"PROT_LOCALSKILLS-ADAPTER", true}, {"PROT_CHIP-ADAPTER", true},
+      {"PROT_BLE-ADAPTER", true},         {"PROT_BLE_MESH-ADAPTER", true},
+      {"PROT_MOCK-ADAPTER", true},        {"prot_zigbee-adapter", false},
+      {" PROT_WIFI-ADAPTER", false},      {"PROT_BLE-ADAPTER ", false},
+      {"PROT_ZWAVE-ADAPTER", false},      {"", false}};
+  std::vector<EndpointInfo> requested;
+  Devices devices;
+  Strings expected = {"answer"};
+  for (const auto& [adapter, supported] : adapters) {
+    const std::string id = "[" + adapter + "]";
+    requested.emplace_back(id, "e", "PROT_ZIGBEE-ADAPTER", CapabilitySet{});
+    devices.push_back({id, "e", adapter, "", true, {}, kConnected});
+    expected.push_back(id + " e " + (supported ? adapter + " +1" : "PROT_ZIGBEE-ADAPTER -2"));
   }
+  Answers answers;
+  ASSERT_TRUE(checker.checkReachability(requested, "p", answers.callback()));
+  pending.back()(devices);
+  std::sort(answers.texts.begin(), answers.texts.end());
+  std::sort(expected.begin(), expected.end());
+  EXPECT_EQ(answers.texts, expected);
 }
 
 TEST_F(CheckerTest, IdIsRegisteredOnlyWhileTheDriverHoldsTheSubscription) {
@@ -196,7 +246,7 @@ TEST_F(CheckerTest, DefaultCheckerPassesOnlyConnectivityEventsWhileOtherIdsComeA
   EXPECT_TRUE(driver.waitUntilIdle(std::chrono::seconds(5)));
   LogRecorder::instance().setDiscard(false);
   EXPECT_EQ(driver.subscriptionCount(), 1U);
-  EXPECT_FALSE(processWide.isCallbackIdRegistered("b199"));
+  EXPECT_FALSE(Peer::holds(processWide, "b199"));
   EXPECT_TRUE(processWide.unregisterReachabilityUpdateCallback("cb"));
   EXPECT_EQ(received, (Strings{"e0   +2", R"({"value":"OK"}   +2)", "ok   -2", " OK    -2"}));
 }

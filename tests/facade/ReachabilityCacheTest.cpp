@@ -146,7 +146,7 @@ TEST_F(ReachabilityCacheTest, BatchUpdatesSkipRefusedRecordsAndClearingKeepsList
                           stored("ep3", "e3", kZigbee)});  // refused: full
   EXPECT_EQ(cache->size(), 2U);
   EXPECT_EQ(cache->getEntityIdForEndpoint("ep1"), "e1");
-  EXPECT_FALSE(cache->isEntityReachable("e2"));  // only driver type 2
+  EXPECT_FALSE(cache->isEntityReachable("e2"));  // only NO_DRIVER
   EXPECT_TRUE(cache->isCapabilityReachable("e2", {"dim", ""}));
   EXPECT_EQ(LogRecorder::instance().countContaining(test::kMetricTag, "CacheFull"), 1U);
 
@@ -163,8 +163,8 @@ TEST_F(ReachabilityCacheTest, TheHostsCheckerOutlivesTheCacheAndCannotReachItAft
   EXPECT_GE(checker.use_count(), 3);
   cache.reset();
   EXPECT_EQ(checker.use_count(), 1);
-  EXPECT_THROW(checker->deliverEvent(
-                   ReachabilityCheckResult("ep1", "", "", false, {}, ApplianceDriverType::UNKNOWN)),
+  EXPECT_THROW(checker->deliverEvent(ReachabilityCheckResult("ep1", "", "", false, {},
+                                                             ApplianceDriverType::NO_DRIVER)),
                std::logic_error);
 }
 

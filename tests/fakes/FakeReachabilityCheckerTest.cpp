@@ -17,7 +17,7 @@ namespace {
 using applianceDriver::ApplianceDriverType;
 using test::FakeReachabilityChecker;
 
-const ReachabilityCheckResult kOffline("ep1", "", "", false, {}, ApplianceDriverType::UNKNOWN);
+const ReachabilityCheckResult kOffline("ep1", "", "", false, {}, ApplianceDriverType::NO_DRIVER);
 
 TEST(FakeReachabilityCheckerTest, AfterUnregisterNoCallbackRunsElsewhereOrStarts) {
   FakeReachabilityChecker checker;

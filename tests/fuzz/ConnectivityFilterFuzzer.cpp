@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "FuzzCheck.h"
@@ -21,19 +22,23 @@ using veranda::applianceDriver::StateChangeEvent;
 using veranda::reachabilityCache::ApplianceDriverReachabilityChecker;
 using veranda::reachabilityCache::ReachabilityCheckResult;
 
-// The wrapper never calls the driver; the checker only needs one to exist.
-class IdleDriver : public IUnifiedApplianceDriver {
+// Keeps the callback of the one subscription, which the fuzzer calls with
+// each event as the driver's thread would.
+class SubscribedDriver : public IUnifiedApplianceDriver {
  public:
   bool getReachableDevices(const std::string&,
                            std::function<void(const std::vector<DiscoveredDevice>&)>) override {
     return false;
   }
   bool subscribeStateChanges(const std::vector<std::string>&, const std::string&,
-                             std::function<void(const StateChangeEvent&)>,
+                             std::function<void(const StateChangeEvent&)> onStateChange,
                              std::function<void(const std::string&)>) override {
-    return false;
+    publish = std::move(onStateChange);
+    return true;
   }
   bool unsubscribeStateChanges(const std::string&) override { return false; }
+
+  std::function<void(const StateChangeEvent&)> publish;
 };
 
 // Most fields are either the text the filter looks for or anything at all.
@@ -53,8 +58,12 @@ bool containsQuotedOk(const std::string& value) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
-  static IdleDriver driver;
+  static SubscribedDriver driver;
   static ApplianceDriverReachabilityChecker checker(driver);
+  static std::vector<ReachabilityCheckResult> delivered;
+  static const bool subscribed = checker.registerReachabilityUpdateCallback(
+      "fuzz", [](const ReachabilityCheckResult& result) { delivered.push_back(result); });
+  FUZZ_CHECK(subscribed);
 
   FuzzedDataProvider input(data, size);
   StateChangeEvent event;
@@ -64,9 +73,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   event.propertyName = field(input, "connectivity");
   event.value = input.ConsumeBool() ? "OK" : input.ConsumeRemainingBytesAsString();
 
-  std::vector<ReachabilityCheckResult> delivered;
-  checker.createStateChangeCallbackWrapper(
-      [&delivered](const ReachabilityCheckResult& result) { delivered.push_back(result); })(event);
+  delivered.clear();
+  driver.publish(event);
 
   const bool connectivity =
       event.namespace_ == "Veyra.EndpointHealth" && event.propertyName == "connectivity";
@@ -79,6 +87,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   FUZZ_CHECK(result.endpointId == event.endpointId);
   FUZZ_CHECK(result.entityId.empty() && result.adapterName.empty());
   FUZZ_CHECK(result.capabilities.empty());
-  FUZZ_CHECK(result.driverType == static_cast<ApplianceDriverType>(2));
+  FUZZ_CHECK(result.driverType == ApplianceDriverType::NO_DRIVER);
   return 0;
 }

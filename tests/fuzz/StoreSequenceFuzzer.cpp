@@ -121,7 +121,7 @@ void checkExternal(const EndpointInfo& info, const Row& row) {
 }
 
 // Every query about `entityId` and `endpointId` answers as the model does. The
-// presence of driver type 0 or 1, even without keys, makes an entity reachable.
+// presence of NATIVE or CONNECTED (0, 1), even without keys, makes an entity reachable.
 template <typename Cache>
 void checkQueries(const Cache& cache, const Model& model, const std::string& entityId,
                   const std::string& endpointId) {
@@ -205,7 +205,7 @@ void play(Cache& cache, Calls& calls, const uint8_t* data, std::size_t size) {
         if constexpr (kStore) FUZZ_CHECK(cache.insertEndpoint(record) == stored);
       }
       if constexpr (!kStore) cache.updateEndpoints(batch);
-    } else if (operation == 1) {  // the capabilities of an EndpointInfo count as driver type 2
+    } else if (operation == 1) {  // the capabilities of an EndpointInfo count as NO_DRIVER
       const unsigned int keys = input.ConsumeIntegralInRange(0U, (1U << kKeyCount) - 1);
       const EndpointInfo info(endpointId, entityId, adapter, toSet(keys));
       const bool stored = model.insert({endpointId, entityId, adapter, {{2, keys}}});

@@ -19,7 +19,8 @@ TEST_F(CacheCoreInsertRemoveTest, MergesReplaceOnlyTheDriverTypesTheyBring) {
   CacheCore store(1);
   EXPECT_TRUE(
       store.insertEndpoint(record("ep1", kPrefix + "lamp", ApplianceDriverType::NATIVE, {kPower})));
-  EXPECT_TRUE(store.insertEndpoint(record("ep2", kPrefix + "lamp", ApplianceDriverType::UNKNOWN)));
+  EXPECT_TRUE(
+      store.insertEndpoint(record("ep2", kPrefix + "lamp", ApplianceDriverType::NO_DRIVER)));
   EXPECT_TRUE(store.insertEndpoint(
       record("ep1", "lamp", ApplianceDriverType::CONNECTED, {kBrightness}, "")));
   EXPECT_EQ(takeLines(),

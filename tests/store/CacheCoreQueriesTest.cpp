@@ -14,7 +14,7 @@ using AdapterMap = std::unordered_map<std::string, std::unordered_map<std::strin
 
 class CacheCoreQueriesTest : public StoreTest {};
 
-TEST_F(CacheCoreQueriesTest, OnlyDriverTypesZeroAndOneMakeAnEntityReachable) {
+TEST_F(CacheCoreQueriesTest, OnlyNativeOrConnectedMakeAnEntityReachable) {
   CacheCore store(4);
   store.insertEndpoint(EndpointInfo("ep1", kPrefix + "lamp", "PROT_WIFI-ADAPTER", {kPower}));
   store.insertEndpoint(record("ep2", "fan", ApplianceDriverType::CONNECTED, {}));
@@ -32,7 +32,7 @@ TEST_F(CacheCoreQueriesTest, OnlyDriverTypesZeroAndOneMakeAnEntityReachable) {
   EXPECT_FALSE(store.isEntityReachable("lamp"));
   EXPECT_TRUE(store.isCapabilityReachable(kPrefix + "lamp", kPower));
   EXPECT_FALSE(store.isCapabilityReachable("lamp", {"PowerController", "other"}));
-  EXPECT_TRUE(store.isCapabilityReachableByDriver("lamp", kPower, ApplianceDriverType::UNKNOWN));
+  EXPECT_TRUE(store.isCapabilityReachableByDriver("lamp", kPower, ApplianceDriverType::NO_DRIVER));
   EXPECT_FALSE(store.isCapabilityReachableByDriver("lamp", kPower, ApplianceDriverType::NATIVE));
   EXPECT_TRUE(store.isEntityReachable("fan"));  // a present driver type without capabilities
   const std::string capability = "capability=PowerController ";
@@ -72,7 +72,8 @@ TEST_F(CacheCoreQueriesTest, OnlyDriverTypesZeroAndOneMakeAnEntityReachable) {
 TEST_F(CacheCoreQueriesTest, MappingQueriesFollowInsertionOrderAndNormalisedIds) {
   CacheCore store(4);
   store.insertEndpoint(record("ep1", kPrefix + "lamp", ApplianceDriverType::NATIVE, {kPower}));
-  store.insertEndpoint(record("ep2", "lamp", ApplianceDriverType::UNKNOWN, {}, "PROT_BLE-ADAPTER"));
+  store.insertEndpoint(
+      record("ep2", "lamp", ApplianceDriverType::NO_DRIVER, {}, "PROT_BLE-ADAPTER"));
   store.insertEndpoint(record("ep1", "lamp", ApplianceDriverType::CONNECTED, {kBrightness}));
   store.insertEndpoint(record("ep3", "fan"));
 

@@ -43,11 +43,7 @@ class StoreTest : public ::testing::Test {
  protected:
   void SetUp() override { LogRecorder::instance().clear(); }
 
-  static Lines takeLines() {
-    Lines lines = LogRecorder::instance().lines();
-    LogRecorder::instance().clear();
-    return lines;
-  }
+  static Lines takeLines() { return LogRecorder::instance().take(); }
 };
 
 }  // namespace veranda::reachabilityCache

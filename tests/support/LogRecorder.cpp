@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
+#include <utility>
 
 namespace veranda::reachabilityCache::test {
 namespace {
@@ -53,6 +54,11 @@ void LogRecorder::setDiscard(bool discard) {
 std::vector<LogLine> LogRecorder::lines() const {
   std::lock_guard<std::mutex> lock(mutex_);
   return lines_;
+}
+
+std::vector<LogLine> LogRecorder::take() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return std::exchange(lines_, {});
 }
 
 std::vector<LogLine> LogRecorder::linesWithTag(const std::string& tag) const {

@@ -39,6 +39,9 @@ class LogRecorder {
   void setDiscard(bool discard);
 
   std::vector<LogLine> lines() const;
+  // The lines recorded since the last clear() or take(), and clears them: a
+  // line recorded meanwhile is in this answer or the next, never lost.
+  std::vector<LogLine> take();
   std::vector<LogLine> linesWithTag(const std::string& tag) const;
   std::vector<std::string> texts(const std::string& tag) const;
   // The number of lines with `tag` that contain `fragment`.

@@ -34,18 +34,18 @@ EndpointInfo endpoint(const std::string& endpointId, const std::string& entityId
   return EndpointInfo(endpointId, entityId, kZigbee, {{"power", "main"}});
 }
 
-// A record that makes its entity reachable (driver type 0), or one that does
-// not (type 2).
+// A record that makes its entity reachable (NATIVE), or one that does
+// not (NO_DRIVER).
 CachedEndpoint record(const std::string& endpointId, const std::string& entityId,
                       bool reachable = true) {
   return CachedEndpoint(endpointId, entityId, kZigbee,
-                        reachable ? ApplianceDriverType::NATIVE : ApplianceDriverType::UNKNOWN,
+                        reachable ? ApplianceDriverType::NATIVE : ApplianceDriverType::NO_DRIVER,
                         {{"power", "main"}});
 }
 
-// A connectivity event as the checker makes it: no entity, driver type 2.
+// A connectivity event as the checker makes it: no entity, NO_DRIVER.
 ReachabilityCheckResult event(const std::string& endpointId, bool reachable) {
-  return {endpointId, "", "", reachable, {}, ApplianceDriverType::UNKNOWN};
+  return {endpointId, "", "", reachable, {}, ApplianceDriverType::NO_DRIVER};
 }
 
 Notification change(const std::string& entityId, bool reachable) {

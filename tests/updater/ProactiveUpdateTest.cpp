@@ -67,7 +67,7 @@ TEST_F(ProactiveUpdateTest, EventsAreResolvedToTheirEntityAndAppliedOnTheWorker)
   ASSERT_TRUE(updater->enableProactiveUpdates());
 
   const ReachabilityCheckResult offline("ep1", "", "", false, {},
-                                        applianceDriver::ApplianceDriverType::UNKNOWN);
+                                        applianceDriver::ApplianceDriverType::NO_DRIVER);
   EXPECT_EQ(checker->deliverEvent(offline), 1U);
   time.runUntilIdle();
   EXPECT_THAT(listener.notifications(), ElementsAre(Notification{"ep1", "e1", false}));
@@ -79,7 +79,7 @@ TEST_F(ProactiveUpdateTest, EventsAreResolvedToTheirEntityAndAppliedOnTheWorker)
 
   // An event for an unknown endpoint keeps its empty entity id.
   checker->deliverEvent(ReachabilityCheckResult("ep-x", "", "", false, {},
-                                                applianceDriver::ApplianceDriverType::UNKNOWN));
+                                                applianceDriver::ApplianceDriverType::NO_DRIVER));
   time.runUntilIdle();
   EXPECT_EQ(LogRecorder::instance().countContaining(
                 test::kUpdaterTag, "ep-x (entityId=): unreachable (alreadyUnreachable)"),

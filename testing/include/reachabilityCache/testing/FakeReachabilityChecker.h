@@ -40,8 +40,6 @@ namespace veranda::reachabilityCache::test {
 // registered, or while several are, are not judged.
 class FakeReachabilityChecker : public IReachabilityChecker {
  public:
-  using ResultsCallback = std::function<void(const std::vector<ReachabilityCheckResult>&)>;
-  using UpdateCallback = std::function<void(const ReachabilityCheckResult&)>;
   // Decides one requested endpoint's result.
   using Responder = std::function<ReachabilityCheckResult(const EndpointInfo&)>;
 
@@ -148,8 +146,8 @@ class FakeReachabilityChecker : public IReachabilityChecker {
   std::vector<std::pair<uint64_t, std::thread::id>> delivering_;
 };
 
-// A result for `endpoint`: reachable ones carry its capabilities under driver
-// type 0, unreachable ones carry none and driver type 2.
+// A result for `endpoint`: reachable ones carry its capabilities under NATIVE
+// (0), unreachable ones carry none and NO_DRIVER.
 ReachabilityCheckResult makeResult(const EndpointInfo& endpoint, bool reachable);
 
 }  // namespace veranda::reachabilityCache::test

@@ -4,7 +4,7 @@
 # compiles for arm64 with Debian's cross compiler, and Debian's arm64 liblog
 # stands in for the NDK's: its header is on the standard include path, as in
 # the NDK's sysroot, and find_library(log) finds the library.
-include("${CMAKE_CURRENT_LIST_DIR}/../../../cmake/toolchains/aarch64-linux-gnu.cmake")
+include("${CMAKE_CURRENT_LIST_DIR}/aarch64-linux-gnu.cmake")
 
 set(ANDROID TRUE)
 set(CMAKE_CXX_STANDARD_INCLUDE_DIRECTORIES /usr/include/android)
