@@ -1,9 +1,16 @@
 // The figures that the report, the JSON document and the picture share.
 #include <algorithm>
+#include <cmath>
 
 #include "TraceOutput.h"
 
 namespace veranda::reachabilityCache::trace {
+
+double percentile(const std::vector<double>& sorted, double fraction) {
+  const auto rank =
+      static_cast<std::size_t>(std::ceil(fraction * static_cast<double>(sorted.size())));
+  return sorted[std::max<std::size_t>(rank, 1) - 1];
+}
 
 std::vector<EntitySpan> entitySpans(const EntityRecord& entity, Micros start, Micros end) {
   std::vector<EntitySpan> spans;

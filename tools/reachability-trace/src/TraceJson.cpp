@@ -1,8 +1,6 @@
 // The JSON document for scripts.
 #include <nlohmann/json.hpp>
 
-#include <cmath>
-
 #include "TraceOutput.h"
 
 namespace veranda::reachabilityCache::trace {
@@ -31,12 +29,6 @@ const char* answerText(Answer answer) {
       break;
   }
   return "notCached";
-}
-
-double percentile(const std::vector<double>& sorted, double fraction) {
-  const auto rank =
-      static_cast<std::size_t>(std::ceil(fraction * static_cast<double>(sorted.size())));
-  return sorted[std::max<std::size_t>(rank, 1) - 1];
 }
 
 json checkJson(const Trace& trace, const CheckRecord& check) {

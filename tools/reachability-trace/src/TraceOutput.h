@@ -35,6 +35,9 @@ tools::TimelinePicture tracePicture(const Trace& trace, std::size_t cacheIndex,
 std::vector<double> answerLatenciesMs(const CacheRecord& cache);
 std::vector<double> cycleGapsSeconds(const CacheRecord& cache);
 
+// The nearest-rank percentile of `sorted` (not empty), `fraction` in (0, 1].
+double percentile(const std::vector<double>& sorted, double fraction);
+
 struct EntitySpan {
   Micros from = kNoTime;
   Micros to = kNoTime;

@@ -1,6 +1,5 @@
 // The report for a person and an entity's story.
 #include <algorithm>
-#include <cmath>
 #include <cstdio>
 #include <map>
 
@@ -54,12 +53,6 @@ const char* answerText(Answer answer) {
       break;
   }
   return "not cached";
-}
-
-double percentile(const std::vector<double>& sorted, double fraction) {
-  const auto rank =
-      static_cast<std::size_t>(std::ceil(fraction * static_cast<double>(sorted.size())));
-  return sorted[std::max<std::size_t>(rank, 1) - 1];
 }
 
 void printHeading(const Trace& trace, const CacheRecord& cache, std::size_t number,
