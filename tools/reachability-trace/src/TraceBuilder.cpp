@@ -10,8 +10,11 @@ namespace {
 constexpr std::string_view kPeriodicPrefix = "periodic_";
 constexpr std::string_view kMetricPrefix = "metricName=ReachabilityCache.";
 
-std::optional<uint64_t> number(std::optional<std::string_view> text) {
-  uint64_t value = 0;
+// The whole of `text` as an integer of type T; nothing when it is missing,
+// empty, or not entirely such a number.
+template <typename T>
+std::optional<T> integer(std::optional<std::string_view> text) {
+  T value = 0;
   if (!text || text->empty()) {
     return std::nullopt;
   }
@@ -22,16 +25,12 @@ std::optional<uint64_t> number(std::optional<std::string_view> text) {
   return value;
 }
 
+std::optional<uint64_t> number(std::optional<std::string_view> text) {
+  return integer<uint64_t>(text);
+}
+
 std::optional<int64_t> signedNumber(std::optional<std::string_view> text) {
-  int64_t value = 0;
-  if (!text || text->empty()) {
-    return std::nullopt;
-  }
-  const auto [end, error] = std::from_chars(text->data(), text->data() + text->size(), value);
-  if (error != std::errc() || end != text->data() + text->size()) {
-    return std::nullopt;
-  }
-  return value;
+  return integer<int64_t>(text);
 }
 
 // The physical line of `message` that holds `text` (a line of a multi-line
