@@ -9,8 +9,8 @@ namespace veranda::reachabilityCache::bench {
 namespace {
 
 // The adapters endpoints are spread over (all supported by the checker).
-constexpr std::array<const char*, 4> kAdapters = {"PROT_ZIGBEE-ADAPTER", "PROT_WIFI-ADAPTER",
-                                                  "PROT_CHIP-ADAPTER", "PROT_BLE_MESH-ADAPTER"};
+constexpr std::array<const char*, 4> ADAPTERS = {"PROT_ZIGBEE-ADAPTER", "PROT_WIFI-ADAPTER",
+                                                 "PROT_CHIP-ADAPTER", "PROT_BLE_MESH-ADAPTER"};
 
 // A 64-bit mix (splitmix64's finaliser) so that neighbouring seeds differ
 // in every digit.
@@ -27,7 +27,7 @@ std::string endpointIdFor(std::size_t entity, std::size_t endpoint) {
 
 }  // namespace
 
-const char* const kEntityIdPrefix = "orbt1.veyra.endpoint.";
+const char* const ENTITY_ID_PREFIX = "orbt1.veyra.endpoint.";
 
 std::string uuidFor(uint64_t seed) {
   const uint64_t high = mix(seed);
@@ -41,7 +41,7 @@ std::string uuidFor(uint64_t seed) {
 
 std::string entityIdFor(std::size_t index) { return uuidFor(index); }
 
-std::string hostEntityIdFor(std::size_t index) { return kEntityIdPrefix + entityIdFor(index); }
+std::string hostEntityIdFor(std::size_t index) { return ENTITY_ID_PREFIX + entityIdFor(index); }
 
 std::size_t endpointCountFor(std::size_t index) { return 1 + mix(index ^ 0xe9dULL) % 3; }
 
@@ -64,7 +64,7 @@ std::vector<EndpointInfo> endpointsOfEntities(std::size_t entityCount) {
   endpoints.reserve(entityCount * 2);
   for (std::size_t entity = 0; entity < entityCount; ++entity) {
     const std::string entityId = hostEntityIdFor(entity);
-    const char* adapter = kAdapters[entity % kAdapters.size()];
+    const char* adapter = ADAPTERS[entity % ADAPTERS.size()];
     for (std::size_t endpoint = 0; endpoint < endpointCountFor(entity); ++endpoint) {
       endpoints.emplace_back(endpointIdFor(entity, endpoint), entityId, adapter,
                              standardCapabilities());
@@ -102,8 +102,8 @@ std::vector<std::string> queryIds(std::size_t entityCount, std::size_t count) {
 
 std::size_t payloadCharacters(const EndpointInfo& endpoint) {
   std::size_t entityLength = endpoint.entityId.size();
-  if (endpoint.entityId.rfind(kEntityIdPrefix, 0) == 0) {
-    entityLength -= std::char_traits<char>::length(kEntityIdPrefix);
+  if (endpoint.entityId.rfind(ENTITY_ID_PREFIX, 0) == 0) {
+    entityLength -= std::char_traits<char>::length(ENTITY_ID_PREFIX);
   }
   std::size_t characters = endpoint.endpointId.size() + entityLength + endpoint.adapterName.size();
   for (const CapabilityKey& key : endpoint.capabilities) {

@@ -15,7 +15,7 @@
 namespace veranda::reachabilityCache::bench {
 
 // The prefix hosts put in front of entity ids; the store strips it.
-extern const char* const kEntityIdPrefix;
+extern const char* const ENTITY_ID_PREFIX;
 
 // A 36-character id in the shape of a random UUID, a pure function of `seed`.
 std::string uuidFor(uint64_t seed);

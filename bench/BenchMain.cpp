@@ -23,17 +23,17 @@
 namespace {
 
 // The goals, as the verdicts test them.
-constexpr double kQueryGoal = 1.2;           // query time over its floor, at most
-constexpr double kScalingGoal = 1.3;         // cycle t(10N) / (10 t(N)), at most
-constexpr double kLatencyGoalMicros = 100;   // event to listener p99 with two host threads, at most
-constexpr double kIdleContentionGoal = 0.9;  // two idle host threads over one, at least
-constexpr double kCyclingContentionGoal = 1.0;  // two host threads over one while cycles run
-constexpr double kMemoryGoal = 4.0;             // stored bytes over payload, at most
+constexpr double QUERY_GOAL = 1.2;           // query time over its floor, at most
+constexpr double SCALING_GOAL = 1.3;         // cycle t(10N) / (10 t(N)), at most
+constexpr double LATENCY_GOAL_MICROS = 100;  // event to listener p99 with two host threads, at most
+constexpr double IDLE_CONTENTION_GOAL = 0.9;     // two idle host threads over one, at least
+constexpr double CYCLING_CONTENTION_GOAL = 1.0;  // two host threads over one while cycles run
+constexpr double MEMORY_GOAL = 4.0;              // stored bytes over payload, at most
 // Allocations per endpoint of the two steady cycles before they were cut
 // (provider's copy included), measured with allocations/cycle: the counts may
 // go down, never up.
-constexpr double kAllocationsBeforeReachable = 78.6;
-constexpr double kAllocationsBeforeUnreachable = 60.1;
+constexpr double ALLOCATIONS_BEFORE_REACHABLE = 78.6;
+constexpr double ALLOCATIONS_BEFORE_UNREACHABLE = 60.1;
 
 struct Result {
   double nanoseconds = 0;     // real time per iteration
@@ -195,20 +195,20 @@ class SummaryReporter : public benchmark::ConsoleReporter {
         lowest = cases == 0 ? ratio : std::min(lowest, ratio);
         highest = cases == 0 ? ratio : std::max(highest, ratio);
         ++cases;
-        met += ratio <= kQueryGoal ? 1 : 0;
+        met += ratio <= QUERY_GOAL ? 1 : 0;
         rows << "| " << query << " | " << entities << " | " << fixed(cache->cpuNanoseconds, 0)
              << " | " << fixed(floor->cpuNanoseconds, 0) << " | " << fixed(ratio, 2) << " | "
-             << atMost(ratio, kQueryGoal) << " |\n";
+             << atMost(ratio, QUERY_GOAL) << " |\n";
       }
     }
     if (cases == 0) {
       return;
     }
-    out << "\n### Query time against its floor (goal: ratio <= " << fixed(kQueryGoal, 1) << ")\n\n"
+    out << "\n### Query time against its floor (goal: ratio <= " << fixed(QUERY_GOAL, 1) << ")\n\n"
         << "| Query | Entities | Cache ns (CPU) | Floor ns (CPU) | Ratio | Goal |\n"
         << "|---|---:|---:|---:|---:|---|\n"
         << rows.str();
-    addVerdict("query", "Query time over its floor <= " + fixed(kQueryGoal, 1),
+    addVerdict("query", "Query time over its floor <= " + fixed(QUERY_GOAL, 1),
                fixed(lowest, 2) + " to " + fixed(highest, 2) + " (" + std::to_string(met) + " of " +
                    std::to_string(cases) + " cases met)",
                met == cases ? "met" : "missed");
@@ -279,10 +279,10 @@ class SummaryReporter : public benchmark::ConsoleReporter {
           const double scaling = cpuMs / (10 * counter(*previous, "cpu_ms"));
           const double wallScaling = result->nanoseconds / (10 * previous->nanoseconds);
           rows << fixed(scaling, 2) << " | " << fixed(wallScaling, 2) << " | "
-               << atMost(scaling, kScalingGoal) << " |\n";
+               << atMost(scaling, SCALING_GOAL) << " |\n";
           steps << (steps.str().empty() ? "" : ", ") << path << " to " << endpoints << ": "
                 << fixed(scaling, 2);
-          allMet = allMet && scaling <= kScalingGoal;
+          allMet = allMet && scaling <= SCALING_GOAL;
         } else {
           rows << "- | - | |\n";
         }
@@ -292,14 +292,14 @@ class SummaryReporter : public benchmark::ConsoleReporter {
     if (rows.str().empty()) {
       return;
     }
-    out << "\n### Periodic cycle scaling (goal: t(10N) / (10 t(N)) <= " << fixed(kScalingGoal, 1)
+    out << "\n### Periodic cycle scaling (goal: t(10N) / (10 t(N)) <= " << fixed(SCALING_GOAL, 1)
         << ", on CPU time)\n\n"
         << "| Check | Endpoints N | Cycle ms (wall) | Cycle ms (CPU) | Endpoints/s (CPU) | "
            "t(N) / (10 t(N/10)), CPU | Same, wall | Goal |\n"
         << "|---|---:|---:|---:|---:|---:|---:|---|\n"
         << rows.str();
     if (!steps.str().empty()) {
-      addVerdict("scaling", "Cycle t(10N) / (10 t(N)) <= " + fixed(kScalingGoal, 1) + ", CPU time",
+      addVerdict("scaling", "Cycle t(10N) / (10 t(N)) <= " + fixed(SCALING_GOAL, 1) + ", CPU time",
                  steps.str(), allMet ? "met" : "missed");
     }
   }
@@ -320,8 +320,8 @@ class SummaryReporter : public benchmark::ConsoleReporter {
       if (std::string(hosts) == "2") {
         addVerdict("latency",
                    "Event to listener, p99, two host threads querying <= " +
-                       fixed(kLatencyGoalMicros, 0) + " us",
-                   fixed(p99, 1) + " us", atMost(p99, kLatencyGoalMicros));
+                       fixed(LATENCY_GOAL_MICROS, 0) + " us",
+                   fixed(p99, 1) + " us", atMost(p99, LATENCY_GOAL_MICROS));
       }
     }
     if (rows.str().empty()) {
@@ -329,7 +329,7 @@ class SummaryReporter : public benchmark::ConsoleReporter {
     }
     out << "\n### Event latency, driver thread to listener (microseconds; goal: p99 with two "
            "host threads <= "
-        << fixed(kLatencyGoalMicros, 0) << ")\n\n"
+        << fixed(LATENCY_GOAL_MICROS, 0) << ")\n\n"
         << "| Host threads querying | Median | p99 | Median from publish call | p99 from publish "
            "call | Host queries/s |\n"
         << "|---:|---:|---:|---:|---:|---:|\n"
@@ -356,7 +356,7 @@ class SummaryReporter : public benchmark::ConsoleReporter {
       if (one != nullptr && two != nullptr) {
         const double ratio = counter(*two, "items_per_second") / counter(*one, "items_per_second");
         const bool idle = std::string(mode) == "idle";
-        const double goal = idle ? kIdleContentionGoal : kCyclingContentionGoal;
+        const double goal = idle ? IDLE_CONTENTION_GOAL : CYCLING_CONTENTION_GOAL;
         addVerdict(idle ? "contentionIdle" : "contentionCycling",
                    std::string(idle ? "Idle" : "While cycles run") +
                        ", two host threads' queries over one thread's >= " + fixed(goal, 1),
@@ -368,7 +368,7 @@ class SummaryReporter : public benchmark::ConsoleReporter {
     }
     out << "\n### Contention: queries per second on 10 000 entities (goals: two threads over "
            "one >= "
-        << fixed(kIdleContentionGoal, 1) << " idle, >= " << fixed(kCyclingContentionGoal, 1)
+        << fixed(IDLE_CONTENTION_GOAL, 1) << " idle, >= " << fixed(CYCLING_CONTENTION_GOAL, 1)
         << " while cycles run)\n\n"
         << "| Cycles | Host threads | Queries/s (all threads) | vs one thread, same cycles | "
            "Context switches per 1000 queries | Cycles/s |\n"
@@ -382,17 +382,17 @@ class SummaryReporter : public benchmark::ConsoleReporter {
       return;
     }
     const double ratio = counter(*result, "ratio");
-    out << "\n### Memory per stored endpoint (goal: ratio <= " << fixed(kMemoryGoal, 1) << ")\n\n"
+    out << "\n### Memory per stored endpoint (goal: ratio <= " << fixed(MEMORY_GOAL, 1) << ")\n\n"
         << "| Entities | Endpoints | Bytes/endpoint | Payload/endpoint | Ratio | Live "
            "blocks/endpoint | Goal |\n"
         << "|---:|---:|---:|---:|---:|---:|---|\n"
         << "| 10000 | " << fixed(counter(*result, "endpoints"), 0) << " | "
         << fixed(counter(*result, "bytes_per_endpoint"), 1) << " | "
         << fixed(counter(*result, "payload_per_endpoint"), 1) << " | " << fixed(ratio, 2) << " | "
-        << fixed(counter(*result, "blocks_per_endpoint"), 1) << " | " << atMost(ratio, kMemoryGoal)
+        << fixed(counter(*result, "blocks_per_endpoint"), 1) << " | " << atMost(ratio, MEMORY_GOAL)
         << " |\n";
-    addVerdict("memory", "Stored bytes per endpoint over payload <= " + fixed(kMemoryGoal, 1),
-               fixed(ratio, 2), atMost(ratio, kMemoryGoal));
+    addVerdict("memory", "Stored bytes per endpoint over payload <= " + fixed(MEMORY_GOAL, 1),
+               fixed(ratio, 2), atMost(ratio, MEMORY_GOAL));
   }
 
   void allocations(std::ostream& out) {
@@ -418,8 +418,8 @@ class SummaryReporter : public benchmark::ConsoleReporter {
     const double unreachable = counter(*first, "unreachable_cycle");
     out << "\n### Allocations per endpoint of a steady periodic cycle (library's checker; goal: "
            "no more than before, "
-        << fixed(kAllocationsBeforeReachable, 1) << " and "
-        << fixed(kAllocationsBeforeUnreachable, 1) << ")\n\n"
+        << fixed(ALLOCATIONS_BEFORE_REACHABLE, 1) << " and "
+        << fixed(ALLOCATIONS_BEFORE_UNREACHABLE, 1) << ")\n\n"
         << "| Endpoints | All reachable | None reachable | Of which the provider's copy | "
            "Library, all reachable | Library, none reachable |\n"
         << "|---:|---:|---:|---:|---:|---:|\n"
@@ -427,10 +427,10 @@ class SummaryReporter : public benchmark::ConsoleReporter {
     addVerdict(
         "allocations",
         "Allocations per endpoint per steady cycle, no more than before (" +
-            fixed(kAllocationsBeforeReachable, 1) + " all reachable, " +
-            fixed(kAllocationsBeforeUnreachable, 1) + " none)",
+            fixed(ALLOCATIONS_BEFORE_REACHABLE, 1) + " all reachable, " +
+            fixed(ALLOCATIONS_BEFORE_UNREACHABLE, 1) + " none)",
         fixed(reachable, 1) + " all reachable, " + fixed(unreachable, 1) + " none",
-        reachable <= kAllocationsBeforeReachable && unreachable <= kAllocationsBeforeUnreachable
+        reachable <= ALLOCATIONS_BEFORE_REACHABLE && unreachable <= ALLOCATIONS_BEFORE_UNREACHABLE
             ? "met"
             : "missed");
   }

@@ -17,13 +17,13 @@
 namespace veranda::reachabilityCache::bench {
 namespace {
 
-constexpr std::size_t kEntities = 10000;
+constexpr std::size_t ENTITIES = 10000;
 
 class ContentionEnvironment {
  public:
   ContentionEnvironment()
-      : rig_(endpointsOfEntities(kEntities), CheckPath::kTestChecker),
-        ids_(queryIds(kEntities, 4096)) {
+      : rig_(endpointsOfEntities(ENTITIES), CheckPath::TEST_CHECKER),
+        ids_(queryIds(ENTITIES, 4096)) {
     rig_.runCycle();
     rig_.runCycle();
   }

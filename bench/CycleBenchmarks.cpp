@@ -19,7 +19,7 @@ namespace veranda::reachabilityCache::bench {
 namespace {
 
 // Share of the store that the provider stops naming before each cycle.
-constexpr std::size_t kStaleDivisor = 100;
+constexpr std::size_t STALE_DIVISOR = 100;
 
 // Rigs live for the whole run: building a large one takes longer than its
 // cycles, and repetitions of different benchmarks are interleaved.
@@ -42,7 +42,7 @@ void runCycles(benchmark::State& state, CheckPath path) {
   const uint64_t notificationsBefore = rig.notifications();
   double cpuSeconds = 0;
   for (auto _ : state) {
-    rig.addStaleEndpoints(std::max<std::size_t>(1, endpointCount / kStaleDivisor));
+    rig.addStaleEndpoints(std::max<std::size_t>(1, endpointCount / STALE_DIVISOR));
     const auto elapsed = rig.runCycle();
     if (elapsed.count() < 0) {
       state.SkipWithError("cycle did not finish");
@@ -69,8 +69,8 @@ int64_t cyclesFor(int64_t endpointCount) {
 
 const bool registered = [] {
   for (const auto& [name, path] :
-       {std::pair{"testChecker", CheckPath::kTestChecker},
-        std::pair{"applianceDriverChecker", CheckPath::kApplianceDriver}}) {
+       {std::pair{"testChecker", CheckPath::TEST_CHECKER},
+        std::pair{"applianceDriverChecker", CheckPath::APPLIANCE_DRIVER}}) {
     for (const int64_t endpoints : {1000, 10000, 100000}) {
       benchmark::RegisterBenchmark(
           (std::string("cycle/") + name).c_str(),

@@ -15,13 +15,13 @@ using applianceDriver::ApplianceDriverType;
 using applianceDriver::DiscoveredDevice;
 
 // Long enough that a re-armed cycle never runs during a benchmark.
-constexpr std::chrono::seconds kNeverAgain{365LL * 24 * 3600};
-constexpr std::chrono::milliseconds kCycleTimeout{120000};
+constexpr std::chrono::seconds NEVER_AGAIN{365LL * 24 * 3600};
+constexpr std::chrono::milliseconds CYCLE_TIMEOUT{120000};
 
 std::shared_ptr<IReachabilityChecker> makeChecker(
     const std::vector<EndpointInfo>& endpoints, CheckPath path, CompletionSignal& done,
     applianceDriver::IUnifiedApplianceDriver* driver) {
-  if (path == CheckPath::kTestChecker) {
+  if (path == CheckPath::TEST_CHECKER) {
     return std::make_shared<SynchronousChecker>(endpoints, done);
   }
   return std::make_shared<ApplianceDriverReachabilityChecker>(*driver);
@@ -118,7 +118,7 @@ bool SynchronousDriver::getReachableDevices(
 CycleRig::CycleRig(std::vector<EndpointInfo> endpoints, CheckPath path)
     : endpointCount_(endpoints.size()),
       cache_(std::make_shared<CacheCore>(UINT_MAX)),
-      driver_(path == CheckPath::kApplianceDriver
+      driver_(path == CheckPath::APPLIANCE_DRIVER
                   ? std::make_unique<SynchronousDriver>(endpoints, done_)
                   : nullptr),
       checker_(makeChecker(endpoints, path, done_, driver_.get())),
@@ -135,8 +135,8 @@ CycleRig::~CycleRig() { updater_.reset(); }
 
 std::chrono::duration<double> CycleRig::runCycle() {
   const auto start = std::chrono::steady_clock::now();
-  updater_->startPeriodicUpdates(kNeverAgain, std::chrono::milliseconds(0));
-  const bool finished = done_.waitFor(++cyclesStarted_, kCycleTimeout);
+  updater_->startPeriodicUpdates(NEVER_AGAIN, std::chrono::milliseconds(0));
+  const bool finished = done_.waitFor(++cyclesStarted_, CYCLE_TIMEOUT);
   const auto end = std::chrono::steady_clock::now();
   // Drops the re-armed cycle; the next runCycle() starts a fresh chain.
   updater_->stopPeriodicUpdates();

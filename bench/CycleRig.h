@@ -105,8 +105,8 @@ class SynchronousDriver : public applianceDriver::IUnifiedApplianceDriver {
 
 // Which check a rig's updater uses.
 enum class CheckPath {
-  kTestChecker,     // SynchronousChecker: the updater's and the store's work only
-  kApplianceDriver  // ApplianceDriverReachabilityChecker over SynchronousDriver
+  TEST_CHECKER,     // SynchronousChecker: the updater's and the store's work only
+  APPLIANCE_DRIVER  // ApplianceDriverReachabilityChecker over SynchronousDriver
 };
 
 // One store, one updater and one provider naming `endpoints`. Each runCycle()

@@ -29,10 +29,10 @@ using applianceDriver::SimulatedApplianceDriver;
 using applianceDriver::StateChangeEvent;
 using Clock = std::chrono::steady_clock;
 
-constexpr std::size_t kEntities = 1000;
-constexpr std::chrono::seconds kEventTimeout{10};
+constexpr std::size_t ENTITIES = 1000;
+constexpr std::chrono::seconds EVENT_TIMEOUT{10};
 // Subscriptions are served in id order: this one hears each event first.
-constexpr const char* kProbeSubscription = "!latencyProbe";
+constexpr const char* PROBE_SUBSCRIPTION = "!latencyProbe";
 
 // Answers every cycle with nothing to check, so that no cycle disturbs the
 // events; the store is filled by the benchmark.
@@ -52,7 +52,7 @@ double percentile(std::vector<double> samples, double fraction) {
 
 class LatencyRig {
  public:
-  LatencyRig() : endpoints_(endpointsOfEntities(kEntities)) {
+  LatencyRig() : endpoints_(endpointsOfEntities(ENTITIES)) {
     // Only an entity's sole endpoint changes the entity's reachability both
     // ways, so only those carry events.
     for (std::size_t i = 0; i < endpoints_.size(); ++i) {
@@ -73,14 +73,14 @@ class LatencyRig {
       driver_.upsertDevice(device);
     }
     driver_.subscribeStateChanges(
-        {}, kProbeSubscription,
+        {}, PROBE_SUBSCRIPTION,
         [this](const StateChangeEvent&) {
           eventStart_.store(Clock::now().time_since_epoch().count());
         },
         nullptr);
     checker_ = std::make_shared<ApplianceDriverReachabilityChecker>(driver_);
     cache_ = std::make_unique<ReachabilityCache>(
-        &provider_, ReachabilityCache::Config{kEntities, std::chrono::seconds(365LL * 24 * 3600),
+        &provider_, ReachabilityCache::Config{ENTITIES, std::chrono::seconds(365LL * 24 * 3600),
                                               true, checker_});
     std::vector<CachedEndpoint> records;
     for (const EndpointInfo& endpoint : endpoints_) {
@@ -97,14 +97,14 @@ class LatencyRig {
     stopHostThreads();
     driver_.waitUntilIdle(std::chrono::milliseconds(10000));
     cache_.reset();
-    driver_.unsubscribeStateChanges(kProbeSubscription);
+    driver_.unsubscribeStateChanges(PROBE_SUBSCRIPTION);
     checker_.reset();
   }
 
   void startHostThreads(std::size_t count) {
     for (std::size_t i = 0; i < count; ++i) {
       hosts_.emplace_back([this, i] {
-        const std::vector<std::string> ids = queryIds(kEntities, 1024 + i);
+        const std::vector<std::string> ids = queryIds(ENTITIES, 1024 + i);
         std::size_t next = 0;
         while (!stopHosts_.load(std::memory_order_relaxed)) {
           const std::string& id = ids[next++ % ids.size()];
@@ -145,7 +145,7 @@ class LatencyRig {
     const Clock::time_point published = Clock::now();
     driver_.setReachable(endpoint.endpointId, reachable);
     std::unique_lock<std::mutex> lock(mutex_);
-    if (!heardChanged_.wait_for(lock, kEventTimeout, [&] { return heardAt_.has_value(); })) {
+    if (!heardChanged_.wait_for(lock, EVENT_TIMEOUT, [&] { return heardAt_.has_value(); })) {
       return false;
     }
     const Clock::time_point driverThread{Clock::duration(eventStart_.load())};

@@ -159,7 +159,7 @@ int64_t allocationsDuring(Work&& work) {
 // host's code, not the library's.
 void cycleAllocations(benchmark::State& state) {
   const auto endpointCount = static_cast<std::size_t>(state.range(0));
-  CycleRig rig(firstEndpoints(endpointCount), CheckPath::kApplianceDriver);
+  CycleRig rig(firstEndpoints(endpointCount), CheckPath::APPLIANCE_DRIVER);
   // Every endpoint stored, then all unreachable: the next cycle finds all reachable.
   rig.runCycle();
   rig.runCycle();

@@ -31,8 +31,8 @@ namespace {
 
 using applianceDriver::ApplianceDriverType;
 
-constexpr std::size_t kQueryIdCount = 4096;
-constexpr const char* kStoreTag = "ReachabilityCache-CacheCore";
+constexpr std::size_t QUERY_ID_COUNT = 4096;
+constexpr const char* STORE_TAG = "ReachabilityCache-CacheCore";
 
 // An endpoint as the least store keeps it: the union of its capabilities and
 // whether NATIVE or CONNECTED (0, 1) reported it.
@@ -126,7 +126,7 @@ class StreamLine {
 struct StreamFormat {
   using Line = StreamLine;
   static std::string normalize(const std::string& entityId) {
-    const std::string_view prefix = kEntityIdPrefix;
+    const std::string_view prefix = ENTITY_ID_PREFIX;
     if (entityId.compare(0, prefix.size(), prefix) == 0) {
       return entityId.substr(prefix.size());
     }
@@ -137,7 +137,7 @@ struct StreamFormat {
 struct LeanFormat {
   using Line = StackLine;
   static const std::string& normalize(const std::string& entityId) {
-    const std::string_view prefix = kEntityIdPrefix;
+    const std::string_view prefix = ENTITY_ID_PREFIX;
     thread_local std::string normalized;
     const bool prefixed = entityId.compare(0, prefix.size(), prefix) == 0;
     normalized.assign(entityId, prefixed ? prefix.size() : 0, std::string::npos);
@@ -235,7 +235,7 @@ class FloorStore {
 
  private:
   static void emit(typename Format::Line& line) {
-    __android_log_print(ANDROID_LOG_DEBUG, kStoreTag, "%s", line.c_str());
+    __android_log_print(ANDROID_LOG_DEBUG, STORE_TAG, "%s", line.c_str());
   }
 
   mutable std::mutex mutex_;
@@ -248,7 +248,7 @@ struct Stores {
   explicit Stores(std::size_t entityCount)
       : cache(nullptr,
               ReachabilityCache::Config{entityCount, std::chrono::seconds(3600), false, nullptr}),
-        ids(queryIds(entityCount, kQueryIdCount)) {
+        ids(queryIds(entityCount, QUERY_ID_COUNT)) {
     std::vector<CachedEndpoint> records;
     for (const EndpointInfo& endpoint : endpointsOfEntities(entityCount)) {
       records.push_back(asCached(endpoint, ApplianceDriverType::NATIVE));
@@ -289,11 +289,11 @@ void runQueries(benchmark::State& state, Query query) {
 
 // The lean floors run where records no longer fit in the processor's caches,
 // to tell what the stored record's layout costs there.
-constexpr int64_t kLeanFloorEntities = 100000;
+constexpr int64_t LEAN_FLOOR_ENTITIES = 100000;
 
 // Long enough for a stable median of five repetitions, short enough for the
 // whole suite to run under both allocators in minutes.
-constexpr double kQueryMinSeconds = 0.25;
+constexpr double QUERY_MIN_SECONDS = 0.25;
 
 // Registers `query`, a generic lambda of (store, id), on the cache and the
 // floors.
@@ -310,22 +310,22 @@ void registerQuery(const std::string& operation, Query query) {
       ->Arg(100)
       ->Arg(10000)
       ->Arg(100000)
-      ->MinTime(kQueryMinSeconds)
+      ->MinTime(QUERY_MIN_SECONDS)
       ->Unit(benchmark::kNanosecond);
   benchmark::RegisterBenchmark((name + "floor").c_str(), on(&Stores::floor))
       ->Arg(100)
       ->Arg(10000)
       ->Arg(100000)
-      ->MinTime(kQueryMinSeconds)
+      ->MinTime(QUERY_MIN_SECONDS)
       ->Unit(benchmark::kNanosecond);
   benchmark::RegisterBenchmark((name + "leanFloor").c_str(), on(&Stores::leanFloor))
-      ->Arg(kLeanFloorEntities)
-      ->MinTime(kQueryMinSeconds)
+      ->Arg(LEAN_FLOOR_ENTITIES)
+      ->MinTime(QUERY_MIN_SECONDS)
       ->Unit(benchmark::kNanosecond);
   benchmark::RegisterBenchmark((name + "leanFloorDriverMap").c_str(),
                                on(&Stores::leanDriverMapFloor))
-      ->Arg(kLeanFloorEntities)
-      ->MinTime(kQueryMinSeconds)
+      ->Arg(LEAN_FLOOR_ENTITIES)
+      ->MinTime(QUERY_MIN_SECONDS)
       ->Unit(benchmark::kNanosecond);
 }
 

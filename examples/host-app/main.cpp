@@ -33,7 +33,7 @@ using veranda::reachabilityCache::IReachabilityChecker;
 using veranda::reachabilityCache::ReachabilityCache;
 using veranda::reachabilityCache::ReachabilityCheckerGuard;
 
-constexpr auto kWaitLimit = std::chrono::seconds(10);
+constexpr auto WAIT_LIMIT = std::chrono::seconds(10);
 
 // The host's list of endpoints to track.
 class HomeProvider : public ICHRProvider {
@@ -62,7 +62,7 @@ class PrintingListener {
 
   bool waitForCount(std::size_t count) {
     std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, kWaitLimit, [&] { return heard_ >= count; });
+    return changed_.wait_for(lock, WAIT_LIMIT, [&] { return heard_ >= count; });
   }
 
   std::size_t count() {
@@ -90,7 +90,7 @@ DiscoveredDevice device(const std::string& endpointId, const std::string& entity
 
 // Waits until the driver owes an answer to a check.
 bool waitForPendingAnswer(veranda::applianceDriver::SimulatedApplianceDriver& home) {
-  const auto deadline = std::chrono::steady_clock::now() + kWaitLimit;
+  const auto deadline = std::chrono::steady_clock::now() + WAIT_LIMIT;
   while (home.pendingAnswers() == 0) {
     if (std::chrono::steady_clock::now() > deadline) {
       return false;
@@ -163,7 +163,7 @@ int run() {
               home.pendingAnswers(), checkerAlive.expired() ? "no" : "yes");
 
   // The late answer finds its checker and goes no further.
-  if (!home.waitUntilIdle(kWaitLimit)) {
+  if (!home.waitUntilIdle(WAIT_LIMIT)) {
     fail("the driver's late answer never came");
   }
   if (listener.count() != heardAtClose || !checkerAlive.expired()) {

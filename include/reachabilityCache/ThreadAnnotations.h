@@ -30,7 +30,7 @@ namespace veranda::reachabilityCache {
 // free again a few hundred nanoseconds later; meanwhile the holder takes the
 // mutex back, so that two threads asking the store at once got less done
 // together than one alone. A waiter retries with the processor's spin-wait
-// hint between attempts for up to kSpinTime, then parks. Measured on the
+// hint between attempts for up to SPIN_TIME, then parks. Measured on the
 // benchmark machine, 99.6 % of the store's sections end within 2 us and
 // almost none last from 4 to 16 us; 8 us covers what is left of one section
 // plus one lost race, with room for cores three times slower. A holder still
@@ -42,7 +42,7 @@ class RC_CAPABILITY("mutex") Mutex {
  public:
   // How long lock() retries before it parks (the measurement that chose it
   // is in BENCHMARKS.md, under the notes).
-  static constexpr std::chrono::nanoseconds kSpinTime{8000};
+  static constexpr std::chrono::nanoseconds SPIN_TIME{8000};
 
   Mutex() = default;
   Mutex(const Mutex&) = delete;
@@ -58,7 +58,7 @@ class RC_CAPABILITY("mutex") Mutex {
  private:
   // Attempts between two looks at the clock: a look costs about as much as an
   // attempt.
-  static constexpr int kAttemptsPerClockRead = 8;
+  static constexpr int ATTEMPTS_PER_CLOCK_READ = 8;
 
   // Tells the processor that this thread is spinning (x86 "pause", arm
   // "yield"): it lets the other hardware thread of the core run and saves
@@ -72,9 +72,9 @@ class RC_CAPABILITY("mutex") Mutex {
   }
 
   void spinThenLock() {
-    const auto deadline = std::chrono::steady_clock::now() + kSpinTime;
+    const auto deadline = std::chrono::steady_clock::now() + SPIN_TIME;
     do {
-      for (int attempt = 0; attempt < kAttemptsPerClockRead; ++attempt) {
+      for (int attempt = 0; attempt < ATTEMPTS_PER_CLOCK_READ; ++attempt) {
         spinWaitHint();
         if (mutex_.try_lock()) {
           return;

@@ -58,7 +58,8 @@ struct DiscoveredDevice {
 // A change of one property of one endpoint.
 struct StateChangeEvent {
   std::string endpointId;
-  std::string namespace_;  // interface namespace
+  // The interface namespace; the driver library's name for the field.
+  std::string namespace_;  // NOLINT(readability-identifier-naming)
   std::string instance;    // not read by the cache
   std::string propertyName;
   std::string value;

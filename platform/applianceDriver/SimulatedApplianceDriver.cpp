@@ -15,16 +15,16 @@ namespace {
 using DevicesCallback = IUnifiedApplianceDriver::DevicesCallback;
 using StateChangeCallback = IUnifiedApplianceDriver::StateChangeCallback;
 
-constexpr const char* kEndpointHealthNamespace = "Veyra.EndpointHealth";
-constexpr const char* kConnectivityProperty = "connectivity";
+constexpr const char* ENDPOINT_HEALTH_NAMESPACE = "Veyra.EndpointHealth";
+constexpr const char* CONNECTIVITY_PROPERTY = "connectivity";
 
 StateChangeEvent connectivityEvent(const std::string& endpointId, bool reachable, bool json) {
   std::string value = reachable ? "OK" : "UNREACHABLE";
   if (json) {
     value = "\"" + value + "\"";
   }
-  return StateChangeEvent{endpointId, kEndpointHealthNamespace, kEndpointHealthNamespace,
-                          kConnectivityProperty, std::move(value)};
+  return StateChangeEvent{endpointId, ENDPOINT_HEALTH_NAMESPACE, ENDPOINT_HEALTH_NAMESPACE,
+                          CONNECTIVITY_PROPERTY, std::move(value)};
 }
 
 }  // namespace

@@ -7,15 +7,15 @@
 namespace veranda {
 namespace {
 
-constexpr int kInfoPriority = 4;
-constexpr const char* kMetricTag = "Veranda-Metric";
-constexpr uint32_t kTextValue = 2;
-constexpr uint32_t kIntegerValue = 4;
+constexpr int INFO_PRIORITY = 4;
+constexpr const char* METRIC_TAG = "Veranda-Metric";
+constexpr uint32_t TEXT_VALUE = 2;
+constexpr uint32_t INTEGER_VALUE = 4;
 
 void appendValue(std::ostringstream& line, const Dimension& dimension) {
-  if (dimension.type == kTextValue) {
+  if (dimension.type == TEXT_VALUE) {
     line << dimension.stringValue;
-  } else if (dimension.type == kIntegerValue) {
+  } else if (dimension.type == INTEGER_VALUE) {
     line << dimension.longValue;
   }
 }
@@ -31,7 +31,7 @@ Metric::Metric(const std::vector<Dimension>& dimensions, const std::string& prog
     appendValue(line, dimension);
   }
   line << " program=" << programId << " source=" << sourceId;
-  __android_log_print(kInfoPriority, kMetricTag, "%s", line.str().c_str());
+  __android_log_print(INFO_PRIORITY, METRIC_TAG, "%s", line.str().c_str());
 }
 
 Metric::~Metric() = default;

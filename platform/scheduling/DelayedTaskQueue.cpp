@@ -20,7 +20,7 @@ struct RunningTask {
 thread_local RunningTask tRunning;
 
 // A waiting worker reads the clock again at least this often.
-constexpr std::chrono::hours kLongestWait{1};
+constexpr std::chrono::hours LONGEST_WAIT{1};
 
 }  // namespace
 
@@ -105,7 +105,7 @@ class DelayedTaskQueue::Worker final : public TimeSource::Queue {
         if (virtual_) {
           wake_.wait(lock);  // until time moves
         } else {
-          wake_.wait_for(lock, std::min<std::chrono::nanoseconds>(due - now, kLongestWait));
+          wake_.wait_for(lock, std::min<std::chrono::nanoseconds>(due - now, LONGEST_WAIT));
         }
         continue;
       }
@@ -176,8 +176,8 @@ class DelayedTaskQueue::Worker final : public TimeSource::Queue {
       return 0;
     }
     const unsigned chain = tRunning.chain + 1;
-    if (chain >= kLongestChain) {
-      TimeSource::fail(std::to_string(kLongestChain) +
+    if (chain >= LONGEST_CHAIN) {
+      TimeSource::fail(std::to_string(LONGEST_CHAIN) +
                        " tasks in a row were posted with no delay at the same virtual time: a "
                        "task that keeps re-posting itself keeps time from ever settling");
     }

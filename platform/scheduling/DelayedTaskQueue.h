@@ -38,7 +38,7 @@ class DelayedTaskQueue {
   // for zero or less; a delay beyond the clock's range waits as long as it
   // can). False, and the task is dropped, for an empty task or after stop().
   // In virtual time, ends the process with a message when tasks that post one
-  // another with no delay make a chain of kLongestChain: time could never
+  // another with no delay make a chain of LONGEST_CHAIN: time could never
   // settle.
   bool post(Task task, std::chrono::milliseconds delay);
   // Queues `task` ahead of every task posted with post(), behind the urgent
@@ -59,7 +59,7 @@ class DelayedTaskQueue {
   // True on the worker thread of any queue while it runs a task.
   static bool inTask();
 
-  static constexpr unsigned kLongestChain = 10000;
+  static constexpr unsigned LONGEST_CHAIN = 10000;
 
  private:
   class Worker;

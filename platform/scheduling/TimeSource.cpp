@@ -12,18 +12,18 @@ namespace {
 
 using std::chrono::nanoseconds;
 
-constexpr int64_t kLatest = std::numeric_limits<int64_t>::max();
-constexpr int64_t kEarliest = std::numeric_limits<int64_t>::min();
+constexpr int64_t LATEST = std::numeric_limits<int64_t>::max();
+constexpr int64_t EARLIEST = std::numeric_limits<int64_t>::min();
 
 // A wait for the queues that lasts this long in real time is taken for a hang.
-constexpr std::chrono::seconds kLongestSettle{60};
+constexpr std::chrono::seconds LONGEST_SETTLE{60};
 
 }  // namespace
 
 TimeSource& TimeSource::instance() {
   // Never destroyed: queues of static objects detach from it at exit.
-  static auto* const time = new TimeSource();
-  return *time;
+  static auto* const INSTANCE = new TimeSource();
+  return *INSTANCE;
 }
 
 TimeSource::TimePoint TimeSource::now() const {
@@ -42,25 +42,25 @@ TimeSource::TimePoint TimeSource::plus(TimePoint base, nanoseconds delta) {
   if (base == TimePoint::min() || base == TimePoint::max()) {
     return base;
   }
-  if (by > 0 && from > kLatest - by) {
+  if (by > 0 && from > LATEST - by) {
     return TimePoint::max();
   }
-  if (by < 0 && from < kEarliest - by) {
+  if (by < 0 && from < EARLIEST - by) {
     return TimePoint::min();
   }
   return TimePoint(nanoseconds(from + by));
 }
 
 TimeSource::TimePoint TimeSource::plus(TimePoint base, std::chrono::milliseconds delta) {
-  constexpr int64_t kNanosPerMilli = 1000000;
+  constexpr int64_t NANOS_PER_MILLI = 1000000;
   const int64_t count = delta.count();
-  if (count > kLatest / kNanosPerMilli) {
+  if (count > LATEST / NANOS_PER_MILLI) {
     return base == TimePoint::min() ? base : TimePoint::max();
   }
-  if (count < kEarliest / kNanosPerMilli) {
+  if (count < EARLIEST / NANOS_PER_MILLI) {
     return base == TimePoint::max() ? base : TimePoint::min();
   }
-  return plus(base, nanoseconds(count * kNanosPerMilli));
+  return plus(base, nanoseconds(count * NANOS_PER_MILLI));
 }
 
 void TimeSource::beginVirtualTime() {
@@ -170,8 +170,8 @@ bool TimeSource::earliestDue(TimePoint& due) const {
 // only when no work is left at this time.
 void TimeSource::waitUntilIdle(const char* operation) {
   std::unique_lock<std::mutex> lock(busyMutex_);
-  if (!idle_.wait_for(lock, kLongestSettle, [this] { return busyQueues_ == 0; })) {
-    fail(std::string(operation) + " has waited " + std::to_string(kLongestSettle.count()) +
+  if (!idle_.wait_for(lock, LONGEST_SETTLE, [this] { return busyQueues_ == 0; })) {
+    fail(std::string(operation) + " has waited " + std::to_string(LONGEST_SETTLE.count()) +
          " s of real time for tasks to finish: a task blocks, perhaps waiting for the thread "
          "that moves time");
   }

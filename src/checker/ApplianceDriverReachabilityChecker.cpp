@@ -17,12 +17,12 @@ namespace {
 
 // The value of a JSON-encoded connectivity property that reports the endpoint
 // as reachable.
-constexpr const char* kQuotedOkValue = "\"OK\"";
+constexpr const char* QUOTED_OK_VALUE = "\"OK\"";
 
 void logInitialized(bool usingSingleton) {
-  logChecker(LogPriority::kInfo, LogBuilder("ApplianceDriverReachabilityChecker", nullptr)
-                                     .d("status", "initialized")
-                                     .d("usingSingleton", boolText(usingSingleton)));
+  logChecker(LogPriority::INFO, LogBuilder("ApplianceDriverReachabilityChecker", nullptr)
+                                    .d("status", "initialized")
+                                    .d("usingSingleton", boolText(usingSingleton)));
 }
 
 // The device's capabilities as capability keys; entries that make an equal key
@@ -95,11 +95,11 @@ bool ApplianceDriverReachabilityChecker::checkReachability(
     const std::vector<EndpointInfo>& endpoints, const std::string& requestId,
     ResultsCallback callback) {
   const std::string details = describeRequest(endpoints, requestId);
-  logChecker(LogPriority::kDebug,
+  logChecker(LogPriority::DEBUG,
              LogBuilder("checkReachability", nullptr).d("details", details.c_str()));
 
   if (endpoints.empty()) {
-    logChecker(LogPriority::kDebug,
+    logChecker(LogPriority::DEBUG,
                LogBuilder("checkReachability", nullptr).d("reason", "noEndpointsToCheck"));
     callback({});
     return true;
@@ -114,14 +114,14 @@ bool ApplianceDriverReachabilityChecker::checkReachability(
   };
 
   if (!driver.getReachableDevices(requestId, std::move(completion))) {
-    logChecker(LogPriority::kError, LogBuilder("checkReachability", nullptr)
-                                        .d("requestId", requestId.c_str())
-                                        .d("reason", "getReachableDevicesFailed"));
+    logChecker(LogPriority::ERROR, LogBuilder("checkReachability", nullptr)
+                                       .d("requestId", requestId.c_str())
+                                       .d("reason", "getReachableDevicesFailed"));
     return false;
   }
-  logChecker(LogPriority::kInfo, LogBuilder("checkReachability", nullptr)
-                                     .d("requestId", requestId.c_str())
-                                     .d("status", "requestSent"));
+  logChecker(LogPriority::INFO, LogBuilder("checkReachability", nullptr)
+                                    .d("requestId", requestId.c_str())
+                                    .d("status", "requestSent"));
   return true;
 }
 
@@ -157,10 +157,10 @@ std::vector<ReachabilityCheckResult> ApplianceDriverReachabilityChecker::process
     results.push_back(
         completedResult(std::move(entry.key()), std::move(entry.mapped()), requested));
   }
-  logChecker(LogPriority::kInfo, LogBuilder("processDiscoveredDevices", nullptr)
-                                     .d("requestId", requestId.c_str())
-                                     .d("deviceCount", devices.size())
-                                     .d("resultCount", results.size()));
+  logChecker(LogPriority::INFO, LogBuilder("processDiscoveredDevices", nullptr)
+                                    .d("requestId", requestId.c_str())
+                                    .d("deviceCount", devices.size())
+                                    .d("resultCount", results.size()));
   return results;
 }
 
@@ -172,10 +172,10 @@ void ApplianceDriverReachabilityChecker::updateResultWithDiscoveredDevice(
     return;
   }
   if (!isSupportedAdapter(device.adapterName)) {
-    logChecker(LogPriority::kDebug, LogBuilder("updateResultWithDiscoveredDevice", nullptr)
-                                        .d("endpointId", device.endpointId.c_str())
-                                        .d("adapterName", device.adapterName.c_str())
-                                        .d("reason", "unsupportedAdapter"));
+    logChecker(LogPriority::DEBUG, LogBuilder("updateResultWithDiscoveredDevice", nullptr)
+                                       .d("endpointId", device.endpointId.c_str())
+                                       .d("adapterName", device.adapterName.c_str())
+                                       .d("reason", "unsupportedAdapter"));
     return;
   }
 
@@ -200,12 +200,12 @@ bool ApplianceDriverReachabilityChecker::isSupportedAdapter(const std::string& a
 bool ApplianceDriverReachabilityChecker::validateCallbackParams(
     const std::string& callbackId, const UpdateCallback& callback) const {
   if (callbackId.empty()) {
-    logChecker(LogPriority::kError,
+    logChecker(LogPriority::ERROR,
                LogBuilder("validateCallbackParams", nullptr).d("reason", "emptyCallbackId"));
     return false;
   }
   if (!callback) {
-    logChecker(LogPriority::kError,
+    logChecker(LogPriority::ERROR,
                LogBuilder("validateCallbackParams", nullptr).d("reason", "nullCallback"));
     return false;
   }
@@ -220,14 +220,14 @@ bool ApplianceDriverReachabilityChecker::isCallbackIdRegistered(
 
 bool ApplianceDriverReachabilityChecker::registerReachabilityUpdateCallback(
     const std::string& callbackId, UpdateCallback callback) {
-  logChecker(LogPriority::kDebug, LogBuilder("registerReachabilityUpdateCallback", nullptr)
-                                      .d("callbackId", callbackId.c_str()));
+  logChecker(LogPriority::DEBUG, LogBuilder("registerReachabilityUpdateCallback", nullptr)
+                                     .d("callbackId", callbackId.c_str()));
   if (!validateCallbackParams(callbackId, callback)) {
     return false;
   }
   if (isCallbackIdRegistered(callbackId)) {
-    logChecker(LogPriority::kWarn, LogBuilder("registerReachabilityUpdateCallback", nullptr)
-                                       .d("reason", "duplicateCallbackId"));
+    logChecker(LogPriority::WARN, LogBuilder("registerReachabilityUpdateCallback", nullptr)
+                                      .d("reason", "duplicateCallbackId"));
     return false;
   }
 
@@ -235,51 +235,51 @@ bool ApplianceDriverReachabilityChecker::registerReachabilityUpdateCallback(
   // both reach it, and the set then holds the id once.
   if (!driver.subscribeStateChanges(
           {}, callbackId, createStateChangeCallbackWrapper(std::move(callback)), nullptr)) {
-    logChecker(LogPriority::kError, LogBuilder("registerReachabilityUpdateCallback", nullptr)
-                                        .d("callbackId", callbackId.c_str())
-                                        .d("reason", "subscriptionFailed"));
+    logChecker(LogPriority::ERROR, LogBuilder("registerReachabilityUpdateCallback", nullptr)
+                                       .d("callbackId", callbackId.c_str())
+                                       .d("reason", "subscriptionFailed"));
     return false;
   }
 
   MutexLock lock(callbackMutex);
   registeredCallbackIds.insert(callbackId);
-  logChecker(LogPriority::kInfo, LogBuilder("registerReachabilityUpdateCallback", nullptr)
-                                     .d("callbackId", callbackId.c_str())
-                                     .d("status", "registered"));
+  logChecker(LogPriority::INFO, LogBuilder("registerReachabilityUpdateCallback", nullptr)
+                                    .d("callbackId", callbackId.c_str())
+                                    .d("status", "registered"));
   return true;
 }
 
 bool ApplianceDriverReachabilityChecker::unregisterReachabilityUpdateCallback(
     const std::string& callbackId) {
-  logChecker(LogPriority::kDebug, LogBuilder("unregisterReachabilityUpdateCallback", nullptr)
-                                      .d("callbackId", callbackId.c_str()));
+  logChecker(LogPriority::DEBUG, LogBuilder("unregisterReachabilityUpdateCallback", nullptr)
+                                     .d("callbackId", callbackId.c_str()));
   if (callbackId.empty()) {
     logChecker(
-        LogPriority::kError,
+        LogPriority::ERROR,
         LogBuilder("unregisterReachabilityUpdateCallback", nullptr).d("reason", "emptyCallbackId"));
     return false;
   }
   if (!isCallbackIdRegistered(callbackId)) {
-    logChecker(LogPriority::kWarn, LogBuilder("unregisterReachabilityUpdateCallback", nullptr)
-                                       .d("reason", "callbackNotFound")
-                                       .d("callbackId", callbackId.c_str()));
+    logChecker(LogPriority::WARN, LogBuilder("unregisterReachabilityUpdateCallback", nullptr)
+                                      .d("reason", "callbackNotFound")
+                                      .d("callbackId", callbackId.c_str()));
     return false;
   }
 
   // A refused cancellation keeps the id registered so that the caller may
   // try again.
   if (!driver.unsubscribeStateChanges(callbackId)) {
-    logChecker(LogPriority::kWarn, LogBuilder("unregisterReachabilityUpdateCallback", nullptr)
-                                       .d("callbackId", callbackId.c_str())
-                                       .d("reason", "unsubscriptionFailed"));
+    logChecker(LogPriority::WARN, LogBuilder("unregisterReachabilityUpdateCallback", nullptr)
+                                      .d("callbackId", callbackId.c_str())
+                                      .d("reason", "unsubscriptionFailed"));
     return false;
   }
 
   MutexLock lock(callbackMutex);
   registeredCallbackIds.erase(callbackId);
-  logChecker(LogPriority::kInfo, LogBuilder("unregisterReachabilityUpdateCallback", nullptr)
-                                     .d("callbackId", callbackId.c_str())
-                                     .d("status", "unregistered"));
+  logChecker(LogPriority::INFO, LogBuilder("unregisterReachabilityUpdateCallback", nullptr)
+                                    .d("callbackId", callbackId.c_str())
+                                    .d("status", "unregistered"));
   return true;
 }
 
@@ -288,28 +288,28 @@ ApplianceDriverReachabilityChecker::createStateChangeCallbackWrapper(
     UpdateCallback callback) const {
   // Runs on the driver's thread; it touches no checker state and takes no lock.
   return [callback = std::move(callback)](const StateChangeEvent& event) {
-    logChecker(LogPriority::kDebug, LogBuilder("operator()", "stateChangeCallback")
-                                        .d("endpointId", event.endpointId.c_str())
-                                        .d("namespace", event.namespace_.c_str())
-                                        .d("propertyName", event.propertyName.c_str())
-                                        .d("value", event.value.c_str()));
+    logChecker(LogPriority::DEBUG, LogBuilder("operator()", "stateChangeCallback")
+                                       .d("endpointId", event.endpointId.c_str())
+                                       .d("namespace", event.namespace_.c_str())
+                                       .d("propertyName", event.propertyName.c_str())
+                                       .d("value", event.value.c_str()));
     if (event.namespace_ != ENDPOINT_HEALTH_NAMESPACE ||
         event.propertyName != CONNECTIVITY_PROPERTY) {
       logChecker(
-          LogPriority::kDebug,
+          LogPriority::DEBUG,
           LogBuilder("operator()", "stateChangeCallback").d("reason", "notConnectivityEvent"));
       return;
     }
 
     // The value is either bare or JSON text with the state in double quotes.
     const bool reachable = event.value == CONNECTIVITY_OK_VALUE ||
-                           event.value.find(kQuotedOkValue) != std::string::npos;
+                           event.value.find(QUOTED_OK_VALUE) != std::string::npos;
     const ReachabilityCheckResult result(event.endpointId, "", "", reachable, CapabilitySet(),
                                          ApplianceDriverType::NO_DRIVER);
-    logChecker(LogPriority::kInfo, LogBuilder("operator()", "stateChangeCallback")
-                                       .d("endpointId", event.endpointId.c_str())
-                                       .d("isReachable", boolText(reachable))
-                                       .d("action", "invokingCallback"));
+    logChecker(LogPriority::INFO, LogBuilder("operator()", "stateChangeCallback")
+                                      .d("endpointId", event.endpointId.c_str())
+                                      .d("isReachable", boolText(reachable))
+                                      .d("action", "invokingCallback"));
     callback(result);
   };
 }

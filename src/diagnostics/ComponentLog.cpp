@@ -6,7 +6,7 @@ namespace veranda::reachabilityCache {
 namespace {
 
 void write(LogPriority priority, const char* tag, const commonLog::LogBuilder& line) {
-  __android_log_print(static_cast<int>(priority), tag, "%s", line.c_str());
+  __android_log_print(static_cast<int>(priority), tag, "%s", line.text());
 }
 
 }  // namespace

@@ -7,7 +7,7 @@
 namespace veranda::reachabilityCache {
 
 // Android log priorities used by the library.
-enum class LogPriority : int { kDebug = 3, kInfo = 4, kWarn = 5, kError = 6 };
+enum class LogPriority : int { DEBUG = 3, INFO = 4, WARN = 5, ERROR = 6 };
 
 // Tag "ReachabilityCache-ReachabilityCache".
 void logFacade(LogPriority priority, const commonLog::LogBuilder& line);

@@ -7,15 +7,15 @@
 namespace veranda::commonLog {
 namespace {
 
-constexpr std::size_t kLabelCapacity = 256;
-constexpr std::size_t kNotFound = static_cast<std::size_t>(-1);
+constexpr std::size_t LABEL_CAPACITY = 256;
+constexpr std::size_t NOT_FOUND = static_cast<std::size_t>(-1);
 
 bool isNameCharacter(char c) {
   return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_';
 }
 
 // Index of the "(" that opens the parameter list closed at `close`, or
-// kNotFound when the parentheses do not balance.
+// NOT_FOUND when the parentheses do not balance.
 std::size_t findOpeningParenthesis(const char* text, std::size_t close) {
   int depth = 1;
   for (std::size_t i = close; i-- > 0;) {
@@ -25,18 +25,18 @@ std::size_t findOpeningParenthesis(const char* text, std::size_t close) {
       return i;
     }
   }
-  return kNotFound;
+  return NOT_FOUND;
 }
 
 // Index of the last character of the name before the "(" at `open`, skipping
-// blanks and tabs, or kNotFound when the start of the text is reached.
+// blanks and tabs, or NOT_FOUND when the start of the text is reached.
 std::size_t findNameEnd(const char* text, std::size_t open) {
   for (std::size_t i = open; i-- > 0;) {
     if (text[i] != ' ' && text[i] != '\t') {
       return i;
     }
   }
-  return kNotFound;
+  return NOT_FOUND;
 }
 
 }  // namespace
@@ -96,7 +96,7 @@ void LogBuilder::append(const char* text, std::size_t length) {
 void LogBuilder::append(char character) { append(&character, 1); }
 
 const char* LogBuilder::extractFunctionName(const char* text) {
-  thread_local char label[kLabelCapacity];
+  thread_local char label[LABEL_CAPACITY];
   if (std::strstr(text, "operator()") != nullptr) {
     label[0] = '\0';
     return label;
@@ -106,18 +106,18 @@ const char* LogBuilder::extractFunctionName(const char* text) {
     return text;
   }
   const std::size_t open = findOpeningParenthesis(text, static_cast<std::size_t>(close - text));
-  if (open == kNotFound) {
+  if (open == NOT_FOUND) {
     return text;
   }
   const std::size_t last = findNameEnd(text, open);
-  if (last == kNotFound) {
+  if (last == NOT_FOUND) {
     return text;
   }
   std::size_t first = last;
   while (first > 0 && isNameCharacter(text[first - 1])) {
     --first;
   }
-  const std::size_t length = std::min(last + 1 - first, kLabelCapacity - 1);
+  const std::size_t length = std::min(last + 1 - first, LABEL_CAPACITY - 1);
   std::memcpy(label, text + first, length);
   label[length] = '\0';
   return label;

@@ -11,16 +11,16 @@ namespace veranda::commonLog {
 
 // The narrow character types, which a stream writes as the character itself.
 template <typename T>
-constexpr bool kIsNarrowCharacter =
+constexpr bool IS_NARROW_CHARACTER =
     std::is_same_v<T, char> || std::is_same_v<T, signed char> || std::is_same_v<T, unsigned char>;
 
 // One builder makes exactly one line: made on the stack where an event
-// happens, filled by chained d() calls, read once with str() or c_str(). Not
-// shared between threads. A line of up to kInlineCapacity - 1 characters is
+// happens, filled by chained d() calls, read once with str() or text(). Not
+// shared between threads. A line of up to INLINE_CAPACITY - 1 characters is
 // built without allocating.
 class LogBuilder {
  public:
-  static constexpr std::size_t kInlineCapacity = 256;
+  static constexpr std::size_t INLINE_CAPACITY = 256;
 
   // Writes the label: "[name] context" when `context` is a non-empty text
   // other than the name extracted from `function`, "[name]" otherwise, and
@@ -42,7 +42,7 @@ class LogBuilder {
             typename = std::enable_if_t<std::is_integral_v<T> && !std::is_same_v<T, bool>>>
   LogBuilder& d(const char* key, T value) {
     beginField(key);
-    if constexpr (kIsNarrowCharacter<T>) {
+    if constexpr (IS_NARROW_CHARACTER<T>) {
       append(static_cast<char>(value));
     } else {
       char digits[24];  // the longest 64-bit value and its sign
@@ -55,7 +55,7 @@ class LogBuilder {
   // The line built so far.
   std::string str() const { return {text_, size_}; }
   // The line built so far, NUL-terminated; valid until the builder changes.
-  const char* c_str() const { return text_; }
+  const char* text() const { return text_; }
 
   // The label to print for `text`: a bare name unchanged, the function name of
   // a full signature, the empty string for anything holding "operator()". The
@@ -69,11 +69,11 @@ class LogBuilder {
   void append(const char* text, std::size_t length);
   void append(char character);
 
-  char inline_[kInlineCapacity];
+  char inline_[INLINE_CAPACITY];
   std::unique_ptr<char[]> heap_;  // holds the line once it outgrows inline_
   char* text_ = inline_;
   std::size_t size_ = 0;
-  std::size_t capacity_ = kInlineCapacity;
+  std::size_t capacity_ = INLINE_CAPACITY;
   bool hasFields_ = false;
 };
 

@@ -7,15 +7,15 @@
 namespace veranda::reachabilityCache {
 namespace {
 
-constexpr uint32_t kTextDimension = 2;
-constexpr uint32_t kIntegerDimension = 4;
-constexpr const char* kProgramId = "762veg6l";
-constexpr const char* kSourceId = "nlef/2/03330473";
+constexpr uint32_t TEXT_DIMENSION = 2;
+constexpr uint32_t INTEGER_DIMENSION = 4;
+constexpr const char* PROGRAM_ID = "762veg6l";
+constexpr const char* SOURCE_ID = "nlef/2/03330473";
 
 Dimension textDimension(const std::string& name, const std::string& value) {
   Dimension dimension;
   dimension.name = name;
-  dimension.type = kTextDimension;
+  dimension.type = TEXT_DIMENSION;
   dimension.stringValue = value;
   return dimension;
 }
@@ -23,13 +23,13 @@ Dimension textDimension(const std::string& name, const std::string& value) {
 Dimension integerDimension(const std::string& name, int64_t value) {
   Dimension dimension;
   dimension.name = name;
-  dimension.type = kIntegerDimension;
+  dimension.type = INTEGER_DIMENSION;
   dimension.longValue = value;
   return dimension;
 }
 
 void record(const std::vector<Dimension>& dimensions) {
-  const Metric metric(dimensions, kProgramId, kSourceId, true);
+  const Metric metric(dimensions, PROGRAM_ID, SOURCE_ID, true);
 }
 
 }  // namespace

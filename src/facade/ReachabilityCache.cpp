@@ -13,36 +13,36 @@ namespace {
 
 using commonLog::LogBuilder;
 
-constexpr std::chrono::milliseconds kFirstUpdateDelay{1000};
+constexpr std::chrono::milliseconds FIRST_UPDATE_DELAY{1000};
 
 // The store counts its capacity in 32 bits; larger capacities mean "no limit".
 unsigned int storeCapacity(std::size_t maxCacheSize) {
-  constexpr std::size_t kLargest = std::numeric_limits<unsigned int>::max();
-  return static_cast<unsigned int>(maxCacheSize < kLargest ? maxCacheSize : kLargest);
+  constexpr std::size_t LARGEST = std::numeric_limits<unsigned int>::max();
+  return static_cast<unsigned int>(maxCacheSize < LARGEST ? maxCacheSize : LARGEST);
 }
 
 }  // namespace
 
 ReachabilityCache::ReachabilityCache(ICHRProvider* chrProvider, const Config& config)
     : chrProvider(chrProvider), config(config) {
-  logFacade(LogPriority::kInfo, LogBuilder("ReachabilityCache", nullptr)
-                                    .d("event", "cacheCreated")
-                                    .d("maxCacheSize", config.maxCacheSize)
-                                    .d("periodicUpdates", boolText(config.enablePeriodicUpdates)));
+  logFacade(LogPriority::INFO, LogBuilder("ReachabilityCache", nullptr)
+                                   .d("event", "cacheCreated")
+                                   .d("maxCacheSize", config.maxCacheSize)
+                                   .d("periodicUpdates", boolText(config.enablePeriodicUpdates)));
   cacheCore = std::make_shared<CacheCore>(storeCapacity(config.maxCacheSize));
   // The updater gets the facade's own copy of the provider pointer.
   updater = std::make_unique<ReachabilityUpdater>(cacheCore, config.reachabilityChecker,
                                                   this->chrProvider);
   if (config.enablePeriodicUpdates) {
-    updater->startPeriodicUpdates(config.updateInterval, kFirstUpdateDelay);
+    updater->startPeriodicUpdates(config.updateInterval, FIRST_UPDATE_DELAY);
     updater->enableProactiveUpdates();
   }
 }
 
 ReachabilityCache::~ReachabilityCache() {
-  logFacade(LogPriority::kInfo, LogBuilder("~ReachabilityCache", nullptr)
-                                    .d("event", "cacheDestroyed")
-                                    .d("cacheSize", cacheCore->size()));
+  logFacade(LogPriority::INFO, LogBuilder("~ReachabilityCache", nullptr)
+                                   .d("event", "cacheDestroyed")
+                                   .d("cacheSize", cacheCore->size()));
   if (updater) {
     updater->stopPeriodicUpdates();
   }
@@ -85,10 +85,10 @@ EndpointInfo ReachabilityCache::getPreferredEndpoint(const std::string& entityId
                                                      const std::string& preferredAdapter) const {
   std::vector<EndpointInfo> endpoints = cacheCore->getEndpointsForEntity(entityId);
   if (endpoints.empty()) {
-    logFacade(LogPriority::kWarn, LogBuilder("getPreferredEndpoint", nullptr)
-                                      .d("action", "getPreferredEndpoint")
-                                      .d("entityId", entityId.c_str())
-                                      .d("reason", "noEndpointsFound"));
+    logFacade(LogPriority::WARN, LogBuilder("getPreferredEndpoint", nullptr)
+                                     .d("action", "getPreferredEndpoint")
+                                     .d("entityId", entityId.c_str())
+                                     .d("reason", "noEndpointsFound"));
     return {"", "", "", {}};
   }
   for (EndpointInfo& endpoint : endpoints) {

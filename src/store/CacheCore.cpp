@@ -32,16 +32,16 @@ void logEndpointAction(LogPriority priority, const char* function, const char* a
 // id; false when both ids are set.
 bool refusedForEmptyId(const CachedEndpoint& endpoint) {
   if (endpoint.entityId.empty()) {
-    logStore(LogPriority::kWarn, LogBuilder("insertEndpoint", nullptr)
-                                     .d("reason", "emptyEntityId")
-                                     .d("endpointId", endpoint.endpointId.c_str()));
+    logStore(LogPriority::WARN, LogBuilder("insertEndpoint", nullptr)
+                                    .d("reason", "emptyEntityId")
+                                    .d("endpointId", endpoint.endpointId.c_str()));
     ReachabilityCacheMetrics::emitInsertFailed("emptyEntityId");
     return true;
   }
   if (endpoint.endpointId.empty()) {
-    logStore(LogPriority::kWarn, LogBuilder("insertEndpoint", nullptr)
-                                     .d("reason", "emptyEndpointId")
-                                     .d("entityId", endpoint.entityId.c_str()));
+    logStore(LogPriority::WARN, LogBuilder("insertEndpoint", nullptr)
+                                    .d("reason", "emptyEndpointId")
+                                    .d("entityId", endpoint.entityId.c_str()));
     ReachabilityCacheMetrics::emitInsertFailed("emptyEndpointId");
     return true;
   }
@@ -87,7 +87,7 @@ const std::string& CacheCore::normalizeEntityId(const std::string& entityId) {
 }
 
 CacheCore::CacheCore(unsigned int maxSize) : maxSize_(maxSize) {
-  logStore(LogPriority::kInfo, LogBuilder("CacheCore", nullptr).d("maxSize", maxSize));
+  logStore(LogPriority::INFO, LogBuilder("CacheCore", nullptr).d("maxSize", maxSize));
 }
 
 CacheCore::~CacheCore() = default;
@@ -109,10 +109,10 @@ bool CacheCore::insertRecord(Record&& endpoint) {
   }
   const bool entityKnown = entityIndex.count(entityId) != 0;
   if (!entityKnown && entityIndex.size() >= maxSize_) {
-    logStore(LogPriority::kWarn, LogBuilder("insertEndpoint", nullptr)
-                                     .d("reason", "cacheFull")
-                                     .d("entityId", entityId.c_str())
-                                     .d("endpointId", endpoint.endpointId.c_str()));
+    logStore(LogPriority::WARN, LogBuilder("insertEndpoint", nullptr)
+                                    .d("reason", "cacheFull")
+                                    .d("entityId", entityId.c_str())
+                                    .d("endpointId", endpoint.endpointId.c_str()));
     ReachabilityCacheMetrics::emitCacheFull(maxSize_);
     return false;
   }
@@ -124,15 +124,15 @@ bool CacheCore::insertRecord(Record&& endpoint) {
     // A fresh string: assigned in place, the stored id would keep the
     // capacity of the id as passed, prefix included.
     stored->entityId = std::string(entityId);
-    logEndpointAction(entityKnown ? LogPriority::kDebug : LogPriority::kInfo, "insertEndpoint",
+    logEndpointAction(entityKnown ? LogPriority::DEBUG : LogPriority::INFO, "insertEndpoint",
                       entityKnown ? "appended" : "newEntity", entityId, stored->endpointId);
   } else {
     mergeInto(*stored, std::forward<Record>(endpoint));
-    logStore(LogPriority::kDebug, LogBuilder("insertEndpoint", nullptr)
-                                      .d("action", "merged")
-                                      .d("entityId", entityId.c_str())
-                                      .d("endpointId", stored->endpointId.c_str())
-                                      .d("driverCount", stored->driverCapabilities.size()));
+    logStore(LogPriority::DEBUG, LogBuilder("insertEndpoint", nullptr)
+                                     .d("action", "merged")
+                                     .d("entityId", entityId.c_str())
+                                     .d("endpointId", stored->endpointId.c_str())
+                                     .d("driverCount", stored->driverCapabilities.size()));
   }
   endpointIndex[stored->endpointId] = entityId;
   return true;
@@ -147,21 +147,21 @@ bool CacheCore::removeEndpoint(const std::string& entityId, const std::string& e
   MutexLock lock(storeMutex);
   std::vector<CachedEndpoint>* endpoints = findEndpointsMutableLocked(id);
   if (endpoints == nullptr) {
-    logEndpointAction(LogPriority::kDebug, "removeEndpoint", "notFound", id, endpointId);
+    logEndpointAction(LogPriority::DEBUG, "removeEndpoint", "notFound", id, endpointId);
     return false;
   }
   const auto record = findEndpointInVector(*endpoints, endpointId);
   if (record == endpoints->end()) {
-    logEndpointAction(LogPriority::kDebug, "removeEndpoint", "endpointNotFound", id, endpointId);
+    logEndpointAction(LogPriority::DEBUG, "removeEndpoint", "endpointNotFound", id, endpointId);
     return false;
   }
   endpoints->erase(record);
   endpointIndex.erase(endpointId);
   if (!endpoints->empty()) {
-    logEndpointAction(LogPriority::kDebug, "removeEndpoint", "removedEndpoint", id, endpointId);
+    logEndpointAction(LogPriority::DEBUG, "removeEndpoint", "removedEndpoint", id, endpointId);
   } else {
     entityIndex.erase(id);
-    logEndpointAction(LogPriority::kInfo, "removeEndpoint", "removedEndpointAndEntity", id,
+    logEndpointAction(LogPriority::INFO, "removeEndpoint", "removedEndpointAndEntity", id,
                       endpointId);
   }
   return true;
@@ -173,7 +173,7 @@ bool CacheCore::removeEntity(const std::string& entityId) {
   const auto entity = entityIndex.find(id);
   if (entity == entityIndex.end()) {
     // The one store line keyed "event" rather than "action"; readers match on it.
-    logStore(LogPriority::kDebug,
+    logStore(LogPriority::DEBUG,
              LogBuilder("removeEntity", nullptr).d("event", "notFound").d("entityId", id.c_str()));
     return false;
   }
@@ -182,10 +182,10 @@ bool CacheCore::removeEntity(const std::string& entityId) {
     endpointIndex.erase(endpoint.endpointId);
   }
   entityIndex.erase(entity);
-  logStore(LogPriority::kInfo, LogBuilder("removeEntity", nullptr)
-                                   .d("action", "removedEntity")
-                                   .d("entityId", id.c_str())
-                                   .d("endpointCount", endpointCount));
+  logStore(LogPriority::INFO, LogBuilder("removeEntity", nullptr)
+                                  .d("action", "removedEntity")
+                                  .d("entityId", id.c_str())
+                                  .d("endpointCount", endpointCount));
   return true;
 }
 
@@ -194,7 +194,7 @@ void CacheCore::clear() {
   const std::size_t previousSize = entityIndex.size();
   entityIndex.clear();
   endpointIndex.clear();
-  logStore(LogPriority::kInfo,
+  logStore(LogPriority::INFO,
            LogBuilder("clear", nullptr).d("action", "cleared").d("previousSize", previousSize));
 }
 
@@ -204,17 +204,17 @@ bool CacheCore::clearEndpointCapabilities(const std::string& entityId,
   MutexLock lock(storeMutex);
   std::vector<CachedEndpoint>* endpoints = findEndpointsMutableLocked(id);
   if (endpoints == nullptr) {
-    logEndpointAction(LogPriority::kDebug, "clearEndpointCapabilities", "notFound", id, endpointId);
+    logEndpointAction(LogPriority::DEBUG, "clearEndpointCapabilities", "notFound", id, endpointId);
     return false;
   }
   const auto record = findEndpointInVector(*endpoints, endpointId);
   if (record == endpoints->end()) {
-    logEndpointAction(LogPriority::kDebug, "clearEndpointCapabilities", "endpointNotFound", id,
+    logEndpointAction(LogPriority::DEBUG, "clearEndpointCapabilities", "endpointNotFound", id,
                       endpointId);
     return false;
   }
   record->driverCapabilities.clear();
-  logEndpointAction(LogPriority::kDebug, "clearEndpointCapabilities", "clearedCapabilities", id,
+  logEndpointAction(LogPriority::DEBUG, "clearEndpointCapabilities", "clearedCapabilities", id,
                     endpointId);
   return true;
 }
@@ -237,9 +237,9 @@ bool CacheCore::isEntityPresent(const std::string& entityId) const {
   const std::string& id = normalizeEntityId(entityId);
   MutexLock lock(storeMutex);
   const bool present = findEndpointsLocked(id) != nullptr;
-  logStore(LogPriority::kDebug, LogBuilder("isEntityPresent", nullptr)
-                                    .d("entityId", id.c_str())
-                                    .d("present", boolText(present)));
+  logStore(LogPriority::DEBUG, LogBuilder("isEntityPresent", nullptr)
+                                   .d("entityId", id.c_str())
+                                   .d("present", boolText(present)));
   return present;
 }
 
@@ -250,16 +250,16 @@ bool CacheCore::isEntityReachable(const std::string& entityId) const {
   line.d("entityId", id.c_str());
   const std::vector<CachedEndpoint>* endpoints = findEndpointsLocked(id);
   if (endpoints == nullptr) {
-    logStore(LogPriority::kDebug, line.d("reachable", "false").d("reason", "notInCache"));
+    logStore(LogPriority::DEBUG, line.d("reachable", "false").d("reason", "notInCache"));
     return false;
   }
   for (const CachedEndpoint& endpoint : *endpoints) {
     if (reachedByDriver(endpoint)) {
-      logStore(LogPriority::kDebug, line.d("reachable", "true"));
+      logStore(LogPriority::DEBUG, line.d("reachable", "true"));
       return true;
     }
   }
-  logStore(LogPriority::kDebug, line.d("reachable", "false").d("reason", "noDriverCapabilities"));
+  logStore(LogPriority::DEBUG, line.d("reachable", "false").d("reason", "noDriverCapabilities"));
   return false;
 }
 
@@ -271,21 +271,21 @@ bool CacheCore::isCapabilityReachable(const std::string& entityId,
   line.d("entityId", id.c_str()).d("capability", capabilityKey.capability.c_str());
   const std::vector<CachedEndpoint>* endpoints = findEndpointsLocked(id);
   if (endpoints == nullptr) {
-    logStore(LogPriority::kDebug, line.d("reachable", "false").d("reason", "entityNotFound"));
+    logStore(LogPriority::DEBUG, line.d("reachable", "false").d("reason", "entityNotFound"));
     return false;
   }
   for (const CachedEndpoint& endpoint : *endpoints) {
     for (const auto& entry : endpoint.driverCapabilities) {
       if (entry.second.count(capabilityKey) != 0) {
-        logStore(LogPriority::kDebug,
+        logStore(LogPriority::DEBUG,
                  line.d("endpointId", endpoint.endpointId.c_str()).d("reachable", "true"));
         return true;
       }
     }
   }
-  logStore(LogPriority::kDebug, line.d("reachable", "false")
-                                    .d("reason", "capabilityNotFound")
-                                    .d("endpointCount", endpoints->size()));
+  logStore(LogPriority::DEBUG, line.d("reachable", "false")
+                                   .d("reason", "capabilityNotFound")
+                                   .d("endpointCount", endpoints->size()));
   return false;
 }
 
@@ -300,17 +300,17 @@ bool CacheCore::isCapabilityReachableByDriver(const std::string& entityId,
       .d("driverType", static_cast<int32_t>(driverType));
   const std::vector<CachedEndpoint>* endpoints = findEndpointsLocked(id);
   if (endpoints == nullptr) {
-    logStore(LogPriority::kDebug, line.d("reachable", "false").d("reason", "entityNotFound"));
+    logStore(LogPriority::DEBUG, line.d("reachable", "false").d("reason", "entityNotFound"));
     return false;
   }
   for (const CachedEndpoint& endpoint : *endpoints) {
     if (endpoint.hasCapabilityFromDriver(capabilityKey, driverType)) {
-      logStore(LogPriority::kDebug,
+      logStore(LogPriority::DEBUG,
                line.d("endpointId", endpoint.endpointId.c_str()).d("reachable", "true"));
       return true;
     }
   }
-  logStore(LogPriority::kDebug,
+  logStore(LogPriority::DEBUG,
            line.d("reachable", "false").d("reason", "capabilityNotFoundForDriver"));
   return false;
 }
@@ -320,7 +320,7 @@ std::string CacheCore::getEndpointIdForEntity(const std::string& entityId) const
   MutexLock lock(storeMutex);
   const std::vector<CachedEndpoint>* endpoints = findEndpointsLocked(id);
   std::string endpointId = endpoints == nullptr ? "" : endpoints->front().endpointId;
-  logStore(LogPriority::kDebug,
+  logStore(LogPriority::DEBUG,
            LogBuilder("getEndpointIdForEntity", nullptr)
                .d("entityId", id.c_str())
                .d("endpointId", endpoints == nullptr ? "notFound" : endpointId.c_str()));
@@ -331,7 +331,7 @@ std::string CacheCore::getEntityIdForEndpoint(const std::string& endpointId) con
   MutexLock lock(storeMutex);
   const auto found = endpointIndex.find(endpointId);
   std::string entityId = found == endpointIndex.end() ? "" : found->second;
-  logStore(LogPriority::kDebug,
+  logStore(LogPriority::DEBUG,
            LogBuilder("getEntityIdForEndpoint", nullptr)
                .d("endpointId", endpointId.c_str())
                .d("entityId", found == endpointIndex.end() ? "notFound" : entityId.c_str()));

@@ -17,17 +17,17 @@ bool CacheCore::registerReachabilityListener(
   MutexLock lock(listenerMutex);
   // try_emplace leaves `callback` untouched when the id is taken.
   if (!listeners.try_emplace(listenerId, std::move(callback)).second) {
-    logStore(LogPriority::kWarn, LogBuilder("registerReachabilityListener", nullptr)
-                                     .d("action", "registerReachabilityListener")
-                                     .d("listenerId", listenerId.c_str())
-                                     .d("result", "alreadyExists"));
+    logStore(LogPriority::WARN, LogBuilder("registerReachabilityListener", nullptr)
+                                    .d("action", "registerReachabilityListener")
+                                    .d("listenerId", listenerId.c_str())
+                                    .d("result", "alreadyExists"));
     return false;
   }
-  logStore(LogPriority::kInfo, LogBuilder("registerReachabilityListener", nullptr)
-                                   .d("action", "registerReachabilityListener")
-                                   .d("listenerId", listenerId.c_str())
-                                   .d("result", "success")
-                                   .d("totalListeners", listeners.size()));
+  logStore(LogPriority::INFO, LogBuilder("registerReachabilityListener", nullptr)
+                                  .d("action", "registerReachabilityListener")
+                                  .d("listenerId", listenerId.c_str())
+                                  .d("result", "success")
+                                  .d("totalListeners", listeners.size()));
   return true;
 }
 
@@ -38,18 +38,18 @@ bool CacheCore::unregisterReachabilityListener(const std::string& listenerId) {
   MutexLock lock(listenerMutex);
   const auto found = listeners.find(listenerId);
   if (found == listeners.end()) {
-    logStore(LogPriority::kWarn, LogBuilder("unregisterReachabilityListener", nullptr)
-                                     .d("action", "unregisterReachabilityListener")
-                                     .d("listenerId", listenerId.c_str())
-                                     .d("result", "notFound"));
+    logStore(LogPriority::WARN, LogBuilder("unregisterReachabilityListener", nullptr)
+                                    .d("action", "unregisterReachabilityListener")
+                                    .d("listenerId", listenerId.c_str())
+                                    .d("result", "notFound"));
     return false;
   }
   removed = listeners.extract(found);
-  logStore(LogPriority::kInfo, LogBuilder("unregisterReachabilityListener", nullptr)
-                                   .d("action", "unregisterReachabilityListener")
-                                   .d("listenerId", listenerId.c_str())
-                                   .d("result", "success")
-                                   .d("totalListeners", listeners.size()));
+  logStore(LogPriority::INFO, LogBuilder("unregisterReachabilityListener", nullptr)
+                                  .d("action", "unregisterReachabilityListener")
+                                  .d("listenerId", listenerId.c_str())
+                                  .d("result", "success")
+                                  .d("totalListeners", listeners.size()));
   return true;
 }
 
@@ -63,12 +63,12 @@ void CacheCore::notifyReachabilityListeners(const std::string& endpointId,
   if (snapshot.empty()) {
     return;
   }
-  logStore(LogPriority::kDebug, LogBuilder("notifyReachabilityListeners", nullptr)
-                                    .d("action", "notifyReachabilityListeners")
-                                    .d("endpointId", endpointId.c_str())
-                                    .d("entityId", entityId.c_str())
-                                    .d("isReachable", boolText(isReachable))
-                                    .d("listenerCount", snapshot.size()));
+  logStore(LogPriority::DEBUG, LogBuilder("notifyReachabilityListeners", nullptr)
+                                   .d("action", "notifyReachabilityListeners")
+                                   .d("endpointId", endpointId.c_str())
+                                   .d("entityId", entityId.c_str())
+                                   .d("isReachable", boolText(isReachable))
+                                   .d("listenerCount", snapshot.size()));
   for (const auto& entry : snapshot) {
     entry.second(endpointId, entityId, isReachable);
   }

@@ -14,7 +14,7 @@ namespace {
 // A record starts with one driver type and seldom gains another. Sized for
 // that, the map's bucket array has two slots; left to the default, the first
 // insertion sizes it for eleven entries, 104 bytes for every stored endpoint.
-constexpr std::size_t kDriverTypeBuckets = 1;
+constexpr std::size_t DRIVER_TYPE_BUCKETS = 1;
 
 }  // namespace
 
@@ -22,7 +22,7 @@ CachedEndpoint::CachedEndpoint(const EndpointInfo& info)
     : endpointId(info.endpointId),
       entityId(info.entityId),
       adapterName(info.adapterName),
-      driverCapabilities(kDriverTypeBuckets) {
+      driverCapabilities(DRIVER_TYPE_BUCKETS) {
   fileCapabilities(driverCapabilities, ApplianceDriverType::NO_DRIVER, info.capabilities);
 }
 
@@ -32,7 +32,7 @@ CachedEndpoint::CachedEndpoint(const std::string& endpointId, const std::string&
     : endpointId(endpointId),
       entityId(entityId),
       adapterName(adapterName),
-      driverCapabilities(kDriverTypeBuckets) {
+      driverCapabilities(DRIVER_TYPE_BUCKETS) {
   fileCapabilities(driverCapabilities, driverType, std::move(capabilities));
 }
 

@@ -29,9 +29,9 @@ namespace {
 
 using commonLog::LogBuilder;
 
-constexpr const char* kPeriodicPrefix = "periodic_";
-constexpr const char* kManualPrefix = "manual_";
-constexpr const char* kProactivePrefix = "reachability_updater_";
+constexpr const char* PERIODIC_PREFIX = "periodic_";
+constexpr const char* MANUAL_PREFIX = "manual_";
+constexpr const char* PROACTIVE_PREFIX = "reachability_updater_";
 
 const char* statusText(bool reachable, bool applied, bool wasReachable) {
   if (!applied) {
@@ -59,14 +59,14 @@ void appendDetail(std::string& details, const ReachabilityCheckResult& result, c
 // The interval in milliseconds (seconds x 1000), held at the range of a count
 // of milliseconds where the product would not fit.
 std::chrono::milliseconds rearmDelay(int64_t intervalSeconds) {
-  constexpr int64_t kMillisPerSecond = 1000;
-  if (intervalSeconds > std::numeric_limits<int64_t>::max() / kMillisPerSecond) {
+  constexpr int64_t MILLIS_PER_SECOND = 1000;
+  if (intervalSeconds > std::numeric_limits<int64_t>::max() / MILLIS_PER_SECOND) {
     return std::chrono::milliseconds::max();
   }
-  if (intervalSeconds < std::numeric_limits<int64_t>::min() / kMillisPerSecond) {
+  if (intervalSeconds < std::numeric_limits<int64_t>::min() / MILLIS_PER_SECOND) {
     return std::chrono::milliseconds::min();
   }
-  return std::chrono::milliseconds(intervalSeconds * kMillisPerSecond);
+  return std::chrono::milliseconds(intervalSeconds * MILLIS_PER_SECOND);
 }
 
 }  // namespace
@@ -75,12 +75,12 @@ ReachabilityUpdater::ReachabilityUpdater(std::shared_ptr<CacheCore> cache,
                                          std::shared_ptr<IReachabilityChecker> checker,
                                          ICHRProvider* chrProvider)
     : cache(std::move(cache)), checker(std::move(checker)), chrProvider(chrProvider) {
-  logUpdater(LogPriority::kInfo, LogBuilder("ReachabilityUpdater", nullptr));
+  logUpdater(LogPriority::INFO, LogBuilder("ReachabilityUpdater", nullptr));
   taskExecutor = TaskExecutor::create([](std::unique_ptr<Message> /*unused*/) {}, nullptr);
 }
 
 ReachabilityUpdater::~ReachabilityUpdater() {
-  logUpdater(LogPriority::kInfo, LogBuilder("~ReachabilityUpdater", nullptr));
+  logUpdater(LogPriority::INFO, LogBuilder("~ReachabilityUpdater", nullptr));
   stopPeriodicUpdates();
   disableProactiveUpdates();
 }
@@ -89,7 +89,7 @@ ReachabilityUpdater::~ReachabilityUpdater() {
 
 void ReachabilityUpdater::startPeriodicUpdates(std::chrono::seconds interval,
                                                std::chrono::milliseconds initialDelay) {
-  logUpdater(LogPriority::kInfo,
+  logUpdater(LogPriority::INFO,
              LogBuilder("startPeriodicUpdates", nullptr)
                  .d("intervalSeconds", static_cast<long long>(interval.count()))
                  .d("initialDelayMs", static_cast<long long>(initialDelay.count())));
@@ -104,7 +104,7 @@ void ReachabilityUpdater::startPeriodicUpdates(std::chrono::seconds interval,
 }
 
 void ReachabilityUpdater::stopPeriodicUpdates() {
-  logUpdater(LogPriority::kInfo, LogBuilder("stopPeriodicUpdates", nullptr));
+  logUpdater(LogPriority::INFO, LogBuilder("stopPeriodicUpdates", nullptr));
   periodicUpdatesRunning = false;
   taskExecutor->removeCallbacksAndMessages();
 }
@@ -126,25 +126,25 @@ std::string ReachabilityUpdater::generateRequestId() {
 
 void ReachabilityUpdater::performPeriodicUpdate() {
   if (!periodicUpdatesRunning) {
-    logUpdater(LogPriority::kDebug,
+    logUpdater(LogPriority::DEBUG,
                LogBuilder("performPeriodicUpdate", nullptr).d("reason", "periodicUpdatesDisabled"));
     return;
   }
   if (chrProvider == nullptr) {
-    logUpdater(LogPriority::kError,
+    logUpdater(LogPriority::ERROR,
                LogBuilder("performPeriodicUpdate", nullptr).d("reason", "chrProviderNull"));
     return;
   }
   const std::vector<EndpointInfo> endpoints = chrProvider->queryEndpoints();
   if (endpoints.empty()) {
-    logUpdater(LogPriority::kWarn,
+    logUpdater(LogPriority::WARN,
                LogBuilder("performPeriodicUpdate", nullptr).d("reason", "chrQueryReturnedEmpty"));
     rearmPeriodicUpdate();
     return;
   }
-  logUpdater(LogPriority::kDebug,
+  logUpdater(LogPriority::DEBUG,
              LogBuilder("performPeriodicUpdate", nullptr).d("endpointCount", endpoints.size()));
-  const std::string requestId = kPeriodicPrefix + generateRequestId();
+  const std::string requestId = PERIODIC_PREFIX + generateRequestId();
 
   // Views of the provider's ids: `endpoints` outlives the sweep.
   std::unordered_set<std::string_view> currentEndpointIds;
@@ -155,9 +155,9 @@ void ReachabilityUpdater::performPeriodicUpdate() {
   removeStaleEntries(currentEndpointIds);
 
   if (!startCheck(endpoints, requestId)) {
-    logUpdater(LogPriority::kError, LogBuilder("performPeriodicUpdate", nullptr)
-                                        .d("requestId", requestId.c_str())
-                                        .d("reason", "checkStartFailed"));
+    logUpdater(LogPriority::ERROR, LogBuilder("performPeriodicUpdate", nullptr)
+                                       .d("requestId", requestId.c_str())
+                                       .d("reason", "checkStartFailed"));
     ReachabilityCacheMetrics::emitCheckFailed(ReachabilityCacheMetrics::UpdateType::PERIODIC,
                                               "checkStartFailed");
   }
@@ -181,14 +181,14 @@ void ReachabilityUpdater::triggerUpdate(const std::vector<EndpointInfo>& endpoin
 
 void ReachabilityUpdater::performManualUpdate(const std::vector<EndpointInfo>& endpoints) {
   if (endpoints.empty()) {
-    logUpdater(LogPriority::kDebug, LogBuilder("operator()", nullptr).d("reason", "noEndpoints"));
+    logUpdater(LogPriority::DEBUG, LogBuilder("operator()", nullptr).d("reason", "noEndpoints"));
     return;
   }
-  const std::string requestId = kManualPrefix + generateRequestId();
+  const std::string requestId = MANUAL_PREFIX + generateRequestId();
   if (!startCheck(endpoints, requestId)) {
-    logUpdater(LogPriority::kError, LogBuilder("operator()", nullptr)
-                                        .d("requestId", requestId.c_str())
-                                        .d("reason", "checkStartFailed"));
+    logUpdater(LogPriority::ERROR, LogBuilder("operator()", nullptr)
+                                       .d("requestId", requestId.c_str())
+                                       .d("reason", "checkStartFailed"));
     ReachabilityCacheMetrics::emitCheckFailed(ReachabilityCacheMetrics::UpdateType::MANUAL,
                                               "checkStartFailed");
   }
@@ -226,7 +226,7 @@ void ReachabilityUpdater::processReachabilityResults(
     }
     appendDetail(details, result, statusText(result.isReachable, applied, wasReachable));
   }
-  logUpdater(LogPriority::kInfo,
+  logUpdater(LogPriority::INFO,
              LogBuilder("processReachabilityResults", "processReachabilityResults")
                  .d("reachable", reachableCount)
                  .d("unreachable", unreachableCount)
@@ -262,12 +262,12 @@ bool ReachabilityUpdater::processUnreachableEndpoint(const ReachabilityCheckResu
 bool ReachabilityUpdater::enableProactiveUpdates() {
   MutexLock lock(mutex);
   if (proactiveUpdatesEnabled) {
-    logUpdater(LogPriority::kDebug, LogBuilder("enableProactiveUpdates", nullptr)
-                                        .d("action", "enableProactiveUpdates")
-                                        .d("reason", "alreadyEnabled"));
+    logUpdater(LogPriority::DEBUG, LogBuilder("enableProactiveUpdates", nullptr)
+                                       .d("action", "enableProactiveUpdates")
+                                       .d("reason", "alreadyEnabled"));
     return true;
   }
-  proactiveCallbackId = kProactivePrefix + generateRequestId();
+  proactiveCallbackId = PROACTIVE_PREFIX + generateRequestId();
   const bool registered =
       checker != nullptr &&
       checker->registerReachabilityUpdateCallback(
@@ -275,34 +275,34 @@ bool ReachabilityUpdater::enableProactiveUpdates() {
             taskExecutor->post([this, result] { handleProactiveUpdate(result); });
           });
   if (!registered) {
-    logUpdater(LogPriority::kError, LogBuilder("enableProactiveUpdates", nullptr)
-                                        .d("action", "enableProactiveUpdates")
-                                        .d("reason", "registrationFailed"));
+    logUpdater(LogPriority::ERROR, LogBuilder("enableProactiveUpdates", nullptr)
+                                       .d("action", "enableProactiveUpdates")
+                                       .d("reason", "registrationFailed"));
     ReachabilityCacheMetrics::emitSubscribeFailed(ReachabilityCacheMetrics::SubscribeAction::ENABLE,
                                                   "registrationFailed");
     return false;
   }
   proactiveUpdatesEnabled = true;
-  logUpdater(LogPriority::kInfo, LogBuilder("enableProactiveUpdates", nullptr)
-                                     .d("action", "enableProactiveUpdates")
-                                     .d("callbackId", proactiveCallbackId.c_str()));
+  logUpdater(LogPriority::INFO, LogBuilder("enableProactiveUpdates", nullptr)
+                                    .d("action", "enableProactiveUpdates")
+                                    .d("callbackId", proactiveCallbackId.c_str()));
   return true;
 }
 
 void ReachabilityUpdater::disableProactiveUpdates() {
   MutexLock lock(mutex);
   if (!proactiveUpdatesEnabled) {
-    logUpdater(LogPriority::kDebug, LogBuilder("disableProactiveUpdates", nullptr)
-                                        .d("action", "disableProactiveUpdates")
-                                        .d("reason", "alreadyDisabled"));
+    logUpdater(LogPriority::DEBUG, LogBuilder("disableProactiveUpdates", nullptr)
+                                       .d("action", "disableProactiveUpdates")
+                                       .d("reason", "alreadyDisabled"));
     return;
   }
   checker->unregisterReachabilityUpdateCallback(proactiveCallbackId);
   proactiveUpdatesEnabled = false;
   proactiveCallbackId.clear();
-  logUpdater(LogPriority::kInfo, LogBuilder("disableProactiveUpdates", nullptr)
-                                     .d("action", "disableProactiveUpdates")
-                                     .d("status", "disabled"));
+  logUpdater(LogPriority::INFO, LogBuilder("disableProactiveUpdates", nullptr)
+                                    .d("action", "disableProactiveUpdates")
+                                    .d("status", "disabled"));
 }
 
 bool ReachabilityUpdater::isProactiveUpdatesEnabled() const { return proactiveUpdatesEnabled; }

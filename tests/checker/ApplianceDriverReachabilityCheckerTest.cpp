@@ -33,11 +33,11 @@ using test::LogRecorder;
 using Strings = std::vector<std::string>;
 using Lines = std::vector<LogLine>;
 using Devices = std::vector<applianceDriver::DiscoveredDevice>;
-constexpr auto kConnected = applianceDriver::ApplianceDriverType::CONNECTED;
-constexpr const char* kHealth = "Veyra.EndpointHealth";
-const CapabilitySet kPower{{"Power", ""}};
+constexpr auto CONNECTED = applianceDriver::ApplianceDriverType::CONNECTED;
+constexpr const char* HEALTH = "Veyra.EndpointHealth";
+const CapabilitySet POWER{{"Power", ""}};
 
-LogLine line(int level, const std::string& text) { return {level, test::kCheckerTag, text}; }
+LogLine line(int level, const std::string& text) { return {level, test::CHECKER_TAG, text}; }
 
 // "endpoint entity adapter +|- type capability..."
 std::string describe(const ReachabilityCheckResult& r) {
@@ -74,7 +74,7 @@ class CheckerTest : public ::testing::Test, public applianceDriver::IUnifiedAppl
 
   // The checker's lines since the last call; empties the log.
   static Lines takeLines() {
-    Lines found = LogRecorder::instance().linesWithTag(test::kCheckerTag);
+    Lines found = LogRecorder::instance().linesWithTag(test::CHECKER_TAG);
     LogRecorder::instance().clear();
     return found;
   }
@@ -113,20 +113,20 @@ TEST_F(CheckerTest, EmptyBatchAnswersAtOnceAndRefusedBatchNever) {
 }
 
 TEST_F(CheckerTest, BatchGivesEachRequestedEndpointOneResultFromSupportedDevicesOnly) {
-  const std::vector<EndpointInfo> requested = {{"a", "entA", "PROT_ZIGBEE-ADAPTER", kPower},
-                                               {"b", "entB", "PROT_WIFI-ADAPTER", kPower},
-                                               {"c", "entC", "PROT_BLE-ADAPTER", kPower},
+  const std::vector<EndpointInfo> requested = {{"a", "entA", "PROT_ZIGBEE-ADAPTER", POWER},
+                                               {"b", "entB", "PROT_WIFI-ADAPTER", POWER},
+                                               {"c", "entC", "PROT_BLE-ADAPTER", POWER},
                                                {"c", "entC2", "PROT_CHIP-ADAPTER", {{"Color", ""}}},
-                                               {"d", "entD", "PROT_ZIGBEE-ADAPTER", kPower}};
+                                               {"d", "entD", "PROT_ZIGBEE-ADAPTER", POWER}};
   const Devices devices = {
-      {"a", "", "PROT_WIFI-ADAPTER", "lamp", true, {}, kConnected},
-      {"b", "x", "prot_wifi-adapter", "lamp", true, {}, kConnected},
-      {"c", "", "PROT_CHIP-ADAPTER", "lamp", true, {}, kConnected},
-      {"zz", "entZ", "PROT_ZWAVE-ADAPTER", "lamp", true, {}, kConnected},
+      {"a", "", "PROT_WIFI-ADAPTER", "lamp", true, {}, CONNECTED},
+      {"b", "x", "prot_wifi-adapter", "lamp", true, {}, CONNECTED},
+      {"c", "", "PROT_CHIP-ADAPTER", "lamp", true, {}, CONNECTED},
+      {"zz", "entZ", "PROT_ZWAVE-ADAPTER", "lamp", true, {}, CONNECTED},
       // The last supported report of "d" wins; its empty fields keep the earlier one's.
-      {"d", "entD2", "PROT_BLE_MESH-ADAPTER", "lamp", true, {{"Color", "rgb"}}, kConnected},
-      {"d", "", "PROT_LOCALSKILLS-ADAPTER", "lamp", false, {}, kConnected},
-      {"d", "entX", " PROT_MOCK-ADAPTER ", "lamp", true, {}, kConnected}};
+      {"d", "entD2", "PROT_BLE_MESH-ADAPTER", "lamp", true, {{"Color", "rgb"}}, CONNECTED},
+      {"d", "", "PROT_LOCALSKILLS-ADAPTER", "lamp", false, {}, CONNECTED},
+      {"d", "entX", " PROT_MOCK-ADAPTER ", "lamp", true, {}, CONNECTED}};
   Answers answers;
   EXPECT_TRUE(checker.checkReachability(requested, "p", answers.callback()));
   ASSERT_EQ(calls, Strings{"get p"});
@@ -163,7 +163,7 @@ TEST_F(CheckerTest, OnlyTheSevenAdapterNamesCountExactly) {
   for (const auto& [adapter, supported] : adapters) {
     const std::string id = "[" + adapter + "]";
     requested.emplace_back(id, "e", "PROT_ZIGBEE-ADAPTER", CapabilitySet{});
-    devices.push_back({id, "e", adapter, "", true, {}, kConnected});
+    devices.push_back({id, "e", adapter, "", true, {}, CONNECTED});
     expected.push_back(id + " e " + (supported ? adapter + " +1" : "PROT_ZIGBEE-ADAPTER -2"));
   }
   Answers answers;
@@ -215,7 +215,7 @@ TEST_F(CheckerTest, DefaultCheckerPassesOnlyConnectivityEventsWhileOtherIdsComeA
   ASSERT_TRUE(processWide.registerReachabilityUpdateCallback(
       "cb", [&](const ReachabilityCheckResult& result) { received.push_back(describe(result)); }));
   takeLines();
-  driver.publishStateChange({"e0", kHealth, "", "connectivity", "OK"});
+  driver.publishStateChange({"e0", HEALTH, "", "connectivity", "OK"});
   driver.publishStateChange({"e1", "Veyra.PowerController", "", "connectivity", "OK"});
   ASSERT_TRUE(driver.waitUntilIdle(std::chrono::seconds(5)));
   const std::string label = "[stateChangeCallback]: ";
@@ -233,13 +233,13 @@ TEST_F(CheckerTest, DefaultCheckerPassesOnlyConnectivityEventsWhileOtherIdsComeA
     for (int i = 0; i < 200; ++i) {
       const std::string id = prefix + std::to_string(i);
       EXPECT_TRUE(processWide.registerReachabilityUpdateCallback(id, [](const auto&) {}));
-      driver.publishStateChange({"ep", kHealth, "", "Connectivity", "OK"});
+      driver.publishStateChange({"ep", HEALTH, "", "Connectivity", "OK"});
       EXPECT_TRUE(processWide.unregisterReachabilityUpdateCallback(id));
     }
   };
   std::thread other(churn, "a");
   for (const char* value : {R"({"value":"OK"})", "ok", " OK "}) {
-    driver.publishStateChange({value, kHealth, "", "connectivity", value});
+    driver.publishStateChange({value, HEALTH, "", "connectivity", value});
   }
   churn("b");
   other.join();

@@ -32,11 +32,11 @@ TEST(LogBuilderTest, FieldsFollowOneColonAndAreWrittenVerbatim) {
                                .str();
   EXPECT_EQ(line, "[~ReachabilityCache]: event=cacheDestroyed cacheSize=3 odd=a b=c %s %d");
   // A line longer than the builder's own buffer is kept whole.
-  const std::string details(3 * LogBuilder::kInlineCapacity, 'x');
+  const std::string details(3 * LogBuilder::INLINE_CAPACITY, 'x');
   LogBuilder longLine("f", nullptr);
   longLine.d("a", details.c_str()).d("b", details.c_str()).d("n", 7);
   EXPECT_EQ(longLine.str(), "[f]: a=" + details + " b=" + details + " n=7");
-  EXPECT_STREQ(longLine.c_str(), longLine.str().c_str());
+  EXPECT_STREQ(longLine.text(), longLine.str().c_str());
 }
 
 TEST(LogBuilderTest, IntegersAreWrittenWholeInDecimal) {
@@ -86,10 +86,10 @@ TEST(LogBuilderTest, EachThreadHasItsOwnLabelBuffer) {
 TEST(ComponentLogTest, EachComponentWritesUnderItsTagWithPercentSignsIntact) {
   LogRecorder& recorder = LogRecorder::instance();
   recorder.clear();
-  logFacade(LogPriority::kInfo, LogBuilder("a", nullptr).d("v", "100%s"));
-  logStore(LogPriority::kDebug, LogBuilder("b", nullptr));
-  logUpdater(LogPriority::kWarn, LogBuilder("c", nullptr));
-  logChecker(LogPriority::kError, LogBuilder("d", nullptr));
+  logFacade(LogPriority::INFO, LogBuilder("a", nullptr).d("v", "100%s"));
+  logStore(LogPriority::DEBUG, LogBuilder("b", nullptr));
+  logUpdater(LogPriority::WARN, LogBuilder("c", nullptr));
+  logChecker(LogPriority::ERROR, LogBuilder("d", nullptr));
   const std::vector<LogLine> expected = {
       {4, "ReachabilityCache-ReachabilityCache", "[a]: v=100%s"},
       {3, "ReachabilityCache-CacheCore", "[b]"},

@@ -16,7 +16,7 @@ class ReachabilityCacheMetricsTest : public ::testing::Test {
   void SetUp() override { LogRecorder::instance().clear(); }
 
   static std::vector<LogLine> metricLines() {
-    return LogRecorder::instance().linesWithTag(test::kMetricTag);
+    return LogRecorder::instance().linesWithTag(test::METRIC_TAG);
   }
 };
 

@@ -21,8 +21,8 @@ using test::LogLine;
 using test::LogRecorder;
 using ::testing::ElementsAre;
 
-constexpr const char* kZigbee = "PROT_ZIGBEE-ADAPTER";
-constexpr const char* kWifi = "PROT_WIFI-ADAPTER";
+constexpr const char* ZIGBEE = "PROT_ZIGBEE-ADAPTER";
+constexpr const char* WIFI = "PROT_WIFI-ADAPTER";
 
 CachedEndpoint stored(const std::string& endpointId, const std::string& entityId,
                       const std::string& adapter) {
@@ -48,30 +48,30 @@ class ReachabilityCacheTest : public ::testing::Test {
 TEST_F(ReachabilityCacheTest, WithoutRefreshNothingStartsAndTeardownIsLoggedInOrder) {
   auto cache = makeCache(false, 7);
   cache->updateEndpoints(
-      {stored("ep1", "e1", kZigbee), stored("ep2", "e2", kZigbee), stored("ep3", "e3", kZigbee)});
+      {stored("ep1", "e1", ZIGBEE), stored("ep2", "e2", ZIGBEE), stored("ep3", "e3", ZIGBEE)});
   EXPECT_TRUE(checker->registeredCallbackIds().empty());
   cache.reset();
   EXPECT_TRUE(checker->checkRequests().empty());
 
   const std::vector<LogLine> lines = LogRecorder::instance().lines();
   ASSERT_GE(lines.size(), 3U);
-  EXPECT_EQ(lines[0], (LogLine{4, test::kFacadeTag,
+  EXPECT_EQ(lines[0], (LogLine{4, test::FACADE_TAG,
                                "[ReachabilityCache]: event=cacheCreated maxCacheSize=7 "
                                "periodicUpdates=false"}));
-  EXPECT_EQ(lines[1], (LogLine{4, test::kStoreTag, "[CacheCore]: maxSize=7"}));
-  EXPECT_EQ(lines[2], (LogLine{4, test::kUpdaterTag, "[ReachabilityUpdater]"}));
-  const LogLine destroyed{4, test::kFacadeTag,
+  EXPECT_EQ(lines[1], (LogLine{4, test::STORE_TAG, "[CacheCore]: maxSize=7"}));
+  EXPECT_EQ(lines[2], (LogLine{4, test::UPDATER_TAG, "[ReachabilityUpdater]"}));
+  const LogLine destroyed{4, test::FACADE_TAG,
                           "[~ReachabilityCache]: event=cacheDestroyed cacheSize=3"};
   const auto destroyedAt = std::find(lines.begin(), lines.end(), destroyed);
   ASSERT_NE(destroyedAt, lines.end());
   ASSERT_NE(destroyedAt + 1, lines.end());
-  EXPECT_EQ(*(destroyedAt + 1), (LogLine{4, test::kUpdaterTag, "[stopPeriodicUpdates]"}));
+  EXPECT_EQ(*(destroyedAt + 1), (LogLine{4, test::UPDATER_TAG, "[stopPeriodicUpdates]"}));
 }
 
 TEST_F(ReachabilityCacheTest, WithRefreshTheFirstCycleComesAfterOneSecondAndEventsAreOn) {
-  provider.setEndpoints({EndpointInfo("ep1", "e1", kZigbee, {})});
+  provider.setEndpoints({EndpointInfo("ep1", "e1", ZIGBEE, {})});
   auto cache = makeCache(true);
-  EXPECT_THAT(LogRecorder::instance().texts(test::kUpdaterTag),
+  EXPECT_THAT(LogRecorder::instance().texts(test::UPDATER_TAG),
               ElementsAre("[ReachabilityUpdater]",
                           "[startPeriodicUpdates]: intervalSeconds=60 initialDelayMs=1000",
                           "[enableProactiveUpdates]: action=enableProactiveUpdates "
@@ -102,7 +102,7 @@ TEST_F(ReachabilityCacheTest, WithRefreshTheFirstCycleComesAfterOneSecondAndEven
 }
 
 TEST_F(ReachabilityCacheTest, IntervalsBeyondTheClocksRangeWaitInsteadOfComingAtOnce) {
-  provider.setEndpoints({EndpointInfo("ep1", "e1", kZigbee, {})});
+  provider.setEndpoints({EndpointInfo("ep1", "e1", ZIGBEE, {})});
   for (const std::chrono::seconds interval :
        {std::chrono::seconds(10'000'000'000), std::chrono::seconds::max()}) {
     const std::size_t queries = provider.queryCount();
@@ -115,22 +115,22 @@ TEST_F(ReachabilityCacheTest, IntervalsBeyondTheClocksRangeWaitInsteadOfComingAt
 TEST_F(ReachabilityCacheTest, PreferredEndpointFollowsAdapterThenStoreOrder) {
   auto cache = makeCache(false);
   cache->updateEndpoints(
-      {stored("ep1", "e1", kZigbee), stored("ep2", "e1", kWifi), stored("ep3", "e1", kWifi)});
-  EXPECT_EQ(cache->getPreferredEndpoint("e1", kWifi).endpointId, "ep2");
+      {stored("ep1", "e1", ZIGBEE), stored("ep2", "e1", WIFI), stored("ep3", "e1", WIFI)});
+  EXPECT_EQ(cache->getPreferredEndpoint("e1", WIFI).endpointId, "ep2");
   EXPECT_EQ(
       cache->getPreferredEndpoint("orbt1.veyra.endpoint.e1", "PROT_BLE_MESH-ADAPTER").endpointId,
       "ep1");
   EXPECT_EQ(cache->getPreferredEndpoint("e1", "prot_wifi-adapter").endpointId, "ep1");
-  const EndpointInfo chosen = cache->getPreferredEndpoint("e1", kZigbee);
+  const EndpointInfo chosen = cache->getPreferredEndpoint("e1", ZIGBEE);
   EXPECT_EQ(chosen.entityId, "e1");
   EXPECT_EQ(chosen.capabilities.count({"power", "main"}), 1U);
 
   LogRecorder::instance().clear();
-  const EndpointInfo none = cache->getPreferredEndpoint("orbt1.veyra.endpoint.nobody", kWifi);
+  const EndpointInfo none = cache->getPreferredEndpoint("orbt1.veyra.endpoint.nobody", WIFI);
   EXPECT_TRUE(none.endpointId.empty() && none.entityId.empty() && none.adapterName.empty() &&
               none.capabilities.empty());
-  EXPECT_THAT(LogRecorder::instance().linesWithTag(test::kFacadeTag),
-              ElementsAre(LogLine{5, test::kFacadeTag,
+  EXPECT_THAT(LogRecorder::instance().linesWithTag(test::FACADE_TAG),
+              ElementsAre(LogLine{5, test::FACADE_TAG,
                                   "[getPreferredEndpoint]: action=getPreferredEndpoint "
                                   "entityId=orbt1.veyra.endpoint.nobody reason=noEndpointsFound"}));
 }
@@ -141,14 +141,14 @@ TEST_F(ReachabilityCacheTest, BatchUpdatesSkipRefusedRecordsAndClearingKeepsList
   cache->updateEndpoints({});
   EXPECT_TRUE(LogRecorder::instance().lines().empty());
 
-  cache->updateEndpoints({stored("ep1", "orbt1.veyra.endpoint.e1", kZigbee),
-                          CachedEndpoint(EndpointInfo("ep2", "e2", kWifi, {{"dim", ""}})),
-                          stored("ep3", "e3", kZigbee)});  // refused: full
+  cache->updateEndpoints({stored("ep1", "orbt1.veyra.endpoint.e1", ZIGBEE),
+                          CachedEndpoint(EndpointInfo("ep2", "e2", WIFI, {{"dim", ""}})),
+                          stored("ep3", "e3", ZIGBEE)});  // refused: full
   EXPECT_EQ(cache->size(), 2U);
   EXPECT_EQ(cache->getEntityIdForEndpoint("ep1"), "e1");
   EXPECT_FALSE(cache->isEntityReachable("e2"));  // only NO_DRIVER
   EXPECT_TRUE(cache->isCapabilityReachable("e2", {"dim", ""}));
-  EXPECT_EQ(LogRecorder::instance().countContaining(test::kMetricTag, "CacheFull"), 1U);
+  EXPECT_EQ(LogRecorder::instance().countContaining(test::METRIC_TAG, "CacheFull"), 1U);
 
   test::RecordingListener listener;
   EXPECT_TRUE(cache->registerReachabilityListener("l", listener.callback()));

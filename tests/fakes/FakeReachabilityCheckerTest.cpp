@@ -17,7 +17,7 @@ namespace {
 using applianceDriver::ApplianceDriverType;
 using test::FakeReachabilityChecker;
 
-const ReachabilityCheckResult kOffline("ep1", "", "", false, {}, ApplianceDriverType::NO_DRIVER);
+const ReachabilityCheckResult OFFLINE("ep1", "", "", false, {}, ApplianceDriverType::NO_DRIVER);
 
 TEST(FakeReachabilityCheckerTest, AfterUnregisterNoCallbackRunsElsewhereOrStarts) {
   FakeReachabilityChecker checker;
@@ -39,7 +39,7 @@ TEST(FakeReachabilityCheckerTest, AfterUnregisterNoCallbackRunsElsewhereOrStarts
     hear("a returns");
   }));
   ASSERT_TRUE(checker.registerReachabilityUpdateCallback("b", [&](const auto&) { hear("b"); }));
-  std::thread delivering([&] { EXPECT_EQ(checker.deliverEvent(kOffline), 1U); });
+  std::thread delivering([&] { EXPECT_EQ(checker.deliverEvent(OFFLINE), 1U); });
   entered.get_future().wait();
   EXPECT_TRUE(checker.unregisterReachabilityUpdateCallback("b"));  // not running: at once
   bGone.set_value();
@@ -52,7 +52,7 @@ TEST(FakeReachabilityCheckerTest, AfterUnregisterNoCallbackRunsElsewhereOrStarts
   ASSERT_TRUE(checker.registerReachabilityUpdateCallback("c", [&](const auto&) {
     hear(checker.unregisterReachabilityUpdateCallback("c") ? "c left" : "c stayed");
   }));
-  EXPECT_EQ(checker.deliverEvent(kOffline), 1U);
+  EXPECT_EQ(checker.deliverEvent(OFFLINE), 1U);
   EXPECT_EQ(heard.back(), "c left");
 }
 

@@ -13,7 +13,7 @@ namespace {
 
 using veranda::commonLog::LogBuilder;
 
-constexpr std::size_t kLongestLabel = 255;
+constexpr std::size_t LONGEST_LABEL = 255;
 
 bool isNameCharacter(char c) {
   return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_';
@@ -48,7 +48,7 @@ std::string referenceLabel(const std::string& text) {
   while (first > 0 && isNameCharacter(text[first - 1])) {
     --first;
   }
-  return text.substr(first, std::min<std::size_t>(last - first + 1, kLongestLabel));
+  return text.substr(first, std::min<std::size_t>(last - first + 1, LONGEST_LABEL));
 }
 
 }  // namespace
@@ -65,7 +65,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   const std::string expected = referenceLabel(function);
   const std::string label = LogBuilder::extractFunctionName(function.c_str());
   FUZZ_CHECK(label == expected);
-  FUZZ_CHECK(label.size() <= kLongestLabel || label == function);
+  FUZZ_CHECK(label.size() <= LONGEST_LABEL || label == function);
 
   const char* contexts[] = {nullptr, "", expected.c_str(), "stateChangeCallback"};
   const char* context = contexts[choice];

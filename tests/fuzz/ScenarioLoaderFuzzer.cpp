@@ -26,8 +26,8 @@ using veranda::reachabilityCache::sim::Scenario;
 
 // Origin, position, the library's wording of a syntax error and an excerpt
 // fit in this; a whole value would not.
-constexpr std::size_t kLongestError = 400;
-constexpr int64_t kLongestRunMs = 86400000;
+constexpr std::size_t LONGEST_ERROR = 400;
+constexpr int64_t LONGEST_RUN_MS = 86400000;
 
 // The keys of every object in `document`, counted without recursion.
 std::size_t keysIn(const json& document) {
@@ -47,7 +47,7 @@ std::size_t keysIn(const json& document) {
 }
 
 bool isOneShortLine(const std::string& text, const std::string& origin) {
-  return text.compare(0, origin.size(), origin) == 0 && text.size() <= kLongestError &&
+  return text.compare(0, origin.size(), origin) == 0 && text.size() <= LONGEST_ERROR &&
          std::none_of(text.begin(), text.end(),
                       [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; });
 }
@@ -89,7 +89,7 @@ bool isDocumented(const Scenario& scenario) {
   }
   int64_t previousMs = 0;
   for (const Event& event : scenario.events) {
-    if (event.atMs < previousMs || event.atMs > kLongestRunMs ||
+    if (event.atMs < previousMs || event.atMs > LONGEST_RUN_MS ||
         endpoints.count(event.endpointId) == 0) {
       return false;
     }
@@ -97,7 +97,7 @@ bool isDocumented(const Scenario& scenario) {
   }
   return !scenario.entities.empty() && entities.size() == scenario.entities.size() &&
          entities.count("") == 0 && !scenario.devices.empty() && scenario.durationMs >= 1 &&
-         scenario.durationMs <= kLongestRunMs && scenario.intervalSeconds >= 1 &&
+         scenario.durationMs <= LONGEST_RUN_MS && scenario.intervalSeconds >= 1 &&
          scenario.intervalSeconds <= 86400 && scenario.latencyMinMs >= 0 &&
          scenario.latencyMinMs <= scenario.latencyMaxMs && scenario.latencyMaxMs <= 60000 &&
          scenario.effectiveCacheSize() >= 1 && scenario.flaps.perMinute == 0;

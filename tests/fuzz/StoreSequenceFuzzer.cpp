@@ -24,30 +24,30 @@ namespace {
 
 using applianceDriver::ApplianceDriverType;
 
-const std::string kPrefix = "orbt1.veyra.endpoint.";
+const std::string PREFIX = "orbt1.veyra.endpoint.";
 // Entity ids are picked behind zero, one or two prefixes.
-const std::vector<std::string> kEntityIds = {
-    "", "a", "b", "orbt1.veyra.endpoint", "ORBT1.VEYRA.ENDPOINT.a", "x" + kPrefix + "a"};
-const std::vector<std::string> kEndpointIds = {"", "e1", "e2", "e3", "e4"};
-const std::vector<std::string> kAdapters = {"", "Z", "W", "PROT_WIFI-ADAPTER"};
-const CapabilityKey kKeys[] = {{"p", "m"}, {"m", "p"}, {"p", ""}, {"", ""}};
-constexpr int kKeyCount = 4;
-constexpr int kDriverTypes = 4;
+const std::vector<std::string> ENTITY_IDS = {
+    "", "a", "b", "orbt1.veyra.endpoint", "ORBT1.VEYRA.ENDPOINT.a", "x" + PREFIX + "a"};
+const std::vector<std::string> ENDPOINT_IDS = {"", "e1", "e2", "e3", "e4"};
+const std::vector<std::string> ADAPTERS = {"", "Z", "W", "PROT_WIFI-ADAPTER"};
+const CapabilityKey KEYS[] = {{"p", "m"}, {"m", "p"}, {"p", ""}, {"", ""}};
+constexpr int KEY_COUNT = 4;
+constexpr int DRIVER_TYPES = 4;
 
 CapabilitySet toSet(unsigned int mask) {
   CapabilitySet set;
-  for (int i = 0; i < kKeyCount; ++i) {
-    if ((mask >> i) & 1U) set.insert(kKeys[i]);
+  for (int i = 0; i < KEY_COUNT; ++i) {
+    if ((mask >> i) & 1U) set.insert(KEYS[i]);
   }
   return set;
 }
 
 std::string normalize(const std::string& entityId) {
-  return entityId.rfind(kPrefix, 0) == 0 ? entityId.substr(kPrefix.size()) : entityId;
+  return entityId.rfind(PREFIX, 0) == 0 ? entityId.substr(PREFIX.size()) : entityId;
 }
 
 // The model: a row per stored endpoint in insertion order, each driver type's
-// capabilities a mask over kKeys. It takes entity ids as callers give them.
+// capabilities a mask over KEYS. It takes entity ids as callers give them.
 struct Row {
   std::string endpointId;
   std::string entityId;  // normalised once stored
@@ -135,15 +135,15 @@ void checkQueries(const Cache& cache, const Model& model, const std::string& ent
   if constexpr (std::is_same_v<Cache, CacheCore>)
     FUZZ_CHECK(cache.isEntityPresent(entityId) == !endpoints.empty());
   FUZZ_CHECK(cache.isEntityReachable(entityId) == (keysByType.count(0) + keysByType.count(1) > 0));
-  for (int key = 0; key < kKeyCount; ++key) {
+  for (int key = 0; key < KEY_COUNT; ++key) {
     bool any = false;
-    for (int type = 0; type < kDriverTypes; ++type) {
+    for (int type = 0; type < DRIVER_TYPES; ++type) {
       const bool held = ((keysByType[type] >> key) & 1U) != 0;
       any = any || held;
       FUZZ_CHECK(cache.isCapabilityReachableByDriver(
-                     entityId, kKeys[key], static_cast<ApplianceDriverType>(type)) == held);
+                     entityId, KEYS[key], static_cast<ApplianceDriverType>(type)) == held);
     }
-    FUZZ_CHECK(cache.isCapabilityReachable(entityId, kKeys[key]) == any);
+    FUZZ_CHECK(cache.isCapabilityReachable(entityId, KEYS[key]) == any);
   }
   FUZZ_CHECK(cache.getEndpointIdForEntity(entityId) ==
              (endpoints.empty() ? "" : endpoints.front().endpointId));
@@ -164,17 +164,17 @@ std::string pick(FuzzedDataProvider& input, const std::vector<std::string>& tabl
 
 std::string pickEntity(FuzzedDataProvider& input) {
   const int prefixes = input.ConsumeIntegralInRange(0, 2);
-  return (prefixes > 0 ? kPrefix : "") + (prefixes > 1 ? kPrefix : "") + pick(input, kEntityIds);
+  return (prefixes > 0 ? PREFIX : "") + (prefixes > 1 ? PREFIX : "") + pick(input, ENTITY_IDS);
 }
 
 // A record with one or two driver types, and the row the model makes of it.
 std::pair<CachedEndpoint, Row> pickRecord(FuzzedDataProvider& input) {
-  Row row{pick(input, kEndpointIds), pickEntity(input), pick(input, kAdapters), {}};
+  Row row{pick(input, ENDPOINT_IDS), pickEntity(input), pick(input, ADAPTERS), {}};
   CachedEndpoint record(row.endpointId, row.entityId, row.adapterName, {}, {});
   record.driverCapabilities.clear();
   for (int n = input.ConsumeBool() ? 2 : 1; n > 0; --n) {
-    const int type = input.ConsumeIntegralInRange(0, kDriverTypes - 1);
-    row.drivers[type] = input.ConsumeIntegralInRange(0U, (1U << kKeyCount) - 1);
+    const int type = input.ConsumeIntegralInRange(0, DRIVER_TYPES - 1);
+    row.drivers[type] = input.ConsumeIntegralInRange(0U, (1U << KEY_COUNT) - 1);
     record.driverCapabilities[static_cast<ApplianceDriverType>(type)] = toSet(row.drivers[type]);
   }
   return {record, row};
@@ -187,35 +187,35 @@ using Calls = std::multiset<std::tuple<std::string, int, std::string, std::strin
 // offer; its listeners record what they hear in `calls`.
 template <typename Cache>
 void play(Cache& cache, Calls& calls, const uint8_t* data, std::size_t size) {
-  constexpr bool kStore = std::is_same_v<Cache, CacheCore>;
+  constexpr bool STORE = std::is_same_v<Cache, CacheCore>;
   FuzzedDataProvider input(data, size);
   Model model{input.ConsumeIntegralInRange(0U, 5U), {}, {}};  // the capacity `cache` has
   std::unordered_map<std::string, int> listeners;             // id to the step it came at
   for (int step = 0; step < 32 && input.remaining_bytes() > 0; ++step) {
     const int operation = input.ConsumeIntegralInRange(0, 9);
     const std::string entityId = pickEntity(input);
-    const std::string endpointId = pick(input, kEndpointIds);
-    const std::string adapter = pick(input, kAdapters);
+    const std::string endpointId = pick(input, ENDPOINT_IDS);
+    const std::string adapter = pick(input, ADAPTERS);
     if (operation == 0) {  // the store takes records one by one, the facade as one batch
       std::vector<CachedEndpoint> batch;
       for (int n = input.ConsumeIntegralInRange(0, 3); n > 0; --n) {
         const auto [record, row] = pickRecord(input);
         batch.push_back(record);
         const bool stored = model.insert(row);
-        if constexpr (kStore) FUZZ_CHECK(cache.insertEndpoint(record) == stored);
+        if constexpr (STORE) FUZZ_CHECK(cache.insertEndpoint(record) == stored);
       }
-      if constexpr (!kStore) cache.updateEndpoints(batch);
+      if constexpr (!STORE) cache.updateEndpoints(batch);
     } else if (operation == 1) {  // the capabilities of an EndpointInfo count as NO_DRIVER
-      const unsigned int keys = input.ConsumeIntegralInRange(0U, (1U << kKeyCount) - 1);
+      const unsigned int keys = input.ConsumeIntegralInRange(0U, (1U << KEY_COUNT) - 1);
       const EndpointInfo info(endpointId, entityId, adapter, toSet(keys));
       const bool stored = model.insert({endpointId, entityId, adapter, {{2, keys}}});
-      if constexpr (kStore) FUZZ_CHECK(cache.insertEndpoint(info) == stored);
-      if constexpr (!kStore) cache.updateEndpoints({CachedEndpoint(info)});
+      if constexpr (STORE) FUZZ_CHECK(cache.insertEndpoint(info) == stored);
+      if constexpr (!STORE) cache.updateEndpoints({CachedEndpoint(info)});
     } else if (operation == 2) {
       FUZZ_CHECK(cache.removeEntity(entityId) == model.removeEntity(entityId));
     } else if (operation == 3) {  // clearing keeps the listeners
-      if constexpr (kStore) cache.clear();
-      if constexpr (!kStore) cache.invalidate();
+      if constexpr (STORE) cache.clear();
+      if constexpr (!STORE) cache.invalidate();
       model = {model.capacity, {}, {}};
     } else if (operation == 4) {
       checkQueries(cache, model, entityId, endpointId);
@@ -228,7 +228,7 @@ void play(Cache& cache, Calls& calls, const uint8_t* data, std::size_t size) {
                  listeners.emplace(endpointId, step).second);  // the first callback stays
     } else if (operation == 6) {
       FUZZ_CHECK(cache.unregisterReachabilityListener(endpointId) == listeners.erase(endpointId));
-    } else if constexpr (kStore) {
+    } else if constexpr (STORE) {
       if (operation == 7) {
         FUZZ_CHECK(cache.removeEndpoint(entityId, endpointId) ==
                    model.removeEndpoint(entityId, endpointId));
@@ -256,7 +256,7 @@ void play(Cache& cache, Calls& calls, const uint8_t* data, std::size_t size) {
                     endpoints.empty() ? Row() : *expected);
     }
     FUZZ_CHECK(cache.size() == model.entityCount());
-    if constexpr (kStore) {
+    if constexpr (STORE) {
       FUZZ_CHECK(cache.getCachedEndpointIds() == model.index);
       FUZZ_CHECK(cache.isFull() == (model.entityCount() >= model.capacity));
     }

@@ -27,8 +27,8 @@ using applianceDriver::DiscoveredDevice;
 using applianceDriver::StateChangeEvent;
 using Results = std::vector<ReachabilityCheckResult>;
 
-constexpr std::chrono::milliseconds kWait{5000};
-constexpr const char* kZigbee = "PROT_ZIGBEE-ADAPTER";
+constexpr std::chrono::milliseconds WAIT{5000};
+constexpr const char* ZIGBEE = "PROT_ZIGBEE-ADAPTER";
 
 // A driver that keeps every request until the test answers it from a thread
 // of its own, as the device's driver may, long after the cache is gone.
@@ -52,7 +52,7 @@ class LateDriver : public applianceDriver::IUnifiedApplianceDriver {
 
   bool waitForRequest() {
     std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, kWait, [&] { return !requests_.empty(); });
+    return changed_.wait_for(lock, WAIT, [&] { return !requests_.empty(); });
   }
   // Answers every kept request on another thread, then lets go of them.
   void answerAll(const std::vector<DiscoveredDevice>& devices) {
@@ -78,7 +78,7 @@ TEST(ReachabilityCheckerGuardTest, ALateAnswerAfterTheCacheIsGoneFindsItsChecker
   auto checker = std::make_shared<ApplianceDriverReachabilityChecker>(driver);
   const std::weak_ptr<IReachabilityChecker> checkerAlive = checker;
   auto guard = std::make_shared<ReachabilityCheckerGuard>(std::move(checker));
-  test::FakeChrProvider provider({EndpointInfo("ep1", "e1", kZigbee, {})});
+  test::FakeChrProvider provider({EndpointInfo("ep1", "e1", ZIGBEE, {})});
   test::RecordingListener listener;
   test::VirtualTime time;
   auto cache = std::make_unique<ReachabilityCache>(
@@ -94,12 +94,12 @@ TEST(ReachabilityCheckerGuardTest, ALateAnswerAfterTheCacheIsGoneFindsItsChecker
 
   test::LogRecorder::instance().clear();
   driver.answerAll(
-      {{"ep1", "e1", kZigbee, "", true, {}, applianceDriver::ApplianceDriverType::NATIVE}});
+      {{"ep1", "e1", ZIGBEE, "", true, {}, applianceDriver::ApplianceDriverType::NATIVE}});
   EXPECT_TRUE(checkerAlive.expired());
-  EXPECT_EQ(test::LogRecorder::instance().countContaining(test::kCheckerTag,
+  EXPECT_EQ(test::LogRecorder::instance().countContaining(test::CHECKER_TAG,
                                                           "[processDiscoveredDevices]"),
             1U);
-  EXPECT_TRUE(test::LogRecorder::instance().linesWithTag(test::kUpdaterTag).empty());
+  EXPECT_TRUE(test::LogRecorder::instance().linesWithTag(test::UPDATER_TAG).empty());
   EXPECT_EQ(listener.count(), 0U);
 }
 
@@ -109,7 +109,7 @@ TEST(ReachabilityCheckerGuardTest, OpenItPassesEverythingThroughClosedItDropsWha
   std::vector<Results> completions;
   std::vector<ReachabilityCheckResult> events;
   const auto complete = [&](const Results& results) { completions.push_back(results); };
-  const EndpointInfo lamp("ep1", "e1", kZigbee, {});
+  const EndpointInfo lamp("ep1", "e1", ZIGBEE, {});
 
   ASSERT_TRUE(guard.checkReachability({lamp}, "r1", complete));
   ASSERT_TRUE(guard.registerReachabilityUpdateCallback(

@@ -27,14 +27,14 @@ using test::LogRecorder;
 using test::Notification;
 using ::testing::UnorderedElementsAre;
 
-constexpr const char* kZigbee = "PROT_ZIGBEE-ADAPTER";
-const CapabilityKey kPower{"PowerController", "main"};
+constexpr const char* ZIGBEE = "PROT_ZIGBEE-ADAPTER";
+const CapabilityKey POWER{"PowerController", "main"};
 
 DiscoveredDevice device(const std::string& endpointId, const std::string& entityId,
                         bool reachable) {
   DiscoveredDevice device{
-      endpointId, entityId, kZigbee, "", reachable, {}, ApplianceDriverType::NATIVE};
-  device.capabilities.insert({kPower.capability, kPower.qualifier});
+      endpointId, entityId, ZIGBEE, "", reachable, {}, ApplianceDriverType::NATIVE};
+  device.capabilities.insert({POWER.capability, POWER.qualifier});
   return device;
 }
 
@@ -45,7 +45,7 @@ class EndToEndTest : public ::testing::Test {
     driver.upsertDevice(device("ep1", "e1", true));
     driver.upsertDevice(device("ep2", "e2", true));
     provider.setEndpoints(
-        {EndpointInfo("ep1", "e1", kZigbee, {}), EndpointInfo("ep2", "e2", kZigbee, {})});
+        {EndpointInfo("ep1", "e1", ZIGBEE, {}), EndpointInfo("ep2", "e2", ZIGBEE, {})});
     driver.setAnswerLatency(std::chrono::milliseconds(40));
     const ReachabilityCache::Config config{10, std::chrono::seconds(1), true, checker};
     cache = std::make_unique<ReachabilityCache>(&provider, config);
@@ -81,7 +81,7 @@ TEST_F(EndToEndTest, ListenersFollowDevicesThroughCyclesAndConnectivityEvents) {
   EXPECT_THAT(listener.notifications(), UnorderedElementsAre(Notification{"ep1", "e1", true},
                                                              Notification{"ep2", "e2", true}));
   EXPECT_TRUE(cache->isEntityReachable("e1"));
-  EXPECT_TRUE(cache->isCapabilityReachableByDriver("orbt1.veyra.endpoint.e2", kPower,
+  EXPECT_TRUE(cache->isCapabilityReachableByDriver("orbt1.veyra.endpoint.e2", POWER,
                                                    ApplianceDriverType::NATIVE));
 
   // A connectivity event takes ep1 offline between cycles.
@@ -108,7 +108,7 @@ TEST_F(EndToEndTest, ListenersFollowDevicesThroughCyclesAndConnectivityEvents) {
   // Three further cycles with nothing changed tell nobody anything.
   LogRecorder::instance().clear();
   time.advance(std::chrono::seconds(3));
-  EXPECT_EQ(LogRecorder::instance().countContaining(test::kUpdaterTag,
+  EXPECT_EQ(LogRecorder::instance().countContaining(test::UPDATER_TAG,
                                                     "[processReachabilityResults]: reachable=1"),
             3U);
   EXPECT_EQ(listener.count(), 5U);

@@ -8,7 +8,7 @@
 
 namespace veranda::platformTesting {
 
-constexpr std::chrono::milliseconds kTimeout{5000};
+constexpr std::chrono::milliseconds TIMEOUT{5000};
 
 // Entries added from any thread, in order; held tasks and callbacks wait in waitFor() for one.
 class Journal {
@@ -18,10 +18,10 @@ class Journal {
     text_ += entry + " ";
     added_.notify_all();
   }
-  // The entries joined by blanks, once `entry` is one of them or kTimeout has passed.
+  // The entries joined by blanks, once `entry` is one of them or TIMEOUT has passed.
   std::string waitFor(const std::string& entry) {
     std::unique_lock<std::mutex> lock(mutex_);
-    added_.wait_for(lock, kTimeout,
+    added_.wait_for(lock, TIMEOUT,
                     [&] { return text_.find(" " + entry + " ") != std::string::npos; });
     return text_.substr(1, text_.size() - 2);  // without the outer blanks
   }

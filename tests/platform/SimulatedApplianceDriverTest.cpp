@@ -93,7 +93,7 @@ TEST(SimulatedApplianceDriverTest, ChangesReachSubscriptionsThatMayReenterTheDri
       driver.upsertDevice(device("a", true));  // a replacement with another flag
       return;
     }
-    const auto until = std::chrono::steady_clock::now() + platformTesting::kTimeout;
+    const auto until = std::chrono::steady_clock::now() + platformTesting::TIMEOUT;
     while (driver.subscriptionCount() != 0 && std::chrono::steady_clock::now() < until) {
       std::this_thread::yield();
     }
@@ -115,7 +115,7 @@ TEST(SimulatedApplianceDriverTest, ChangesReachSubscriptionsThatMayReenterTheDri
   EXPECT_TRUE(driver.unsubscribeStateChanges("s1"));  // waits for the held delivery
   journal.add("unsubscribed");
   driver.publishStateChange({"a", "Ns", "inst", "prop", "after"});
-  ASSERT_TRUE(driver.waitUntilIdle(platformTesting::kTimeout));
+  ASSERT_TRUE(driver.waitUntilIdle(platformTesting::TIMEOUT));
   EXPECT_EQ(journal.waitFor("unsubscribed"),
             "s0:UNREACHABLE s1:a Veyra.EndpointHealth/connectivity=UNREACHABLE "
             "s1:a Veyra.EndpointHealth/connectivity=\"OK\" s1:returned unsubscribed");

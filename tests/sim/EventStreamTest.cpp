@@ -39,13 +39,12 @@ TEST(EventStreamTest, FlapsAlternatePerDeviceAtTheirRate) {
   int64_t previousAtMs = 0;
   for (const Event& event : events) {
     // Each device starts online; generated events only turn it off or on.
-    const Event before =
-        last.emplace(event.endpointId, Event{0, Action::kOnline, ""}).first->second;
+    const Event before = last.emplace(event.endpointId, Event{0, Action::ONLINE, ""}).first->second;
     ASSERT_TRUE(event.atMs >= previousAtMs && event.action != before.action) << event.atMs;
     const int64_t down = event.atMs - before.atMs;
-    ASSERT_TRUE(event.action == Action::kOffline || (down >= 200 && down <= 3000)) << down;
-    drops += event.action == Action::kOffline ? 1 : 0;
-    downMs += event.action == Action::kOnline ? down : 0;
+    ASSERT_TRUE(event.action == Action::OFFLINE || (down >= 200 && down <= 3000)) << down;
+    drops += event.action == Action::OFFLINE ? 1 : 0;
+    downMs += event.action == Action::ONLINE ? down : 0;
     previousAtMs = event.atMs;
     last[event.endpointId] = event;
   }
@@ -59,9 +58,9 @@ TEST(EventStreamTest, ListedEventsMergeWithFlaps) {
   Scenario home = generated(3, 5000, 30, 2);
   EventStream flapsOnly(home);
   const Event firstFlap = flapsOnly.take();
-  home.events = {{0, Action::kPush, "listed-0"},
-                 {firstFlap.atMs, Action::kAdd, "listed-1"},
-                 {5000, Action::kRemove, "listed-at-end"}};
+  home.events = {{0, Action::PUSH, "listed-0"},
+                 {firstFlap.atMs, Action::ADD, "listed-1"},
+                 {5000, Action::REMOVE, "listed-at-end"}};
   EventStream stream(home);
   const std::vector<Event> events = takeUntil(stream, 1000000);
   ASSERT_GE(events.size(), 3u);

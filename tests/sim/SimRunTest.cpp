@@ -25,7 +25,7 @@ namespace veranda::reachabilityCache::sim {
 namespace {
 
 // Two periodic cycles (at 1 s and 2 s) with events between them, out of order.
-const char* const kHome = R"({
+const char* const HOME = R"({
   "name": "test home", "duration": 2.6, "interval": 1, "latencyMs": [0, 0],
   "entities": ["lamp", "plug", "speaker", "tv", "porch", "garage"],
   "devices": [
@@ -92,7 +92,7 @@ Played play(const Scenario& scenario, bool fast, bool tracker = true) {
 }
 
 Scenario testHome() {
-  const LoadResult home = parseScenario(kHome, "test home");
+  const LoadResult home = parseScenario(HOME, "test home");
   EXPECT_TRUE(home.ok) << home.error;
   return home.scenario;
 }
@@ -112,7 +112,7 @@ Answers answers(const EntityHistory& history) {
   Answers changes;
   bool reachable = false;
   for (const StateChange& change : history.states) {
-    if ((change.state == EntityState::kReachable) != reachable) {
+    if ((change.state == EntityState::REACHABLE) != reachable) {
       reachable = !reachable;
       changes.emplace_back(change.atMs, reachable);
     }

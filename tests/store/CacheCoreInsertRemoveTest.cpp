@@ -18,11 +18,10 @@ class CacheCoreInsertRemoveTest : public StoreTest {};
 TEST_F(CacheCoreInsertRemoveTest, MergesReplaceOnlyTheDriverTypesTheyBring) {
   CacheCore store(1);
   EXPECT_TRUE(
-      store.insertEndpoint(record("ep1", kPrefix + "lamp", ApplianceDriverType::NATIVE, {kPower})));
-  EXPECT_TRUE(
-      store.insertEndpoint(record("ep2", kPrefix + "lamp", ApplianceDriverType::NO_DRIVER)));
+      store.insertEndpoint(record("ep1", PREFIX + "lamp", ApplianceDriverType::NATIVE, {POWER})));
+  EXPECT_TRUE(store.insertEndpoint(record("ep2", PREFIX + "lamp", ApplianceDriverType::NO_DRIVER)));
   EXPECT_TRUE(store.insertEndpoint(
-      record("ep1", "lamp", ApplianceDriverType::CONNECTED, {kBrightness}, "")));
+      record("ep1", "lamp", ApplianceDriverType::CONNECTED, {BRIGHTNESS}, "")));
   EXPECT_EQ(takeLines(),
             (Lines{infoLine("[CacheCore]: maxSize=1"),
                    infoLine("[insertEndpoint]: action=newEntity entityId=lamp endpointId=ep1"),
@@ -31,16 +30,16 @@ TEST_F(CacheCoreInsertRemoveTest, MergesReplaceOnlyTheDriverTypesTheyBring) {
                              "driverCount=2")}));
   EXPECT_EQ(store.getCachedEndpointIds(), (Index{{"ep1", "lamp"}, {"ep2", "lamp"}}));
   EXPECT_EQ(store.getAdapterName("lamp", "ep1"), "PROT_ZIGBEE-ADAPTER");  // empty name kept out
-  EXPECT_TRUE(store.isCapabilityReachableByDriver("lamp", kPower, ApplianceDriverType::NATIVE));
+  EXPECT_TRUE(store.isCapabilityReachableByDriver("lamp", POWER, ApplianceDriverType::NATIVE));
 
   // An empty set replaces the stored one but leaves the driver type present.
   store.insertEndpoint(record("ep1", "lamp", ApplianceDriverType::NATIVE, {}, "PROT_WIFI-ADAPTER"));
   store.insertEndpoint(record("ep1", "lamp", ApplianceDriverType::CONNECTED, {}, ""));
   EXPECT_EQ(store.getAdapterName("lamp", "ep1"), "PROT_WIFI-ADAPTER");
-  EXPECT_FALSE(store.isCapabilityReachable("lamp", kPower));
-  EXPECT_FALSE(store.isCapabilityReachable("lamp", kBrightness));
+  EXPECT_FALSE(store.isCapabilityReachable("lamp", POWER));
+  EXPECT_FALSE(store.isCapabilityReachable("lamp", BRIGHTNESS));
   EXPECT_TRUE(store.isEntityReachable("lamp"));
-  EXPECT_EQ(LogRecorder::instance().countContaining(test::kStoreTag, "driverCount=2"), 2U);
+  EXPECT_EQ(LogRecorder::instance().countContaining(test::STORE_TAG, "driverCount=2"), 2U);
 }
 
 TEST_F(CacheCoreInsertRemoveTest, RefusalsAnswerFalseWithOneLineAndOneMetricAndChangeNothing) {
@@ -48,9 +47,9 @@ TEST_F(CacheCoreInsertRemoveTest, RefusalsAnswerFalseWithOneLineAndOneMetricAndC
   store.insertEndpoint(record("ep1", "lamp"));
   takeLines();
   const std::string insertFailed = "metricName=ReachabilityCache.InsertFailed reason=";
-  EXPECT_FALSE(store.insertEndpoint(record("ep3", kPrefix + "fan")));
+  EXPECT_FALSE(store.insertEndpoint(record("ep3", PREFIX + "fan")));
   EXPECT_FALSE(store.insertEndpoint(record("", "")));
-  EXPECT_FALSE(store.insertEndpoint(record("", kPrefix + "lamp")));
+  EXPECT_FALSE(store.insertEndpoint(record("", PREFIX + "lamp")));
   EXPECT_EQ(
       takeLines(),
       (Lines{
@@ -73,21 +72,21 @@ TEST_F(CacheCoreInsertRemoveTest, RefusalsAnswerFalseWithOneLineAndOneMetricAndC
 TEST_F(CacheCoreInsertRemoveTest, OneLeadingPrefixIsStrippedAndTheEndpointIndexNamesTheLastWriter) {
   CacheCore store(8);
   const std::vector<std::pair<std::string, std::string>> stored = {
-      {kPrefix + kPrefix + "x", kPrefix + "x"},
-      {"x" + kPrefix + "y", "x" + kPrefix + "y"},
+      {PREFIX + PREFIX + "x", PREFIX + "x"},
+      {"x" + PREFIX + "y", "x" + PREFIX + "y"},
       {"ORBT1.VEYRA.ENDPOINT.z", "ORBT1.VEYRA.ENDPOINT.z"},
       {"short", "short"},
-      {kPrefix, ""},
-      {kPrefix + "lamp", "lamp"}};
+      {PREFIX, ""},
+      {PREFIX + "lamp", "lamp"}};
   for (std::size_t i = 0; i < stored.size(); ++i) {
     const std::string endpointId = "ep" + std::to_string(i);
     EXPECT_TRUE(store.insertEndpoint(record(endpointId, stored[i].first)));
     EXPECT_EQ(store.getEntityIdForEndpoint(endpointId), stored[i].second) << stored[i].first;
   }
   EXPECT_TRUE(store.isEntityPresent(""));
-  EXPECT_EQ(store.getEndpointIdForEntity(kPrefix + "lamp"), "ep5");
-  EXPECT_TRUE(store.removeEndpoint(kPrefix + "short", "ep3"));
-  EXPECT_TRUE(store.removeEntity(kPrefix + kPrefix + "x"));
+  EXPECT_EQ(store.getEndpointIdForEntity(PREFIX + "lamp"), "ep5");
+  EXPECT_TRUE(store.removeEndpoint(PREFIX + "short", "ep3"));
+  EXPECT_TRUE(store.removeEntity(PREFIX + PREFIX + "x"));
   EXPECT_EQ(store.size(), 4U);
 
   store.insertEndpoint(record("ep5", "tv"));
@@ -108,14 +107,14 @@ TEST_F(CacheCoreInsertRemoveTest, RemovalsAndClearLogWhatTheyFound) {
   }
   takeLines();
   EXPECT_FALSE(store.removeEndpoint("ghost", "ep1"));
-  EXPECT_FALSE(store.removeEndpoint(kPrefix + "lamp", "ep3"));
+  EXPECT_FALSE(store.removeEndpoint(PREFIX + "lamp", "ep3"));
   EXPECT_TRUE(store.removeEndpoint("lamp", "ep1"));
   EXPECT_TRUE(store.removeEndpoint("lamp", "ep2"));
   EXPECT_FALSE(store.removeEntity("lamp"));
   EXPECT_FALSE(store.clearEndpointCapabilities("lamp", "ep1"));
   EXPECT_FALSE(store.clearEndpointCapabilities("fan", "ep1"));
-  EXPECT_TRUE(store.clearEndpointCapabilities(kPrefix + "fan", "ep3"));
-  EXPECT_TRUE(store.removeEntity(kPrefix + "fan"));
+  EXPECT_TRUE(store.clearEndpointCapabilities(PREFIX + "fan", "ep3"));
+  EXPECT_TRUE(store.removeEntity(PREFIX + "fan"));
   EXPECT_EQ(store.getCachedEndpointIds(), (Index{{"ep5", "tv"}, {"ep6", "tv"}}));
   store.clear();
   const std::string clearCapabilities = "[clearEndpointCapabilities]: action=";

@@ -43,12 +43,12 @@ TEST_F(CacheCoreListenersTest, EachIdKeepsItsFirstListenerAndHearsEveryNotificat
   store_.registerReachabilityListener("b", second.callback());
   store_.clear();  // keeps the listeners
   takeLines();
-  store_.notifyReachabilityListeners("ep1", kPrefix + "lamp", false);
+  store_.notifyReachabilityListeners("ep1", PREFIX + "lamp", false);
   EXPECT_EQ(takeLines(), Lines{debugLine("[notifyReachabilityListeners]: "
                                          "action=notifyReachabilityListeners endpointId=ep1 "
                                          "entityId=orbt1.veyra.endpoint.lamp isReachable=false "
                                          "listenerCount=2")});
-  const std::vector<Notification> once = {{"ep1", kPrefix + "lamp", false}};
+  const std::vector<Notification> once = {{"ep1", PREFIX + "lamp", false}};
   EXPECT_EQ(first.notifications(), once);
   EXPECT_EQ(second.notifications(), once);
 }
@@ -79,7 +79,7 @@ TEST_F(CacheCoreListenersTest, ListenerMayUnregisterItselfAndReenterTheStore) {
 }
 
 TEST_F(CacheCoreListenersTest, NotificationsRunConcurrentlyAndUnregisteringDoesNotWaitForThem) {
-  constexpr std::chrono::seconds kWait{5};
+  constexpr std::chrono::seconds WAIT{5};
   std::mutex mutex;
   std::condition_variable changed;
   int inside = 0;
@@ -89,13 +89,13 @@ TEST_F(CacheCoreListenersTest, NotificationsRunConcurrentlyAndUnregisteringDoesN
     std::unique_lock<std::mutex> lock(mutex);
     ++inside;
     changed.notify_all();
-    changed.wait_for(lock, kWait, [&] { return released; });
+    changed.wait_for(lock, WAIT, [&] { return released; });
     ++left;
   });
   std::thread first([&] { store_.notifyReachabilityListeners("ep1", "lamp", true); });
   std::thread second([&] { store_.notifyReachabilityListeners("ep2", "fan", false); });
   std::unique_lock<std::mutex> lock(mutex);
-  EXPECT_TRUE(changed.wait_for(lock, kWait, [&] { return inside == 2; }));
+  EXPECT_TRUE(changed.wait_for(lock, WAIT, [&] { return inside == 2; }));
   lock.unlock();
   EXPECT_TRUE(store_.unregisterReachabilityListener("l"));
   lock.lock();

@@ -16,24 +16,23 @@ class CacheCoreQueriesTest : public StoreTest {};
 
 TEST_F(CacheCoreQueriesTest, OnlyNativeOrConnectedMakeAnEntityReachable) {
   CacheCore store(4);
-  store.insertEndpoint(EndpointInfo("ep1", kPrefix + "lamp", "PROT_WIFI-ADAPTER", {kPower}));
+  store.insertEndpoint(EndpointInfo("ep1", PREFIX + "lamp", "PROT_WIFI-ADAPTER", {POWER}));
   store.insertEndpoint(record("ep2", "fan", ApplianceDriverType::CONNECTED, {}));
   takeLines();
-  EXPECT_FALSE(store.isEntityPresent(kPrefix + "ghost"));
+  EXPECT_FALSE(store.isEntityPresent(PREFIX + "ghost"));
   EXPECT_FALSE(store.isEntityReachable("ghost"));
-  EXPECT_FALSE(store.isCapabilityReachable("ghost", kPower));
-  EXPECT_FALSE(
-      store.isCapabilityReachableByDriver("ghost", kPower, ApplianceDriverType::CONNECTED));
+  EXPECT_FALSE(store.isCapabilityReachable("ghost", POWER));
+  EXPECT_FALSE(store.isCapabilityReachableByDriver("ghost", POWER, ApplianceDriverType::CONNECTED));
   EXPECT_EQ(store.getEndpointIdForEntity("ghost"), "");
   EXPECT_EQ(store.getEntityIdForEndpoint("ep"), "");
   EXPECT_EQ(store.getAdapterName("ghost", "ep1"), "");
   EXPECT_TRUE(store.getEndpointsForEntity("ghost").empty());
   EXPECT_TRUE(store.isEntityPresent("lamp"));
   EXPECT_FALSE(store.isEntityReachable("lamp"));
-  EXPECT_TRUE(store.isCapabilityReachable(kPrefix + "lamp", kPower));
+  EXPECT_TRUE(store.isCapabilityReachable(PREFIX + "lamp", POWER));
   EXPECT_FALSE(store.isCapabilityReachable("lamp", {"PowerController", "other"}));
-  EXPECT_TRUE(store.isCapabilityReachableByDriver("lamp", kPower, ApplianceDriverType::NO_DRIVER));
-  EXPECT_FALSE(store.isCapabilityReachableByDriver("lamp", kPower, ApplianceDriverType::NATIVE));
+  EXPECT_TRUE(store.isCapabilityReachableByDriver("lamp", POWER, ApplianceDriverType::NO_DRIVER));
+  EXPECT_FALSE(store.isCapabilityReachableByDriver("lamp", POWER, ApplianceDriverType::NATIVE));
   EXPECT_TRUE(store.isEntityReachable("fan"));  // a present driver type without capabilities
   const std::string capability = "capability=PowerController ";
   EXPECT_EQ(
@@ -71,21 +70,21 @@ TEST_F(CacheCoreQueriesTest, OnlyNativeOrConnectedMakeAnEntityReachable) {
 
 TEST_F(CacheCoreQueriesTest, MappingQueriesFollowInsertionOrderAndNormalisedIds) {
   CacheCore store(4);
-  store.insertEndpoint(record("ep1", kPrefix + "lamp", ApplianceDriverType::NATIVE, {kPower}));
+  store.insertEndpoint(record("ep1", PREFIX + "lamp", ApplianceDriverType::NATIVE, {POWER}));
   store.insertEndpoint(
       record("ep2", "lamp", ApplianceDriverType::NO_DRIVER, {}, "PROT_BLE-ADAPTER"));
-  store.insertEndpoint(record("ep1", "lamp", ApplianceDriverType::CONNECTED, {kBrightness}));
+  store.insertEndpoint(record("ep1", "lamp", ApplianceDriverType::CONNECTED, {BRIGHTNESS}));
   store.insertEndpoint(record("ep3", "fan"));
 
   EXPECT_EQ(store.getEndpointIdForEntity("lamp"), "ep1");
-  EXPECT_EQ(store.getAdapterName(kPrefix + "lamp", "ep2"), "PROT_BLE-ADAPTER");
+  EXPECT_EQ(store.getAdapterName(PREFIX + "lamp", "ep2"), "PROT_BLE-ADAPTER");
   EXPECT_EQ(store.getAdapterName("lamp", "ep3"), "");
 
-  const std::vector<EndpointInfo> endpoints = store.getEndpointsForEntity(kPrefix + "lamp");
+  const std::vector<EndpointInfo> endpoints = store.getEndpointsForEntity(PREFIX + "lamp");
   ASSERT_EQ(endpoints.size(), 2U);
   EXPECT_EQ(endpoints[0].endpointId + " " + endpoints[0].entityId + " " + endpoints[1].endpointId,
             "ep1 lamp ep2");
-  EXPECT_EQ(endpoints[0].capabilities, (CapabilitySet{kPower, kBrightness}));
+  EXPECT_EQ(endpoints[0].capabilities, (CapabilitySet{POWER, BRIGHTNESS}));
   EXPECT_TRUE(endpoints[1].capabilities.empty());
   EXPECT_EQ(store.getReachableEndpointsMap(),
             (AdapterMap{{"lamp", {{"ep1", "PROT_ZIGBEE-ADAPTER"}, {"ep2", "PROT_BLE-ADAPTER"}}},

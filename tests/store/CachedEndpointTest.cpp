@@ -20,14 +20,14 @@ TEST(CachedEndpointTest, CapabilitiesAreKeptPerDriverTypeAndJoinedOnce) {
   EXPECT_EQ(info.endpointId + info.entityId + info.adapterName, "epentPROT_WIFI-ADAPTER");
   EXPECT_TRUE(info.capabilities.empty());
 
-  CachedEndpoint endpoint = record("ep", "ent", ApplianceDriverType::NATIVE, {kPower});
-  endpoint.driverCapabilities[ApplianceDriverType::NO_DRIVER] = {kPower, kBrightness};
-  EXPECT_TRUE(endpoint.hasCapabilityFromDriver(kPower, ApplianceDriverType::NATIVE));
-  EXPECT_FALSE(endpoint.hasCapabilityFromDriver(kBrightness, ApplianceDriverType::NATIVE));
-  EXPECT_FALSE(endpoint.hasCapabilityFromDriver(kPower, ApplianceDriverType::CONNECTED));
+  CachedEndpoint endpoint = record("ep", "ent", ApplianceDriverType::NATIVE, {POWER});
+  endpoint.driverCapabilities[ApplianceDriverType::NO_DRIVER] = {POWER, BRIGHTNESS};
+  EXPECT_TRUE(endpoint.hasCapabilityFromDriver(POWER, ApplianceDriverType::NATIVE));
+  EXPECT_FALSE(endpoint.hasCapabilityFromDriver(BRIGHTNESS, ApplianceDriverType::NATIVE));
+  EXPECT_FALSE(endpoint.hasCapabilityFromDriver(POWER, ApplianceDriverType::CONNECTED));
   EXPECT_FALSE(
-      endpoint.hasCapabilityFromDriver({kPower.capability, "other"}, ApplianceDriverType::NATIVE));
-  EXPECT_EQ(endpoint.toExternal().capabilities, (CapabilitySet{kPower, kBrightness}));
+      endpoint.hasCapabilityFromDriver({POWER.capability, "other"}, ApplianceDriverType::NATIVE));
+  EXPECT_EQ(endpoint.toExternal().capabilities, (CapabilitySet{POWER, BRIGHTNESS}));
   endpoint.driverCapabilities.clear();
   EXPECT_TRUE(endpoint.getAllCapabilities().empty());
 }

@@ -13,22 +13,22 @@ namespace {
 // Threads take the mutex in turn; now and then a holder keeps it past the
 // time waiters retry, so that they park. No two holders overlap either way.
 TEST(MutexTest, HoldersNeverOverlapWhetherWaitersRetryOrPark) {
-  constexpr int kThreads = 4;
-  constexpr int kRounds = 20000;
+  constexpr int THREADS = 4;
+  constexpr int ROUNDS = 20000;
   Mutex mutex;
   int holders = 0;  // guarded by mutex
   long total = 0;   // guarded by mutex
   std::atomic<int> overlaps{0};
   std::vector<std::thread> threads;
-  threads.reserve(kThreads);
-  for (int t = 0; t < kThreads; ++t) {
+  threads.reserve(THREADS);
+  for (int t = 0; t < THREADS; ++t) {
     threads.emplace_back([&, t] {
-      for (int round = 0; round < kRounds; ++round) {
+      for (int round = 0; round < ROUNDS; ++round) {
         MutexLock lock(mutex);
         overlaps += ++holders == 1 ? 0 : 1;
         ++total;
         if (round % 20 == t) {
-          const auto until = std::chrono::steady_clock::now() + 3 * Mutex::kSpinTime;
+          const auto until = std::chrono::steady_clock::now() + 3 * Mutex::SPIN_TIME;
           while (std::chrono::steady_clock::now() < until) {
           }
         }
@@ -40,7 +40,7 @@ TEST(MutexTest, HoldersNeverOverlapWhetherWaitersRetryOrPark) {
     thread.join();
   }
   EXPECT_EQ(overlaps.load(), 0);
-  EXPECT_EQ(total, long{kThreads} * kRounds);
+  EXPECT_EQ(total, long{THREADS} * ROUNDS);
 }
 
 }  // namespace

@@ -18,9 +18,9 @@ using test::LogLine;
 using test::LogRecorder;
 using Lines = std::vector<LogLine>;
 
-inline const std::string kPrefix = "orbt1.veyra.endpoint.";
-inline const CapabilityKey kPower{"PowerController", "powerState"};
-inline const CapabilityKey kBrightness{"BrightnessController", "brightness"};
+inline const std::string PREFIX = "orbt1.veyra.endpoint.";
+inline const CapabilityKey POWER{"PowerController", "powerState"};
+inline const CapabilityKey BRIGHTNESS{"BrightnessController", "brightness"};
 
 // A record of `endpointId` serving `entityId`, `capabilities` filed under `driverType`.
 inline CachedEndpoint record(const std::string& endpointId, const std::string& entityId,
@@ -30,11 +30,11 @@ inline CachedEndpoint record(const std::string& endpointId, const std::string& e
   return CachedEndpoint(endpointId, entityId, adapterName, driverType, std::move(capabilities));
 }
 
-inline LogLine debugLine(const std::string& text) { return {3, test::kStoreTag, text}; }
-inline LogLine infoLine(const std::string& text) { return {4, test::kStoreTag, text}; }
-inline LogLine warnLine(const std::string& text) { return {5, test::kStoreTag, text}; }
+inline LogLine debugLine(const std::string& text) { return {3, test::STORE_TAG, text}; }
+inline LogLine infoLine(const std::string& text) { return {4, test::STORE_TAG, text}; }
+inline LogLine warnLine(const std::string& text) { return {5, test::STORE_TAG, text}; }
 inline LogLine metricLine(const std::string& dimensions) {
-  return {4, test::kMetricTag,
+  return {4, test::METRIC_TAG,
           "[Metric]: " + dimensions + " program=762veg6l source=nlef/2/03330473"};
 }
 

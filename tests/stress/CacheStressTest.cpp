@@ -34,47 +34,47 @@ using applianceDriver::ApplianceDriverType;
 using Rng = std::mt19937;
 using std::chrono::milliseconds;
 
-const std::string kPrefix = "orbt1.veyra.endpoint.";
-constexpr int kPolled = 6;           // driver entities 0-5 change quietly: only checks see it
-constexpr int kDriverEntities = 12;  // 6-11 change through connectivity events
-constexpr int kHostEntities = 16;    // pushed and removed by the host only
-constexpr unsigned int kCapacity = kDriverEntities + 6;
-const char* const kAdapters[] = {"PROT_ZIGBEE-ADAPTER", "PROT_WIFI-ADAPTER", "PROT_CHIP-ADAPTER",
-                                 ""};
-const CapabilityKey kKeys[] = {{"PowerController", "main"}, {"Brightness", ""}, {"main", "Power"}};
+const std::string PREFIX = "orbt1.veyra.endpoint.";
+constexpr int POLLED = 6;            // driver entities 0-5 change quietly: only checks see it
+constexpr int DRIVER_ENTITIES = 12;  // 6-11 change through connectivity events
+constexpr int HOST_ENTITIES = 16;    // pushed and removed by the host only
+constexpr unsigned int CAPACITY = DRIVER_ENTITIES + 6;
+const char* const ADAPTERS[] = {"PROT_ZIGBEE-ADAPTER", "PROT_WIFI-ADAPTER", "PROT_CHIP-ADAPTER",
+                                ""};
+const CapabilityKey KEYS[] = {{"PowerController", "main"}, {"Brightness", ""}, {"main", "Power"}};
 
-std::string driverEndpoint(int i) { return (i < kPolled ? "pep" : "eep") + std::to_string(i); }
-std::string driverEntity(int i) { return (i < kPolled ? "pent" : "eent") + std::to_string(i); }
+std::string driverEndpoint(int i) { return (i < POLLED ? "pep" : "eep") + std::to_string(i); }
+std::string driverEntity(int i) { return (i < POLLED ? "pent" : "eent") + std::to_string(i); }
 std::string maybePrefixed(Rng& rng, const std::string& entityId) {
-  return rng() % 2 == 0 ? kPrefix + entityId : entityId;
+  return rng() % 2 == 0 ? PREFIX + entityId : entityId;
 }
 
 // Driver entity `i`'s device, reporting its entity id empty, prefixed or bare.
 applianceDriver::DiscoveredDevice device(int i, bool reachable) {
-  const std::string reported[] = {"", kPrefix + driverEntity(i), driverEntity(i)};
+  const std::string reported[] = {"", PREFIX + driverEntity(i), driverEntity(i)};
   const auto type = static_cast<ApplianceDriverType>(i % 2);
   applianceDriver::DiscoveredDevice device{
-      driverEndpoint(i), reported[i % 3], kAdapters[i % 3], "", reachable, {}, type};
-  device.capabilities.insert({kKeys[i % 3].capability, kKeys[i % 3].qualifier});
+      driverEndpoint(i), reported[i % 3], ADAPTERS[i % 3], "", reachable, {}, type};
+  device.capabilities.insert({KEYS[i % 3].capability, KEYS[i % 3].qualifier});
   return device;
 }
 
 // Replaces a polled device quietly or flips an evented one; rarely, a stray event.
 void change(applianceDriver::SimulatedApplianceDriver& driver, Rng& rng) {
-  const int i = static_cast<int>(rng() % kDriverEntities);
+  const int i = static_cast<int>(rng() % DRIVER_ENTITIES);
   const bool reachable = rng() % 2 == 0;
-  if (i < kPolled) {
+  if (i < POLLED) {
     driver.removeDevice(driverEndpoint(i));
     driver.upsertDevice(device(i, reachable));
   } else {
     driver.setJsonConnectivityValues(rng() % 2 == 0);
     driver.setReachable(driverEndpoint(i), reachable);
   }
-  static const applianceDriver::StateChangeEvent kStray[] = {
+  static const applianceDriver::StateChangeEvent STRAY[] = {
       {"eep6", "Veyra.EndpointHealth", "", "connectivity", "{\"state\":\"OK\"}"},
       {"pep0", "Veyra.PowerController", "", "powerState", "OK"},
       {"ghost-ep", "Veyra.EndpointHealth", "", "connectivity", "OK"}};
-  if (rng() % 8 == 0) driver.publishStateChange(kStray[rng() % 3]);
+  if (rng() % 8 == 0) driver.publishStateChange(STRAY[rng() % 3]);
 }
 
 // One host call on `cache`, the store or the facade: a change to a host
@@ -82,8 +82,8 @@ void change(applianceDriver::SimulatedApplianceDriver& driver, Rng& rng) {
 // the size sampled, or churn of listeners that re-enter the cache.
 template <typename Cache>
 void hostStep(Cache& cache, Rng& rng) {
-  constexpr bool kStore = std::is_same_v<Cache, CacheCore>;
-  const std::string host = "hent" + std::to_string(rng() % kHostEntities);
+  constexpr bool STORE = std::is_same_v<Cache, CacheCore>;
+  const std::string host = "hent" + std::to_string(rng() % HOST_ENTITIES);
   const std::string entityId = maybePrefixed(rng, host);
   const std::string endpointId = host + "-ep" + std::to_string(rng() % 3);
   const unsigned int pick = rng() % 8;
@@ -91,29 +91,29 @@ void hostStep(Cache& cache, Rng& rng) {
     std::vector<CachedEndpoint> batch;
     for (unsigned int n = rng() % 3 + 1; n > 0; --n) {
       batch.emplace_back(host + "-ep" + std::to_string(rng() % 3), maybePrefixed(rng, host),
-                         kAdapters[rng() % 4], static_cast<ApplianceDriverType>(rng() % 4),
-                         CapabilitySet{kKeys[rng() % 3], kKeys[rng() % 3]});
+                         ADAPTERS[rng() % 4], static_cast<ApplianceDriverType>(rng() % 4),
+                         CapabilitySet{KEYS[rng() % 3], KEYS[rng() % 3]});
     }
-    if constexpr (kStore) {
+    if constexpr (STORE) {
       for (const CachedEndpoint& endpoint : batch) cache.insertEndpoint(endpoint);
-      cache.insertEndpoint(EndpointInfo(endpointId, entityId, kAdapters[rng() % 4], {kKeys[0]}));
+      cache.insertEndpoint(EndpointInfo(endpointId, entityId, ADAPTERS[rng() % 4], {KEYS[0]}));
     } else {
       cache.updateEndpoints(batch);
     }
   } else if (pick == 2) {
     cache.removeEntity(entityId);
   } else if (pick == 3) {
-    if constexpr (kStore) {
+    if constexpr (STORE) {
       rng() % 2 == 0 ? cache.removeEndpoint(entityId, endpointId)
                      : cache.clearEndpointCapabilities(entityId, endpointId);
     } else if (rng() % 4 == 0) {
       cache.invalidate();
     }
   } else if (pick < 6) {
-    const int driven = static_cast<int>(rng() % kDriverEntities);
+    const int driven = static_cast<int>(rng() % DRIVER_ENTITIES);
     const std::string entity = rng() % 2 == 0 ? entityId : maybePrefixed(rng, driverEntity(driven));
     const std::string endpoint = rng() % 2 == 0 ? endpointId : driverEndpoint(driven);
-    const CapabilityKey& key = kKeys[rng() % 3];
+    const CapabilityKey& key = KEYS[rng() % 3];
     cache.isEntityReachable(entity);
     cache.isCapabilityReachable(entity, key);
     cache.isCapabilityReachableByDriver(entity, key, static_cast<ApplianceDriverType>(rng() % 4));
@@ -122,8 +122,8 @@ void hostStep(Cache& cache, Rng& rng) {
     cache.getAdapterName(entity, endpoint);
     cache.getEndpointsForEntity(entity);
     cache.getReachableEndpointsMap();
-    if constexpr (!kStore) cache.getPreferredEndpoint(entity, kAdapters[rng() % 4]);
-    EXPECT_LE(cache.size(), kCapacity);
+    if constexpr (!STORE) cache.getPreferredEndpoint(entity, ADAPTERS[rng() % 4]);
+    EXPECT_LE(cache.size(), CAPACITY);
   } else if (pick == 6) {
     cache.unregisterReachabilityListener("churn" + std::to_string(rng() % 4));
   } else {
@@ -145,7 +145,7 @@ void checkIndexes(const Cache& cache) {
   const auto stored = cache.getReachableEndpointsMap();
   std::size_t endpointCount = 0;
   for (const auto& [entityId, adapters] : stored) {
-    EXPECT_NE(entityId.rfind(kPrefix, 0), 0U) << entityId;
+    EXPECT_NE(entityId.rfind(PREFIX, 0), 0U) << entityId;
     const std::vector<EndpointInfo> listed = cache.getEndpointsForEntity(entityId);
     EXPECT_TRUE(!listed.empty() && listed.size() == adapters.size()) << entityId;
     for (const EndpointInfo& info : listed) {
@@ -165,18 +165,18 @@ void checkIndexes(const Cache& cache) {
 // the driver's one thread, so a polled entity alternates from reachable to its
 // final state; evented ones also change on the updater's worker, in any order.
 void checkLedger(const std::vector<test::Notification>& heard, const CacheCore& store) {
-  std::vector<int> changes(kPolled, 0);
+  std::vector<int> changes(POLLED, 0);
   for (const test::Notification& notification : heard) {
     int e = 0;
-    while (e < kDriverEntities && driverEndpoint(e) != notification.endpointId) ++e;
-    EXPECT_TRUE(e < kDriverEntities && (notification.entityId == driverEntity(e) ||
-                                        notification.entityId == kPrefix + driverEntity(e)))
+    while (e < DRIVER_ENTITIES && driverEndpoint(e) != notification.endpointId) ++e;
+    EXPECT_TRUE(e < DRIVER_ENTITIES && (notification.entityId == driverEntity(e) ||
+                                        notification.entityId == PREFIX + driverEntity(e)))
         << notification;
-    if (e < kPolled) {
+    if (e < POLLED) {
       EXPECT_EQ(notification.isReachable, changes[e]++ % 2 == 0) << notification << changes[e];
     }
   }
-  for (int e = 0; e < kPolled; ++e) {
+  for (int e = 0; e < POLLED; ++e) {
     EXPECT_EQ(store.isEntityReachable(driverEntity(e)), changes[e] % 2 == 1)
         << driverEntity(e) << " after " << changes[e] << " changes";
   }
@@ -205,16 +205,16 @@ TEST(CacheStressTest, RefreshHostLoadAndTeardownKeepTheCacheConsistent) {
   driver.setRandomSeed(seed);
   driver.setAnswerLatency(milliseconds(0), milliseconds(15));
   std::vector<EndpointInfo> tracked;  // the provider's endpoints, then one without a device
-  for (int i = 0; i < kDriverEntities; ++i) {
+  for (int i = 0; i < DRIVER_ENTITIES; ++i) {
     driver.upsertDevice(device(i, true));
-    tracked.emplace_back(driverEndpoint(i), (i % 2 == 0 ? kPrefix : "") + driverEntity(i), "",
+    tracked.emplace_back(driverEndpoint(i), (i % 2 == 0 ? PREFIX : "") + driverEntity(i), "",
                          CapabilitySet{});
   }
   test::FakeChrProvider provider;
   provider.setEndpoints(tracked);
   tracked.emplace_back("ghost-ep", "ghost", "", CapabilitySet{});
-  auto store = std::make_shared<CacheCore>(kCapacity);
-  ReachabilityCache facade(nullptr, {kCapacity, std::chrono::seconds(1), false, nullptr});
+  auto store = std::make_shared<CacheCore>(CAPACITY);
+  ReachabilityCache facade(nullptr, {CAPACITY, std::chrono::seconds(1), false, nullptr});
   EXPECT_TRUE(store->registerReachabilityListener("ledger", ledger.callback()));
   auto updater = std::make_unique<ReachabilityUpdater>(
       store, std::make_shared<ApplianceDriverReachabilityChecker>(driver), &provider);
@@ -222,7 +222,7 @@ TEST(CacheStressTest, RefreshHostLoadAndTeardownKeepTheCacheConsistent) {
   updater->startPeriodicUpdates(std::chrono::seconds(1), milliseconds(0));
   // Every device starts reachable: the first cycle brings every driver entity
   // in before the host competes for capacity. Sanitizers slow everything.
-  EXPECT_TRUE(ledger.waitForCount(kDriverEntities, std::chrono::seconds(20)));
+  EXPECT_TRUE(ledger.waitForCount(DRIVER_ENTITIES, std::chrono::seconds(20)));
 
   const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
   std::vector<std::thread> threads;

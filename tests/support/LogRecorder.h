@@ -22,11 +22,11 @@ struct LogLine {
 
 std::ostream& operator<<(std::ostream& out, const LogLine& line);
 
-inline constexpr const char* kFacadeTag = "ReachabilityCache-ReachabilityCache";
-inline constexpr const char* kStoreTag = "ReachabilityCache-CacheCore";
-inline constexpr const char* kUpdaterTag = "ReachabilityCache-ReachabilityUpdater";
-inline constexpr const char* kCheckerTag = "ReachabilityCache-ApplianceDriverChecker";
-inline constexpr const char* kMetricTag = "Veranda-Metric";
+inline constexpr const char* FACADE_TAG = "ReachabilityCache-ReachabilityCache";
+inline constexpr const char* STORE_TAG = "ReachabilityCache-CacheCore";
+inline constexpr const char* UPDATER_TAG = "ReachabilityCache-ReachabilityUpdater";
+inline constexpr const char* CHECKER_TAG = "ReachabilityCache-ApplianceDriverChecker";
+inline constexpr const char* METRIC_TAG = "Veranda-Metric";
 
 // Thread safety: every member may be called from any thread.
 class LogRecorder {

@@ -15,22 +15,22 @@ std::string render(const Message& message, Form form) {
   std::snprintf(pids, sizeof(pids), "%5d %5d", message.pid, message.tid);
   std::string header;
   switch (form) {
-    case Form::kThreadtime:
+    case Form::THREADTIME:
       header = message.time + "  " + pids + " " + message.priority + " " + message.tag + ": ";
       break;
-    case Form::kUidYearUsec:  // -v year -v usec -v uid: the year, six digits, a uid name
+    case Form::UID_YEAR_USEC:  // -v year -v usec -v uid: the year, six digits, a uid name
       header = "2026-" + message.time + "123 u0_a123 " + pids + " " + message.priority + " " +
                message.tag + ": ";
       break;
-    case Form::kTime:
+    case Form::TIME:
       header = message.time + " " + message.priority + "/" + message.tag + "(" +
                std::to_string(message.pid) + "): ";
       break;
-    case Form::kBrief:
+    case Form::BRIEF:
       header = std::string(1, message.priority) + "/" + message.tag + "(" +
                std::to_string(message.pid) + "): ";
       break;
-    case Form::kHost:  // seconds only
+    case Form::HOST:  // seconds only
       header = message.tag + " " + message.priority + " " + message.time.substr(0, 14) + " " +
                pids + " ";
       break;
@@ -39,7 +39,7 @@ std::string render(const Message& message, Form form) {
   std::istringstream lines(message.text);
   bool first = true;
   for (std::string line; std::getline(lines, line); first = false) {
-    result += (first || form != Form::kHost ? header : "") + line + "\n";
+    result += (first || form != Form::HOST ? header : "") + line + "\n";
   }
   return result;
 }

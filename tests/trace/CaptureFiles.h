@@ -10,10 +10,10 @@
 
 namespace veranda::reachabilityCache::trace::testing {
 
-inline constexpr const char* kFacade = "ReachabilityCache-ReachabilityCache";
-inline constexpr const char* kStore = "ReachabilityCache-CacheCore";
-inline constexpr const char* kUpdater = "ReachabilityCache-ReachabilityUpdater";
-inline constexpr const char* kChecker = "ReachabilityCache-ApplianceDriverChecker";
+inline constexpr const char* FACADE = "ReachabilityCache-ReachabilityCache";
+inline constexpr const char* STORE = "ReachabilityCache-CacheCore";
+inline constexpr const char* UPDATER = "ReachabilityCache-ReachabilityUpdater";
+inline constexpr const char* CHECKER = "ReachabilityCache-ApplianceDriverChecker";
 
 // One message of the library (or another process).
 struct Message {
@@ -25,7 +25,7 @@ struct Message {
   std::string text;  // may hold line feeds
 };
 
-enum class Form { kThreadtime, kUidYearUsec, kTime, kBrief, kHost };
+enum class Form { THREADTIME, UID_YEAR_USEC, TIME, BRIEF, HOST };
 
 // The message's lines in `form`: logcat repeats the header on every line,
 // the host liblog writes the following lines bare.

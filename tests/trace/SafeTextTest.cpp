@@ -19,7 +19,7 @@
 namespace veranda::reachabilityCache::trace::testing {
 namespace {
 
-const std::string kHostile[] = {
+const std::string HOSTILE[] = {
     "lamp <\"kitchen\" & 'hall'>",
     "\x1b[31mred\x07 plug\x01",
     std::string(20, 'x') +
@@ -57,35 +57,35 @@ TEST(SafeTextTest, PicturesAreWellFormedXmlWhateverTheIds) {
   tools::TimelinePicture picture;
   picture.title = "home \x1b<&>";
   picture.durationMs = 1000;
-  for (const std::string& label : kHostile) {
-    picture.rows.push_back({label, {{0, 500, tools::SpanState::kReachable}}, {250}});
+  for (const std::string& label : HOSTILE) {
+    picture.rows.push_back({label, {{0, 500, tools::SpanState::REACHABLE}}, {250}});
   }
   EXPECT_EQ(xmlProblems(tools::timelineSvg(picture)), "");
-  EXPECT_EQ(tools::shortened(kHostile[2], 30),
+  EXPECT_EQ(tools::shortened(HOSTILE[2], 30),
             std::string(20, 'x') + "\xc3\xa9\xc3\xa9\xc3\xa9\xc3\xa9\xc3\xa9\xc3\xa9\xc3\xa9...");
 
   sim::RunReport report;  // the simulator's picture
-  report.name = kHostile[1];
+  report.name = HOSTILE[1];
   report.durationMs = 1000;
-  for (const std::string& entity : kHostile) {
+  for (const std::string& entity : HOSTILE) {
     report.entities.push_back(entity);
     report.histories.push_back(
-        {{{0, sim::EntityState::kAbsent}, {10, sim::EntityState::kReachable}}, {10}, 1});
+        {{{0, sim::EntityState::ABSENT}, {10, sim::EntityState::REACHABLE}}, {10}, 1});
   }
   EXPECT_EQ(xmlProblems(sim::timelineSvg(report)), "");
 
   std::string capture;  // the trace's picture
-  for (const std::string& entity : kHostile) {
-    capture += render(Message{"11-22 12:00:01.000", 5, 6, 'D', kStore,
+  for (const std::string& entity : HOSTILE) {
+    capture += render(Message{"11-22 12:00:01.000", 5, 6, 'D', STORE,
                               "[notifyReachabilityListeners]: action=notifyReachabilityListeners "
                               "endpointId=ep entityId=" +
                                   entity + " isReachable=true listenerCount=1"},
-                      Form::kThreadtime);
+                      Form::THREADTIME);
   }
   const CaptureTrace read = traceText(capture);
   ASSERT_TRUE(read.ok) << read.error;
-  ASSERT_EQ(read.trace.caches.at(0).entities.size(), std::size(kHostile));
-  EXPECT_EQ(xmlProblems(tools::timelineSvg(tracePicture(read.trace, 0, kHostile[0]))), "");
+  ASSERT_EQ(read.trace.caches.at(0).entities.size(), std::size(HOSTILE));
+  EXPECT_EQ(xmlProblems(tools::timelineSvg(tracePicture(read.trace, 0, HOSTILE[0]))), "");
 
   std::ostringstream report_;
   printReport(read.trace, report_);
@@ -95,29 +95,29 @@ TEST(SafeTextTest, PicturesAreWellFormedXmlWhateverTheIds) {
 
 TEST(SafeTextTest, TheSimulatorsTerminalOutputShowsControlsAsEscapes) {
   sim::Scenario scenario;
-  scenario.name = kHostile[1];
-  scenario.entities = {kHostile[1], kHostile[4]};
+  scenario.name = HOSTILE[1];
+  scenario.entities = {HOSTILE[1], HOSTILE[4]};
   scenario.devices.resize(2);
   scenario.devices[0].endpointId = "ep\x1b";
-  scenario.devices[0].entityId = kHostile[1];
+  scenario.devices[0].entityId = HOSTILE[1];
   scenario.devices[0].adapterName = "ADAPTER\x07";
   scenario.devices[0].online = false;  // listed before the run
   scenario.devices[1].endpointId = "ep2";
-  scenario.devices[1].entityId = kHostile[4];
+  scenario.devices[1].entityId = HOSTILE[4];
   scenario.devices[1].adapterName = "A";
   std::ostringstream out;
   const sim::RunClock clock(false);
   sim::Timeline timeline(scenario, clock, &out);
   timeline.start(true);
-  timeline.notification("ep\x1b", kHostile[1], "ADAPTER\x07", true, true);
-  timeline.trackerChange(kHostile[1], true);
-  timeline.action({0, sim::Action::kOffline, "ep\x1b"}, scenario.devices[0], "now\x1b");
-  timeline.observe(kHostile[4], sim::EntityState::kReachable);
-  timeline.remark(kHostile[4], "was refused\x1b");
+  timeline.notification("ep\x1b", HOSTILE[1], "ADAPTER\x07", true, true);
+  timeline.trackerChange(HOSTILE[1], true);
+  timeline.action({0, sim::Action::OFFLINE, "ep\x1b"}, scenario.devices[0], "now\x1b");
+  timeline.observe(HOSTILE[4], sim::EntityState::REACHABLE);
+  timeline.remark(HOSTILE[4], "was refused\x1b");
   sim::printHomeSummary(scenario, out);
   sim::RunReport report;
   report.preferredAdapter = "A\x1b";
-  report.table = {{kHostile[1], true, true, {{"ep\x1b", "ADAPTER\x07"}}, "ep\x1b"}};
+  report.table = {{HOSTILE[1], true, true, {{"ep\x1b", "ADAPTER\x07"}}, "ep\x1b"}};
   report.histories.resize(1);
   sim::printFinalTable(report, out);
   EXPECT_FALSE(hasRawControl(out.str())) << out.str();

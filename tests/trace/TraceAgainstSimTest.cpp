@@ -19,7 +19,7 @@ namespace veranda::reachabilityCache::trace::testing {
 namespace {
 
 // A few seconds of a flapping generated home, in virtual time.
-const char* const kHome = "--devices 30 --duration 4 --interval 1 --flap-rate 30 --fast";
+const char* const HOME = "--devices 30 --duration 4 --interval 1 --flap-rate 30 --fast";
 
 std::string readFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
@@ -33,7 +33,7 @@ struct SimOutput {
 
 SimOutput runSimulator(int seed) {
   const std::string base = ::testing::TempDir() + "sim-" + std::to_string(seed);
-  const std::string command = std::string(REACHABILITY_SIM_BINARY) + " " + kHome + " --seed " +
+  const std::string command = std::string(REACHABILITY_SIM_BINARY) + " " + HOME + " --seed " +
                               std::to_string(seed) + " > " + base + ".out 2> " + base + ".err";
   EXPECT_EQ(std::system(command.c_str()), 0) << command;
   return {readFile(base + ".out"), readFile(base + ".err")};

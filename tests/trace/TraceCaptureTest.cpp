@@ -23,44 +23,44 @@ std::string notify(const std::string& endpoint, const std::string& entity, bool 
 
 // A cache's life: a cycle that finds the plug, an event that drops it, an
 // event for an endpoint the cache does not know, a check never answered.
-const std::vector<Message> kLife = {
-    {"11-22 12:00:00.000", 3003, 3003, 'I', kChecker,
+const std::vector<Message> LIFE = {
+    {"11-22 12:00:00.000", 3003, 3003, 'I', CHECKER,
      "[ApplianceDriverReachabilityChecker]: status=initialized usingSingleton=false"},
-    {"11-22 12:00:00.000", 3003, 3003, 'I', kFacade,
+    {"11-22 12:00:00.000", 3003, 3003, 'I', FACADE,
      "[ReachabilityCache]: event=cacheCreated maxCacheSize=50 periodicUpdates=true"},
-    {"11-22 12:00:00.001", 3003, 3003, 'I', kStore, "[CacheCore]: maxSize=100"},
-    {"11-22 12:00:00.002", 3003, 3003, 'I', kUpdater,
+    {"11-22 12:00:00.001", 3003, 3003, 'I', STORE, "[CacheCore]: maxSize=100"},
+    {"11-22 12:00:00.002", 3003, 3003, 'I', UPDATER,
      "[startPeriodicUpdates]: intervalSeconds=2 initialDelayMs=1000"},
-    {"11-22 12:00:00.003", 3003, 3003, 'I', kUpdater,
+    {"11-22 12:00:00.003", 3003, 3003, 'I', UPDATER,
      "[enableProactiveUpdates]: action=enableProactiveUpdates callbackId=reachability_updater_0"},
-    {"11-22 12:00:01.000", 3003, 3010, 'D', kUpdater, "[performPeriodicUpdate]: endpointCount=2"},
-    {"11-22 12:00:01.000", 3003, 3010, 'D', kChecker,
+    {"11-22 12:00:01.000", 3003, 3010, 'D', UPDATER, "[performPeriodicUpdate]: endpointCount=2"},
+    {"11-22 12:00:01.000", 3003, 3010, 'D', CHECKER,
      "[checkReachability]: details=requestId=periodic_1 count=2\n   plug-wifi -> kitchen-plug\n"
      "   lamp-zb -> lamp"},
-    {"11-22 12:00:01.001", 3003, 3010, 'I', kChecker,
+    {"11-22 12:00:01.001", 3003, 3010, 'I', CHECKER,
      "[checkReachability]: requestId=periodic_1 status=requestSent"},
-    {"11-22 12:00:01.041", 3003, 3020, 'I', kChecker,
+    {"11-22 12:00:01.041", 3003, 3020, 'I', CHECKER,
      "[processDiscoveredDevices]: requestId=periodic_1 deviceCount=1 resultCount=2"},
-    {"11-22 12:00:01.041", 3003, 3020, 'I', kStore,
+    {"11-22 12:00:01.041", 3003, 3020, 'I', STORE,
      "[insertEndpoint]: action=newEntity entityId=kitchen-plug endpointId=plug-wifi"},
-    {"11-22 12:00:01.041", 3003, 3020, 'D', kStore, notify("plug-wifi", "kitchen-plug", true)},
-    {"11-22 12:00:01.042", 3003, 3020, 'I', kUpdater,
+    {"11-22 12:00:01.041", 3003, 3020, 'D', STORE, notify("plug-wifi", "kitchen-plug", true)},
+    {"11-22 12:00:01.042", 3003, 3020, 'I', UPDATER,
      "[processReachabilityResults]: reachable=1 unreachable=1 changed=1 details=\n"
      "    plug-wifi (entityId=kitchen-plug, adapter=PROT_WIFI-ADAPTER): reachable "
      "(becameReachable)\n"
      "    lamp-zb (entityId=lamp, adapter=PROT_ZIGBEE-ADAPTER): unreachable (alreadyUnreachable)"},
-    {"11-22 12:00:02.400", 3003, 3021, 'I', kChecker,
+    {"11-22 12:00:02.400", 3003, 3021, 'I', CHECKER,
      "[stateChangeCallback]: endpointId=plug-wifi isReachable=false action=invokingCallback"},
-    {"11-22 12:00:02.401", 3003, 3010, 'D', kStore, notify("plug-wifi", "kitchen-plug", false)},
-    {"11-22 12:00:02.401", 3003, 3010, 'I', kUpdater,
+    {"11-22 12:00:02.401", 3003, 3010, 'D', STORE, notify("plug-wifi", "kitchen-plug", false)},
+    {"11-22 12:00:02.401", 3003, 3010, 'I', UPDATER,
      "[processReachabilityResults]: reachable=0 unreachable=1 changed=1 details=\n"
      "    plug-wifi (entityId=kitchen-plug): unreachable (becameUnreachable)"},
-    {"11-22 12:00:02.500", 3003, 3010, 'I', kUpdater,
+    {"11-22 12:00:02.500", 3003, 3010, 'I', UPDATER,
      "[processReachabilityResults]: reachable=0 unreachable=1 changed=0 details=\n"
      "    ghost (entityId=): unreachable (alreadyUnreachable)"},
-    {"11-22 12:00:03.000", 3003, 3010, 'I', kChecker,
+    {"11-22 12:00:03.000", 3003, 3010, 'I', CHECKER,
      "[checkReachability]: requestId=periodic_2 status=requestSent"},
-    {"11-22 12:00:04.000", 3003, 3003, 'I', kFacade,
+    {"11-22 12:00:04.000", 3003, 3003, 'I', FACADE,
      "[~ReachabilityCache]: event=cacheDestroyed cacheSize=1"},
 };
 
@@ -69,12 +69,12 @@ const std::vector<Message> kLife = {
 // answer: 41 ms.
 TEST(TraceCaptureTest, ReadsTheSameLifeFromEveryForm) {
   const std::pair<Form, std::optional<double>> forms[] = {
-      {Form::kThreadtime, 41.0}, {Form::kUidYearUsec, 41.0},   {Form::kTime, 41.0},
-      {Form::kHost, 0.0},        {Form::kBrief, std::nullopt},
+      {Form::THREADTIME, 41.0}, {Form::UID_YEAR_USEC, 41.0}, {Form::TIME, 41.0},
+      {Form::HOST, 0.0},        {Form::BRIEF, std::nullopt},
   };
   for (const auto& [form, answerMs] : forms) {
     SCOPED_TRACE(static_cast<int>(form));
-    const CaptureTrace read = traceText(render(kLife, form));
+    const CaptureTrace read = traceText(render(LIFE, form));
     ASSERT_TRUE(read.ok) << read.error;
     ASSERT_EQ(read.trace.caches.size(), 1u);
     const nlohmann::json cache = nlohmann::json::parse(traceJson(read.trace))["caches"][0];
@@ -101,19 +101,19 @@ TEST(TraceCaptureTest, ReadsTheSameLifeFromEveryForm) {
     EXPECT_EQ(plug["flaps"], 1);
     EXPECT_EQ(plug["lastReachable"], false);
     EXPECT_EQ(cache["entities"]["lamp"]["changes"].size(), 0u);
-    EXPECT_EQ(cache["problems"],
-              nlohmann::json::parse(
-                  form == Form::kBrief
-                      ? R"([{"kind": "unknownEndpointEvent", "count": 1, "first": null}])"
-                      : R"([{"kind": "unknownEndpointEvent", "count": 1, "first": ")" +
-                            std::string(form == Form::kUidYearUsec ? "2026-" : "") +
-                            (form == Form::kHost ? "11-22 12:00:02.000" : "11-22 12:00:02.500") +
-                            "\"}]"));
+    EXPECT_EQ(
+        cache["problems"],
+        nlohmann::json::parse(
+            form == Form::BRIEF
+                ? R"([{"kind": "unknownEndpointEvent", "count": 1, "first": null}])"
+                : R"([{"kind": "unknownEndpointEvent", "count": 1, "first": ")" +
+                      std::string(form == Form::UID_YEAR_USEC ? "2026-" : "") +
+                      (form == Form::HOST ? "11-22 12:00:02.000" : "11-22 12:00:02.500") + "\"}]"));
     EXPECT_EQ(cache["proactive"]["eventsReceived"], 1);
     EXPECT_EQ(cache["proactive"]["eventsApplied"], 2);
   }
   const nlohmann::json json =
-      nlohmann::json::parse(traceJson(traceText(render(kLife, Form::kThreadtime)).trace));
+      nlohmann::json::parse(traceJson(traceText(render(LIFE, Form::THREADTIME)).trace));
   EXPECT_EQ(json["caches"][0]["entities"]["kitchen-plug"]["changes"][0]["time"],
             "11-22 12:00:01.041");
 }
@@ -135,19 +135,19 @@ std::string bigSummary(std::size_t pad) {
 // cut where its last entry reads "reachable" as if nothing had changed.
 TEST(TraceCaptureTest, CountsWhatACutSummaryLostAndInventsNothing) {
   std::size_t pad = 0;
-  while (bigSummary(pad).compare(kMaxMessageBytes, 18, " (becameReachable)") != 0) {
+  while (bigSummary(pad).compare(MAX_MESSAGE_BYTES, 18, " (becameReachable)") != 0) {
     ASSERT_LT(++pad, 200u);
   }
   const std::vector<Message> capture = {
-      {"11-22 12:00:00.000", 7, 7, 'I', kFacade,
+      {"11-22 12:00:00.000", 7, 7, 'I', FACADE,
        "[ReachabilityCache]: event=cacheCreated maxCacheSize=100 periodicUpdates=true"},
-      {"11-22 12:00:00.500", 7, 7, 'I', kStore,  // the host's own record: reachable
+      {"11-22 12:00:00.500", 7, 7, 'I', STORE,  // the host's own record: reachable
        "[insertEndpoint]: action=newEntity entityId=entity-39 endpointId=ep-39-wifi"},
-      {"11-22 12:00:01.000", 7, 8, 'I', kChecker,
+      {"11-22 12:00:01.000", 7, 8, 'I', CHECKER,
        "[processDiscoveredDevices]: requestId=periodic_0 deviceCount=30 resultCount=30"},
-      {"11-22 12:00:01.000", 7, 8, 'I', kUpdater, bigSummary(pad).substr(0, kMaxMessageBytes)},
+      {"11-22 12:00:01.000", 7, 8, 'I', UPDATER, bigSummary(pad).substr(0, MAX_MESSAGE_BYTES)},
   };
-  for (Form form : {Form::kThreadtime, Form::kHost}) {
+  for (Form form : {Form::THREADTIME, Form::HOST}) {
     const CaptureTrace read = traceText(render(capture, form));
     ASSERT_TRUE(read.ok) << read.error;
     const CacheRecord& cache = read.trace.caches.at(0);
@@ -160,8 +160,8 @@ TEST(TraceCaptureTest, CountsWhatACutSummaryLostAndInventsNothing) {
     // Its entry lost, what the entity answers after the check is unknown.
     const std::vector<AnswerRecord>& answers = cache.entities.front().answers;
     ASSERT_EQ(answers.size(), 2u);
-    EXPECT_TRUE(answers[0].answer == Answer::kReachable && answers[1].answer == Answer::kUnknown);
-    EXPECT_EQ(cache.problems.at(kSummaryCut).count, 1u);
+    EXPECT_TRUE(answers[0].answer == Answer::REACHABLE && answers[1].answer == Answer::UNKNOWN);
+    EXPECT_EQ(cache.problems.at(SUMMARY_CUT).count, 1u);
     EXPECT_EQ(cache.cycles.at(0).changed, 30u);
   }
 }
@@ -171,49 +171,49 @@ TEST(TraceCaptureTest, CountsWhatACutSummaryLostAndInventsNothing) {
 TEST(TraceCaptureTest, SeparatesCachesAcrossRestartsProcessesAndTheNewYear) {
   const auto line = [](const std::string& time, int pid, char priority, const char* tag,
                        const std::string& text) {
-    return render(Message{time, pid, pid + 1, priority, tag, text}, Form::kThreadtime);
+    return render(Message{time, pid, pid + 1, priority, tag, text}, Form::THREADTIME);
   };
   const std::string created = "[ReachabilityCache]: event=cacheCreated periodicUpdates=true ";
   const std::string capture =
       "--------- beginning of main\n" +
-      line("12-31 23:59:58.000", 100, 'I', kFacade, created + "maxCacheSize=10") +
-      line("12-31 23:59:58.000", 200, 'I', kFacade, created + "maxCacheSize=20") +
-      line("12-31 23:59:58.500", 200, 'I', kUpdater,
+      line("12-31 23:59:58.000", 100, 'I', FACADE, created + "maxCacheSize=10") +
+      line("12-31 23:59:58.000", 200, 'I', FACADE, created + "maxCacheSize=20") +
+      line("12-31 23:59:58.500", 200, 'I', UPDATER,
            "[startPeriodicUpdates]: intervalSeconds=1 initialDelayMs=0") +
-      line("12-31 23:59:58.600", 200, 'I', kUpdater,
+      line("12-31 23:59:58.600", 200, 'I', UPDATER,
            "[startPeriodicUpdates]: intervalSeconds=1 initialDelayMs=0") +
-      line("12-31 23:59:59.900", 100, 'I', kChecker,
+      line("12-31 23:59:59.900", 100, 'I', CHECKER,
            "[checkReachability]: requestId=periodic_0 status=requestSent") +
       "01-01 00:00:00.0 ReachabilityCache-CacheCore garbled\n" +  // damaged: no header fits
-      line("01-01 00:00:00.100", 100, 'I', kChecker,
+      line("01-01 00:00:00.100", 100, 'I', CHECKER,
            "[processDiscoveredDevices]: requestId=periodic_0 deviceCount=0 resultCount=0") +
-      line("01-01 00:00:00.200", 100, 'I', kStore, "maxSize=3 without its label") +  // damaged
+      line("01-01 00:00:00.200", 100, 'I', STORE, "maxSize=3 without its label") +  // damaged
       line("01-01 00:00:00.200", 555, 'W', "ReachabilityCacheService",
            "[insertEndpoint]: reason=cacheFull entityId=a endpointId=b") +  // not the library
-      line("01-01 00:00:01.000", 200, 'W', kStore,
+      line("01-01 00:00:01.000", 200, 'W', STORE,
            "[insertEndpoint]: reason=cacheFull entityId=a endpointId=b") +
       line("01-01 00:00:01.000", 200, 'I', "Veranda-Metric",
            "[Metric]: metricName=ReachabilityCache.CacheFull maxSize=20 program=p source=s") +
-      line("01-01 00:00:02.000", 200, 'W', kStore,
+      line("01-01 00:00:02.000", 200, 'W', STORE,
            "[insertEndpoint]: reason=emptyEntityId endpointId=b") +
-      line("01-01 00:00:03.000", 200, 'E', kUpdater,
+      line("01-01 00:00:03.000", 200, 'E', UPDATER,
            "[performPeriodicUpdate]: requestId=periodic_4 reason=checkStartFailed") +
-      line("01-01 00:00:03.500", 200, 'E', kUpdater,
+      line("01-01 00:00:03.500", 200, 'E', UPDATER,
            "[]: requestId=manual_5 reason=checkStartFailed") +
-      line("01-01 00:00:04.000", 200, 'E', kUpdater,
+      line("01-01 00:00:04.000", 200, 'E', UPDATER,
            "[enableProactiveUpdates]: action=enableProactiveUpdates reason=registrationFailed") +
-      line("01-01 00:00:04.500", 200, 'W', kUpdater,
+      line("01-01 00:00:04.500", 200, 'W', UPDATER,
            "[performPeriodicUpdate]: reason=chrQueryReturnedEmpty") +
-      line("01-01 00:00:05.000", 100, 'I', kFacade, created + "maxCacheSize=30") +
-      line("01-01 00:00:05.000", 100, 'I', kUpdater,
+      line("01-01 00:00:05.000", 100, 'I', FACADE, created + "maxCacheSize=30") +
+      line("01-01 00:00:05.000", 100, 'I', UPDATER,
            "[startPeriodicUpdates]: intervalSeconds=2 initialDelayMs=0") +
-      line("01-01 00:00:05.000", 100, 'I', kChecker,
+      line("01-01 00:00:05.000", 100, 'I', CHECKER,
            "[checkReachability]: requestId=periodic_0 status=requestSent") +
-      line("01-01 00:00:07.000", 100, 'I', kChecker,
+      line("01-01 00:00:07.000", 100, 'I', CHECKER,
            "[checkReachability]: requestId=periodic_1 status=requestSent") +
-      line("01-01 00:00:12.000", 100, 'I', kChecker,
+      line("01-01 00:00:12.000", 100, 'I', CHECKER,
            "[checkReachability]: requestId=periodic_2 status=requestSent") +
-      line("01-01 00:00:14.000", 100, 'E', kUpdater,
+      line("01-01 00:00:14.000", 100, 'E', UPDATER,
            "[performPeriodicUpdate]: reason=chrProviderNull");
   const CaptureTrace read = traceText(capture);
   ASSERT_TRUE(read.ok) << read.error;
@@ -253,20 +253,20 @@ TEST(TraceCaptureTest, ReadsOnlyTheLogSectionsOfABugReport) {
                         42,
                         43,
                         'I',
-                        kFacade,
+                        FACADE,
                         "[ReachabilityCache]: event=cacheCreated maxCacheSize=9 "
                         "periodicUpdates=false"};
   const std::string report =
       "========================================================\n== dumpstate: 2026-11-22\n"
       "------ DUMPSYS (dumpsys) ------\n" +
-      render(created, Form::kThreadtime) +
+      render(created, Form::THREADTIME) +
       "  ReachabilityCache: bound\n"
       "------ SYSTEM LOG (logcat -v threadtime -v printable -v uid -d *:v) ------\n" +
-      render(Message{created.time, 42, 43, 'I', kFacade, created.text + " "}, Form::kUidYearUsec) +
+      render(Message{created.time, 42, 43, 'I', FACADE, created.text + " "}, Form::UID_YEAR_USEC) +
       "------ 0.2s was the duration of 'SYSTEM LOG' ------\n"
       "------ EVENT LOG (logcat -b events -v threadtime -v printable -v uid -d *:v) ------\n"
       "------ CHECKIN (dumpsys) ------\n" +
-      render(created, Form::kThreadtime);
+      render(created, Form::THREADTIME);
   const CaptureTrace read = traceText(report);
   ASSERT_TRUE(read.ok) << read.error;
   EXPECT_TRUE(read.trace.bugReport);
@@ -285,14 +285,14 @@ TEST(TraceCaptureTest, RefusesWhatIsNoCaptureOfTheCache) {
             "capture is binary data, not a text log capture");
   EXPECT_EQ(traceText(render(Message{"11-22 12:00:00.000", 1, 1, 'I', "ActivityManager",
                                      "Start proc ReachabilityCacheService"},
-                             Form::kThreadtime))
+                             Form::THREADTIME))
                 .error,
             "capture holds no line of the reachability cache");
 }
 
 // An entity's story shows each change with the lines that caused it.
 TEST(TraceCaptureTest, TellsAnEntitysStoryWithTheLinesBehindEachChange) {
-  const std::string capture = render(kLife, Form::kThreadtime);
+  const std::string capture = render(LIFE, Form::THREADTIME);
   const CaptureTrace read = traceText(capture, "kitchen-plug");
   ASSERT_TRUE(read.ok) << read.error;
   std::ostringstream story;

@@ -27,18 +27,18 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::UnorderedElementsAre;
 
-constexpr std::chrono::milliseconds kWait{5000};
-constexpr const char* kZigbee = "PROT_ZIGBEE-ADAPTER";
+constexpr std::chrono::milliseconds WAIT{5000};
+constexpr const char* ZIGBEE = "PROT_ZIGBEE-ADAPTER";
 
 EndpointInfo endpoint(const std::string& endpointId, const std::string& entityId) {
-  return EndpointInfo(endpointId, entityId, kZigbee, {{"power", "main"}});
+  return EndpointInfo(endpointId, entityId, ZIGBEE, {{"power", "main"}});
 }
 
 // A record that makes its entity reachable (NATIVE), or one that does
 // not (NO_DRIVER).
 CachedEndpoint record(const std::string& endpointId, const std::string& entityId,
                       bool reachable = true) {
-  return CachedEndpoint(endpointId, entityId, kZigbee,
+  return CachedEndpoint(endpointId, entityId, ZIGBEE,
                         reachable ? ApplianceDriverType::NATIVE : ApplianceDriverType::NO_DRIVER,
                         {{"power", "main"}});
 }
@@ -87,7 +87,7 @@ class TrackerTest : public ::testing::Test {
   // The changes heard since the last call, once there are `expected` of them:
   // a change may be delivered by a thread that was delivering already.
   std::vector<Notification> newChanges(std::size_t expected) {
-    EXPECT_TRUE(heard.waitForCount(seen + expected, kWait));
+    EXPECT_TRUE(heard.waitForCount(seen + expected, WAIT));
     std::vector<Notification> all = heard.notifications();
     std::vector<Notification> fresh(all.begin() + static_cast<std::ptrdiff_t>(seen), all.end());
     seen = all.size();
@@ -149,7 +149,7 @@ TEST_F(TrackerTest, EveryChangeOfIsEntityReachableIsHeardOnceAndNothingElse) {
   tracker->invalidate();
   EXPECT_THAT(newChanges(2), ElementsAre(change("e6", false), change("e7", false)));
 
-  ASSERT_TRUE(listener.waitForCount(4, kWait));
+  ASSERT_TRUE(listener.waitForCount(4, WAIT));
   EXPECT_THAT(listener.notifications(),
               ElementsAre(Notification{"ep1", "e1", false}, Notification{"ep2", "e1", true},
                           Notification{"ep3", "e3", true}, Notification{"ep2", "e1", false}));
@@ -189,7 +189,7 @@ TEST_F(TrackerTest, RacingChangesAreHeardInOrderPerEntityAndEndInTheCachesState)
     return test::makeResult(e, random() % 2 == 0);
   });
   start(true, std::chrono::seconds(0));  // cycles back to back after the first second
-  ASSERT_TRUE(fake->waitForCheckRequests(1, kWait));
+  ASSERT_TRUE(fake->waitForCheckRequests(1, WAIT));
 
   auto race = [&](unsigned seed) {
     std::mt19937 random(seed);
@@ -213,7 +213,7 @@ TEST_F(TrackerTest, RacingChangesAreHeardInOrderPerEntityAndEndInTheCachesState)
   // Cut off further answers, then let two more cycles run: everything queued
   // before has been applied.
   guard->close();
-  ASSERT_TRUE(provider.waitForQueries(provider.queryCount() + 2, kWait));
+  ASSERT_TRUE(provider.waitForQueries(provider.queryCount() + 2, WAIT));
   tracker->updateEndpoints({});
 
   std::map<std::string, bool> last;

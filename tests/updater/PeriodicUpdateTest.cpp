@@ -25,7 +25,7 @@ TEST_F(UpdaterTest, AnUpdaterNeverStartedLogsItsWholeLife) {
   createUpdater(&provider);
   updater.reset();
   EXPECT_THAT(
-      LogRecorder::instance().linesWithTag(test::kUpdaterTag),
+      LogRecorder::instance().linesWithTag(test::UPDATER_TAG),
       ElementsAre(updaterLine(4, "[ReachabilityUpdater]"), updaterLine(4, "[~ReachabilityUpdater]"),
                   updaterLine(4, "[stopPeriodicUpdates]"),
                   updaterLine(3,
@@ -48,7 +48,7 @@ TEST_F(UpdaterTest, CycleSweepsStaleEndpointsThenChecksTheProvidersList) {
   const auto requests = checker->checkRequests();
   EXPECT_EQ(requests[0].requestId, "periodic_0");
   EXPECT_EQ(requests[0].endpoints.size(), 3U);
-  EXPECT_THAT(LogRecorder::instance().texts(test::kUpdaterTag),
+  EXPECT_THAT(LogRecorder::instance().texts(test::UPDATER_TAG),
               ElementsAre("[ReachabilityUpdater]",
                           "[startPeriodicUpdates]: intervalSeconds=3600 initialDelayMs=0",
                           "[performPeriodicUpdate]: endpointCount=3"));
@@ -70,7 +70,7 @@ TEST_F(UpdaterTest, NullProviderEndsTheChainWhileTheFlagStaysSet) {
   createUpdater(nullptr);
   updater->startPeriodicUpdates(std::chrono::seconds(1), std::chrono::milliseconds(0));
   time.advance(std::chrono::hours(1));
-  EXPECT_THAT(LogRecorder::instance().linesWithTag(test::kUpdaterTag),
+  EXPECT_THAT(LogRecorder::instance().linesWithTag(test::UPDATER_TAG),
               Contains(updaterLine(6, "[performPeriodicUpdate]: reason=chrProviderNull")).Times(1));
   EXPECT_TRUE(updater->isPeriodicUpdatesRunning());
 }
@@ -89,7 +89,7 @@ TEST_F(UpdaterTest, RefusedCheckIsLoggedCountedAndRetriedNextCycle) {
       updaterLine(6, "[performPeriodicUpdate]: requestId=periodic_0 reason=checkStartFailed"));
   ASSERT_LT(failure + 1, lines.end());
   EXPECT_EQ(*(failure + 1),
-            (LogLine{4, test::kMetricTag,
+            (LogLine{4, test::METRIC_TAG,
                      "[Metric]: metricName=ReachabilityCache.CheckFailed updateType=periodic "
                      "reason=checkStartFailed program=762veg6l source=nlef/2/03330473"}));
   EXPECT_EQ(checker->checkRequests()[1].requestId, "periodic_1");
@@ -135,7 +135,7 @@ TEST_F(UpdaterTest, ManualTriggerChecksItsListOnceOrOnlyLogsWhenEmpty) {
   time.runUntilIdle();
   // The empty trigger drew no request id.
   EXPECT_THAT(
-      LogRecorder::instance().linesWithTag(test::kUpdaterTag),
+      LogRecorder::instance().linesWithTag(test::UPDATER_TAG),
       ElementsAre(updaterLine(4, "[ReachabilityUpdater]"), updaterLine(3, "[]: reason=noEndpoints"),
                   updaterLine(6, "[]: requestId=manual_0 reason=checkStartFailed")));
 }

@@ -19,7 +19,7 @@ TEST_F(ProactiveUpdateTest, EnableRegistersOnceAndDisableCancels) {
   updater->disableProactiveUpdates();
   EXPECT_FALSE(updater->isProactiveUpdatesEnabled());
   EXPECT_TRUE(checker->registeredCallbackIds().empty());
-  EXPECT_THAT(LogRecorder::instance().linesWithTag(test::kUpdaterTag),
+  EXPECT_THAT(LogRecorder::instance().linesWithTag(test::UPDATER_TAG),
               ElementsAre(updaterLine(4, "[ReachabilityUpdater]"),
                           updaterLine(4,
                                       "[enableProactiveUpdates]: action=enableProactiveUpdates "
@@ -44,7 +44,7 @@ TEST_F(ProactiveUpdateTest, RefusedRegistrationIsReportedAndLeavesUpdatesDisable
       ElementsAre(updaterLine(6,
                               "[enableProactiveUpdates]: action=enableProactiveUpdates "
                               "reason=registrationFailed"),
-                  LogLine{4, test::kMetricTag,
+                  LogLine{4, test::METRIC_TAG,
                           "[Metric]: metricName=ReachabilityCache.SubscribeFailed action=enable "
                           "reason=registrationFailed program=762veg6l source=nlef/2/03330473"},
                   updaterLine(3,
@@ -61,7 +61,7 @@ TEST_F(ProactiveUpdateTest, RefusedRegistrationIsReportedAndLeavesUpdatesDisable
 }
 
 TEST_F(ProactiveUpdateTest, EventsAreResolvedToTheirEntityAndAppliedOnTheWorker) {
-  store->insertEndpoint(CachedEndpoint("ep1", "orbt1.veyra.endpoint.e1", kZigbee,
+  store->insertEndpoint(CachedEndpoint("ep1", "orbt1.veyra.endpoint.e1", ZIGBEE,
                                        applianceDriver::ApplianceDriverType::NATIVE, {}));
   createUpdater(&provider);
   ASSERT_TRUE(updater->enableProactiveUpdates());
@@ -72,7 +72,7 @@ TEST_F(ProactiveUpdateTest, EventsAreResolvedToTheirEntityAndAppliedOnTheWorker)
   time.runUntilIdle();
   EXPECT_THAT(listener.notifications(), ElementsAre(Notification{"ep1", "e1", false}));
   EXPECT_EQ(LogRecorder::instance().countContaining(
-                test::kUpdaterTag,
+                test::UPDATER_TAG,
                 "[processReachabilityResults]: reachable=0 unreachable=1 changed=1 details="
                 "\n    ep1 (entityId=e1): unreachable (becameUnreachable)"),
             1U);
@@ -82,7 +82,7 @@ TEST_F(ProactiveUpdateTest, EventsAreResolvedToTheirEntityAndAppliedOnTheWorker)
                                                 applianceDriver::ApplianceDriverType::NO_DRIVER));
   time.runUntilIdle();
   EXPECT_EQ(LogRecorder::instance().countContaining(
-                test::kUpdaterTag, "ep-x (entityId=): unreachable (alreadyUnreachable)"),
+                test::UPDATER_TAG, "ep-x (entityId=): unreachable (alreadyUnreachable)"),
             1U);
 }
 
@@ -91,7 +91,7 @@ TEST_F(ProactiveUpdateTest, DestructionCancelsTheSubscription) {
   ASSERT_TRUE(updater->enableProactiveUpdates());
   updater.reset();
   EXPECT_TRUE(checker->registeredCallbackIds().empty());
-  EXPECT_EQ(LogRecorder::instance().linesWithTag(test::kUpdaterTag).back(),
+  EXPECT_EQ(LogRecorder::instance().linesWithTag(test::UPDATER_TAG).back(),
             (updaterLine(
                 4, "[disableProactiveUpdates]: action=disableProactiveUpdates status=disabled")));
 }
@@ -101,7 +101,7 @@ TEST_F(ProactiveUpdateTest, NullCheckerStartsNothingAndDoesNotCrash) {
   EXPECT_FALSE(updater->enableProactiveUpdates());
   updater->triggerUpdate({endpoint("ep1", "e1")});
   time.runUntilIdle();
-  EXPECT_EQ(LogRecorder::instance().linesWithTag(test::kUpdaterTag).back(),
+  EXPECT_EQ(LogRecorder::instance().linesWithTag(test::UPDATER_TAG).back(),
             updaterLine(6, "[]: requestId=manual_1 reason=checkStartFailed"));
 }
 

@@ -24,13 +24,13 @@ class ResultProcessingTest : public UpdaterTest {
     }
     LogRecorder::instance().clear();
     EXPECT_TRUE(checker->completeNextCheck(results));
-    const auto lines = LogRecorder::instance().linesWithTag(test::kUpdaterTag);
+    const auto lines = LogRecorder::instance().linesWithTag(test::UPDATER_TAG);
     EXPECT_FALSE(lines.empty());
     return lines.empty() ? LogLine{} : lines.back();
   }
 
   static LogLine summary(const std::string& text) {
-    return {4, test::kUpdaterTag, "[processReachabilityResults]: " + text};
+    return {4, test::UPDATER_TAG, "[processReachabilityResults]: " + text};
   }
 };
 
@@ -56,7 +56,7 @@ TEST_F(ResultProcessingTest, ChangesAreCountedDetailedAndAnnouncedOnce) {
                     "\n    ep1 (entityId=e1): unreachable (becameUnreachable)"));
   EXPECT_TRUE(store->isEntityPresent("e1"));  // kept, with its capabilities cleared
   EXPECT_FALSE(store->isEntityReachable("e1"));
-  EXPECT_EQ(store->getAdapterName("e1", "ep1"), kZigbee);
+  EXPECT_EQ(store->getAdapterName("e1", "ep1"), ZIGBEE);
 
   EXPECT_THAT(listener.notifications(),
               ElementsAre(Notification{"ep1", "e1", true}, Notification{"ep1", "e1", false}));
@@ -78,7 +78,7 @@ TEST_F(ResultProcessingTest, EachResultIsJudgedAgainstTheStoreAsChangedByTheOnes
 TEST_F(ResultProcessingTest, RefusedChangesAreReportedAsInsertFailedWithoutNotifying) {
   auto full = std::make_shared<CacheCore>(1);
   full->insertEndpoint(
-      CachedEndpoint("ep1", "e1", kZigbee, applianceDriver::ApplianceDriverType::NATIVE, {}));
+      CachedEndpoint("ep1", "e1", ZIGBEE, applianceDriver::ApplianceDriverType::NATIVE, {}));
   store = full;
   checker->dropPendingChecks();
   updater = std::make_unique<ReachabilityUpdater>(store, checker, &provider);
@@ -90,7 +90,7 @@ TEST_F(ResultProcessingTest, RefusedChangesAreReportedAsInsertFailedWithoutNotif
                     "(insertFailed)"
                     "\n    ep-unknown (entityId=e1): unreachable (insertFailed)"));
   EXPECT_TRUE(listener.notifications().empty());
-  EXPECT_EQ(LogRecorder::instance().countContaining(test::kMetricTag, "CacheFull"), 1U);
+  EXPECT_EQ(LogRecorder::instance().countContaining(test::METRIC_TAG, "CacheFull"), 1U);
 }
 
 }  // namespace

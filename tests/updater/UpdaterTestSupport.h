@@ -20,19 +20,19 @@
 
 namespace veranda::reachabilityCache {
 
-inline constexpr const char* kZigbee = "PROT_ZIGBEE-ADAPTER";
+inline constexpr const char* ZIGBEE = "PROT_ZIGBEE-ADAPTER";
 
 inline EndpointInfo endpoint(const std::string& endpointId, const std::string& entityId,
-                             const std::string& adapter = kZigbee) {
+                             const std::string& adapter = ZIGBEE) {
   return EndpointInfo(endpointId, entityId, adapter, {{"power", "main"}});
 }
 
 inline test::LogLine updaterLine(int priority, const std::string& text) {
-  return {priority, test::kUpdaterTag, text};
+  return {priority, test::UPDATER_TAG, text};
 }
 
 inline ReachabilityCheckResult reachable(const std::string& endpointId, const std::string& entityId,
-                                         const std::string& adapter = kZigbee) {
+                                         const std::string& adapter = ZIGBEE) {
   return test::makeResult(endpoint(endpointId, entityId, adapter), true);
 }
 

@@ -7,8 +7,8 @@
 namespace veranda::reachabilityCache::sim {
 namespace {
 
-constexpr int64_t kShortestDropMs = 200;
-constexpr int64_t kLongestDropMs = 3000;
+constexpr int64_t SHORTEST_DROP_MS = 200;
+constexpr int64_t LONGEST_DROP_MS = 3000;
 
 // Uniform in [0, 1).
 double nextUnit(uint64_t& state) {
@@ -34,8 +34,8 @@ void EventStream::scheduleFlap(std::size_t device, int64_t fromMs) {
   Flapper& flapper = flappers_[device];
   double atMs = 0;
   if (flapper.down) {
-    const auto span = static_cast<uint64_t>(kLongestDropMs - kShortestDropMs + 1);
-    atMs = static_cast<double>(fromMs + kShortestDropMs +
+    const auto span = static_cast<uint64_t>(LONGEST_DROP_MS - SHORTEST_DROP_MS + 1);
+    atMs = static_cast<double>(fromMs + SHORTEST_DROP_MS +
                                static_cast<int64_t>(nextRandom(flapper.random) % span));
   } else {
     const double gapMs = -std::log1p(-nextUnit(flapper.random)) * 60000 / scenario_.flaps.perMinute;
@@ -70,7 +70,7 @@ Event EventStream::take() {
   Flapper& flapper = flappers_[device];
   flapper.down = !flapper.down;
   scheduleFlap(device, atMs);
-  return {atMs, flapper.down ? Action::kOffline : Action::kOnline,
+  return {atMs, flapper.down ? Action::OFFLINE : Action::ONLINE,
           scenario_.devices[device].endpointId};
 }
 

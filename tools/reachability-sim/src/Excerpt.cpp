@@ -6,20 +6,20 @@
 namespace veranda::reachabilityCache::sim {
 namespace {
 
-constexpr std::size_t kEllipsis = 3;  // "..."
+constexpr std::size_t ELLIPSIS = 3;  // "..."
 
 // Collects the pieces of an excerpt and remembers where it may be cut: a
 // piece (a character, an escape, a number) is kept whole or not at all.
 class ExcerptWriter {
  public:
   // `limit`: the longest excerpt, "..." included.
-  explicit ExcerptWriter(std::size_t limit = kExcerptLength) : limit_(limit) {}
+  explicit ExcerptWriter(std::size_t limit = EXCERPT_LENGTH) : limit_(limit) {}
 
   bool full() const { return text_.size() > limit_; }
 
   void piece(const std::string& piece) {
     text_ += piece;
-    if (text_.size() <= limit_ - kEllipsis) {
+    if (text_.size() <= limit_ - ELLIPSIS) {
       cut_ = text_.size();
     }
   }
@@ -180,8 +180,8 @@ std::string tailExcerpt(const std::string& text) {
   // them: escapes make the tail at most a few times longer.
   ExcerptWriter out(std::string::npos);
   std::size_t from = 0;
-  if (text.size() > kExcerptLength) {
-    from = text.size() - (kExcerptLength - kEllipsis);
+  if (text.size() > EXCERPT_LENGTH) {
+    from = text.size() - (EXCERPT_LENGTH - ELLIPSIS);
     while (from < text.size() && (static_cast<unsigned char>(text[from]) & 0xC0) == 0x80) {
       ++from;  // start at a whole character
     }

@@ -1,6 +1,6 @@
 // Short, printable quotations of input for one-line error messages.
 //
-// An excerpt is at most kExcerptLength characters: a longer one is cut at a
+// An excerpt is at most EXCERPT_LENGTH characters: a longer one is cut at a
 // whole character or escape and ends in "...". Control characters (C0, DEL,
 // C1) are written as JSON escapes and bytes that are not UTF-8 as \xNN, so an
 // excerpt never breaks a line or reaches a terminal as a command. Making one
@@ -14,7 +14,7 @@
 
 namespace veranda::reachabilityCache::sim {
 
-inline constexpr std::size_t kExcerptLength = 40;
+inline constexpr std::size_t EXCERPT_LENGTH = 40;
 
 // `value` as compact JSON ("[1,2]", "\"kitchen\"", "{\"a\":[[[[..."), cut to
 // an excerpt.

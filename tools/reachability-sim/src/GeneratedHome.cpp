@@ -14,7 +14,7 @@ struct AdapterKind {
   const char* capability;
 };
 
-constexpr std::array<AdapterKind, 7> kKinds = {{
+constexpr std::array<AdapterKind, 7> KINDS = {{
     {"PROT_ZIGBEE-ADAPTER", "zigbee", "PowerController:powerState"},
     {"PROT_WIFI-ADAPTER", "wifi", "PowerController:powerState"},
     {"PROT_LOCALSKILLS-ADAPTER", "local", "SceneController:scene"},
@@ -45,7 +45,7 @@ Scenario generateHome(const GeneratedHomeSettings& settings) {
   std::mt19937 random(settings.seed);
   std::bernoulli_distribution connected(0.3);
   for (int64_t i = 1; i <= settings.devices; ++i) {
-    const AdapterKind& kind = kKinds[static_cast<std::size_t>(i - 1) % kKinds.size()];
+    const AdapterKind& kind = KINDS[static_cast<std::size_t>(i - 1) % KINDS.size()];
     Device device;
     device.entityId = numbered("entity-", i, width);
     device.endpointId = numbered("ep-", i, width) + "-" + kind.suffix;

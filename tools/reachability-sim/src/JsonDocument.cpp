@@ -14,7 +14,7 @@ namespace {
 using nlohmann::json;
 
 // Path components shown at each end of a path too deep to show whole.
-constexpr std::size_t kPathEnds = 3;
+constexpr std::size_t PATH_ENDS = 3;
 
 // Turns the parser's "[json.exception...] parse error at line L, column C: text"
 // into "origin:L:C: malformed JSON: text", with the input that the parser quotes
@@ -41,7 +41,7 @@ std::string syntaxError(const std::string& origin, const std::string& message) {
 }
 
 bool isPlainKey(const std::string& key) {
-  if (key.empty() || key.size() > kExcerptLength ||
+  if (key.empty() || key.size() > EXCERPT_LENGTH ||
       std::isdigit(static_cast<unsigned char>(key[0])) != 0) {
     return false;
   }
@@ -133,11 +133,11 @@ class DocumentBuilder {
   }
 
   // "devices[2].entity" for `key` in the innermost open object; a path
-  // deeper than twice kPathEnds shows its ends only.
+  // deeper than twice PATH_ENDS shows its ends only.
   std::string path(const std::string& key) const {
     std::vector<std::size_t> shown;
     for (std::size_t level = 0; level < open_.size(); ++level) {
-      if (level < kPathEnds || level + kPathEnds >= open_.size()) {
+      if (level < PATH_ENDS || level + PATH_ENDS >= open_.size()) {
         shown.push_back(level);
       }
     }

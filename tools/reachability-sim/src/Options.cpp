@@ -15,9 +15,9 @@
 namespace veranda::reachabilityCache::sim {
 namespace {
 
-constexpr double kMaxSeconds = 86400;
+constexpr double MAX_SECONDS = 86400;
 // The simulator plays whole milliseconds: nothing shorter can run.
-constexpr double kMinSeconds = 0.001;
+constexpr double MIN_SECONDS = 0.001;
 
 bool parseNumber(const std::string& text, double& out) {
   if (text.empty()) {
@@ -74,10 +74,10 @@ CLI::Validator seconds() {
             if (!parseNumber(value, number)) {
               return "expects a number of seconds, got " + quotedText(value);
             }
-            if (number <= 0 || number > kMaxSeconds) {
+            if (number <= 0 || number > MAX_SECONDS) {
               return "must be more than 0 and at most 86400 seconds, got " + value;
             }
-            if (number < kMinSeconds) {
+            if (number < MIN_SECONDS) {
               return "must be at least 0.001 seconds (the simulator plays whole milliseconds), "
                      "got " +
                      value;
@@ -130,7 +130,7 @@ struct RawOptions {
   bool noTracker = false;
 };
 
-const char* const kDescription =
+const char* const DESCRIPTION =
     "Plays a simulated home through a real ReachabilityCache (the library's\n"
     "appliance-driver checker over a simulated driver, a provider, a listener)\n"
     "and shows what the cache decided.\n\n"
@@ -148,7 +148,7 @@ const char* const kDescription =
     "cache between cycles. The run takes as long as the home's duration, or with\n"
     "--fast as long as the work takes.\n";
 
-const char* const kFooter = R"(Scenario file (JSON; unknown keys and keys given twice are errors):
+const char* const FOOTER = R"(Scenario file (JSON; unknown keys and keys given twice are errors):
   {
     "name": "my flat",                 optional
     "duration": 10,                    seconds, optional
@@ -181,8 +181,8 @@ timeline fails after the run.
 )";
 
 void describe(CLI::App& app, Options& options, RawOptions& raw) {
-  app.description(kDescription);
-  app.footer(kFooter);
+  app.description(DESCRIPTION);
+  app.footer(FOOTER);
   app.get_formatter()->column_width(26);
   app.allow_extras();
   app.add_option("--scenario", options.scenarioPath, "a JSON home (format below)")

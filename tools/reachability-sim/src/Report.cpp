@@ -11,7 +11,7 @@
 namespace veranda::reachabilityCache::sim {
 namespace {
 
-constexpr std::size_t kListedDevices = 10;
+constexpr std::size_t LISTED_DEVICES = 10;
 
 std::string seconds(int64_t ms) {
   char text[32];
@@ -25,7 +25,7 @@ void printDeviceList(const char* heading, const std::vector<const Device*>& devi
     return;
   }
   out << "  " << heading << ":";
-  for (std::size_t i = 0; i < devices.size() && i < kListedDevices; ++i) {
+  for (std::size_t i = 0; i < devices.size() && i < LISTED_DEVICES; ++i) {
     out << (i == 0 ? " " : ", ") << tools::terminalText(devices[i]->entityId) << " / "
         << tools::terminalText(devices[i]->endpointId);
     if (ApplianceDriverReachabilityChecker::SUPPORTED_ADAPTERS.count(devices[i]->adapterName) ==
@@ -33,8 +33,8 @@ void printDeviceList(const char* heading, const std::vector<const Device*>& devi
       out << " on " << tools::terminalText(devices[i]->adapterName);
     }
   }
-  if (devices.size() > kListedDevices) {
-    out << " and " << devices.size() - kListedDevices << " more";
+  if (devices.size() > LISTED_DEVICES) {
+    out << " and " << devices.size() - LISTED_DEVICES << " more";
   }
   out << '\n';
 }

@@ -6,15 +6,15 @@ namespace veranda::reachabilityCache::sim {
 
 const char* actionName(Action action) {
   switch (action) {
-    case Action::kOffline:
+    case Action::OFFLINE:
       return "offline";
-    case Action::kOnline:
+    case Action::ONLINE:
       return "online";
-    case Action::kRemove:
+    case Action::REMOVE:
       return "remove";
-    case Action::kAdd:
+    case Action::ADD:
       return "add";
-    case Action::kPush:
+    case Action::PUSH:
       return "push";
   }
   return "?";

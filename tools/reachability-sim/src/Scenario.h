@@ -14,11 +14,11 @@ namespace veranda::reachabilityCache::sim {
 
 // What an event does to the home.
 enum class Action {
-  kOffline,  // the driver marks the device unreachable and publishes a connectivity event
-  kOnline,   // the driver marks it reachable again and publishes a connectivity event
-  kRemove,   // the device leaves the home: the provider stops naming it, the driver forgets it
-  kAdd,      // the device joins the home: the driver has it, the provider names it
-  kPush,     // the host hands the device's record to the cache with updateEndpoints()
+  OFFLINE,  // the driver marks the device unreachable and publishes a connectivity event
+  ONLINE,   // the driver marks it reachable again and publishes a connectivity event
+  REMOVE,   // the device leaves the home: the provider stops naming it, the driver forgets it
+  ADD,      // the device joins the home: the driver has it, the provider names it
+  PUSH,     // the host hands the device's record to the cache with updateEndpoints()
 };
 
 // The word used for `action` in scenario files and output ("offline", ...).
@@ -37,7 +37,7 @@ struct Device {
 
 struct Event {
   int64_t atMs = 0;  // since the cache was created
-  Action action = Action::kOffline;
+  Action action = Action::OFFLINE;
   std::string endpointId;
 };
 

@@ -19,7 +19,7 @@ namespace {
 using applianceDriver::ApplianceDriverType;
 using nlohmann::json;
 
-constexpr int64_t kMaxSeconds = 86400;  // one day: longer runs are surely a mistake
+constexpr int64_t MAX_SECONDS = 86400;  // one day: longer runs are surely a mistake
 
 // Reads typed values out of the parsed document; the first failure is kept.
 class Checker {
@@ -90,8 +90,8 @@ class Checker {
       return fail(path, std::string("must be ") + (zeroAllowed ? "0 or more" : "more than 0") +
                             " seconds, found " + excerpt(value));
     }
-    if (number > kMaxSeconds) {
-      return fail(path, "must be at most " + std::to_string(kMaxSeconds) + " seconds");
+    if (number > MAX_SECONDS) {
+      return fail(path, "must be at most " + std::to_string(MAX_SECONDS) + " seconds");
     }
     if (!zeroAllowed && number < 0.001) {
       return fail(path, "must be at least 0.001 seconds (runs are timed in milliseconds), found " +
@@ -174,7 +174,7 @@ bool readAction(Checker& check, const json& value, const std::string& path, Acti
     return false;
   }
   for (Action action :
-       {Action::kOffline, Action::kOnline, Action::kRemove, Action::kAdd, Action::kPush}) {
+       {Action::OFFLINE, Action::ONLINE, Action::REMOVE, Action::ADD, Action::PUSH}) {
     if (name == actionName(action)) {
       out = action;
       return true;
@@ -272,7 +272,7 @@ bool readSettings(Checker& check, const json& document, Scenario& scenario) {
       (document.contains("duration") &&
        !check.seconds(document["duration"], "duration", false, scenario.durationMs)) ||
       (document.contains("interval") &&
-       !check.wholeNumber(document["interval"], "interval", 1, kMaxSeconds,
+       !check.wholeNumber(document["interval"], "interval", 1, MAX_SECONDS,
                           scenario.intervalSeconds)) ||
       (document.contains("preferredAdapter") &&
        !check.text(document["preferredAdapter"], "preferredAdapter", scenario.preferredAdapter)) ||

@@ -23,9 +23,9 @@ namespace {
 using applianceDriver::DiscoveredDevice;
 using applianceDriver::SimulatedApplianceDriver;
 
-const char* const kListenerId = "reachability-sim";
-constexpr std::size_t kEventsBehind = 256;
-constexpr std::chrono::seconds kDriverCatchUp{1};
+const char* const LISTENER_ID = "reachability-sim";
+constexpr std::size_t EVENTS_BEHIND = 256;
+constexpr std::chrono::seconds DRIVER_CATCH_UP{1};
 
 DiscoveredDevice discovered(const Device& device, bool online) {
   DiscoveredDevice result;
@@ -82,10 +82,10 @@ class CheckWatcher : public ReachabilityCheckerGuard::Observer {
 
 EntityState stateOf(const ReachabilityCache& cache, const std::string& entityId) {
   if (cache.isEntityReachable(entityId)) {
-    return EntityState::kReachable;
+    return EntityState::REACHABLE;
   }
-  return cache.getEndpointsForEntity(entityId).empty() ? EntityState::kAbsent
-                                                       : EntityState::kUnreachable;
+  return cache.getEndpointsForEntity(entityId).empty() ? EntityState::ABSENT
+                                                       : EntityState::UNREACHABLE;
 }
 
 // One run; the members are what a host would own.
@@ -157,7 +157,7 @@ class HomeRun {
     // (the newest first, with the standard library this is built with), so
     // that a notification's line comes before the change the tracker tells.
     cache_->registerReachabilityListener(
-        kListenerId, [this](const std::string& endpointId, const std::string& entityId,
+        LISTENER_ID, [this](const std::string& endpointId, const std::string& entityId,
                             bool reachable) { onNotification(endpointId, entityId, reachable); });
     gate_.open(cache_.get());
   }
@@ -174,7 +174,7 @@ class HomeRun {
   }
 
   void observe(const std::string& entityId) {
-    EntityState state = EntityState::kAbsent;
+    EntityState state = EntityState::ABSENT;
     if (gate_.with([&](ReachabilityCache& cache) { state = stateOf(cache, entityId); })) {
       timeline_.observe(entityId, state);
     }
@@ -207,7 +207,7 @@ class HomeRun {
   }
 
   // Each event at its time on the wall clock. A home that changes faster than
-  // the driver delivers its events falls behind in time: after kEventsBehind
+  // the driver delivers its events falls behind in time: after EVENTS_BEHIND
   // events without a pause the run waits for the driver, so that undelivered
   // events do not pile up in memory, and events still due when the duration
   // has passed are not played.
@@ -219,8 +219,8 @@ class HomeRun {
         clock_.waitUntil(*at);
       }
       play(events.take());
-      if (++withoutPause % kEventsBehind == 0) {
-        driver_.waitUntilIdle(kDriverCatchUp);
+      if (++withoutPause % EVENTS_BEHIND == 0) {
+        driver_.waitUntilIdle(DRIVER_CATCH_UP);
         if (clock_.nowMs() >= scenario_.durationMs) {
           return;  // behind at the end: what is still due is not played
         }
@@ -234,22 +234,22 @@ class HomeRun {
     const Device& device = *devices_.at(event.endpointId);
     timeline_.action(event, device, outcome(event, device));
     switch (event.action) {
-      case Action::kOffline:
-      case Action::kOnline:
-        online_[device.endpointId] = event.action == Action::kOnline;
+      case Action::OFFLINE:
+      case Action::ONLINE:
+        online_[device.endpointId] = event.action == Action::ONLINE;
         driver_.setReachable(device.endpointId, online_[device.endpointId]);
         break;
-      case Action::kRemove:
+      case Action::REMOVE:
         provider_.setNamed(device.endpointId, false);
         driver_.removeDevice(device.endpointId);
         inHome_[device.endpointId] = false;
         break;
-      case Action::kAdd:
+      case Action::ADD:
         driver_.upsertDevice(discovered(device, online_[device.endpointId]));
         provider_.setNamed(device.endpointId, true);
         inHome_[device.endpointId] = true;
         break;
-      case Action::kPush:
+      case Action::PUSH:
         push(device);
         break;
     }
@@ -257,10 +257,10 @@ class HomeRun {
 
   // What the driver will make of the event, known before it happens.
   std::string outcome(const Event& event, const Device& device) {
-    const bool online = event.action == Action::kOnline;
+    const bool online = event.action == Action::ONLINE;
     switch (event.action) {
-      case Action::kOffline:
-      case Action::kOnline:
+      case Action::OFFLINE:
+      case Action::ONLINE:
         if (!inHome_[device.endpointId]) {
           return "it is not in the home, nothing happens";
         }
@@ -269,10 +269,10 @@ class HomeRun {
         }
         return online ? "the driver publishes connectivity OK"
                       : "the driver publishes connectivity UNREACHABLE";
-      case Action::kPush:
+      case Action::PUSH:
         return "listeners are not told";
-      case Action::kRemove:
-      case Action::kAdd:
+      case Action::REMOVE:
+      case Action::ADD:
         break;
     }
     return "";
@@ -290,7 +290,7 @@ class HomeRun {
       cache_->updateEndpoints(record);
     }
     observe(device.entityId);
-    if (stateOf(*cache_, device.entityId) == EntityState::kAbsent) {
+    if (stateOf(*cache_, device.entityId) == EntityState::ABSENT) {
       timeline_.remark(device.entityId, "was refused by the cache");
     }
   }

@@ -7,14 +7,14 @@ namespace {
 
 tools::SpanState spanState(EntityState state) {
   switch (state) {
-    case EntityState::kReachable:
-      return tools::SpanState::kReachable;
-    case EntityState::kUnreachable:
-      return tools::SpanState::kUnreachable;
-    case EntityState::kAbsent:
+    case EntityState::REACHABLE:
+      return tools::SpanState::REACHABLE;
+    case EntityState::UNREACHABLE:
+      return tools::SpanState::UNREACHABLE;
+    case EntityState::ABSENT:
       break;
   }
-  return tools::SpanState::kAbsent;
+  return tools::SpanState::ABSENT;
 }
 
 }  // namespace

@@ -8,17 +8,17 @@
 namespace veranda::reachabilityCache::sim {
 namespace {
 
-constexpr int kWidestColumn = 32;
+constexpr int WIDEST_COLUMN = 32;
 // The picture is 900 px wide: marks closer than half a pixel cannot be told apart.
-constexpr int64_t kMarksPerRow = 2000;
-const std::string kEntityPrefix = "orbt1.veyra.endpoint.";
+constexpr int64_t MARKS_PER_ROW = 2000;
+const std::string ENTITY_PREFIX = "orbt1.veyra.endpoint.";
 
 int columnWidth(const std::vector<std::string>& values, int minimum) {
   auto widest = static_cast<std::size_t>(minimum);
   for (const std::string& value : values) {
     widest = std::max(widest, tools::terminalWidth(value));
   }
-  return static_cast<int>(std::min<std::size_t>(widest, kWidestColumn));
+  return static_cast<int>(std::min<std::size_t>(widest, WIDEST_COLUMN));
 }
 
 // The text made safe for a terminal, padded to `width` characters.
@@ -28,15 +28,15 @@ std::string padded(const std::string& text, int width) {
 
 const char* actionText(Action action) {
   switch (action) {
-    case Action::kOffline:
+    case Action::OFFLINE:
       return "goes offline";
-    case Action::kOnline:
+    case Action::ONLINE:
       return "comes back online";
-    case Action::kRemove:
+    case Action::REMOVE:
       return "leaves the home (the provider stops naming it, the driver forgets it)";
-    case Action::kAdd:
+    case Action::ADD:
       return "joins the home (the driver has it, the provider names it)";
-    case Action::kPush:
+    case Action::PUSH:
       return "the host pushes its record with updateEndpoints";
   }
   return "";
@@ -44,8 +44,8 @@ const char* actionText(Action action) {
 
 // The entity id as the cache keeps it: without one leading prefix.
 std::string normalised(const std::string& entityId) {
-  const bool prefixed = entityId.compare(0, kEntityPrefix.size(), kEntityPrefix) == 0;
-  return prefixed ? entityId.substr(kEntityPrefix.size()) : entityId;
+  const bool prefixed = entityId.compare(0, ENTITY_PREFIX.size(), ENTITY_PREFIX) == 0;
+  return prefixed ? entityId.substr(ENTITY_PREFIX.size()) : entityId;
 }
 
 }  // namespace
@@ -54,7 +54,7 @@ std::size_t answerChanges(const EntityHistory& history) {
   std::size_t changes = 0;
   bool reachable = false;
   for (const StateChange& change : history.states) {
-    const bool now = change.state == EntityState::kReachable;
+    const bool now = change.state == EntityState::REACHABLE;
     changes += now != reachable ? 1 : 0;
     reachable = now;
   }
@@ -66,7 +66,7 @@ int64_t reachableMs(const EntityHistory& history, int64_t endMs) {
   const std::vector<StateChange>& states = history.states;
   for (std::size_t k = 0; k < states.size(); ++k) {
     const int64_t untilMs = std::min(k + 1 < states.size() ? states[k + 1].atMs : endMs, endMs);
-    if (states[k].state == EntityState::kReachable) {
+    if (states[k].state == EntityState::REACHABLE) {
       total += std::max<int64_t>(untilMs - states[k].atMs, 0);
     }
   }
@@ -77,7 +77,7 @@ Timeline::Timeline(const Scenario& scenario, const RunClock& clock, std::ostream
     : clock_(clock),
       out_(out),
       entities_(scenario.entities),
-      markSpacingMs_(std::max<int64_t>(scenario.durationMs / kMarksPerRow, 1)) {
+      markSpacingMs_(std::max<int64_t>(scenario.durationMs / MARKS_PER_ROW, 1)) {
   std::vector<std::string> endpoints;
   std::vector<std::string> adapters;
   for (const Device& device : scenario.devices) {
@@ -163,8 +163,7 @@ void Timeline::notification(const std::string& endpointId, const std::string& en
       history.notifiedAtMs.push_back(atMs);
     }
     // Only a cached entity is announced.
-    recordLocked(entity, atMs,
-                 entityReachable ? EntityState::kReachable : EntityState::kUnreachable);
+    recordLocked(entity, atMs, entityReachable ? EntityState::REACHABLE : EntityState::UNREACHABLE);
   }
   if (out_ != nullptr) {
     *out_ << stamp(atMs) << padded(entityId, entityWidth_) << "  "
@@ -218,9 +217,9 @@ void Timeline::observe(const std::string& entityId, EntityState state) {
   const int64_t atMs = clock_.nowMs();
   if (recordLocked(entity, atMs, state) && out_ != nullptr) {
     *out_ << stamp(atMs) << "~ " << tools::terminalText(entities_[entity])
-          << (state == EntityState::kAbsent      ? " is no longer in the cache"
-              : state == EntityState::kReachable ? ": isEntityReachable now answers yes"
-                                                 : ": isEntityReachable now answers no")
+          << (state == EntityState::ABSENT      ? " is no longer in the cache"
+              : state == EntityState::REACHABLE ? ": isEntityReachable now answers yes"
+                                                : ": isEntityReachable now answers no")
           << " (listeners are not told)\n";
   }
 }

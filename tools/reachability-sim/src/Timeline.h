@@ -15,7 +15,7 @@
 namespace veranda::reachabilityCache::sim {
 
 // An entity as the cache holds it.
-enum class EntityState { kAbsent, kReachable, kUnreachable };
+enum class EntityState { ABSENT, REACHABLE, UNREACHABLE };
 
 struct StateChange {
   int64_t atMs;
@@ -27,7 +27,7 @@ struct StateChange {
 // thinned to what the picture can tell apart, so that they grow with the
 // picture's width, not with the run's length.
 struct EntityHistory {
-  std::vector<StateChange> states{{0, EntityState::kAbsent}};  // each change, in time order
+  std::vector<StateChange> states{{0, EntityState::ABSENT}};  // each change, in time order
   std::vector<int64_t> notifiedAtMs;  // when listeners were told, none closer than the spacing
   std::size_t notifications = 0;      // every time listeners were told about the entity
 };

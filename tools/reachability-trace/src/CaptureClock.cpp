@@ -6,8 +6,8 @@
 namespace veranda::reachabilityCache::trace {
 namespace {
 
-constexpr Micros kMicrosPerDay = Micros{86400} * 1000000;
-constexpr Micros kHalfYear = 182 * kMicrosPerDay;
+constexpr Micros MICROS_PER_DAY = Micros{86400} * 1000000;
+constexpr Micros HALF_YEAR = 182 * MICROS_PER_DAY;
 
 // Days since 1970-01-01 of a civil date (proleptic Gregorian).
 int64_t daysFromCivil(int64_t year, int64_t month, int64_t day) {
@@ -39,14 +39,14 @@ Civil civilFromDays(int64_t days) {
 }
 
 Micros onLine(int year, const ClockReading& reading) {
-  return daysFromCivil(year, reading.month, reading.day) * kMicrosPerDay + reading.microsOfDay;
+  return daysFromCivil(year, reading.month, reading.day) * MICROS_PER_DAY + reading.microsOfDay;
 }
 
 }  // namespace
 
 Micros CaptureClock::toMicros(const std::optional<ClockReading>& reading) {
   if (!reading) {
-    return kNoTime;
+    return NO_TIME;
   }
   if (reading->microsOfDay % 1000000 != 0) {
     resolution_ = std::min<Micros>(resolution_, reading->microsOfDay % 1000 != 0 ? 1 : 1000);
@@ -58,7 +58,7 @@ Micros CaptureClock::toMicros(const std::optional<ClockReading>& reading) {
     at = onLine(year_, *reading);
   } else {
     at = onLine(year_, *reading);
-    if (last_ != kNoTime && at < last_ - kHalfYear) {
+    if (last_ != NO_TIME && at < last_ - HALF_YEAR) {
       ++year_;
       at = onLine(year_, *reading);
     }
@@ -68,11 +68,11 @@ Micros CaptureClock::toMicros(const std::optional<ClockReading>& reading) {
 }
 
 std::string CaptureClock::format(Micros at) const {
-  if (at == kNoTime) {
+  if (at == NO_TIME) {
     return "";
   }
-  const int64_t days = at >= 0 ? at / kMicrosPerDay : (at - kMicrosPerDay + 1) / kMicrosPerDay;
-  const Micros ofDay = at - days * kMicrosPerDay;
+  const int64_t days = at >= 0 ? at / MICROS_PER_DAY : (at - MICROS_PER_DAY + 1) / MICROS_PER_DAY;
+  const Micros ofDay = at - days * MICROS_PER_DAY;
   const Civil date = civilFromDays(days);
   const auto seconds = static_cast<long long>(ofDay / 1000000);
   char text[48];

@@ -11,10 +11,10 @@
 
 namespace veranda::reachabilityCache::trace {
 
-// Microseconds on the capture's time line; kNoTime where the format has no
+// Microseconds on the capture's time line; NO_TIME where the format has no
 // clock.
 using Micros = int64_t;
-inline constexpr Micros kNoTime = std::numeric_limits<Micros>::min();
+inline constexpr Micros NO_TIME = std::numeric_limits<Micros>::min();
 
 class CaptureClock {
  public:
@@ -34,7 +34,7 @@ class CaptureClock {
  private:
   int year_ = 2000;  // a leap year, so that a yearless 02-29 is a date
   bool sawYear_ = false;
-  Micros last_ = kNoTime;
+  Micros last_ = NO_TIME;
   Micros resolution_ = 1000000;
 };
 

@@ -261,18 +261,18 @@ std::optional<CaptureLine> parseCaptureLine(std::string_view text) {
     line.clock = clock;
     const std::size_t afterClock = in.position();
     if (readSlashHeader(in, line)) {
-      line.format = LineFormat::kTime;
+      line.format = LineFormat::TIME;
       return line;
     }
     in.moveTo(afterClock);
-    line.format = LineFormat::kThreadtime;
+    line.format = LineFormat::THREADTIME;
     return readThreadtimeRest(in, line) ? std::optional<CaptureLine>(line) : std::nullopt;
   }
   if (in.peek(1) == '/') {
-    line.format = LineFormat::kBrief;
+    line.format = LineFormat::BRIEF;
     return readSlashHeader(in, line) ? std::optional<CaptureLine>(line) : std::nullopt;
   }
-  line.format = LineFormat::kHost;
+  line.format = LineFormat::HOST;
   return readHostLine(in, line) ? std::optional<CaptureLine>(line) : std::nullopt;
 }
 

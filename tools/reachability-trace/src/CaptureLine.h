@@ -9,7 +9,7 @@
 
 namespace veranda::reachabilityCache::trace {
 
-enum class LineFormat { kThreadtime, kTime, kBrief, kHost };
+enum class LineFormat { THREADTIME, TIME, BRIEF, HOST };
 
 // A wall-clock reading as the header gives it. The year is 0 when the
 // header has none.
@@ -21,7 +21,7 @@ struct ClockReading {
 };
 
 struct CaptureLine {
-  LineFormat format = LineFormat::kThreadtime;
+  LineFormat format = LineFormat::THREADTIME;
   std::optional<ClockReading> clock;  // none in the brief format
   std::optional<int> pid;             // none where the format has none
   std::optional<int> tid;

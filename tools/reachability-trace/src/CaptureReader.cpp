@@ -10,9 +10,9 @@
 namespace veranda::reachabilityCache::trace {
 namespace {
 
-constexpr std::size_t kBlockBytes = std::size_t{4} << 20;
-constexpr std::string_view kNeedle = "ReachabilityCache";
-constexpr std::string_view kSectionStart = "\n------ ";
+constexpr std::size_t BLOCK_BYTES = std::size_t{4} << 20;
+constexpr std::string_view NEEDLE = "ReachabilityCache";
+constexpr std::string_view SECTION_START = "\n------ ";
 
 const char* find(const char* from, const char* to, std::string_view needle) {
   if (from >= to) {
@@ -81,7 +81,7 @@ class Scanner {
 
   const char* nextNeedle(const char* at, const char* end) {
     if (nextNeedle_ == nullptr || nextNeedle_ < at) {
-      nextNeedle_ = find(at, end, kNeedle);
+      nextNeedle_ = find(at, end, NEEDLE);
       if (nextNeedle_ == nullptr) {
         nextNeedle_ = end;  // none in this buffer
       }
@@ -94,7 +94,7 @@ class Scanner {
     // is found by its preceding line feed.
     const char* from = at - 1;
     if (nextSection_ == nullptr || nextSection_ < from) {
-      nextSection_ = find(from, end, kSectionStart);
+      nextSection_ = find(from, end, SECTION_START);
       if (nextSection_ == nullptr) {
         nextSection_ = end;
       }
@@ -123,17 +123,17 @@ ReadResult readCapture(int fd, const std::string& name, LineSink& sink) {
   Scanner scanner(sink);
   // The buffer holds one guard byte before the data, so that a search that
   // starts one byte early never leaves it; the guard is a line feed.
-  std::vector<char> buffer(kBlockBytes + 1);
+  std::vector<char> buffer(BLOCK_BYTES + 1);
   buffer[0] = '\n';
   char* const data = buffer.data() + 1;
   std::size_t kept = 0;  // bytes of an unfinished line carried over
   bool first = true;     // only the first block is searched for binary data
   for (;;) {
-    if (kept == kBlockBytes) {  // one line longer than a block: hand on its first part
+    if (kept == BLOCK_BYTES) {  // one line longer than a block: hand on its first part
       scanner.scan(data, data + kept);
       kept = 0;
     }
-    const ssize_t got = ::read(fd, data + kept, kBlockBytes - kept);
+    const ssize_t got = ::read(fd, data + kept, BLOCK_BYTES - kept);
     if (got < 0) {
       if (errno == EINTR) {
         continue;

@@ -76,24 +76,24 @@ std::optional<LibraryLine> parseLibraryLine(std::string_view text) {
 }
 
 std::optional<SummaryEntry> parseSummaryEntry(std::string_view line) {
-  constexpr std::string_view kIndent = "    ";
-  constexpr std::string_view kEntity = " (entityId=";
-  constexpr std::string_view kAdapter = ", adapter=";
-  if (line.substr(0, kIndent.size()) != kIndent) {
+  constexpr std::string_view INDENT = "    ";
+  constexpr std::string_view ENTITY = " (entityId=";
+  constexpr std::string_view ADAPTER = ", adapter=";
+  if (line.substr(0, INDENT.size()) != INDENT) {
     return std::nullopt;
   }
-  line.remove_prefix(kIndent.size());
-  const std::size_t entity = line.find(kEntity);
+  line.remove_prefix(INDENT.size());
+  const std::size_t entity = line.find(ENTITY);
   const std::size_t status = line.rfind("): ");
   if (entity == std::string_view::npos || status == std::string_view::npos || status < entity) {
     return std::nullopt;
   }
   SummaryEntry entry;
   entry.endpointId = line.substr(0, entity);
-  std::string_view ids = line.substr(entity + kEntity.size(), status - entity - kEntity.size());
-  const std::size_t adapter = ids.rfind(kAdapter);
+  std::string_view ids = line.substr(entity + ENTITY.size(), status - entity - ENTITY.size());
+  const std::size_t adapter = ids.rfind(ADAPTER);
   if (adapter != std::string_view::npos) {
-    entry.adapterName = ids.substr(adapter + kAdapter.size());
+    entry.adapterName = ids.substr(adapter + ADAPTER.size());
     ids = ids.substr(0, adapter);
   }
   entry.entityId = ids;

@@ -5,12 +5,12 @@
 namespace veranda::reachabilityCache::trace {
 namespace {
 
-constexpr std::string_view kMetricTag = "Veranda-Metric";
-constexpr std::string_view kCacheMetric = "metricName=ReachabilityCache.";
+constexpr std::string_view METRIC_TAG = "Veranda-Metric";
+constexpr std::string_view CACHE_METRIC = "metricName=ReachabilityCache.";
 
 bool isWanted(const CaptureLine& line) {
   return isLibraryTag(line.tag) ||
-         (line.tag == kMetricTag && line.text.find(kCacheMetric) != std::string_view::npos);
+         (line.tag == METRIC_TAG && line.text.find(CACHE_METRIC) != std::string_view::npos);
 }
 
 bool sameClock(const std::optional<ClockReading>& a, const std::optional<ClockReading>& b) {
@@ -32,13 +32,13 @@ bool isLibraryTag(std::string_view tag) {
 MessageAssembler::MessageAssembler(Handler handler) : handler_(std::move(handler)) {}
 
 bool MessageAssembler::wantsNextLine() const {
-  return open_ && current_.format == LineFormat::kHost;
+  return open_ && current_.format == LineFormat::HOST;
 }
 
 // A following line of the open message: in logcat's forms the same header
 // again, with text that does not start a new message of the library.
 bool MessageAssembler::continues(const CaptureLine& line) const {
-  return open_ && line.format == current_.format && line.format != LineFormat::kHost &&
+  return open_ && line.format == current_.format && line.format != LineFormat::HOST &&
          line.pid == current_.pid && line.tid == current_.tid &&
          line.priority == current_.priority && line.tag == current_.tag &&
          sameClock(line.clock, current_.clock) && (line.text.empty() || line.text[0] != '[');

@@ -15,10 +15,10 @@
 namespace veranda::reachabilityCache::trace {
 
 // The platform keeps at most this many bytes of a message.
-inline constexpr std::size_t kMaxMessageBytes = 1023;
+inline constexpr std::size_t MAX_MESSAGE_BYTES = 1023;
 
 struct LogMessage {
-  LineFormat format = LineFormat::kThreadtime;
+  LineFormat format = LineFormat::THREADTIME;
   std::optional<ClockReading> clock;
   std::optional<int> pid;
   std::optional<int> tid;

@@ -7,8 +7,8 @@
 namespace veranda::reachabilityCache::trace {
 namespace {
 
-constexpr std::string_view kPeriodicPrefix = "periodic_";
-constexpr std::string_view kMetricPrefix = "metricName=ReachabilityCache.";
+constexpr std::string_view PERIODIC_PREFIX = "periodic_";
+constexpr std::string_view METRIC_PREFIX = "metricName=ReachabilityCache.";
 
 // The whole of `text` as an integer of type T; nothing when it is missing,
 // empty, or not entirely such a number.
@@ -70,8 +70,8 @@ bool TraceBuilder::inStory(std::string_view entityId) const {
 
 void TraceBuilder::add(const LogMessage& message) {
   const Micros at = trace_.clock.toMicros(message.clock);
-  trace_.hasTime = trace_.hasTime || at != kNoTime;
-  const std::size_t metric = message.text.find(kMetricPrefix);
+  trace_.hasTime = trace_.hasTime || at != NO_TIME;
+  const std::size_t metric = message.text.find(METRIC_PREFIX);
   const std::optional<LibraryLine> line =
       metric == std::string::npos ? parseLibraryLine(message.text) : std::nullopt;
   if (metric == std::string::npos && !line) {
@@ -83,13 +83,13 @@ void TraceBuilder::add(const LogMessage& message) {
     return;  // the checker is made before its cache and says nothing about it
   }
   CacheRecord& cache = cacheFor(message, line.value_or(LibraryLine{}), at);
-  if (at != kNoTime) {
-    cache.firstSeen = cache.firstSeen == kNoTime ? at : cache.firstSeen;
+  if (at != NO_TIME) {
+    cache.firstSeen = cache.firstSeen == NO_TIME ? at : cache.firstSeen;
     cache.lastSeen = std::max(cache.lastSeen, at);
   }
   if (metric != std::string::npos) {
-    constexpr std::size_t kKeyLength = std::string_view("metricName=").size();
-    const std::string_view name = std::string_view(message.text).substr(metric + kKeyLength);
+    constexpr std::size_t KEY_LENGTH = std::string_view("metricName=").size();
+    const std::string_view name = std::string_view(message.text).substr(metric + KEY_LENGTH);
     ++cache.metrics[std::string(name.substr(0, name.find(' ')))];
     return;
   }
@@ -151,20 +151,20 @@ void TraceBuilder::hold(std::string_view entityId, std::string_view endpointId,
     const auto found = endpoints.find(std::string(endpointId));
     const Pending::Before before{
         *thread, found != endpoints.end(),
-        found != endpoints.end() ? found->second : EndpointState::kUnreachable};
+        found != endpoints.end() ? found->second : EndpointState::UNREACHABLE};
     const auto key = std::make_pair(std::string(entityId), std::string(endpointId));
     const auto known = state_->before.find(key);
     if (known == state_->before.end() || known->second.thread != *thread) {
       state_->before[key] = before;
     }
   }
-  if (state == EndpointState::kUnreachable && endpoints.count(std::string(endpointId)) == 0) {
+  if (state == EndpointState::UNREACHABLE && endpoints.count(std::string(endpointId)) == 0) {
     // nothing was inserted: an unreachable result leaves the store alone
   } else if (state) {
     // An event's reachable result merges no capabilities: it keeps what the
     // endpoint had.
     EndpointState& held = endpoints.try_emplace(std::string(endpointId), *state).first->second;
-    held = *state == EndpointState::kUnconfirmed ? std::max(held, *state) : *state;
+    held = *state == EndpointState::UNCONFIRMED ? std::max(held, *state) : *state;
   } else {
     endpoints.erase(std::string(endpointId));
   }
@@ -178,14 +178,14 @@ void TraceBuilder::forgetEntity(std::string_view entityId, Micros at) {
 }
 
 void TraceBuilder::noteAnswer(std::string_view entityId, Micros at) {
-  Answer answer = Answer::kAbsent;
+  Answer answer = Answer::ABSENT;
   const auto held = state_->held.find(std::string(entityId));
   if (state_->uncertain.count(std::string(entityId)) > 0) {
-    answer = Answer::kUnknown;
+    answer = Answer::UNKNOWN;
   } else if (held != state_->held.end() && !held->second.empty()) {
-    answer = Answer::kUnreachable;
+    answer = Answer::UNREACHABLE;
     for (const auto& endpoint : held->second) {
-      answer = endpoint.second == EndpointState::kConfirmed ? Answer::kReachable : answer;
+      answer = endpoint.second == EndpointState::CONFIRMED ? Answer::REACHABLE : answer;
     }
   }
   EntityRecord& record = entity(entityId);
@@ -193,7 +193,7 @@ void TraceBuilder::noteAnswer(std::string_view entityId, Micros at) {
   if (!answers.empty() && answers.back().message == trace_.messages) {
     answers.pop_back();  // one message tells one answer: its last
   }
-  const Answer last = answers.empty() ? Answer::kAbsent : answers.back().answer;
+  const Answer last = answers.empty() ? Answer::ABSENT : answers.back().answer;
   if (answer != last) {
     answers.push_back({at, answer, trace_.messages});
   }
@@ -257,13 +257,13 @@ void TraceBuilder::observe(const LibraryLine& line, Micros at) {
   std::map<std::string, EndpointState>& endpoints = state_->held[id];
   bool modelled = false;
   for (const auto& endpoint : endpoints) {
-    modelled = modelled || endpoint.second == EndpointState::kConfirmed;
+    modelled = modelled || endpoint.second == EndpointState::CONFIRMED;
   }
   if (reachable && !modelled) {
-    endpoints[""] = EndpointState::kConfirmed;  // an endpoint the capture never named
+    endpoints[""] = EndpointState::CONFIRMED;  // an endpoint the capture never named
   } else if (!reachable && modelled) {
     for (auto& endpoint : endpoints) {
-      endpoint.second = std::min(endpoint.second, EndpointState::kUnconfirmed);
+      endpoint.second = std::min(endpoint.second, EndpointState::UNCONFIRMED);
     }
   }
   noteAnswer(entityId, at);
@@ -271,7 +271,7 @@ void TraceBuilder::observe(const LibraryLine& line, Micros at) {
 
 void TraceBuilder::correct(std::string_view entityId, std::string_view endpointId,
                            bool reachableBefore, int thread, Micros at) {
-  static const std::string kUnnamed;  // no endpoint id is empty
+  static const std::string UNNAMED;  // no endpoint id is empty
   std::map<std::string, EndpointState>& endpoints = state_->held[std::string(entityId)];
   // What the held endpoints said before this result's own lines.
   const auto before = state_->before.find({std::string(entityId), std::string(endpointId)});
@@ -279,16 +279,16 @@ void TraceBuilder::correct(std::string_view entityId, std::string_view endpointI
   bool reachable = false;
   for (const auto& endpoint : endpoints) {
     const bool own = useBefore && endpoint.first == endpointId;
-    reachable = reachable || (!own && endpoint.second == EndpointState::kConfirmed);
+    reachable = reachable || (!own && endpoint.second == EndpointState::CONFIRMED);
   }
   if (useBefore && before->second.held) {
-    reachable = reachable || before->second.state == EndpointState::kConfirmed;
+    reachable = reachable || before->second.state == EndpointState::CONFIRMED;
   }
   if (reachableBefore && !reachable) {
-    endpoints[kUnnamed] = EndpointState::kConfirmed;
+    endpoints[UNNAMED] = EndpointState::CONFIRMED;
   } else if (!reachableBefore && reachable) {
     for (auto& endpoint : endpoints) {
-      endpoint.second = std::min(endpoint.second, EndpointState::kUnconfirmed);
+      endpoint.second = std::min(endpoint.second, EndpointState::UNCONFIRMED);
     }
   }
   noteAnswer(entityId, at);
@@ -320,9 +320,9 @@ void TraceBuilder::store(const LibraryLine& line, Micros at, const LogMessage& m
   } else if (label == "insertEndpoint") {
     const std::optional<std::string_view> reason = line.get("reason");
     if (reason == "cacheFull") {
-      problem(kCacheFull, at);
+      problem(CACHE_FULL, at);
     } else if (reason) {
-      problem(kInsertFailed, at);
+      problem(INSERT_FAILED, at);
     }
     const std::optional<std::string_view> entityId = line.get("entityId");
     const std::optional<std::string_view> endpointId = line.get("endpointId");
@@ -330,7 +330,7 @@ void TraceBuilder::store(const LibraryLine& line, Micros at, const LogMessage& m
       entity(*entityId).endpoints.emplace(*endpointId);
       if (line.has("action", "newEntity") || line.has("action", "appended")) {
         // a check's answer or the host's record: with capabilities
-        hold(*entityId, *endpointId, EndpointState::kConfirmed, at, threadKey(message));
+        hold(*entityId, *endpointId, EndpointState::CONFIRMED, at, threadKey(message));
       }
     }
   } else if (label == "removeEndpoint" && (line.has("action", "removedEndpointAndEntity") ||
@@ -348,7 +348,7 @@ void TraceBuilder::store(const LibraryLine& line, Micros at, const LogMessage& m
     }
   } else if (label == "clearEndpointCapabilities" && line.has("action", "clearedCapabilities")) {
     hold(line.get("entityId").value_or(""), line.get("endpointId").value_or(""),
-         EndpointState::kUnreachable, at, threadKey(message));
+         EndpointState::UNREACHABLE, at, threadKey(message));
   } else if (label == "isEntityReachable") {
     observe(line, at);
   } else if (label == "notifyReachabilityListeners") {
@@ -361,7 +361,7 @@ void TraceBuilder::updater(const LibraryLine& line, Micros at, const LogMessage&
   const std::optional<std::string_view> reason = line.get("reason");
   if (label == "startPeriodicUpdates") {
     if (state_->periodicRunning) {
-      problem(kDuplicateChain, at);
+      problem(DUPLICATE_CHAIN, at);
     }
     state_->periodicRunning = true;
     cache_->intervalSeconds = signedNumber(line.get("intervalSeconds"));
@@ -370,28 +370,28 @@ void TraceBuilder::updater(const LibraryLine& line, Micros at, const LogMessage&
     state_->periodicRunning = false;
   } else if (label == "performPeriodicUpdate") {
     if (reason == "chrProviderNull") {
-      problem(kProviderNull, at);
+      problem(PROVIDER_NULL, at);
     } else if (reason == "chrQueryReturnedEmpty") {
-      problem(kProviderEmpty, at);
+      problem(PROVIDER_EMPTY, at);
       CheckRecord empty;
       empty.start = at;
       empty.endpointCount = 0;
       empty.providerEmpty = true;
       cache_->cycles.push_back(empty);
     } else if (reason == "checkStartFailed") {
-      problem(kCheckStartFailed, at);
+      problem(CHECK_START_FAILED, at);
       check(line.get("requestId").value_or(""), at).startFailed = true;
     } else if (const auto count = number(line.get("endpointCount"))) {
       state_->nextEndpointCount = count;
     }
   } else if (label.empty() && reason == "checkStartFailed") {  // a manual trigger's task
-    problem(kCheckStartFailed, at);
+    problem(CHECK_START_FAILED, at);
     check(line.get("requestId").value_or(""), at).startFailed = true;
   } else if (label == "processReachabilityResults") {
     summary(line, at, message);
   } else if (label == "enableProactiveUpdates") {
     if (reason == "registrationFailed") {
-      problem(kSubscriptionFailed, at);
+      problem(SUBSCRIPTION_FAILED, at);
     } else if (const auto id = line.get("callbackId")) {
       cache_->callbackId = std::string(*id);
     }
@@ -435,7 +435,7 @@ CheckRecord& TraceBuilder::check(std::string_view requestId, Micros at) {
   const std::string id(requestId);
   auto found = state_->checks.find(id);
   if (found == state_->checks.end()) {
-    const bool periodic = requestId.substr(0, kPeriodicPrefix.size()) == kPeriodicPrefix;
+    const bool periodic = requestId.substr(0, PERIODIC_PREFIX.size()) == PERIODIC_PREFIX;
     std::vector<CheckRecord>& list = periodic ? cache_->cycles : cache_->manualChecks;
     CheckRecord record;
     record.requestId = id;
@@ -490,8 +490,8 @@ void TraceBuilder::notification(const LibraryLine& line, Micros at, const LogMes
   correct(*entityId, *endpointId, *reachable != "true", threadKey(message), at);
   record.changes.push_back(std::move(change));
   hold(*entityId, *endpointId,
-       *reachable != "true" ? EndpointState::kUnreachable
-                            : (confirmed ? EndpointState::kConfirmed : EndpointState::kUnconfirmed),
+       *reachable != "true" ? EndpointState::UNREACHABLE
+                            : (confirmed ? EndpointState::CONFIRMED : EndpointState::UNCONFIRMED),
        at, threadKey(message));
   state_->notes[threadKey(message)].push_back({std::string(*endpointId), std::string(*entityId),
                                                *reachable == "true", record.changes.size() - 1});
@@ -500,7 +500,7 @@ void TraceBuilder::notification(const LibraryLine& line, Micros at, const LogMes
 void TraceBuilder::summary(const LibraryLine& line, Micros at, const LogMessage& message) {
   const std::optional<uint64_t> changed = number(line.get("changed"));
   const std::string_view details = line.get("details").value_or("");
-  const bool cut = message.text.size() >= kMaxMessageBytes;
+  const bool cut = message.text.size() >= MAX_MESSAGE_BYTES;
   std::vector<std::string_view> entryLines;
   for (std::size_t from = details.find('\n'); from != std::string_view::npos;) {
     const std::size_t to = details.find('\n', from + 1);
@@ -510,7 +510,7 @@ void TraceBuilder::summary(const LibraryLine& line, Micros at, const LogMessage&
   }
   if (cut && !entryLines.empty()) {
     entryLines.pop_back();  // the platform cut it somewhere: it may read as something else
-    problem(kSummaryCut, at);
+    problem(SUMMARY_CUT, at);
   }
   std::vector<std::pair<SummaryEntry, std::string_view>> entries;  // with its line
   for (std::string_view text : entryLines) {
@@ -553,7 +553,7 @@ void TraceBuilder::summary(const LibraryLine& line, Micros at, const LogMessage&
     after.erase({std::string(entry.entityId), std::string(entry.endpointId)});
     if (entry.entityId.empty()) {
       if (answered == nullptr) {
-        problem(kUnknownEndpoint, at);
+        problem(UNKNOWN_ENDPOINT, at);
       }
       continue;
     }
@@ -567,9 +567,9 @@ void TraceBuilder::summary(const LibraryLine& line, Micros at, const LogMessage&
       correct(entry.entityId, entry.endpointId, entry.reachable != entry.changed, thread, at);
       // An event's result carries no adapter and no capabilities.
       hold(entry.entityId, entry.endpointId,
-           !entry.reachable            ? EndpointState::kUnreachable
-           : entry.adapterName.empty() ? EndpointState::kUnconfirmed
-                                       : EndpointState::kConfirmed,
+           !entry.reachable            ? EndpointState::UNREACHABLE
+           : entry.adapterName.empty() ? EndpointState::UNCONFIRMED
+                                       : EndpointState::CONFIRMED,
            at);
     }
     if (!entry.changed) {
@@ -636,7 +636,7 @@ void TraceBuilder::checkRhythm(CacheRecord& cache) {
   for (std::size_t i = 1; i < cache.cycles.size(); ++i) {
     const Micros from = cache.cycles[i - 1].start;
     const Micros to = cache.cycles[i].start;
-    if (from != kNoTime && to != kNoTime) {
+    if (from != NO_TIME && to != NO_TIME) {
       gaps.emplace_back(to - from, to);
     }
   }
@@ -652,15 +652,15 @@ void TraceBuilder::checkRhythm(CacheRecord& cache) {
                    sorted.end());
   const Micros median = sorted[sorted.size() / 2];
   const bool twoChains = gaps.size() >= 3 && median + tolerance < interval * 3 / 4;
-  if (twoChains && cache.problems.count(kDuplicateChain) == 0) {
-    problem(kDuplicateChain, gaps.front().second);
+  if (twoChains && cache.problems.count(DUPLICATE_CHAIN) == 0) {
+    problem(DUPLICATE_CHAIN, gaps.front().second);
   }
-  if (twoChains || cache.problems.count(kDuplicateChain) > 0) {
+  if (twoChains || cache.problems.count(DUPLICATE_CHAIN) > 0) {
     return;  // the gaps of two chains say nothing about drift
   }
   for (const auto& [gap, atTime] : gaps) {
     if (gap > interval + tolerance || gap < interval - tolerance) {
-      problem(kIntervalDrift, atTime);
+      problem(INTERVAL_DRIFT, atTime);
     }
   }
 }

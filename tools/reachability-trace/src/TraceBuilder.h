@@ -34,7 +34,7 @@ class TraceBuilder {
   // What the builder needs besides the record while a cache's lines come in.
   // An endpoint as the cache holds it: unreachable, reachable by an event
   // only (no capabilities yet), or reachable by a check or the host.
-  enum class EndpointState { kUnreachable, kUnconfirmed, kConfirmed };
+  enum class EndpointState { UNREACHABLE, UNCONFIRMED, CONFIRMED };
 
   struct Pending {
     bool periodicRunning = false;

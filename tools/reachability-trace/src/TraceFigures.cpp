@@ -14,9 +14,9 @@ double percentile(const std::vector<double>& sorted, double fraction) {
 
 std::vector<EntitySpan> entitySpans(const EntityRecord& entity, Micros start, Micros end) {
   std::vector<EntitySpan> spans;
-  EntitySpan current{start, start, Answer::kAbsent};
+  EntitySpan current{start, start, Answer::ABSENT};
   for (const AnswerRecord& answer : entity.answers) {
-    if (answer.at == kNoTime) {
+    if (answer.at == NO_TIME) {
       continue;
     }
     current.to = std::max(answer.at, current.from);
@@ -35,12 +35,12 @@ EntityFigures entityFigures(const EntityRecord& entity, Micros cacheEnd) {
   figures.changes = entity.changes.size();
   for (const AnswerRecord& answer : entity.answers) {
     figures.flaps +=
-        figures.last == Answer::kReachable && answer.answer == Answer::kUnreachable ? 1 : 0;
+        figures.last == Answer::REACHABLE && answer.answer == Answer::UNREACHABLE ? 1 : 0;
     figures.last = answer.answer;
   }
-  if (!entity.answers.empty() && entity.answers.front().at != kNoTime && cacheEnd != kNoTime) {
+  if (!entity.answers.empty() && entity.answers.front().at != NO_TIME && cacheEnd != NO_TIME) {
     for (const EntitySpan& span : entitySpans(entity, entity.answers.front().at, cacheEnd)) {
-      if (span.answer == Answer::kUnreachable) {
+      if (span.answer == Answer::UNREACHABLE) {
         figures.unreachableSeconds += static_cast<double>(span.to - span.from) / 1e6;
       }
     }
@@ -52,7 +52,7 @@ std::vector<double> answerLatenciesMs(const CacheRecord& cache) {
   std::vector<double> latencies;
   for (const std::vector<CheckRecord>* list : {&cache.cycles, &cache.manualChecks}) {
     for (const CheckRecord& check : *list) {
-      if (check.answered && check.answeredAt != kNoTime && check.start != kNoTime) {
+      if (check.answered && check.answeredAt != NO_TIME && check.start != NO_TIME) {
         latencies.push_back(static_cast<double>(check.answeredAt - check.start) / 1000);
       }
     }
@@ -64,7 +64,7 @@ std::vector<double> answerLatenciesMs(const CacheRecord& cache) {
 std::vector<double> cycleGapsSeconds(const CacheRecord& cache) {
   std::vector<double> gaps;
   for (std::size_t i = 1; i < cache.cycles.size(); ++i) {
-    if (cache.cycles[i].start != kNoTime && cache.cycles[i - 1].start != kNoTime) {
+    if (cache.cycles[i].start != NO_TIME && cache.cycles[i - 1].start != NO_TIME) {
       gaps.push_back(static_cast<double>(cache.cycles[i].start - cache.cycles[i - 1].start) / 1e6);
     }
   }

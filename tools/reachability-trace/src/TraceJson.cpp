@@ -9,7 +9,7 @@ namespace {
 using nlohmann::json;
 
 json time(const Trace& trace, Micros at) {
-  return at == kNoTime ? json(nullptr) : json(trace.clock.format(at));
+  return at == NO_TIME ? json(nullptr) : json(trace.clock.format(at));
 }
 
 template <typename T>
@@ -19,13 +19,13 @@ json optional(const std::optional<T>& value) {
 
 const char* answerText(Answer answer) {
   switch (answer) {
-    case Answer::kReachable:
+    case Answer::REACHABLE:
       return "reachable";
-    case Answer::kUnreachable:
+    case Answer::UNREACHABLE:
       return "unreachable";
-    case Answer::kUnknown:
+    case Answer::UNKNOWN:
       return "unknown";
-    case Answer::kAbsent:
+    case Answer::ABSENT:
       break;
   }
   return "notCached";
@@ -41,7 +41,7 @@ json checkJson(const Trace& trace, const CheckRecord& check) {
                  {"reachable", nullptr},
                  {"unreachable", nullptr},
                  {"changed", nullptr}};
-  if (check.answered && check.answeredAt != kNoTime && check.start != kNoTime) {
+  if (check.answered && check.answeredAt != NO_TIME && check.start != NO_TIME) {
     result["answerMs"] = static_cast<double>(check.answeredAt - check.start) / 1000;
   }
   if (check.summarised) {
@@ -73,9 +73,9 @@ json entityJson(const Trace& trace, const EntityRecord& entity, Micros cacheEnd)
   const EntityFigures figures = entityFigures(entity, cacheEnd);
   return {{"changes", std::move(changes)},
           {"flaps", figures.flaps},
-          {"lastReachable", figures.last == Answer::kReachable     ? json(true)
-                            : figures.last == Answer::kUnreachable ? json(false)
-                                                                   : json(nullptr)},
+          {"lastReachable", figures.last == Answer::REACHABLE     ? json(true)
+                            : figures.last == Answer::UNREACHABLE ? json(false)
+                                                                  : json(nullptr)},
           {"lastAnswer", answerText(figures.last)},
           {"answers", std::move(answers)},
           {"unreachableSeconds", trace.hasTime ? json(figures.unreachableSeconds) : json(nullptr)},

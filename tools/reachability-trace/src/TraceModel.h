@@ -15,27 +15,27 @@
 namespace veranda::reachabilityCache::trace {
 
 // Kinds of problem, as the JSON output names them.
-inline constexpr const char* kCacheFull = "cacheFull";
-inline constexpr const char* kInsertFailed = "insertFailed";
-inline constexpr const char* kCheckStartFailed = "checkStartFailed";
-inline constexpr const char* kSubscriptionFailed = "subscriptionFailed";
-inline constexpr const char* kProviderNull = "chrProviderNull";
-inline constexpr const char* kProviderEmpty = "chrQueryReturnedEmpty";
-inline constexpr const char* kDuplicateChain = "duplicatePeriodicChain";
-inline constexpr const char* kUnknownEndpoint = "unknownEndpointEvent";
-inline constexpr const char* kIntervalDrift = "intervalDrift";
-inline constexpr const char* kSummaryCut = "summaryCut";
+inline constexpr const char* CACHE_FULL = "cacheFull";
+inline constexpr const char* INSERT_FAILED = "insertFailed";
+inline constexpr const char* CHECK_START_FAILED = "checkStartFailed";
+inline constexpr const char* SUBSCRIPTION_FAILED = "subscriptionFailed";
+inline constexpr const char* PROVIDER_NULL = "chrProviderNull";
+inline constexpr const char* PROVIDER_EMPTY = "chrQueryReturnedEmpty";
+inline constexpr const char* DUPLICATE_CHAIN = "duplicatePeriodicChain";
+inline constexpr const char* UNKNOWN_ENDPOINT = "unknownEndpointEvent";
+inline constexpr const char* INTERVAL_DRIFT = "intervalDrift";
+inline constexpr const char* SUMMARY_CUT = "summaryCut";
 
 // One reachability check: a periodic cycle or a manual trigger.
 struct CheckRecord {
   std::string requestId;  // empty for a cycle whose provider answered nothing
-  Micros start = kNoTime;
+  Micros start = NO_TIME;
   std::optional<uint64_t> endpointCount;
   bool started = false;        // the driver took the request
   bool startFailed = false;    // checkStartFailed
   bool providerEmpty = false;  // the provider named no endpoint: nothing to check
   bool answered = false;
-  Micros answeredAt = kNoTime;
+  Micros answeredAt = NO_TIME;
   std::optional<uint64_t> resultCount;
   bool summarised = false;  // its result summary was found
   uint64_t reachable = 0;
@@ -46,7 +46,7 @@ struct CheckRecord {
 
 // A change told to listeners.
 struct ChangeRecord {
-  Micros at = kNoTime;
+  Micros at = NO_TIME;
   std::string endpointId;
   std::string adapterName;  // where a summary names it
   bool reachable = false;
@@ -58,11 +58,11 @@ struct ChangeRecord {
 // answer or the host's own record; an event alone does not make it so. Where
 // a cut summary lost an entity's entry and no notification line tells, its
 // answer is unknown until the next line about it.
-enum class Answer { kAbsent, kReachable, kUnreachable, kUnknown };
+enum class Answer { ABSENT, REACHABLE, UNREACHABLE, UNKNOWN };
 
 struct AnswerRecord {
-  Micros at = kNoTime;
-  Answer answer = Answer::kAbsent;
+  Micros at = NO_TIME;
+  Answer answer = Answer::ABSENT;
   uint64_t message = 0;  // the number of the message that told it
 };
 
@@ -76,17 +76,17 @@ struct EntityRecord {
 
 struct ProblemRecord {
   uint64_t count = 0;
-  Micros first = kNoTime;
+  Micros first = NO_TIME;
 };
 
 struct CacheRecord {
   std::optional<int> pid;
-  Micros firstSeen = kNoTime;
-  Micros lastSeen = kNoTime;
+  Micros firstSeen = NO_TIME;
+  Micros lastSeen = NO_TIME;
   bool creationSeen = false;
-  Micros created = kNoTime;
+  Micros created = NO_TIME;
   bool destructionSeen = false;
-  Micros destroyed = kNoTime;
+  Micros destroyed = NO_TIME;
   std::optional<uint64_t> maxCacheSize;
   std::optional<uint64_t> storeCapacity;
   std::optional<bool> periodicUpdates;

@@ -7,7 +7,7 @@
 namespace veranda::reachabilityCache::trace {
 namespace {
 
-const char* const kDescription =
+const char* const DESCRIPTION =
     "Reads a device log capture and tells what the reachability cache believed, when,\n"
     "and why: per cache its configuration and life, every periodic cycle and check,\n"
     "the changes told to listeners per entity, and its problems.\n\n"
@@ -15,7 +15,7 @@ const char* const kDescription =
     "adverbs too), a bug report, or what the host liblog writes on standard error\n"
     "(such as reachability-sim's); - reads standard input.\n";
 
-const char* const kFooter =
+const char* const FOOTER =
     "Exit status: 0 after a report; 2 for a bad option, or for a capture that cannot be\n"
     "read, is binary or empty, or holds no line of the cache (one line on standard\n"
     "error); 1 when the picture cannot be written.\n";
@@ -28,8 +28,8 @@ CLI::Validator nonEmpty() {
 }
 
 void describe(CLI::App& app, TraceOptions& options) {
-  app.description(kDescription);
-  app.footer(kFooter);
+  app.description(DESCRIPTION);
+  app.footer(FOOTER);
   app.get_formatter()->column_width(24);
   app.add_option("FILE", options.capturePath, "the capture to read (- for standard input)")
       ->required()

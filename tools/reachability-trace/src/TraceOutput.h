@@ -39,9 +39,9 @@ std::vector<double> cycleGapsSeconds(const CacheRecord& cache);
 double percentile(const std::vector<double>& sorted, double fraction);
 
 struct EntitySpan {
-  Micros from = kNoTime;
-  Micros to = kNoTime;
-  Answer answer = Answer::kAbsent;
+  Micros from = NO_TIME;
+  Micros to = NO_TIME;
+  Answer answer = Answer::ABSENT;
 };
 
 // The entity's answers as spans from `start` to `end`; absent before the
@@ -55,7 +55,7 @@ struct EntityFigures {
   std::size_t changes = 0;
   std::size_t flaps = 0;
   double unreachableSeconds = 0;
-  Answer last = Answer::kAbsent;
+  Answer last = Answer::ABSENT;
 };
 EntityFigures entityFigures(const EntityRecord& entity, Micros cacheEnd);
 

@@ -6,15 +6,15 @@ namespace {
 
 tools::SpanState spanState(Answer answer) {
   switch (answer) {
-    case Answer::kReachable:
-      return tools::SpanState::kReachable;
-    case Answer::kUnreachable:
-      return tools::SpanState::kUnreachable;
-    case Answer::kAbsent:
-    case Answer::kUnknown:
+    case Answer::REACHABLE:
+      return tools::SpanState::REACHABLE;
+    case Answer::UNREACHABLE:
+      return tools::SpanState::UNREACHABLE;
+    case Answer::ABSENT:
+    case Answer::UNKNOWN:
       break;
   }
-  return tools::SpanState::kAbsent;
+  return tools::SpanState::ABSENT;
 }
 
 int64_t msSince(Micros start, Micros at) { return (at - start) / 1000; }
@@ -41,7 +41,7 @@ tools::TimelinePicture tracePicture(const Trace& trace, std::size_t cacheIndex,
                                          : "time since its first line in the capture (s)";
   picture.durationMs = msSince(start, end);
   for (const CheckRecord& check : cache.cycles) {
-    if (check.start != kNoTime) {
+    if (check.start != NO_TIME) {
       picture.cycleTimesMs.push_back(msSince(start, check.start));
     }
   }
@@ -50,14 +50,14 @@ tools::TimelinePicture tracePicture(const Trace& trace, std::size_t cacheIndex,
     tools::TimelineRow row;
     row.label = entity.id;
     for (const EntitySpan& span : entitySpans(entity, start, end)) {
-      unknown = unknown || span.answer == Answer::kUnknown;
-      if (span.answer != Answer::kUnknown) {  // left blank: the capture does not tell
+      unknown = unknown || span.answer == Answer::UNKNOWN;
+      if (span.answer != Answer::UNKNOWN) {  // left blank: the capture does not tell
         row.spans.push_back(
             {msSince(start, span.from), msSince(start, span.to), spanState(span.answer)});
       }
     }
     for (const ChangeRecord& change : entity.changes) {
-      if (change.at != kNoTime) {
+      if (change.at != NO_TIME) {
         row.marksMs.push_back(msSince(start, change.at));
       }
     }

@@ -12,26 +12,26 @@ namespace {
 using tools::terminalPadded;
 using tools::terminalText;
 
-constexpr std::size_t kListedEntities = 25;
+constexpr std::size_t LISTED_ENTITIES = 25;
 
 const std::map<std::string, const char*>& problemTexts() {
   static const std::map<std::string, const char*> texts = {
-      {kCacheFull, "the store was full and refused a new entity"},
-      {kInsertFailed, "a record was refused (empty entity or endpoint id)"},
-      {kCheckStartFailed, "a reachability check could not be started"},
-      {kSubscriptionFailed, "the proactive subscription was refused"},
-      {kProviderNull, "no provider: periodic refresh stopped for good"},
-      {kProviderEmpty, "the provider named no endpoint"},
-      {kDuplicateChain, "a second periodic chain: cycles twice per interval"},
-      {kUnknownEndpoint, "an event for an endpoint the cache did not know"},
-      {kIntervalDrift, "a gap between cycles strayed from the interval"},
-      {kSummaryCut, "a result summary was cut by the platform (details lost)"},
+      {CACHE_FULL, "the store was full and refused a new entity"},
+      {INSERT_FAILED, "a record was refused (empty entity or endpoint id)"},
+      {CHECK_START_FAILED, "a reachability check could not be started"},
+      {SUBSCRIPTION_FAILED, "the proactive subscription was refused"},
+      {PROVIDER_NULL, "no provider: periodic refresh stopped for good"},
+      {PROVIDER_EMPTY, "the provider named no endpoint"},
+      {DUPLICATE_CHAIN, "a second periodic chain: cycles twice per interval"},
+      {UNKNOWN_ENDPOINT, "an event for an endpoint the cache did not know"},
+      {INTERVAL_DRIFT, "a gap between cycles strayed from the interval"},
+      {SUMMARY_CUT, "a result summary was cut by the platform (details lost)"},
   };
   return texts;
 }
 
 std::string when(const Trace& trace, Micros at) {
-  return at == kNoTime ? std::string(trace.hasTime ? "unknown time" : "no time in the capture")
+  return at == NO_TIME ? std::string(trace.hasTime ? "unknown time" : "no time in the capture")
                        : trace.clock.format(at);
 }
 
@@ -43,13 +43,13 @@ std::string decimal(double value, const char* unit) {
 
 const char* answerText(Answer answer) {
   switch (answer) {
-    case Answer::kReachable:
+    case Answer::REACHABLE:
       return "reachable";
-    case Answer::kUnreachable:
+    case Answer::UNREACHABLE:
       return "unreachable";
-    case Answer::kUnknown:
+    case Answer::UNKNOWN:
       return "unknown (summary cut)";
-    case Answer::kAbsent:
+    case Answer::ABSENT:
       break;
   }
   return "not cached";
@@ -134,7 +134,7 @@ void printEntities(const CacheRecord& cache, std::ostream& out) {
   });
   out << "  " << terminalPadded("entity", width)
       << "  changes  flaps  unreachable  answers at the end\n";
-  for (std::size_t i = 0; i < rows.size() && i < kListedEntities; ++i) {
+  for (std::size_t i = 0; i < rows.size() && i < LISTED_ENTITIES; ++i) {
     const EntityFigures& figures = rows[i].figures;
     char numbers[64];
     std::snprintf(numbers, sizeof(numbers), "%7zu  %5zu  %11s", figures.changes, figures.flaps,
@@ -142,8 +142,8 @@ void printEntities(const CacheRecord& cache, std::ostream& out) {
     out << "  " << terminalPadded(tools::shortened(rows[i].entity->id, 40), width) << "  "
         << numbers << "  " << answerText(figures.last) << '\n';
   }
-  if (rows.size() > kListedEntities) {
-    out << "  ... and " << rows.size() - kListedEntities
+  if (rows.size() > LISTED_ENTITIES) {
+    out << "  ... and " << rows.size() - LISTED_ENTITIES
         << " more (--json lists them all, --entity ID tells one's story)\n";
   }
 }

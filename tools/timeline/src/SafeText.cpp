@@ -60,7 +60,7 @@ bool isControl(int32_t codePoint) {
 // Code points that XML 1.0 does not allow in a document at all.
 bool isForbiddenInXml(int32_t codePoint) { return codePoint == 0xFFFE || codePoint == 0xFFFF; }
 
-const char* const kReplacement = "\xEF\xBF\xBD";  // U+FFFD
+const char* const REPLACEMENT = "\xEF\xBF\xBD";  // U+FFFD
 
 }  // namespace
 
@@ -70,7 +70,7 @@ std::string xmlText(std::string_view text) {
   for (std::size_t at = 0; at < text.size();) {
     const Character character = decode(text, at);
     if (character.codePoint < 0 || isForbiddenInXml(character.codePoint)) {
-      result += kReplacement;
+      result += REPLACEMENT;
     } else if (isControl(character.codePoint)) {
       // dropped: an id is one line of text
     } else if (character.codePoint == '&') {

@@ -10,12 +10,12 @@
 namespace veranda::reachabilityCache::tools {
 
 // What isEntityReachable answered during a span.
-enum class SpanState { kAbsent, kReachable, kUnreachable };
+enum class SpanState { ABSENT, REACHABLE, UNREACHABLE };
 
 struct StateSpan {
   int64_t fromMs = 0;  // since the start of the picture
   int64_t toMs = 0;    // exclusive
-  SpanState state = SpanState::kAbsent;
+  SpanState state = SpanState::ABSENT;
 };
 
 struct TimelineRow {

@@ -16,23 +16,23 @@
 namespace veranda::reachabilityCache::tools {
 namespace {
 
-constexpr double kPlotWidth = 900;
-constexpr double kRowHeight = 16;
-constexpr double kBarHeight = 11;
-constexpr double kBandHeight = 150;
-constexpr double kTop = 84;
-constexpr double kBottom = 56;
-constexpr double kRight = 24;
-constexpr double kCharWidth = 6.4;  // of the 11 px label font
-constexpr std::size_t kLabelChars = 30;
-constexpr int kBandBins = 300;
+constexpr double PLOT_WIDTH = 900;
+constexpr double ROW_HEIGHT = 16;
+constexpr double BAR_HEIGHT = 11;
+constexpr double BAND_HEIGHT = 150;
+constexpr double TOP = 84;
+constexpr double BOTTOM = 56;
+constexpr double RIGHT = 24;
+constexpr double CHAR_WIDTH = 6.4;  // of the 11 px label font
+constexpr std::size_t LABEL_CHARS = 30;
+constexpr int BAND_BINS = 300;
 // Closer dashed lines merge into a striped grey, so cycles nearer than this to
 // the last one drawn are left out.
-constexpr double kMinCycleGap = 4;
+constexpr double MIN_CYCLE_GAP = 4;
 
-const char* const kReachableColour = "#1f77b4";
-const char* const kUnreachableColour = "#ff7f0e";
-const char* const kAbsentColour = "#e6e6e6";
+const char* const REACHABLE_COLOUR = "#1f77b4";
+const char* const UNREACHABLE_COLOUR = "#ff7f0e";
+const char* const ABSENT_COLOUR = "#e6e6e6";
 
 std::string num(double value) {
   char text[32];
@@ -46,37 +46,37 @@ std::string tickLabel(double seconds) {
   return text;
 }
 
-std::string label(const std::string& text) { return shortened(text, kLabelChars); }
+std::string label(const std::string& text) { return shortened(text, LABEL_CHARS); }
 
 const char* colour(SpanState state) {
   switch (state) {
-    case SpanState::kReachable:
-      return kReachableColour;
-    case SpanState::kUnreachable:
-      return kUnreachableColour;
-    case SpanState::kAbsent:
+    case SpanState::REACHABLE:
+      return REACHABLE_COLOUR;
+    case SpanState::UNREACHABLE:
+      return UNREACHABLE_COLOUR;
+    case SpanState::ABSENT:
       break;
   }
-  return kAbsentColour;
+  return ABSENT_COLOUR;
 }
 
 // The state of `row` at `atMs`: that of the last span starting at or before it.
 SpanState stateAt(const TimelineRow& row, int64_t atMs) {
-  SpanState state = SpanState::kAbsent;
+  SpanState state = SpanState::ABSENT;
   for (const StateSpan& span : row.spans) {
     if (span.fromMs > atMs) {
       break;
     }
-    state = span.toMs > atMs ? span.state : SpanState::kAbsent;
+    state = span.toMs > atMs ? span.state : SpanState::ABSENT;
   }
   return state;
 }
 
 // A tick step (in seconds) that gives at most a dozen ticks.
 double tickStep(double seconds) {
-  static constexpr std::array<double, 18> kSteps = {
+  static constexpr std::array<double, 18> STEPS = {
       0.1, 0.2, 0.5, 1, 2, 5, 10, 15, 30, 60, 120, 300, 600, 1800, 3600, 7200, 21600, 43200};
-  for (double step : kSteps) {
+  for (double step : STEPS) {
     if (seconds / step <= 12) {
       return step;
     }
@@ -88,13 +88,13 @@ double tickStep(double seconds) {
 std::vector<std::size_t> chosenRows(const TimelinePicture& picture) {
   std::vector<std::size_t> rows(picture.rows.size());
   std::iota(rows.begin(), rows.end(), 0);
-  if (rows.size() <= kMaxSvgRows) {
+  if (rows.size() <= MAX_SVG_ROWS) {
     return rows;
   }
   std::stable_sort(rows.begin(), rows.end(), [&](std::size_t a, std::size_t b) {
     return picture.rows[a].spans.size() > picture.rows[b].spans.size();
   });
-  rows.resize(kSelectedSvgRows);
+  rows.resize(SELECTED_SVG_ROWS);
   std::sort(rows.begin(), rows.end());
   return rows;
 }
@@ -107,15 +107,15 @@ class Drawing {
     for (std::size_t row : rows_) {
       widest = std::max(widest, terminalWidth(label(picture.rows[row].label)));
     }
-    left_ = 40 + static_cast<double>(widest) * kCharWidth;
-    rowsTop_ = kTop + (banded_ ? kBandHeight + 36 : 0);
-    plotBottom_ = rowsTop_ + static_cast<double>(rows_.size()) * kRowHeight;
+    left_ = 40 + static_cast<double>(widest) * CHAR_WIDTH;
+    rowsTop_ = TOP + (banded_ ? BAND_HEIGHT + 36 : 0);
+    plotBottom_ = rowsTop_ + static_cast<double>(rows_.size()) * ROW_HEIGHT;
     durationMs_ = std::max<int64_t>(picture.durationMs, 1);
   }
 
   std::string render() {
-    const double width = left_ + kPlotWidth + kRight;
-    const double height = plotBottom_ + kBottom;
+    const double width = left_ + PLOT_WIDTH + RIGHT;
+    const double height = plotBottom_ + BOTTOM;
     svg_ << "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"" << num(width) << "\" height=\""
          << num(height) << "\" viewBox=\"0 0 " << num(width) << ' ' << num(height)
          << "\" font-family=\"sans-serif\" font-size=\"11\">\n"
@@ -135,10 +135,10 @@ class Drawing {
  private:
   double x(int64_t atMs) const {
     const int64_t clamped = std::clamp<int64_t>(atMs, 0, durationMs_);
-    return left_ + kPlotWidth * static_cast<double>(clamped) / static_cast<double>(durationMs_);
+    return left_ + PLOT_WIDTH * static_cast<double>(clamped) / static_cast<double>(durationMs_);
   }
 
-  double plotTop() const { return banded_ ? kTop : rowsTop_; }
+  double plotTop() const { return banded_ ? TOP : rowsTop_; }
 
   void heading() {
     svg_ << "<text x=\"" << num(left_) << "\" y=\"22\" font-size=\"15\" font-weight=\"bold\">"
@@ -157,18 +157,18 @@ class Drawing {
   void legend() {
     double at = left_;
     const std::array<std::pair<const char*, const char*>, 3> keys = {
-        {{kReachableColour, "reachable"},
-         {kUnreachableColour, "unreachable"},
-         {kAbsentColour, "not in the cache"}}};
+        {{REACHABLE_COLOUR, "reachable"},
+         {UNREACHABLE_COLOUR, "unreachable"},
+         {ABSENT_COLOUR, "not in the cache"}}};
     for (const auto& key : keys) {
       svg_ << "<rect x=\"" << num(at) << "\" y=\"52\" width=\"14\" height=\"10\" fill=\""
            << key.first << "\"/><text x=\"" << num(at + 19) << "\" y=\"61\">" << key.second
            << "</text>\n";
-      at += 30 + static_cast<double>(std::strlen(key.second)) * kCharWidth;
+      at += 30 + static_cast<double>(std::strlen(key.second)) * CHAR_WIDTH;
     }
     svg_ << "<rect x=\"" << num(at + 6) << "\" y=\"50\" width=\"2\" height=\"7\" fill=\"#111\"/>"
          << "<text x=\"" << num(at + 19) << "\" y=\"61\">listener notified</text>\n";
-    at += 30 + 17 * kCharWidth;
+    at += 30 + 17 * CHAR_WIDTH;
     svg_ << "<line x1=\"" << num(at) << "\" y1=\"57\" x2=\"" << num(at + 14)
          << "\" y2=\"57\" stroke=\"#555\" stroke-dasharray=\"3,2\"/><text x=\"" << num(at + 19)
          << "\" y=\"61\">periodic cycle</text>\n";
@@ -188,36 +188,36 @@ class Drawing {
   }
 
   void band() {
-    const double bottom = kTop + kBandHeight;
+    const double bottom = TOP + BAND_HEIGHT;
     const auto total = static_cast<double>(picture_.rows.size());
-    std::vector<double> reachable(kBandBins + 1);
-    std::vector<double> known(kBandBins + 1);
+    std::vector<double> reachable(BAND_BINS + 1);
+    std::vector<double> known(BAND_BINS + 1);
     for (const TimelineRow& row : picture_.rows) {
-      for (int bin = 0; bin <= kBandBins; ++bin) {
+      for (int bin = 0; bin <= BAND_BINS; ++bin) {
         const SpanState state = stateAt(row, binTime(bin));
-        reachable[bin] += state == SpanState::kReachable ? 1 : 0;
-        known[bin] += state != SpanState::kAbsent ? 1 : 0;
+        reachable[bin] += state == SpanState::REACHABLE ? 1 : 0;
+        known[bin] += state != SpanState::ABSENT ? 1 : 0;
       }
     }
-    const auto y = [&](double count) { return bottom - kBandHeight * count / total; };
-    svg_ << "<rect x=\"" << num(left_) << "\" y=\"" << num(kTop) << "\" width=\"" << num(kPlotWidth)
-         << "\" height=\"" << num(kBandHeight) << "\" fill=\"" << kAbsentColour << "\"/>\n";
-    area(known, y, bottom, kUnreachableColour);
-    area(reachable, y, bottom, kReachableColour);
+    const auto y = [&](double count) { return bottom - BAND_HEIGHT * count / total; };
+    svg_ << "<rect x=\"" << num(left_) << "\" y=\"" << num(TOP) << "\" width=\"" << num(PLOT_WIDTH)
+         << "\" height=\"" << num(BAND_HEIGHT) << "\" fill=\"" << ABSENT_COLOUR << "\"/>\n";
+    area(known, y, bottom, UNREACHABLE_COLOUR);
+    area(reachable, y, bottom, REACHABLE_COLOUR);
     for (double count : {0.0, total / 2, total}) {
       svg_ << "<text x=\"" << num(left_ - 6) << "\" y=\"" << num(y(count) + 4)
            << "\" text-anchor=\"end\">" << static_cast<long long>(count) << "</text>\n";
     }
-    svg_ << "<text transform=\"translate(14," << num(kTop + kBandHeight / 2)
+    svg_ << "<text transform=\"translate(14," << num(TOP + BAND_HEIGHT / 2)
          << ") rotate(-90)\" text-anchor=\"middle\">entities</text>\n";
   }
 
-  int64_t binTime(int bin) const { return durationMs_ * bin / kBandBins; }
+  int64_t binTime(int bin) const { return durationMs_ * bin / BAND_BINS; }
 
   template <typename Y>
   void area(const std::vector<double>& counts, Y y, double bottom, const char* fill) {
     svg_ << "<polygon fill=\"" << fill << "\" points=\"" << num(x(0)) << ',' << num(bottom);
-    for (int bin = 0; bin <= kBandBins; ++bin) {
+    for (int bin = 0; bin <= BAND_BINS; ++bin) {
       svg_ << ' ' << num(x(binTime(bin))) << ',' << num(y(counts[bin]));
     }
     svg_ << ' ' << num(x(durationMs_)) << ',' << num(bottom) << "\"/>\n";
@@ -226,16 +226,16 @@ class Drawing {
   void rows() {
     for (std::size_t i = 0; i < rows_.size(); ++i) {
       const TimelineRow& row = picture_.rows[rows_[i]];
-      const double top = rowsTop_ + static_cast<double>(i) * kRowHeight;
-      const double barTop = top + (kRowHeight - kBarHeight) / 2;
+      const double top = rowsTop_ + static_cast<double>(i) * ROW_HEIGHT;
+      const double barTop = top + (ROW_HEIGHT - BAR_HEIGHT) / 2;
       svg_ << "<g><title>" << xmlText(row.label) << "</title>\n<text x=\"" << num(left_ - 6)
-           << "\" y=\"" << num(barTop + kBarHeight - 2) << "\" text-anchor=\"end\">"
+           << "\" y=\"" << num(barTop + BAR_HEIGHT - 2) << "\" text-anchor=\"end\">"
            << xmlText(label(row.label)) << "</text>\n";
       for (const StateSpan& span : row.spans) {
         const double from = x(span.fromMs);
         const double width = std::max(x(span.toMs) - from, 1.0);  // short flaps stay visible
         svg_ << "<rect x=\"" << num(from) << "\" y=\"" << num(barTop) << "\" width=\"" << num(width)
-             << "\" height=\"" << num(kBarHeight) << "\" fill=\"" << colour(span.state) << "\"/>\n";
+             << "\" height=\"" << num(BAR_HEIGHT) << "\" fill=\"" << colour(span.state) << "\"/>\n";
       }
       // A dark tick on the bar at each notification about the entity.
       for (int64_t atMs : row.marksMs) {
@@ -251,10 +251,10 @@ class Drawing {
   }
 
   void cycles() {
-    double lastDrawn = -kMinCycleGap;
+    double lastDrawn = -MIN_CYCLE_GAP;
     for (int64_t atMs : picture_.cycleTimesMs) {
       const double at = x(atMs);
-      if (at - lastDrawn < kMinCycleGap) {
+      if (at - lastDrawn < MIN_CYCLE_GAP) {
         continue;
       }
       lastDrawn = at;
@@ -265,8 +265,8 @@ class Drawing {
 
   void axes() {
     svg_ << "<line x1=\"" << num(left_) << "\" y1=\"" << num(plotBottom_) << "\" x2=\""
-         << num(left_ + kPlotWidth) << "\" y2=\"" << num(plotBottom_) << "\" stroke=\"#333\"/>\n"
-         << "<text x=\"" << num(left_ + kPlotWidth / 2) << "\" y=\"" << num(plotBottom_ + 40)
+         << num(left_ + PLOT_WIDTH) << "\" y2=\"" << num(plotBottom_) << "\" stroke=\"#333\"/>\n"
+         << "<text x=\"" << num(left_ + PLOT_WIDTH / 2) << "\" y=\"" << num(plotBottom_ + 40)
          << "\" text-anchor=\"middle\">" << xmlText(picture_.axisLabel) << "</text>\n";
   }
 

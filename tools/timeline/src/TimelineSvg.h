@@ -11,9 +11,9 @@ namespace veranda::reachabilityCache::tools {
 
 // Pictures with more rows than this get a counting band and a selection of
 // rows instead of one row each.
-inline constexpr std::size_t kMaxSvgRows = 120;
+inline constexpr std::size_t MAX_SVG_ROWS = 120;
 // Rows drawn for such pictures: those with the most spans.
-inline constexpr std::size_t kSelectedSvgRows = 100;
+inline constexpr std::size_t SELECTED_SVG_ROWS = 100;
 
 // The SVG document: one row per entity with its spans and marks, the cycles
 // as dashed lines (thinned where they would lie closer than a few pixels), a
