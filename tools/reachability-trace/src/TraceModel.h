@@ -10,6 +10,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "Answer.h"
 #include "CaptureClock.h"
 
 namespace veranda::reachabilityCache::trace {
@@ -58,7 +59,7 @@ struct ChangeRecord {
 // answer or the host's own record; an event alone does not make it so. Where
 // a cut summary lost an entity's entry and no notification line tells, its
 // answer is unknown until the next line about it.
-enum class Answer { ABSENT, REACHABLE, UNREACHABLE, UNKNOWN };
+using tools::Answer;
 
 struct AnswerRecord {
   Micros at = NO_TIME;
