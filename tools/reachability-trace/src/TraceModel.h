@@ -7,6 +7,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -108,6 +109,8 @@ struct CacheRecord {
   uint64_t seenChanges() const;
   // Changes told to listeners that the capture lost (cut summaries).
   uint64_t unseenChanges() const;
+  // The entity with `id`, added at the end when the cache has none yet.
+  EntityRecord& entity(std::string_view id);
   // From creation (or the first line seen) to destruction (or the last).
   Micros startTime() const { return creationSeen ? created : firstSeen; }
   Micros endTime() const { return destructionSeen ? destroyed : lastSeen; }
