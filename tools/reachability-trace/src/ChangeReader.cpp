@@ -10,7 +10,7 @@
 namespace veranda::reachabilityCache::trace {
 namespace {
 
-using EndpointState = EntityAnswers::EndpointState;
+using Effect = EntityAnswers::Effect;
 
 // The physical line of `message` that holds `text` (a line of a multi-line
 // message), or its first line.
@@ -61,22 +61,21 @@ bool ChangeReader::notification(const CacheMessage& in) {
   record.endpoints.emplace(*endpointId);
   ChangeRecord change;
   change.at = in.at;
+  change.message = in.number;
   change.endpointId = std::string(*endpointId);
   change.reachable = *reachable == "true";
   if (inStory(*entityId)) {
     change.evidence = causeOf(in, *endpointId);
     change.evidence.push_back(in.message.lines.front());
   }
-  const bool confirmed = checks_.answering(in.cache, in.thread) != nullptr;
+  const bool byCheck = checks_.answering(in.cache, in.thread) != nullptr;
   notified_ = true;
   // Listeners hear only of changes: the entity was the other way before.
-  answers_.correct(in, *entityId, *endpointId, !change.reachable);
+  const bool isReachable = change.reachable;
+  answers_.reachableBefore(in, *entityId, *endpointId, !isReachable, true);
   record.changes.push_back(std::move(change));
-  const bool isReachable = record.changes.back().reachable;
-  answers_.hold(in, *entityId, *endpointId,
-                !isReachable ? EndpointState::UNREACHABLE
-                             : (confirmed ? EndpointState::CONFIRMED : EndpointState::UNCONFIRMED),
-                true);
+  answers_.apply(in, *entityId, *endpointId,
+                 !isReachable ? Effect::CLEAR : (byCheck ? Effect::CHECK : Effect::EVENT), true);
   notes_[in.thread].push_back(
       {std::string(*endpointId), std::string(*entityId), isReachable, record.changes.size() - 1});
   return true;
@@ -122,9 +121,9 @@ void ChangeReader::summary(const CacheMessage& in) {
   answers_.restore(in, after);
   if (cut && answered != nullptr && !notified_) {
     // Without notification lines, what the lost entries said is unknown.
-    std::set<std::string> told;
+    std::set<std::pair<std::string, std::string>> told;
     for (const auto& entry : entries) {
-      told.emplace(entry.first.entityId);
+      told.emplace(entry.first.entityId, entry.first.endpointId);
     }
     answers_.loseUntold(in, told);
   }
@@ -145,13 +144,17 @@ void ChangeReader::applyEntry(const CacheMessage& in, const SummaryEntry& entry,
   }
   if (!entry.insertFailed) {
     // "reachable" and "becameUnreachable" follow a reachable entity.
-    answers_.correct(in, entry.entityId, entry.endpointId, entry.reachable != entry.changed);
-    // An event's result carries no adapter and no capabilities.
-    answers_.hold(in, entry.entityId, entry.endpointId,
-                  !entry.reachable            ? EndpointState::UNREACHABLE
-                  : entry.adapterName.empty() ? EndpointState::UNCONFIRMED
-                                              : EndpointState::CONFIRMED,
-                  false);
+    answers_.reachableBefore(in, entry.entityId, entry.endpointId, entry.reachable != entry.changed,
+                             false);
+    // An event's result carries no adapter and no driver type that reaches.
+    const Effect effect = !entry.reachable ? (entry.changed ? Effect::CLEAR : Effect::NONE)
+                          : entry.adapterName.empty() ? Effect::EVENT
+                                                      : Effect::CHECK;
+    answers_.apply(in, entry.entityId, entry.endpointId, effect, false);
+  } else if (!entry.reachable) {
+    // Clearing failed: the entity was reachable, and nothing changed.
+    answers_.reachableBefore(in, entry.entityId, entry.endpointId, true, false);
+    answers_.apply(in, entry.entityId, entry.endpointId, Effect::NONE, false);
   }
   if (!entry.changed) {
     return;
@@ -182,6 +185,7 @@ ChangeRecord& ChangeReader::changeOf(const CacheMessage& in, EntityRecord& recor
   record.changes.push_back({});
   ChangeRecord& change = record.changes.back();
   change.at = in.at;
+  change.message = in.number;
   change.endpointId = std::string(entry.endpointId);
   change.reachable = entry.reachable;
   if (inStory(entry.entityId)) {

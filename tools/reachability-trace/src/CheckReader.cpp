@@ -22,6 +22,9 @@ void CheckReader::updaterLine(const CacheMessage& in) {
   } else if (line.label == "stopPeriodicUpdates") {
     periodicRunning_ = false;
   } else if (line.label == "performPeriodicUpdate") {
+    if (in.message.tid) {
+      updaterThreads_.insert(in.thread);
+    }
     periodicUpdate(in);
   } else if (line.label.empty() && reason == "checkStartFailed") {  // a manual trigger's task
     countProblem(in.cache, CHECK_START_FAILED, in.at);

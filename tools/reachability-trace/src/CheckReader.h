@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -28,6 +29,9 @@ class CheckReader {
 
   // The check whose answer is being applied on `thread`, if any.
   const CheckRecord* answering(const CacheRecord& cache, int thread) const;
+  // True for the updater's own thread, which runs its cycles and applies
+  // connectivity events, once a cycle has named it.
+  bool isUpdaterThread(int thread) const { return updaterThreads_.count(thread) > 0; }
 
   // The check whose result summary `in` is, no longer awaited; null for an
   // event's summary. Without thread ids an event's summary may come between
@@ -49,6 +53,7 @@ class CheckReader {
   std::optional<uint64_t> nextEndpointCount_;  // told before the cycle's request id
   std::unordered_map<std::string, Place> checks_;
   std::map<int, Place> answers_;  // thread -> check awaiting its summary
+  std::set<int> updaterThreads_;
 };
 
 }  // namespace veranda::reachabilityCache::trace

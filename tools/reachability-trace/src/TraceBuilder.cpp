@@ -13,9 +13,10 @@ constexpr std::string_view METRIC_PREFIX = "metricName=ReachabilityCache.";
 
 }  // namespace
 
-TraceBuilder::Readers::Readers(const std::string& storyEntity)
+TraceBuilder::Readers::Readers(const std::string& storyEntity, bool created)
     : checks(!storyEntity.empty()),
       events(!storyEntity.empty()),
+      answers(checks, created),
       changes(storyEntity, checks, events, answers) {}
 
 TraceBuilder::TraceBuilder(std::string storyEntity) : storyEntity_(std::move(storyEntity)) {}
@@ -68,7 +69,7 @@ CacheRecord& TraceBuilder::cacheFor(const LogMessage& message, const LibraryLine
     record.pid = message.pid;
     record.firstSeen = at;
     trace_.caches.push_back(std::move(record));
-    readers_.push_back(std::make_unique<Readers>(storyEntity_));
+    readers_.push_back(std::make_unique<Readers>(storyEntity_, creation));
     found = current_.insert_or_assign(process, trace_.caches.size() - 1).first;
   }
   reading_ = readers_[found->second].get();

@@ -38,7 +38,8 @@ class TraceBuilder {
  private:
   // The readers of one cache's lines.
   struct Readers {
-    explicit Readers(const std::string& storyEntity);
+    // `created`: the cache's first line is its creation.
+    Readers(const std::string& storyEntity, bool created);
 
     CheckReader checks;
     EventReader events;

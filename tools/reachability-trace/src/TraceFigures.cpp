@@ -12,9 +12,16 @@ double percentile(const std::vector<double>& sorted, double fraction) {
   return sorted[std::max<std::size_t>(rank, 1) - 1];
 }
 
-std::vector<EntitySpan> entitySpans(const EntityRecord& entity, Micros start, Micros end) {
+AnswerRecord answerBefore(const CacheRecord& cache) {
+  return cache.creationSeen
+             ? AnswerRecord{}
+             : AnswerRecord{NO_TIME, Answer::UNKNOWN, false, UnknownReason::CAPTURE_START, 0};
+}
+
+std::vector<EntitySpan> entitySpans(const EntityRecord& entity, Micros start, Micros end,
+                                    const AnswerRecord& before) {
   std::vector<EntitySpan> spans;
-  EntitySpan current{start, start, Answer::ABSENT};
+  EntitySpan current{start, start, before.answer, before.inferred, before.reason};
   for (const AnswerRecord& answer : entity.answers) {
     if (answer.at == NO_TIME) {
       continue;
@@ -23,26 +30,29 @@ std::vector<EntitySpan> entitySpans(const EntityRecord& entity, Micros start, Mi
     if (current.to > current.from) {
       spans.push_back(current);
     }
-    current = {current.to, current.to, answer.answer};
+    current = {current.to, current.to, answer.answer, answer.inferred, answer.reason};
   }
   current.to = std::max(end, current.from);
   spans.push_back(current);
   return spans;
 }
 
-EntityFigures entityFigures(const EntityRecord& entity, Micros cacheEnd) {
+EntityFigures entityFigures(const EntityRecord& entity, Micros cacheEnd,
+                            const AnswerRecord& before) {
   EntityFigures figures;
   figures.changes = entity.changes.size();
+  figures.last = entity.answers.empty() ? before : AnswerRecord{};
   for (const AnswerRecord& answer : entity.answers) {
     figures.flaps +=
-        figures.last == Answer::REACHABLE && answer.answer == Answer::UNREACHABLE ? 1 : 0;
-    figures.last = answer.answer;
+        figures.last.answer == Answer::REACHABLE && answer.answer == Answer::UNREACHABLE ? 1 : 0;
+    figures.last = answer;
   }
   if (!entity.answers.empty() && entity.answers.front().at != NO_TIME && cacheEnd != NO_TIME) {
-    for (const EntitySpan& span : entitySpans(entity, entity.answers.front().at, cacheEnd)) {
-      if (span.answer == Answer::UNREACHABLE) {
-        figures.unreachableSeconds += static_cast<double>(span.to - span.from) / 1e6;
-      }
+    const Micros first = entity.answers.front().at;
+    for (const EntitySpan& span : entitySpans(entity, first, cacheEnd, AnswerRecord{})) {
+      const double seconds = static_cast<double>(span.to - span.from) / 1e6;
+      figures.unreachableSeconds += span.answer == Answer::UNREACHABLE ? seconds : 0;
+      figures.unknownSeconds += span.answer == Answer::UNKNOWN ? seconds : 0;
     }
   }
   return figures;

@@ -41,7 +41,8 @@ json checkJson(const Trace& trace, const CheckRecord& check) {
   return result;
 }
 
-json entityJson(const Trace& trace, const EntityRecord& entity, Micros cacheEnd) {
+json entityJson(const Trace& trace, const EntityRecord& entity, Micros cacheEnd,
+                const AnswerRecord& before) {
   json changes = json::array();
   for (const ChangeRecord& change : entity.changes) {
     json item = {{"time", time(trace, change.at)},
@@ -54,16 +55,22 @@ json entityJson(const Trace& trace, const EntityRecord& entity, Micros cacheEnd)
   }
   json answers = json::array();
   for (const AnswerRecord& answer : entity.answers) {
-    answers.push_back(
-        {{"time", time(trace, answer.at)}, {"answer", tools::answerName(answer.answer)}});
+    json item = {{"time", time(trace, answer.at)}, {"answer", tools::answerName(answer.answer)}};
+    if (answer.inferred) {
+      item["inferred"] = true;
+    }
+    if (answer.reason != UnknownReason::NONE) {
+      item["unknownBecause"] = unknownReasonName(answer.reason);
+    }
+    answers.push_back(std::move(item));
   }
-  const EntityFigures figures = entityFigures(entity, cacheEnd);
+  const EntityFigures figures = entityFigures(entity, cacheEnd, before);
   return {{"changes", std::move(changes)},
           {"flaps", figures.flaps},
-          {"lastReachable", figures.last == Answer::REACHABLE     ? json(true)
-                            : figures.last == Answer::UNREACHABLE ? json(false)
-                                                                  : json(nullptr)},
-          {"lastAnswer", tools::answerName(figures.last)},
+          {"lastReachable", figures.last.answer == Answer::REACHABLE     ? json(true)
+                            : figures.last.answer == Answer::UNREACHABLE ? json(false)
+                                                                         : json(nullptr)},
+          {"lastAnswer", tools::answerName(figures.last.answer)},
           {"answers", std::move(answers)},
           {"unreachableSeconds", trace.hasTime ? json(figures.unreachableSeconds) : json(nullptr)},
           {"endpoints", entity.endpoints},
@@ -101,7 +108,7 @@ json cacheJson(const Trace& trace, const CacheRecord& cache) {
   }
   json entities = json::object();
   for (const EntityRecord& entity : cache.entities) {
-    entities[entity.id] = entityJson(trace, entity, cache.endTime());
+    entities[entity.id] = entityJson(trace, entity, cache.endTime(), answerBefore(cache));
   }
   json problems = json::array();
   for (const auto& [kind, problem] : cache.problems) {

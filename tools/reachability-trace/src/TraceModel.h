@@ -49,6 +49,7 @@ struct CheckRecord {
 // A change told to listeners.
 struct ChangeRecord {
   Micros at = NO_TIME;
+  uint64_t message = 0;  // the number of the message that told it
   std::string endpointId;
   std::string adapterName;  // where a summary names it
   bool reachable = false;
@@ -56,16 +57,36 @@ struct ChangeRecord {
 };
 
 // What isEntityReachable answers for an entity from `at` on, as the lines
-// tell it: an entity is reachable while one of its endpoints is, by a check's
-// answer or the host's own record; an event alone does not make it so. Where
-// a cut summary lost an entity's entry and no notification line tells, its
-// answer is unknown until the next line about it.
+// tell it. Every answer rests on lines: where they do not tell, the answer is
+// unknown, and an answer that a later line contradicts is taken back (unknown
+// from the last line that told it). A check's or the host's record is taken
+// to make its endpoint reachable (the lines name no driver type): answers
+// that rest on that are marked inferred.
 using tools::Answer;
+
+// Why an answer is unknown.
+enum class UnknownReason : uint8_t {
+  NONE,
+  CAPTURE_START,  // the capture starts after the cache did: no line has told it yet
+  SUMMARY_CUT,    // the platform cut a result summary that held its entry
+  LINES_DROPPED,  // the platform's rate limiter dropped lines of the cache's process
+  CONTRADICTED,   // a later line contradicts what the earlier ones told: lines are missing
+  AMBIGUOUS,      // a line about it could also be read another way
+};
+
+// The name scripts read ("captureStart", "summaryCut", "linesDropped",
+// "contradicted", "ambiguous"; "" for NONE) and a few words a person reads
+// ("capture start", "summary cut", "lines dropped", "lines missing",
+// "ambiguous line").
+const char* unknownReasonName(UnknownReason reason);
+const char* unknownReasonWords(UnknownReason reason);
 
 struct AnswerRecord {
   Micros at = NO_TIME;
   Answer answer = Answer::ABSENT;
-  uint64_t message = 0;  // the number of the message that told it
+  bool inferred = false;  // REACHABLE rests on a check's or the host's record alone
+  UnknownReason reason = UnknownReason::NONE;  // for UNKNOWN
+  uint64_t message = 0;                        // the number of the message that told it
 };
 
 struct EntityRecord {

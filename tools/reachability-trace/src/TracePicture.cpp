@@ -36,11 +36,9 @@ tools::TimelinePicture tracePicture(const Trace& trace, std::size_t cacheIndex,
   for (const EntityRecord& entity : cache.entities) {
     tools::TimelineRow row;
     row.label = entity.id;
-    for (const EntitySpan& span : entitySpans(entity, start, end)) {
+    for (const EntitySpan& span : entitySpans(entity, start, end, answerBefore(cache))) {
       unknown = unknown || span.answer == Answer::UNKNOWN;
-      if (span.answer != Answer::UNKNOWN) {  // left blank: the capture does not tell
-        row.spans.push_back({msSince(start, span.from), msSince(start, span.to), span.answer});
-      }
+      row.spans.push_back({msSince(start, span.from), msSince(start, span.to), span.answer});
     }
     for (const ChangeRecord& change : entity.changes) {
       if (change.at != NO_TIME) {
@@ -50,7 +48,7 @@ tools::TimelinePicture tracePicture(const Trace& trace, std::size_t cacheIndex,
     picture.rows.push_back(std::move(row));
   }
   if (unknown) {
-    picture.note += "; blank where cut summaries leave the answer unknown";
+    picture.note += "; hatched where the capture does not tell";
   }
   return picture;
 }

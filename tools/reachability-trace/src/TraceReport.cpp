@@ -1,7 +1,9 @@
 // The report for a person and an entity's story.
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <map>
+#include <set>
 
 #include "SafeText.h"
 #include "TraceOutput.h"
@@ -41,10 +43,34 @@ std::string decimal(double value, const char* unit) {
   return text;
 }
 
-// A cut summary is all that leaves an answer unknown.
-std::string answerText(Answer answer) {
-  return std::string(tools::answerWords(answer)) +
-         (answer == Answer::UNKNOWN ? " (summary cut)" : "");
+std::string answerText(const AnswerRecord& answer) {
+  std::string text = tools::answerWords(answer.answer);
+  if (answer.answer == Answer::UNKNOWN && answer.reason != UnknownReason::NONE) {
+    text += std::string(" (") + unknownReasonWords(answer.reason) + ")";
+  }
+  return answer.inferred ? text + " (inferred)" : text;
+}
+
+// What the words in brackets after an answer mean.
+void printAnswerNotes(const std::set<UnknownReason>& reasons, bool inferred, std::ostream& out) {
+  static const std::map<UnknownReason, const char*> MEANINGS = {
+      {UnknownReason::CAPTURE_START, "the capture starts after the cache: no line has told it yet"},
+      {UnknownReason::SUMMARY_CUT, "the platform cut a result summary that held its entry"},
+      {UnknownReason::LINES_DROPPED, "the platform's rate limiter dropped lines of the cache"},
+      {UnknownReason::CONTRADICTED,
+       "a later line contradicts the earlier ones, so lines are missing"},
+      {UnknownReason::AMBIGUOUS, "a line about it can be read two ways"},
+  };
+  for (UnknownReason reason : reasons) {
+    const auto meaning = MEANINGS.find(reason);
+    if (meaning != MEANINGS.end()) {
+      out << "  unknown (" << unknownReasonWords(reason) << "): " << meaning->second << '\n';
+    }
+  }
+  if (inferred) {
+    out << "  inferred: a check's or the host's record is taken to make its endpoint reachable "
+           "(the log names no driver type)\n";
+  }
 }
 
 void printHeading(const Trace& trace, const CacheRecord& cache, std::size_t number,
@@ -110,9 +136,12 @@ void printEntities(const CacheRecord& cache, std::ostream& out) {
   };
   std::vector<Row> rows;
   std::size_t width = 6;
+  bool unknown = false;
   for (const EntityRecord& entity : cache.entities) {
-    rows.push_back({&entity, entityFigures(entity, cache.endTime())});
+    rows.push_back({&entity, entityFigures(entity, cache.endTime(), answerBefore(cache))});
     width = std::max(width, std::min<std::size_t>(tools::terminalWidth(entity.id), 40));
+    unknown = unknown || rows.back().figures.unknownSeconds > 0 ||
+              rows.back().figures.last.answer == Answer::UNKNOWN;
   }
   // The most troubled first: flaps, then time unreachable, then changes.
   std::stable_sort(rows.begin(), rows.end(), [](const Row& a, const Row& b) {
@@ -124,20 +153,32 @@ void printEntities(const CacheRecord& cache, std::ostream& out) {
     }
     return a.figures.changes > b.figures.changes;
   });
-  out << "  " << terminalPadded("entity", width)
-      << "  changes  flaps  unreachable  answers at the end\n";
+  // The unknown time only where the capture leaves answers unknown.
+  out << "  " << terminalPadded("entity", width) << "  changes  flaps  unreachable"
+      << (unknown ? "    unknown" : "") << "  answers at the end\n";
+  std::set<UnknownReason> reasons;
+  bool inferred = false;
   for (std::size_t i = 0; i < rows.size() && i < LISTED_ENTITIES; ++i) {
     const EntityFigures& figures = rows[i].figures;
     char numbers[64];
     std::snprintf(numbers, sizeof(numbers), "%7zu  %5zu  %11s", figures.changes, figures.flaps,
                   decimal(figures.unreachableSeconds, "s").c_str());
+    std::string unknownTime;
+    if (unknown) {
+      char text[32];
+      std::snprintf(text, sizeof(text), "  %9s", decimal(figures.unknownSeconds, "s").c_str());
+      unknownTime = text;
+    }
     out << "  " << terminalPadded(tools::shortened(rows[i].entity->id, 40), width) << "  "
-        << numbers << "  " << answerText(figures.last) << '\n';
+        << numbers << unknownTime << "  " << answerText(figures.last) << '\n';
+    reasons.insert(figures.last.reason);
+    inferred = inferred || figures.last.inferred;
   }
   if (rows.size() > LISTED_ENTITIES) {
     out << "  ... and " << rows.size() - LISTED_ENTITIES
         << " more (--json lists them all, --entity ID tells one's story)\n";
   }
+  printAnswerNotes(reasons, inferred, out);
 }
 
 void printCycles(const Trace& trace, const CacheRecord& cache, std::ostream& out) {
@@ -188,6 +229,46 @@ void printReport(const Trace& trace, std::ostream& out) {
   }
 }
 
+namespace {
+
+// The changes told to listeners, each with its lines, and between them what
+// isEntityReachable answered, in capture order.
+void printStory(const Trace& trace, const EntityRecord& entity, std::ostream& out) {
+  std::set<UnknownReason> reasons;
+  bool inferred = false;
+  auto answer = entity.answers.begin();
+  const auto printAnswersUntil = [&](uint64_t message) {
+    for (; answer != entity.answers.end() && answer->message <= message; ++answer) {
+      out << when(trace, answer->at) << "  isEntityReachable answers " << answerText(*answer)
+          << '\n';
+      reasons.insert(answer->reason);
+      inferred = inferred || answer->inferred;
+    }
+  };
+  for (const ChangeRecord& change : entity.changes) {
+    printAnswersUntil(change.message - 1);
+    out << "\n"
+        << when(trace, change.at) << "  " << terminalText(change.endpointId) << " -> "
+        << (change.reachable ? "reachable" : "unreachable");
+    if (!change.adapterName.empty()) {
+      out << " (" << terminalText(change.adapterName) << ")";
+    }
+    out << '\n';
+    for (const std::string& line : change.evidence) {
+      out << "    " << terminalText(line) << '\n';
+    }
+    printAnswersUntil(change.message);
+  }
+  printAnswersUntil(UINT64_MAX);
+  reasons.erase(UnknownReason::NONE);
+  if (!reasons.empty() || inferred) {
+    out << '\n';
+    printAnswerNotes(reasons, inferred, out);
+  }
+}
+
+}  // namespace
+
 bool printEntityStory(const Trace& trace, const std::string& entityId, std::ostream& out) {
   bool found = false;
   for (std::size_t i = 0; i < trace.caches.size(); ++i) {
@@ -198,7 +279,7 @@ bool printEntityStory(const Trace& trace, const std::string& entityId, std::ostr
     }
     found = true;
     const EntityRecord& entity = cache.entities[index->second];
-    const EntityFigures figures = entityFigures(entity, cache.endTime());
+    const EntityFigures figures = entityFigures(entity, cache.endTime(), answerBefore(cache));
     out << terminalText(entityId) << " in cache " << i + 1;
     if (cache.pid) {
       out << " (pid " << *cache.pid << ")";
@@ -209,18 +290,7 @@ bool printEntityStory(const Trace& trace, const std::string& entityId, std::ostr
       out << ' ' << terminalText(endpoint);
     }
     out << '\n';
-    for (const ChangeRecord& change : entity.changes) {
-      out << "\n"
-          << when(trace, change.at) << "  " << terminalText(change.endpointId) << " -> "
-          << (change.reachable ? "reachable" : "unreachable");
-      if (!change.adapterName.empty()) {
-        out << " (" << terminalText(change.adapterName) << ")";
-      }
-      out << '\n';
-      for (const std::string& line : change.evidence) {
-        out << "    " << terminalText(line) << '\n';
-      }
-    }
+    printStory(trace, entity, out);
   }
   return found;
 }
