@@ -27,10 +27,10 @@ std::vector<std::string> words(const std::string& line) {
 std::string timeText(const ClockReading& clock) {
   char text[48];
   std::snprintf(text, sizeof(text), "%02d-%02d %02lld:%02lld:%02lld.%03lld", clock.month, clock.day,
-                static_cast<long long>(clock.microsOfDay / 3600000000),
-                static_cast<long long>(clock.microsOfDay / 60000000 % 60),
-                static_cast<long long>(clock.microsOfDay / 1000000 % 60),
-                static_cast<long long>(clock.microsOfDay / 1000 % 1000));
+                static_cast<long long>(clock.micros / 3600000000),
+                static_cast<long long>(clock.micros / 60000000 % 60),
+                static_cast<long long>(clock.micros / 1000000 % 60),
+                static_cast<long long>(clock.micros / 1000 % 1000));
   return text;
 }
 

@@ -15,7 +15,7 @@ struct CacheMessage {
   const LogMessage& message;
   const LibraryLine& line;
   Micros at = NO_TIME;
-  int thread = -1;      // the message's thread, -1 where the format has none
+  int64_t thread = -1;  // the message's thread, -1 where the format has none
   uint64_t number = 0;  // the message's number in the capture, from 1
 };
 

@@ -14,9 +14,10 @@ struct CaptureTrace {
   Trace trace;
 };
 
-// Reads `fd` to its end; `name` names the capture in errors; `storyEntity`
-// as for TraceBuilder. Refuses input that cannot be read, binary data, an
-// empty capture and one without any line of the library.
+// Reads `fd` to its end, unpacked and decoded (see openCapture); `name`
+// names the capture in errors; `storyEntity` as for TraceBuilder. Refuses
+// input that cannot be read, an empty capture and one without any line of
+// the library that can be read, naming what it holds instead.
 CaptureTrace traceCapture(int fd, const std::string& name, const std::string& storyEntity = "");
 
 }  // namespace veranda::reachabilityCache::trace

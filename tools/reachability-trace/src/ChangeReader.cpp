@@ -81,7 +81,7 @@ bool ChangeReader::notification(const CacheMessage& in) {
   return true;
 }
 
-void ChangeReader::summary(const CacheMessage& in) {
+std::string ChangeReader::summary(const CacheMessage& in) {
   const std::optional<uint64_t> changed = in.line.number("changed");
   const bool cut = in.message.text.size() >= MAX_MESSAGE_BYTES;
   std::vector<std::string_view> lines = entryLines(in.line.get("details").value_or(""));
@@ -95,6 +95,7 @@ void ChangeReader::summary(const CacheMessage& in) {
       entries.emplace_back(*entry, text);
     }
   }
+  std::string ambiguity = cut ? std::string() : checkEntries(in.line, lines, entries);
 
   CheckRecord* answered = checks_.takeSummarised(in, cut, entries.size());
   if (answered != nullptr) {
@@ -112,8 +113,10 @@ void ChangeReader::summary(const CacheMessage& in) {
   // did to endpoints whose entries the platform cut.
   EntityAnswers::States after = answers_.rollBack(in.thread);
   for (const auto& [entry, entryText] : entries) {
-    after.erase({std::string(entry.entityId), std::string(entry.endpointId)});
-    applyEntry(in, entry, entryText, answered);
+    if (ambiguity.empty()) {
+      after.erase({std::string(entry.entityId), std::string(entry.endpointId)});
+      applyEntry(in, entry, entryText, answered);
+    }
   }
   if (in.message.tid) {
     notes_[in.thread].clear();  // a thread's notifications all come before its summary
@@ -127,6 +130,28 @@ void ChangeReader::summary(const CacheMessage& in) {
     }
     answers_.loseUntold(in, told);
   }
+  return ambiguity;
+}
+
+std::string ChangeReader::checkEntries(
+    const LibraryLine& line, const std::vector<std::string_view>& lines,
+    const std::vector<std::pair<SummaryEntry, std::string_view>>& entries) {
+  if (entries.size() != lines.size()) {
+    return "an entry of the summary that cannot be read";
+  }
+  uint64_t reachable = 0;
+  uint64_t unreachable = 0;
+  uint64_t changed = 0;
+  for (const auto& [entry, text] : entries) {
+    reachable += entry.reachable && !entry.insertFailed ? 1 : 0;
+    unreachable += !entry.reachable && !entry.insertFailed ? 1 : 0;
+    changed += entry.changed ? 1 : 0;
+  }
+  if (line.number("reachable") != reachable || line.number("unreachable") != unreachable ||
+      line.number("changed") != changed) {
+    return "entries that do not add up to the summary's counts";
+  }
+  return "";
 }
 
 void ChangeReader::applyEntry(const CacheMessage& in, const SummaryEntry& entry,

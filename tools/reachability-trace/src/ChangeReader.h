@@ -30,8 +30,10 @@ class ChangeReader {
   // a field it must have.
   bool notification(const CacheMessage& in);
   // A "processReachabilityResults" line of the updater: the summary of a
-  // check's result or of an event's.
-  void summary(const CacheMessage& in);
+  // check's result or of an event's. Its counts are always taken; its
+  // entries not when they do not add up to the counts, or one cannot be read
+  // (ids holding a line feed can forge entries): then it returns why.
+  std::string summary(const CacheMessage& in);
 
  private:
   // A notification line whose summary has not come yet.
@@ -43,6 +45,10 @@ class ChangeReader {
   };
 
   bool inStory(std::string_view entityId) const;
+  // Why the entries of a whole summary cannot be taken, or an empty text.
+  static std::string checkEntries(
+      const LibraryLine& line, const std::vector<std::string_view>& lines,
+      const std::vector<std::pair<SummaryEntry, std::string_view>>& entries);
   // The log lines that led to a change of `endpointId` told in `in`: the
   // check's answer on the same thread, or else the endpoint's last event.
   std::vector<std::string> causeOf(const CacheMessage& in, std::string_view endpointId) const;
@@ -57,8 +63,8 @@ class ChangeReader {
   CheckReader& checks_;
   const EventReader& events_;
   EntityAnswers& answers_;
-  std::map<int, std::vector<Note>> notes_;  // thread -> notifications awaiting their summary
-  bool notified_ = false;                   // the capture has notification lines
+  std::map<int64_t, std::vector<Note>> notes_;  // thread -> notifications awaiting their summary
+  bool notified_ = false;                       // the capture has notification lines
 };
 
 }  // namespace veranda::reachabilityCache::trace

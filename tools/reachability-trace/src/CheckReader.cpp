@@ -78,7 +78,7 @@ void CheckReader::checkerLine(const CacheMessage& in) {
   }
 }
 
-const CheckRecord* CheckReader::answering(const CacheRecord& cache, int thread) const {
+const CheckRecord* CheckReader::answering(const CacheRecord& cache, int64_t thread) const {
   const auto answer = answers_.find(thread);
   if (answer == answers_.end()) {
     return nullptr;

@@ -28,10 +28,10 @@ class CheckReader {
   void checkerLine(const CacheMessage& in);
 
   // The check whose answer is being applied on `thread`, if any.
-  const CheckRecord* answering(const CacheRecord& cache, int thread) const;
+  const CheckRecord* answering(const CacheRecord& cache, int64_t thread) const;
   // True for the updater's own thread, which runs its cycles and applies
   // connectivity events, once a cycle has named it.
-  bool isUpdaterThread(int thread) const { return updaterThreads_.count(thread) > 0; }
+  bool isUpdaterThread(int64_t thread) const { return updaterThreads_.count(thread) > 0; }
 
   // The check whose result summary `in` is, no longer awaited; null for an
   // event's summary. Without thread ids an event's summary may come between
@@ -52,8 +52,8 @@ class CheckReader {
   bool periodicRunning_ = false;
   std::optional<uint64_t> nextEndpointCount_;  // told before the cycle's request id
   std::unordered_map<std::string, Place> checks_;
-  std::map<int, Place> answers_;  // thread -> check awaiting its summary
-  std::set<int> updaterThreads_;
+  std::map<int64_t, Place> answers_;  // thread -> check awaiting its summary
+  std::set<int64_t> updaterThreads_;
 };
 
 }  // namespace veranda::reachabilityCache::trace

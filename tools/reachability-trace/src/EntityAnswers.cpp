@@ -357,7 +357,7 @@ void EntityAnswers::remember(const CacheMessage& in, std::string_view entityId,
       current == state.endpoints.end() ? std::nullopt : std::optional<Endpoint>(current->second)};
 }
 
-EntityAnswers::States EntityAnswers::rollBack(int thread) {
+EntityAnswers::States EntityAnswers::rollBack(int64_t thread) {
   States after;
   for (auto before = before_.begin(); before != before_.end();) {
     if (before->second.thread != thread) {

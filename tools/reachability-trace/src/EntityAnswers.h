@@ -75,7 +75,7 @@ class EntityAnswers {
 
   // Puts the endpoints that the lines of `thread`'s result changed back as
   // they were, and returns their states after those lines.
-  States rollBack(int thread);
+  States rollBack(int64_t thread);
   // Sets the endpoints to `states` and notes their entities' answers.
   void restore(const CacheMessage& in, const States& states);
 
@@ -101,7 +101,7 @@ class EntityAnswers {
     Micros factAt = NO_TIME;
     // A store line of a result noted the last answer; the result's own
     // notification or summary at the same time replaces it.
-    std::optional<std::pair<int, uint64_t>> provisional;  // (thread, message)
+    std::optional<std::pair<int64_t, uint64_t>> provisional;  // (thread, message)
   };
   struct Derived {
     Answer answer;
@@ -110,7 +110,7 @@ class EntityAnswers {
   // An endpoint's state before the lines of a result still being applied
   // on a thread changed it.
   struct Before {
-    int thread;
+    int64_t thread;
     std::optional<Endpoint> endpoint;  // nothing when it was not named
   };
 

@@ -29,8 +29,12 @@ class TraceBuilder {
   explicit TraceBuilder(std::string storyEntity = "");
 
   void add(const LogMessage& message);
-  // Counts messages that are the library's but could not be read.
-  void addDamaged(uint64_t lines) { trace_.damagedLines += lines; }
+  // Counts lines that are the library's but could not be read; `first` is
+  // the first of them.
+  void addDamaged(uint64_t lines, const std::string& first);
+  // A bug report's log section begins: a new log, of the boot before when
+  // its title says so ("LAST LOGCAT").
+  void beginSection(std::string_view title);
 
   // Ends the capture: checks the cycles' rhythm and returns the result.
   Trace finish(uint64_t bytes, bool bugReport);
@@ -51,6 +55,11 @@ class TraceBuilder {
   // a process seen first in the middle of its life gets one from its first
   // line. Sets readers_.
   CacheRecord& cacheFor(const LogMessage& message, const LibraryLine& line, Micros at);
+  void damaged(const LogMessage& message);
+  void rateLimited(const LogMessage& message, Micros at);
+  std::string ambiguityOf(const LogMessage& message, const LibraryLine& line) const;
+  void ambiguous(const CacheMessage& in, const std::string& why);
+  void findReplacedProcesses();
   void facade(const CacheMessage& in);
   void store(const CacheMessage& in);
   void updater(const CacheMessage& in);
@@ -58,7 +67,10 @@ class TraceBuilder {
 
   std::string storyEntity_;
   Trace trace_;
-  std::map<int, std::size_t> current_;             // process (or -1) -> index of its cache
+  uint64_t sequence_ = 0;  // the number of the last message, rate limiter's notices included
+  std::string section_;
+  bool previousBoot_ = false;
+  std::map<int64_t, std::size_t> current_;         // process (or -1) -> index of its cache
   std::vector<std::unique_ptr<Readers>> readers_;  // parallel to trace_.caches
   Readers* reading_ = nullptr;                     // the message's cache's
 };

@@ -102,10 +102,23 @@ struct ProblemRecord {
   Micros first = NO_TIME;
 };
 
+// A line that can be read two ways: an id that held a line feed or a
+// " key=value" could have written it.
+struct AmbiguousLine {
+  Micros at = NO_TIME;
+  std::string line;  // its first physical line, cut to a few hundred bytes
+  std::string why;
+};
+
 struct CacheRecord {
-  std::optional<int> pid;
+  std::optional<int64_t> pid;
+  std::string section;        // of a bug report ("SYSTEM LOG"); empty for a plain capture
+  bool previousBoot = false;  // in a section of the boot before ("LAST LOGCAT")
   Micros firstSeen = NO_TIME;
   Micros lastSeen = NO_TIME;
+  uint64_t firstMessage = 0;  // the numbers of its first and last messages
+  uint64_t lastMessage = 0;
+  std::optional<int64_t> replacedBy;  // the pid of the process that took over
   bool creationSeen = false;
   Micros created = NO_TIME;
   bool destructionSeen = false;
@@ -125,6 +138,14 @@ struct CacheRecord {
   std::map<std::string, ProblemRecord> problems;
   std::map<std::string, uint64_t> metrics;  // metric name -> count
   uint64_t changes = 0;                     // the sum of the summaries' "changed"
+  // The rate limiter's notices for the cache's process and the lines they
+  // say it dropped ("expire") or collapsed ("identical").
+  uint64_t rateLimitNotices = 0;
+  uint64_t expiredLines = 0;
+  uint64_t identicalLines = 0;
+  Micros firstRateLimit = NO_TIME;
+  uint64_t ambiguousLines = 0;
+  std::vector<AmbiguousLine> ambiguous;  // the first few
 
   // Changes the capture shows (from notification lines or summary entries).
   uint64_t seenChanges() const;
@@ -139,9 +160,15 @@ struct CacheRecord {
 
 struct Trace {
   std::vector<CacheRecord> caches;
-  uint64_t messages = 0;      // library and metric messages read
-  uint64_t damagedLines = 0;  // lines naming the cache that could not be read
-  uint64_t bytes = 0;
+  uint64_t messages = 0;       // library and metric messages read
+  uint64_t damagedLines = 0;   // lines naming the cache that could not be read
+  std::string firstDamaged;    // the first of them, cut to a few hundred bytes
+  uint64_t bytes = 0;          // of text
+  uint64_t nulBytes = 0;       // skipped
+  uint64_t overLongLines = 0;  // naming the cache, too long to be a log line: skipped
+  std::string archive;         // "zip" or "gzip"; empty for a text file
+  std::string entry;           // the archive's entry read
+  std::string encoding = "UTF-8";
   bool bugReport = false;
   bool hasTime = false;  // the format gave clock readings
   CaptureClock clock;

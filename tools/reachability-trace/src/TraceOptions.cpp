@@ -37,9 +37,9 @@ void describe(CLI::App& app, TraceOptions& options) {
                  "entity, the state listeners were told over time")
       ->type_name("FILE.svg")
       ->check(tools::nonEmptyPath());
-  app.add_option(
-         "--cache", options.cache,
-         "the cache to draw when the capture holds several\n(1 is the first; default: the last)")
+  app.add_option("--cache", options.cache,
+                 "the cache to draw when the capture holds several\n(1 is the first; default: the "
+                 "last of the\ncurrent boot)")
       ->type_name("N")
       ->check(CLI::Validator(
           [](std::string& value) -> std::string {

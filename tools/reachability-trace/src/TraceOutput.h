@@ -12,6 +12,9 @@
 
 namespace veranda::reachabilityCache::trace {
 
+// The cache drawn unless the user names one: the last of the current boot.
+std::size_t defaultCache(const Trace& trace);
+
 // Per cache: a summary, its problems, the entities with the most troubled
 // first, and the cycles' statistics. Text from the capture is made safe for
 // a terminal.

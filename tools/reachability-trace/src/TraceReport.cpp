@@ -5,6 +5,7 @@
 #include <map>
 #include <set>
 
+#include "CaptureReader.h"
 #include "SafeText.h"
 #include "TraceOutput.h"
 
@@ -73,19 +74,33 @@ void printAnswerNotes(const std::set<UnknownReason>& reasons, bool inferred, std
   }
 }
 
+// How the cache's life ends in the capture.
+std::string endOf(const Trace& trace, const CacheRecord& cache) {
+  if (cache.destructionSeen) {
+    return "destroyed " + when(trace, cache.destroyed);
+  }
+  if (cache.replacedBy) {
+    return "ended after its last line at " + when(trace, cache.lastSeen) +
+           ": a new cache started later in pid " + std::to_string(*cache.replacedBy) +
+           ", its process was most likely replaced";
+  }
+  return "still running at " + when(trace, cache.lastSeen);
+}
+
 void printHeading(const Trace& trace, const CacheRecord& cache, std::size_t number,
                   std::ostream& out) {
   out << "Cache " << number;
-  if (cache.pid) {
-    out << " (pid " << *cache.pid << ")";
+  if (cache.pid || !cache.section.empty()) {
+    out << " (" << (cache.pid ? "pid " + std::to_string(*cache.pid) : std::string("no pid"));
+    if (!cache.section.empty()) {
+      out << ", " << terminalText(cache.section) << (cache.previousBoot ? ": the boot before" : "");
+    }
+    out << ")";
   }
   out << ": "
       << (cache.creationSeen ? "created " + when(trace, cache.created)
                              : "already running at " + when(trace, cache.firstSeen));
-  out << ", "
-      << (cache.destructionSeen ? "destroyed " + when(trace, cache.destroyed)
-                                : "still running at " + when(trace, cache.lastSeen))
-      << '\n';
+  out << ", " << endOf(trace, cache) << '\n';
   out << "  capacity ";
   out << (cache.maxCacheSize ? std::to_string(*cache.maxCacheSize) : std::string("unknown"));
   if (cache.storeCapacity && cache.storeCapacity != cache.maxCacheSize) {
@@ -110,6 +125,26 @@ void printHeading(const Trace& trace, const CacheRecord& cache, std::size_t numb
   }
   out << ", " << cache.cycles.size() << " periodic cycles, " << cache.manualChecks.size()
       << " manual checks\n";
+}
+
+// What the capture lost of the cache's lines, and lines it cannot take at
+// their word.
+void printLosses(const Trace& trace, const CacheRecord& cache, std::ostream& out) {
+  if (cache.rateLimitNotices > 0) {
+    out << "  The platform's rate limiter dropped lines of its process: " << cache.rateLimitNotices
+        << " notices (" << cache.expiredLines << " lines expired, " << cache.identicalLines
+        << " identical lines), the first at " << when(trace, cache.firstRateLimit)
+        << "; answers are unknown after each until a line tells\n";
+  }
+  if (cache.ambiguousLines > 0) {
+    out << "  " << cache.ambiguousLines
+        << " ambiguous lines, not taken at their word (an id holding a line feed or \" "
+           "key=value\" could have written them):\n";
+    for (const AmbiguousLine& line : cache.ambiguous) {
+      out << "    " << when(trace, line.at) << ": " << terminalText(line.why) << ": "
+          << terminalText(tools::shortened(line.line, 100)) << '\n';
+    }
+  }
 }
 
 void printProblems(const Trace& trace, const CacheRecord& cache, std::ostream& out) {
@@ -207,22 +242,66 @@ void printCycles(const Trace& trace, const CacheRecord& cache, std::ostream& out
   }
 }
 
-}  // namespace
-
-void printReport(const Trace& trace, std::ostream& out) {
+// What was read, and what of it was skipped.
+void printCapture(const Trace& trace, std::ostream& out) {
   out << trace.caches.size() << (trace.caches.size() == 1 ? " cache" : " caches") << " in "
       << trace.messages << " library lines";
   if (trace.bugReport) {
     out << " (the log sections of a bug report)";
   }
+  if (!trace.archive.empty()) {
+    out << ", read from the " << trace.archive
+        << (trace.entry.empty() ? "" : " entry " + terminalText(trace.entry));
+  }
+  if (trace.encoding != "UTF-8") {
+    out << ", " << trace.encoding;
+  }
+  std::vector<std::string> skipped;
   if (trace.damagedLines > 0) {
-    out << "; " << trace.damagedLines << " damaged lines skipped";
+    skipped.push_back(std::to_string(trace.damagedLines) + " damaged lines");
+  }
+  if (trace.overLongLines > 0) {
+    skipped.push_back(std::to_string(trace.overLongLines) + " lines longer than " +
+                      std::to_string(MAX_LINE_BYTES >> 10) + " KiB");
+  }
+  if (trace.nulBytes > 0) {
+    skipped.push_back(std::to_string(trace.nulBytes) + " NUL bytes");
+  }
+  for (std::size_t i = 0; i < skipped.size(); ++i) {
+    out << (i == 0 ? "; skipped " : i + 1 == skipped.size() ? " and " : ", ") << skipped[i];
   }
   out << ".\n";
+  const std::vector<ClockStep>& steps = trace.clock.steps();
+  if (!steps.empty()) {
+    Micros largest = 0;
+    for (const ClockStep& step : steps) {
+      largest = std::max(largest, step.back);
+    }
+    out << "The device's clock went back " << steps.size()
+        << (steps.size() == 1 ? " time" : " times") << ", by up to "
+        << CaptureClock::formatDuration(largest) << ", first at " << when(trace, steps.front().at)
+        << ": times are shown as the device wrote them, durations follow the lines' order.\n";
+  }
+}
+
+}  // namespace
+
+std::size_t defaultCache(const Trace& trace) {
+  for (std::size_t i = trace.caches.size(); i > 0; --i) {
+    if (!trace.caches[i - 1].previousBoot) {
+      return i - 1;
+    }
+  }
+  return trace.caches.size() - 1;
+}
+
+void printReport(const Trace& trace, std::ostream& out) {
+  printCapture(trace, out);
   for (std::size_t i = 0; i < trace.caches.size(); ++i) {
     const CacheRecord& cache = trace.caches[i];
     out << '\n';
     printHeading(trace, cache, i + 1, out);
+    printLosses(trace, cache, out);
     printProblems(trace, cache, out);
     printEntities(cache, out);
     printCycles(trace, cache, out);
