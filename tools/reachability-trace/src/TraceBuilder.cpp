@@ -6,6 +6,7 @@
 #include <optional>
 #include <utility>
 
+#include "LineRules.h"
 #include "Problems.h"
 
 namespace veranda::reachabilityCache::trace {
@@ -207,7 +208,23 @@ void TraceBuilder::rateLimited(const LogMessage& message, Micros at) {
 
 // A line that an id holding a line feed or a " key=value" could have
 // written: why, or an empty text.
-std::string TraceBuilder::ambiguityOf(const LogMessage& message, const LibraryLine& line) const {
+std::string TraceBuilder::ambiguityOf(const LogMessage& message, const LibraryLine& line) {
+  // The line after one cut short, with the same header, may be the rest of
+  // an id.
+  const bool followsCut = cutShort_ && cutShort_->pid == message.pid &&
+                          cutShort_->tid == message.tid && cutShort_->clock == message.clock &&
+                          cutShort_->tag == message.tag;
+  cutShort_.reset();
+  if (!isWhole(line) && message.text.size() < MAX_MESSAGE_BYTES) {
+    cutShort_ = message;
+    return "a line cut short, as by a line feed in an id";
+  }
+  if (followsCut) {
+    return "the line after one cut short, with its header";
+  }
+  if (!isLabelOfTag(line.label, message.tag)) {
+    return "[" + std::string(line.label) + "] under another component's tag";
+  }
   for (std::size_t i = 0; i < line.fields.size(); ++i) {
     for (std::size_t k = 0; k < i; ++k) {
       if (line.fields[i].key == line.fields[k].key) {

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -57,7 +58,7 @@ class TraceBuilder {
   CacheRecord& cacheFor(const LogMessage& message, const LibraryLine& line, Micros at);
   void damaged(const LogMessage& message);
   void rateLimited(const LogMessage& message, Micros at);
-  std::string ambiguityOf(const LogMessage& message, const LibraryLine& line) const;
+  std::string ambiguityOf(const LogMessage& message, const LibraryLine& line);
   void ambiguous(const CacheMessage& in, const std::string& why);
   void findReplacedProcesses();
   void facade(const CacheMessage& in);
@@ -67,6 +68,7 @@ class TraceBuilder {
 
   std::string storyEntity_;
   Trace trace_;
+  std::optional<LogMessage> cutShort_;  // the last message, when it was cut short
   uint64_t sequence_ = 0;  // the number of the last message, rate limiter's notices included
   std::string section_;
   bool previousBoot_ = false;

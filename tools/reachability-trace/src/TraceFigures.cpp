@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "Saturating.h"
 #include "TraceOutput.h"
 
 namespace veranda::reachabilityCache::trace {
@@ -50,7 +51,7 @@ EntityFigures entityFigures(const EntityRecord& entity, Micros cacheEnd,
   if (!entity.answers.empty() && entity.answers.front().at != NO_TIME && cacheEnd != NO_TIME) {
     const Micros first = entity.answers.front().at;
     for (const EntitySpan& span : entitySpans(entity, first, cacheEnd, AnswerRecord{})) {
-      const double seconds = static_cast<double>(span.to - span.from) / 1e6;
+      const double seconds = static_cast<double>(saturatingSub(span.to, span.from)) / 1e6;
       figures.unreachableSeconds += span.answer == Answer::UNREACHABLE ? seconds : 0;
       figures.unknownSeconds += span.answer == Answer::UNKNOWN ? seconds : 0;
     }
@@ -63,7 +64,8 @@ std::vector<double> answerLatenciesMs(const CacheRecord& cache) {
   for (const std::vector<CheckRecord>* list : {&cache.cycles, &cache.manualChecks}) {
     for (const CheckRecord& check : *list) {
       if (check.answered && check.answeredAt != NO_TIME && check.start != NO_TIME) {
-        latencies.push_back(static_cast<double>(check.answeredAt - check.start) / 1000);
+        latencies.push_back(static_cast<double>(saturatingSub(check.answeredAt, check.start)) /
+                            1000);
       }
     }
   }
@@ -75,7 +77,9 @@ std::vector<double> cycleGapsSeconds(const CacheRecord& cache) {
   std::vector<double> gaps;
   for (std::size_t i = 1; i < cache.cycles.size(); ++i) {
     if (cache.cycles[i].start != NO_TIME && cache.cycles[i - 1].start != NO_TIME) {
-      gaps.push_back(static_cast<double>(cache.cycles[i].start - cache.cycles[i - 1].start) / 1e6);
+      gaps.push_back(
+          static_cast<double>(saturatingSub(cache.cycles[i].start, cache.cycles[i - 1].start)) /
+          1e6);
     }
   }
   std::sort(gaps.begin(), gaps.end());

@@ -1,6 +1,7 @@
 // The JSON document for scripts.
 #include <nlohmann/json.hpp>
 
+#include "Saturating.h"
 #include "TraceOutput.h"
 
 namespace veranda::reachabilityCache::trace {
@@ -28,7 +29,7 @@ json checkJson(const Trace& trace, const CheckRecord& check) {
                  {"unreachable", nullptr},
                  {"changed", nullptr}};
   if (check.answered && check.answeredAt != NO_TIME && check.start != NO_TIME) {
-    result["answerMs"] = static_cast<double>(check.answeredAt - check.start) / 1000;
+    result["answerMs"] = static_cast<double>(saturatingSub(check.answeredAt, check.start)) / 1000;
   }
   if (check.summarised) {
     result["reachable"] = check.reachable;
@@ -97,6 +98,14 @@ json statisticsJson(const CacheRecord& cache) {
   return result;
 }
 
+json ambiguousJson(const Trace& trace, const CacheRecord& cache) {
+  json lines = json::array();
+  for (const AmbiguousLine& line : cache.ambiguous) {
+    lines.push_back({{"time", time(trace, line.at)}, {"why", line.why}, {"line", line.line}});
+  }
+  return lines;
+}
+
 json cacheJson(const Trace& trace, const CacheRecord& cache) {
   json cycles = json::array();
   for (const CheckRecord& check : cache.cycles) {
@@ -134,6 +143,8 @@ json cacheJson(const Trace& trace, const CacheRecord& cache) {
           {"unseenChanges", cache.unseenChanges()},
           {"entities", std::move(entities)},
           {"problems", std::move(problems)},
+          {"ambiguousLines", cache.ambiguousLines},
+          {"ambiguous", ambiguousJson(trace, cache)},
           {"metrics", cache.metrics}};
 }
 

@@ -1,10 +1,11 @@
 // One cache of the capture as the shared timeline picture.
+#include "Saturating.h"
 #include "TraceOutput.h"
 
 namespace veranda::reachabilityCache::trace {
 namespace {
 
-int64_t msSince(Micros start, Micros at) { return (at - start) / 1000; }
+int64_t msSince(Micros start, Micros at) { return saturatingSub(at, start) / 1000; }
 
 }  // namespace
 
