@@ -1,5 +1,6 @@
 #include "LineRules.h"
 
+#include <algorithm>
 #include <initializer_list>
 
 namespace veranda::reachabilityCache::trace {
@@ -81,12 +82,8 @@ bool isWhole(const LibraryLine& line) {
     if (rule.label != line.label || (!rule.when.empty() && rule.when != first)) {
       continue;
     }
-    for (std::string_view key : rule.keys) {
-      if (!line.get(key)) {
-        return false;
-      }
-    }
-    return true;
+    return std::all_of(rule.keys.begin(), rule.keys.end(),
+                       [&line](std::string_view key) { return line.get(key).has_value(); });
   }
   return true;
 }
