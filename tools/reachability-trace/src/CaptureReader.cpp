@@ -4,15 +4,24 @@
 #include <cstring>
 #include <vector>
 
+#include "WordSearch.h"
+
 namespace veranda::reachabilityCache::trace {
 namespace {
 
 constexpr std::size_t BLOCK_BYTES = std::size_t{4} << 20;
 constexpr std::string_view NEEDLE = "ReachabilityCache";
-constexpr std::string_view RATE_LIMITER = "chatty";
+// The words of the rate limiter's notices ("... expire 40 lines",
+// "... identical 12 lines"), rarer in a log than its tag.
+constexpr std::string_view RATE_LIMITER_TAG = "chatty";
+constexpr std::string_view EXPIRED = " expire ";
+constexpr std::string_view IDENTICAL = " identical ";
 constexpr std::string_view SECTION_START = "\n------ ";
+// A bug report starts with dumpstate's header; only then are sections looked for.
+constexpr std::string_view BUG_REPORT_START = "== dumpstate";
+constexpr std::size_t BUG_REPORT_HEADER_BYTES = 1024;
 
-const char* find(const char* from, const char* to, std::string_view needle) {
+const char* findWord(const char* from, const char* to, std::string_view needle) {
   if (from >= to) {
     return nullptr;
   }
@@ -34,7 +43,7 @@ const char* lineStart(const char* begin, const char* at) {
 }
 
 bool namesTheCache(const char* from, const char* to) {
-  return find(from, to, NEEDLE) != nullptr || find(from, to, RATE_LIMITER) != nullptr;
+  return findWord(from, to, NEEDLE) != nullptr;
 }
 
 // Leaves the NUL bytes out of [data, data + size); returns how many there were.
@@ -54,15 +63,15 @@ std::size_t removeNuls(char* data, std::size_t& size) {
   return removed;
 }
 
-// The next place in a buffer where one of a few words occurs, each searched
-// for once per buffer however often it is asked.
+// The next place in a buffer where a word occurs, searched for once per
+// buffer however often it is asked.
 class NextWord {
  public:
   explicit NextWord(std::string_view word) : word_(word) {}
   void reset() { next_ = nullptr; }
   const char* at(const char* from, const char* end) {
     if (next_ == nullptr || (next_ != end && next_ < from)) {
-      next_ = find(from, end, word_);
+      next_ = findWord(from, end, word_);
       next_ = next_ == nullptr ? end : next_;
     }
     return next_ == end ? nullptr : next_;
@@ -78,24 +87,26 @@ class Scanner {
  public:
   Scanner(LineSink& sink, ReadResult& result) : sink_(sink), result_(result) {}
 
+  // Looks for sections from here on: the text is a bug report.
+  void expectSections() { sections_ = true; }
+
   // Hands on the wanted lines of [begin, end): `begin` starts a line and
   // the byte before it is a line feed; `end` follows a line feed or ends the
   // input.
   void scan(const char* begin, const char* end) {
     const char* at = begin;
     handedUpTo_ = begin;
-    needle_.reset();
-    limiter_.reset();
+    next_ = {};
     section_.reset();
     while (at < end) {
       if (sink_.wantsNextLine()) {
         at = handOn(at, end);
         continue;
       }
-      const char* needle = nearest(needle_.at(at, end), limiter_.at(at, end));
+      const char* needle = nextWanted(at, end);
       // The search starts one byte early so that a section line right at
       // `at` is found by its line feed before it.
-      const char* section = section_.at(at - 1, end);
+      const char* section = sections_ ? section_.at(at - 1, end) : nullptr;
       if (section != nullptr && (needle == nullptr || section < needle)) {
         const char* start = section + 1;
         const char* stop = lineEnd(start, end);
@@ -126,8 +137,36 @@ class Scanner {
   }
 
  private:
-  static const char* nearest(const char* a, const char* b) {
-    return a == nullptr ? b : b == nullptr ? a : std::min(a, b);
+  // The next place from `at` on where the cache's name or a rate limiter's
+  // notice is.
+  const char* nextWanted(const char* at, const char* end) {
+    while (at < end) {
+      if (next_.at == nullptr || (next_.at != end && next_.at < at)) {
+        next_ = words_.find(at, end);
+        next_.at = next_.at == nullptr ? end : next_.at;
+      }
+      if (next_.at == end) {
+        return nullptr;
+      }
+      if (next_.word == 0 || isNotice(next_.at, at)) {
+        return next_.at;
+      }
+      const char* stop = lineEnd(next_.at, end);
+      if (stop == end) {
+        return nullptr;
+      }
+      at = stop + 1;
+    }
+    return nullptr;
+  }
+
+  // True when the words of a notice at `found` follow "chatty" on their line
+  // or (in the long layout) on the line before.
+  static bool isNotice(const char* found, const char* begin) {
+    const char* start = lineStart(begin, found);
+    const char* before = start > begin ? lineStart(begin, start - 1) : start;
+    return findWord(start, found, RATE_LIMITER_TAG) != nullptr ||
+           findWord(before, start, RATE_LIMITER_TAG) != nullptr;
   }
 
   const char* handOn(const char* start, const char* end) {
@@ -157,9 +196,11 @@ class Scanner {
   LineSink& sink_;
   ReadResult& result_;
   bool inLog_ = true;
+  bool sections_ = false;
   const char* handedUpTo_ = nullptr;  // the end of the last line handed on
-  NextWord needle_{NEEDLE};
-  NextWord limiter_{RATE_LIMITER};
+  // The cache's name first, then the words of a notice.
+  WordSearch words_{{{NEEDLE, 0, 12}, {EXPIRED, 2, 3}, {IDENTICAL, 2, 7}}};
+  WordSearch::Hit next_;
   NextWord section_{SECTION_START};
 };
 
@@ -188,6 +229,10 @@ ReadResult readCapture(CaptureSource& source, const std::string& name, LineSink&
       return result;
     }
     auto fresh = static_cast<std::size_t>(got);
+    if (result.bytes == 0 && findWord(data, data + std::min(fresh, BUG_REPORT_HEADER_BYTES),
+                                      BUG_REPORT_START) != nullptr) {
+      scanner.expectSections();
+    }
     result.bytes += fresh;
     result.nulBytes += removeNuls(data + kept, fresh);
     std::size_t filled = kept + fresh;

@@ -40,12 +40,12 @@ void TraceBuilder::beginSection(std::string_view title) {
 }
 
 void TraceBuilder::add(const LogMessage& message) {
-  const Micros at = trace_.clock.toMicros(message.clock);
-  trace_.hasTime = trace_.hasTime || at != NO_TIME;
   if (message.tag == RATE_LIMITER_TAG) {
-    rateLimited(message, at);
+    rateLimited(message);
     return;
   }
+  const Micros at = trace_.clock.toMicros(message.clock);
+  trace_.hasTime = trace_.hasTime || at != NO_TIME;
   const std::size_t metric = message.text.find(METRIC_PREFIX);
   const std::optional<LibraryLine> line =
       metric == std::string::npos ? parseLibraryLine(message.text) : std::nullopt;
@@ -177,11 +177,12 @@ void TraceBuilder::damaged(const LogMessage& message) {
 
 // "uid=10187(com.example.home) expire 40 lines", "... identical 12 lines":
 // lines of the notice's process that the platform did not keep.
-void TraceBuilder::rateLimited(const LogMessage& message, Micros at) {
+void TraceBuilder::rateLimited(const LogMessage& message) {
   const auto found = current_.find(message.pid.value_or(-1));
   if (found == current_.end()) {
     return;  // another process's
   }
+  const Micros at = trace_.clock.toMicros(message.clock);
   CacheRecord& cache = trace_.caches[found->second];
   const std::string& text = message.text;
   const bool expired = text.find(" expire ") != std::string::npos;

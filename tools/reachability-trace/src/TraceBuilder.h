@@ -57,7 +57,7 @@ class TraceBuilder {
   // line. Sets readers_.
   CacheRecord& cacheFor(const LogMessage& message, const LibraryLine& line, Micros at);
   void damaged(const LogMessage& message);
-  void rateLimited(const LogMessage& message, Micros at);
+  void rateLimited(const LogMessage& message);
   std::string ambiguityOf(const LogMessage& message, const LibraryLine& line);
   void ambiguous(const CacheMessage& in, const std::string& why);
   void findReplacedProcesses();
