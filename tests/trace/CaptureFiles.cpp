@@ -103,8 +103,8 @@ std::string render(const Message& message, Form form) {
                            ? head + line
                            : (form == Form::IDE_TABLE ? std::string(head.size(), ' ') : "") + line;
     if (form == Form::COLOR) {
-      text = "\x1b[38;5;" + std::string(message.priority == 'D' ? "75" : "40") + "m" + text +
-             "\x1b[0m";
+      text.insert(0, std::string("\x1b[38;5;") + (message.priority == 'D' ? "75" : "40") + "m");
+      text += "\x1b[0m";
     }
     result += text + end;
   }
@@ -119,12 +119,13 @@ std::string render(const std::vector<Message>& messages, Form form) {
   return result;
 }
 
-CaptureTrace traceText(const std::string& capture, const std::string& storyEntity) {
+CaptureTrace traceText(const std::string& capture, const std::string& storyEntity,
+                       const TraceLimits& limits) {
   std::string path = ::testing::TempDir() + "capture-XXXXXX";
   const int fd = ::mkstemp(path.data());
   EXPECT_GE(fd, 0);
   std::ofstream(path, std::ios::binary) << capture;
-  CaptureTrace result = traceCapture(fd, "capture", storyEntity);
+  CaptureTrace result = traceCapture(fd, "capture", storyEntity, limits);
   ::close(fd);
   ::unlink(path.c_str());
   return result;

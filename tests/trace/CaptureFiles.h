@@ -63,6 +63,7 @@ std::string render(const Message& message, Form form);
 std::string render(const std::vector<Message>& messages, Form form);
 
 // The trace of `capture`, read from a temporary file.
-CaptureTrace traceText(const std::string& capture, const std::string& storyEntity = "");
+CaptureTrace traceText(const std::string& capture, const std::string& storyEntity = "",
+                       const TraceLimits& limits = {});
 
 }  // namespace veranda::reachabilityCache::trace::testing

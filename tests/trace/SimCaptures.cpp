@@ -41,7 +41,7 @@ SimOutput runSimulator(const std::string& arguments) {
   const std::string base = ::testing::TempDir() + "sim-" + std::to_string(++runs);
   const std::string command = std::string(REACHABILITY_SIM_BINARY) + " " + arguments + " > " +
                               base + ".out 2> " + base + ".err";
-  EXPECT_EQ(std::system(command.c_str()), 0) << command;
+  EXPECT_EQ(std::system(command.c_str()), 0) << command;  // NOLINT(concurrency-mt-unsafe)
   return {readFile(base + ".out"), readFile(base + ".err")};
 }
 

@@ -21,7 +21,7 @@ std::map<std::string, Told> toldInTrace(const CacheRecord& cache) {
   std::map<std::string, Told> told;
   for (const EntityRecord& entity : cache.entities) {
     for (const ChangeRecord& change : entity.changes) {
-      told[entity.id].emplace_back(change.endpointId, change.reachable);
+      told[entity.id].emplace_back(entity.endpointOf(change), change.reachable);
     }
   }
   return told;

@@ -68,10 +68,8 @@ void summaryFacts(const Message& message, uint64_t number,
   }
   for (const auto& [entity, entry] : last) {
     const bool event = entry.adapterName.empty();
-    if (entry.reachable && !entry.changed && !entry.insertFailed) {
-      facts.push_back({number, entity, true, false, message.text});
-    } else if (!entry.reachable && !entry.changed && !entry.insertFailed) {
-      facts.push_back({number, entity, false, false, message.text});
+    if (!entry.changed && !entry.insertFailed) {  // the answer stays what it was
+      facts.push_back({number, entity, entry.reachable, false, message.text});
     } else if (entry.reachable && entry.changed && event) {  // an event adds no driver type
       facts.push_back({number, entity, false, false, message.text});
     } else if (entry.changed && single.count(entity) > 0) {

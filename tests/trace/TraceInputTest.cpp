@@ -92,7 +92,8 @@ std::map<std::string, std::string> changesOf(const Trace& trace) {
   std::map<std::string, std::string> result;
   for (const EntityRecord& entity : trace.caches.at(0).entities) {
     for (const ChangeRecord& change : entity.changes) {
-      result[entity.id] += change.endpointId + (change.reachable ? "+ " : "- ");
+      result[entity.id] +=
+          std::string(entity.endpointOf(change)) + (change.reachable ? "+ " : "- ");
     }
     for (const AnswerRecord& answer : entity.answers) {
       result[entity.id] += tools::answerName(answer.answer);

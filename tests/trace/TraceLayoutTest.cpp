@@ -22,7 +22,8 @@ std::map<std::string, std::string> histories(const CacheRecord& cache) {
   for (const EntityRecord& entity : cache.entities) {
     std::string& text = result[entity.id];
     for (const ChangeRecord& change : entity.changes) {
-      text += change.endpointId + (change.reachable ? "+" : "-") + change.adapterName + " ";
+      text += std::string(entity.endpointOf(change)) + (change.reachable ? "+" : "-") +
+              std::string(entity.adapterOf(change)) + " ";
     }
     text += "|";
     for (const AnswerRecord& answer : entity.answers) {

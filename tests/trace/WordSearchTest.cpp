@@ -21,7 +21,7 @@ TEST(WordSearchTest, FindsTheFirstWordAnywhereLikeASimpleSearch) {
     for (char& c : text) {
       c = "ReachabilityC expire ab\n"[random() % 24];
     }
-    for (int k = random() % 3; k > 0; --k) {
+    for (auto k = random() % 3; k > 0; --k) {
       const std::string& word = words[random() % 3];
       text.insert(random() % (text.size() + 1), word);
     }

@@ -31,14 +31,15 @@ std::string nothingRead(const std::string& name, const Trace& trace) {
 
 }  // namespace
 
-CaptureTrace traceCapture(int fd, const std::string& name, const std::string& storyEntity) {
+CaptureTrace traceCapture(int fd, const std::string& name, const std::string& storyEntity,
+                          const TraceLimits& limits) {
   CaptureTrace result;
   OpenedCapture opened = openCapture(fd, name);
   if (!opened.source) {
     result.error = opened.error;
     return result;
   }
-  TraceBuilder builder(storyEntity);
+  TraceBuilder builder(storyEntity, limits);
   MessageAssembler assembler([&builder](const LogMessage& message) { builder.add(message); },
                              [&builder](std::string_view title) { builder.beginSection(title); });
   const ReadResult read = readCapture(*opened.source, name, assembler);

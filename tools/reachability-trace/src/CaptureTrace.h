@@ -18,6 +18,7 @@ struct CaptureTrace {
 // names the capture in errors; `storyEntity` as for TraceBuilder. Refuses
 // input that cannot be read, an empty capture and one without any line of
 // the library that can be read, naming what it holds instead.
-CaptureTrace traceCapture(int fd, const std::string& name, const std::string& storyEntity = "");
+CaptureTrace traceCapture(int fd, const std::string& name, const std::string& storyEntity = "",
+                          const TraceLimits& limits = {});
 
 }  // namespace veranda::reachabilityCache::trace

@@ -57,28 +57,51 @@ bool ChangeReader::notification(const CacheMessage& in) {
   if (!endpointId || !entityId || !reachable) {
     return false;
   }
-  EntityRecord& record = in.cache.entity(*entityId);
-  record.endpoints.emplace(*endpointId);
+  EntityRecord* record = in.entity(*entityId);
+  if (record == nullptr) {
+    return true;  // past the limits
+  }
   ChangeRecord change;
   change.at = in.at;
   change.message = in.number;
-  change.endpointId = std::string(*endpointId);
+  change.endpoint = record->endpointIndex(*endpointId, in.trace.limits.endpointsPerEntity);
   change.reachable = *reachable == "true";
+  std::vector<std::string> evidence;
   if (inStory(*entityId)) {
-    change.evidence = causeOf(in, *endpointId);
-    change.evidence.push_back(in.message.lines.front());
+    evidence = causeOf(in, *endpointId);
+    evidence.push_back(in.message.lines.front());
   }
   const bool byCheck = checks_.answering(in.cache, in.thread) != nullptr;
   notified_ = true;
   // Listeners hear only of changes: the entity was the other way before.
-  const bool isReachable = change.reachable;
-  answers_.reachableBefore(in, *entityId, *endpointId, !isReachable, true);
-  record.changes.push_back(std::move(change));
+  answers_.reachableBefore(in, *entityId, *endpointId, !change.reachable, true);
+  const std::size_t kept = keep(in, *record, change, std::move(evidence));
   answers_.apply(in, *entityId, *endpointId,
-                 !isReachable ? Effect::CLEAR : (byCheck ? Effect::CHECK : Effect::EVENT), true);
+                 !change.reachable ? Effect::CLEAR : (byCheck ? Effect::CHECK : Effect::EVENT),
+                 true);
   notes_[in.thread].push_back(
-      {std::string(*endpointId), std::string(*entityId), isReachable, record.changes.size() - 1});
+      {std::string(*endpointId), std::string(*entityId), change.reachable, kept});
   return true;
+}
+
+std::size_t ChangeReader::keep(const CacheMessage& in, EntityRecord& record,
+                               const ChangeRecord& change, std::vector<std::string> evidence) {
+  ++record.changeCount;
+  Trace& trace = in.trace;
+  const bool story = inStory(record.id);
+  if (story ? record.changes.size() >= trace.limits.storyChanges
+            : trace.keptChanges >= trace.limits.changes) {
+    ++record.changesLeftOut;
+    ++(story ? trace.leftOut.storyChanges : trace.leftOut.changes);
+    return NOT_KEPT;
+  }
+  ++trace.keptChanges;
+  record.changes.push_back(change);
+  if (story) {
+    record.evidence.resize(record.changes.size());
+    record.evidence.back() = std::move(evidence);
+  }
+  return record.changes.size() - 1;
 }
 
 std::string ChangeReader::summary(const CacheMessage& in) {
@@ -162,11 +185,15 @@ void ChangeReader::applyEntry(const CacheMessage& in, const SummaryEntry& entry,
     }
     return;
   }
-  EntityRecord& record = in.cache.entity(entry.entityId);
-  record.endpoints.emplace(entry.endpointId);
-  if (!entry.adapterName.empty()) {
-    record.adapters.emplace(entry.adapterName);
+  EntityRecord* record = in.entity(entry.entityId);
+  if (record == nullptr) {
+    return;  // past the limits
   }
+  const std::size_t limit = in.trace.limits.endpointsPerEntity;
+  const uint32_t endpoint = record->endpointIndex(entry.endpointId, limit);
+  const uint16_t adapter = entry.adapterName.empty()
+                               ? ChangeRecord::NO_ADAPTER
+                               : record->adapterIndex(entry.adapterName, limit);
   if (!entry.insertFailed) {
     // "reachable" and "becameUnreachable" follow a reachable entity.
     answers_.reachableBefore(in, entry.entityId, entry.endpointId, entry.reachable != entry.changed,
@@ -184,19 +211,23 @@ void ChangeReader::applyEntry(const CacheMessage& in, const SummaryEntry& entry,
   if (!entry.changed) {
     return;
   }
-  ChangeRecord& change = changeOf(in, record, entry);
-  change.adapterName = std::string(entry.adapterName);
+  const std::size_t index = changeOf(in, *record, entry, endpoint);
+  if (index == NOT_KEPT) {
+    return;
+  }
+  record->changes[index].adapter = adapter;
   if (inStory(entry.entityId)) {
-    change.evidence.push_back(in.message.lines.front());
+    std::vector<std::string>& evidence = record->evidence[index];
+    evidence.push_back(in.message.lines.front());
     const std::string& entryLine = lineHolding(in.message, entryText);
     if (&entryLine != &in.message.lines.front()) {
-      change.evidence.push_back(entryLine);
+      evidence.push_back(entryLine);
     }
   }
 }
 
-ChangeRecord& ChangeReader::changeOf(const CacheMessage& in, EntityRecord& record,
-                                     const SummaryEntry& entry) {
+std::size_t ChangeReader::changeOf(const CacheMessage& in, EntityRecord& record,
+                                   const SummaryEntry& entry, uint32_t endpoint) {
   std::vector<Note>& notes = notes_[in.thread];
   const auto note = std::find_if(notes.begin(), notes.end(), [&](const Note& told) {
     return told.endpointId == entry.endpointId && told.entityId == entry.entityId &&
@@ -205,18 +236,15 @@ ChangeRecord& ChangeReader::changeOf(const CacheMessage& in, EntityRecord& recor
   if (note != notes.end()) {  // the notification line told it already
     const std::size_t index = note->change;
     notes.erase(note);
-    return record.changes[index];
+    return index;
   }
-  record.changes.push_back({});
-  ChangeRecord& change = record.changes.back();
+  ChangeRecord change;
   change.at = in.at;
   change.message = in.number;
-  change.endpointId = std::string(entry.endpointId);
+  change.endpoint = endpoint;
   change.reachable = entry.reachable;
-  if (inStory(entry.entityId)) {
-    change.evidence = causeOf(in, entry.endpointId);
-  }
-  return change;
+  return keep(in, record, change,
+              inStory(entry.entityId) ? causeOf(in, entry.endpointId) : std::vector<std::string>{});
 }
 
 }  // namespace veranda::reachabilityCache::trace

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <map>
 #include <string>
 #include <string_view>
@@ -36,12 +37,15 @@ class ChangeReader {
   std::string summary(const CacheMessage& in);
 
  private:
+  // The index of a change that the limits left out.
+  static constexpr std::size_t NOT_KEPT = SIZE_MAX;
+
   // A notification line whose summary has not come yet.
   struct Note {
     std::string endpointId;
     std::string entityId;
     bool reachable;
-    std::size_t change;
+    std::size_t change;  // its index in the entity's changes, or NOT_KEPT
   };
 
   bool inStory(std::string_view entityId) const;
@@ -55,9 +59,14 @@ class ChangeReader {
   // Applies one entry of a summary; `answered`: the check it reports, if any.
   void applyEntry(const CacheMessage& in, const SummaryEntry& entry, std::string_view entryText,
                   const CheckRecord* answered);
+  // Counts a change of `record`, and keeps it (with its `evidence` for the
+  // story) while the limits leave room: its index, or NOT_KEPT.
+  std::size_t keep(const CacheMessage& in, EntityRecord& record, const ChangeRecord& change,
+                   std::vector<std::string> evidence);
   // The change that `entry` tells: the one its notification line told
-  // already, or a new one.
-  ChangeRecord& changeOf(const CacheMessage& in, EntityRecord& record, const SummaryEntry& entry);
+  // already, or a new one. Its index, or NOT_KEPT.
+  std::size_t changeOf(const CacheMessage& in, EntityRecord& record, const SummaryEntry& entry,
+                       uint32_t endpoint);
 
   const std::string& storyEntity_;
   CheckReader& checks_;

@@ -1,5 +1,8 @@
 #include "CheckReader.h"
 
+#include <algorithm>
+#include <utility>
+
 #include "Problems.h"
 
 namespace veranda::reachabilityCache::trace {
@@ -28,7 +31,7 @@ void CheckReader::updaterLine(const CacheMessage& in) {
     periodicUpdate(in);
   } else if (line.label.empty() && reason == "checkStartFailed") {  // a manual trigger's task
     countProblem(in.cache, CHECK_START_FAILED, in.at);
-    check(in.cache, line.get("requestId").value_or(""), in.at).startFailed = true;
+    check(in, line.get("requestId").value_or("")).startFailed = true;
   }
 }
 
@@ -45,7 +48,7 @@ void CheckReader::periodicUpdate(const CacheMessage& in) {
     in.cache.cycles.push_back(empty);
   } else if (reason == "checkStartFailed") {
     countProblem(in.cache, CHECK_START_FAILED, in.at);
-    check(in.cache, in.line.get("requestId").value_or(""), in.at).startFailed = true;
+    check(in, in.line.get("requestId").value_or("")).startFailed = true;
   } else if (const auto count = in.line.number("endpointCount")) {
     nextEndpointCount_ = count;
   }
@@ -59,15 +62,15 @@ void CheckReader::checkerLine(const CacheMessage& in) {
       const std::string first = "[]: " + std::string(details->substr(0, details->find('\n')));
       const std::optional<LibraryLine> head = parseLibraryLine(first);  // views into `first`
       if (head && head->get("requestId")) {
-        CheckRecord& record = check(in.cache, *head->get("requestId"), in.at);
+        CheckRecord& record = check(in, *head->get("requestId"));
         record.endpointCount = head->number("count");
       }
     } else if (line.has("status", "requestSent")) {
-      check(in.cache, line.get("requestId").value_or(""), in.at).started = true;
+      check(in, line.get("requestId").value_or("")).started = true;
     }
   } else if (line.label == "processDiscoveredDevices") {
     const std::string_view requestId = line.get("requestId").value_or("");
-    CheckRecord& record = check(in.cache, requestId, in.at);
+    CheckRecord& record = check(in, requestId);
     record.answered = true;
     record.answeredAt = in.at;
     record.resultCount = line.number("resultCount");
@@ -96,30 +99,58 @@ CheckRecord* CheckReader::takeSummarised(const CacheMessage& in, bool cut, std::
   if (!in.message.tid && !cut && entries != record.resultCount.value_or(entries)) {
     return nullptr;
   }
+  checks_.erase(record.requestId);  // no line names it again
   answers_.erase(answer);
   return &record;
 }
 
-CheckRecord& CheckReader::check(CacheRecord& cache, std::string_view requestId, Micros at) {
+CheckRecord& CheckReader::check(const CacheMessage& in, std::string_view requestId) {
   const std::string id(requestId);
-  auto found = checks_.find(id);
-  if (found == checks_.end()) {
-    const bool periodic = requestId.substr(0, PERIODIC_PREFIX.size()) == PERIODIC_PREFIX;
-    std::vector<CheckRecord>& list = periodic ? cache.cycles : cache.manualChecks;
-    CheckRecord record;
-    record.requestId = id;
-    record.start = at;
-    if (periodic) {
-      record.endpointCount = nextEndpointCount_;
-      nextEndpointCount_.reset();
-    }
-    list.push_back(record);
-    found = checks_.emplace(id, Place(periodic, list.size() - 1)).first;
+  const auto found = checks_.find(id);
+  if (found != checks_.end()) {
+    return recordAt(in.cache, found->second);
   }
-  return recordAt(cache, found->second);
+  const bool periodic = requestId.substr(0, PERIODIC_PREFIX.size()) == PERIODIC_PREFIX;
+  CheckRecord record;
+  record.requestId = id;
+  record.start = in.at;
+  if (periodic) {
+    record.endpointCount = nextEndpointCount_;
+    nextEndpointCount_.reset();
+  }
+  Trace& trace = in.trace;
+  Place place(periodic, UNLISTED);
+  if (trace.keptChecks < trace.limits.checks) {
+    ++trace.keptChecks;
+    std::vector<CheckRecord>& list = periodic ? in.cache.cycles : in.cache.manualChecks;
+    list.push_back(std::move(record));
+    place.second = list.size() - 1;
+  } else {
+    ++(periodic ? in.cache.cyclesLeftOut : in.cache.manualChecksLeftOut);
+    ++trace.leftOut.checks;
+    unlisted_ = std::move(record);
+  }
+  // Checks never answered would pile up: the oldest are forgotten.
+  order_.push_back(id);
+  checks_.emplace(id, place);
+  while (checks_.size() > trace.limits.pendingChecks && !order_.empty()) {
+    if (checks_.erase(order_.front()) > 0) {
+      ++trace.leftOut.pendingChecks;
+    }
+    order_.pop_front();
+  }
+  if (order_.size() > 4 * trace.limits.pendingChecks) {  // ids no longer in checks_
+    order_.erase(std::remove_if(order_.begin(), order_.end(),
+                                [this](const std::string& old) { return checks_.count(old) == 0; }),
+                 order_.end());
+  }
+  return recordAt(in.cache, place);
 }
 
 CheckRecord& CheckReader::recordAt(CacheRecord& cache, Place place) {
+  if (place.second == UNLISTED) {
+    return unlisted_;
+  }
   return place.first ? cache.cycles[place.second] : cache.manualChecks[place.second];
 }
 

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <optional>
 #include <set>
@@ -40,18 +41,23 @@ class CheckReader {
   CheckRecord* takeSummarised(const CacheMessage& in, bool cut, std::size_t entries);
 
  private:
-  // A check as the cache's record lists it: (periodic, index in its list).
+  // A check as the cache's record lists it: (periodic, index in its list,
+  // or UNLISTED past the trace's limits).
   using Place = std::pair<bool, std::size_t>;
+  static constexpr std::size_t UNLISTED = SIZE_MAX;
 
-  // The check with `requestId`, made when its first line is seen.
-  CheckRecord& check(CacheRecord& cache, std::string_view requestId, Micros at);
-  static CheckRecord& recordAt(CacheRecord& cache, Place place);
+  // The check with `requestId`, made when its first line is seen; past the
+  // limits, a record of its own that no output lists.
+  CheckRecord& check(const CacheMessage& in, std::string_view requestId);
+  CheckRecord& recordAt(CacheRecord& cache, Place place);
   void periodicUpdate(const CacheMessage& in);
 
   bool keepAnswerLines_;
   bool periodicRunning_ = false;
-  std::optional<uint64_t> nextEndpointCount_;  // told before the cycle's request id
-  std::unordered_map<std::string, Place> checks_;
+  std::optional<uint64_t> nextEndpointCount_;      // told before the cycle's request id
+  std::unordered_map<std::string, Place> checks_;  // those a line may still name
+  std::deque<std::string> order_;                  // their ids, oldest first
+  CheckRecord unlisted_;
   std::map<int64_t, Place> answers_;  // thread -> check awaiting its summary
   std::set<int64_t> updaterThreads_;
 };

@@ -13,7 +13,6 @@ void EntityAnswers::storeLine(const CacheMessage& in) {
   const std::string_view endpointId = line.get("endpointId").value_or("");
   if (label == "insertEndpoint") {
     if (!line.get("reason") && line.get("entityId") && line.get("endpointId")) {
-      in.cache.entity(entityId).endpoints.emplace(endpointId);
       insertLine(in, entityId, endpointId);
     }
   } else if (label == "removeEndpoint" && line.has("action", "removedEndpoint")) {
@@ -21,18 +20,22 @@ void EntityAnswers::storeLine(const CacheMessage& in) {
   } else if (label == "removeEndpoint" && line.has("action", "removedEndpointAndEntity")) {
     removeLine(in, entityId, endpointId, true);
   } else if (label == "removeEntity" && line.has("action", "removedEntity")) {
-    Entity& state = entity(entityId);
-    if (derive(state).answer == Answer::ABSENT) {
-      retract(in, entityId, state);  // it was there
+    Entity* state = follow(in, entityId);
+    if (state == nullptr) {
+      return;
     }
-    know(in, state, Fact::ABSENT);
+    if (derive(*state).answer == Answer::ABSENT) {
+      retract(in, entityId, *state);  // it was there
+    }
+    know(in, *state, Fact::ABSENT);
     noteAnswer(in, entityId);
   } else if (label == "clear" && line.has("action", "cleared")) {
     emptyStore(in);
   } else if (label == "clearEndpointCapabilities" && line.has("action", "clearedCapabilities")) {
-    Entity& state = entity(entityId);
-    change(in, state, entityId, endpointId, Effect::CLEAR, true);
-    noteAnswer(in, entityId, true);
+    if (Entity* state = follow(in, entityId, endpointId)) {
+      change(in, *state, entityId, endpointId, Effect::CLEAR, true);
+      noteAnswer(in, entityId, true);
+    }
   } else if (label == "isEntityReachable") {
     observe(in);
   }
@@ -49,7 +52,11 @@ EntityAnswers::Effect EntityAnswers::insertEffect(const CacheMessage& in) const 
 
 void EntityAnswers::insertLine(const CacheMessage& in, std::string_view entityId,
                                std::string_view endpointId) {
-  Entity& state = entity(entityId);
+  Entity* followed = follow(in, entityId, endpointId);
+  if (followed == nullptr) {
+    return;
+  }
+  Entity& state = *followed;
   if (in.line.has("action", "newEntity")) {
     fact(in, entityId, state, Fact::ABSENT);  // the entity was not in the store
   } else if (in.line.has("action", "appended")) {
@@ -65,7 +72,11 @@ void EntityAnswers::insertLine(const CacheMessage& in, std::string_view entityId
 
 void EntityAnswers::removeLine(const CacheMessage& in, std::string_view entityId,
                                std::string_view endpointId, bool last) {
-  Entity& state = entity(entityId);
+  Entity* followed = follow(in, entityId, endpointId);
+  if (followed == nullptr) {
+    return;
+  }
+  Entity& state = *followed;
   Endpoint& removed = endpoint(state, endpointId);
   state.witness = state.witness && removed.reach != Reach::UNKNOWN;
   removed = {Reach::NOT_HELD, false};
@@ -97,7 +108,11 @@ void EntityAnswers::observe(const CacheMessage& in) {
   if (entityId.empty() || (!known && in.line.has("reason", "notInCache"))) {
     return;  // an entity the cache never held is no row of the report
   }
-  Entity& state = entity(entityId);
+  Entity* followed = follow(in, entityId);
+  if (followed == nullptr) {
+    return;
+  }
+  Entity& state = *followed;
   if (in.line.has("reachable", "true")) {
     fact(in, entityId, state, Fact::REACHABLE);
   } else if (in.line.has("reason", "notInCache")) {
@@ -110,7 +125,11 @@ void EntityAnswers::observe(const CacheMessage& in) {
 
 void EntityAnswers::reachableBefore(const CacheMessage& in, std::string_view entityId,
                                     std::string_view endpointId, bool reachable, bool ownLines) {
-  Entity& state = entity(entityId);
+  Entity* followed = follow(in, entityId, endpointId);
+  if (followed == nullptr) {
+    return;
+  }
+  Entity& state = *followed;
   const Fact told = reachable ? Fact::REACHABLE : Fact::NOT_REACHABLE;
   const auto own = before_.find({std::string(entityId), std::string(endpointId)});
   if (!ownLines || own == before_.end() || own->second.thread != in.thread) {
@@ -141,8 +160,10 @@ void EntityAnswers::reachableBefore(const CacheMessage& in, std::string_view ent
 
 void EntityAnswers::apply(const CacheMessage& in, std::string_view entityId,
                           std::string_view endpointId, Effect effect, bool onThread) {
-  change(in, entity(entityId), entityId, endpointId, effect, onThread);
-  noteAnswer(in, entityId);
+  if (Entity* state = follow(in, entityId, endpointId)) {
+    change(in, *state, entityId, endpointId, effect, onThread);
+    noteAnswer(in, entityId);
+  }
 }
 
 void EntityAnswers::change(const CacheMessage& in, Entity& state, std::string_view entityId,
@@ -169,6 +190,25 @@ void EntityAnswers::change(const CacheMessage& in, Entity& state, std::string_vi
 }
 
 // ---- states ----
+
+EntityAnswers::Entity* EntityAnswers::follow(const CacheMessage& in, std::string_view entityId,
+                                             std::string_view endpointId) {
+  if (in.entity(entityId) == nullptr) {
+    return nullptr;
+  }
+  Entity& state = entity(entityId);
+  if (!endpointId.empty() && state.endpoints.count(std::string(endpointId)) == 0 &&
+      state.endpoints.size() >= in.trace.limits.endpointsPerEntity) {
+    if (state.leftOutMessage != in.number) {  // a line is counted once
+      state.leftOutMessage = in.number;
+      ++in.trace.leftOut.endpointLines;
+    }
+    forgetWhatIsKnown(state, UnknownReason::LEFT_OUT);
+    noteAnswer(in, entityId);
+    return nullptr;
+  }
+  return &state;
+}
 
 EntityAnswers::Entity& EntityAnswers::entity(std::string_view entityId) {
   const auto [found, added] = entities_.try_emplace(std::string(entityId));
@@ -280,9 +320,10 @@ void EntityAnswers::know(const CacheMessage& in, Entity& state, Fact fact) {
 }
 
 void EntityAnswers::retract(const CacheMessage& in, std::string_view entityId, Entity& state) {
-  std::vector<AnswerRecord>& answers = in.cache.entity(entityId).answers;
+  EntityRecord& record = *in.cache.findEntity(entityId);
+  std::vector<AnswerRecord>& answers = record.answers;
   Micros from = state.factMessage != 0 ? state.factAt : NO_TIME;
-  while (!answers.empty() && answers.back().message > state.factMessage) {
+  while (answers.size() > record.settled && answers.back().message > state.factMessage) {
     from = state.factMessage != 0 ? from : answers.back().at;
     answers.pop_back();
   }
@@ -310,7 +351,8 @@ void EntityAnswers::noteAnswer(const CacheMessage& in, std::string_view entityId
                                bool provisional) {
   Entity& state = entity(entityId);
   const Derived derived = derive(state);
-  std::vector<AnswerRecord>& answers = in.cache.entity(entityId).answers;
+  EntityRecord& entityRecord = *in.cache.findEntity(entityId);
+  std::vector<AnswerRecord>& answers = entityRecord.answers;
   Micros at = in.at;
   if (!answers.empty() && answers.back().message == in.number) {
     answers.pop_back();  // one message tells one answer: its last
@@ -334,15 +376,18 @@ void EntityAnswers::noteAnswer(const CacheMessage& in, std::string_view entityId
           !answers[answers.size() - 2].inferred) {
         answers.pop_back();
       }
-      return;
+    } else if (!answers.empty() && record.inferred && !answers.back().inferred) {
+      answers.push_back(record);  // it rests on an inference from here on
     }
-    if (answers.empty() || answers.back().inferred || !record.inferred) {
-      return;
+  } else {
+    answers.push_back(record);
+    if (provisional) {
+      state.provisional.emplace(in.thread, in.number);
     }
   }
-  answers.push_back(record);
-  if (provisional) {
-    state.provisional.emplace(in.thread, in.number);
+  // No line can take back what came before the last fact.
+  if (state.factMessage > 0) {
+    settleAnswers(in.trace, entityRecord, state.factMessage - 1, false);
   }
 }
 

@@ -102,6 +102,7 @@ class EntityAnswers {
     // A store line of a result noted the last answer; the result's own
     // notification or summary at the same time replaces it.
     std::optional<std::pair<int64_t, uint64_t>> provisional;  // (thread, message)
+    uint64_t leftOutMessage = 0;  // the last message about an endpoint past the limit
   };
   struct Derived {
     Answer answer;
@@ -114,6 +115,11 @@ class EntityAnswers {
     std::optional<Endpoint> endpoint;  // nothing when it was not named
   };
 
+  // The entity's state, when the trace's limits leave room for it (and for
+  // `endpointId`, when given); else null, with what is left out counted.
+  Entity* follow(const CacheMessage& in, std::string_view entityId,
+                 std::string_view endpointId = {});
+  // The state of an entity already followed.
   Entity& entity(std::string_view entityId);
   Endpoint& endpoint(Entity& state, std::string_view endpointId);
   Derived derive(const Entity& state) const;

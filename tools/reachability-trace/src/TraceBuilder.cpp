@@ -24,7 +24,10 @@ TraceBuilder::Readers::Readers(const std::string& storyEntity, bool created)
       answers(checks, created),
       changes(storyEntity, checks, events, answers) {}
 
-TraceBuilder::TraceBuilder(std::string storyEntity) : storyEntity_(std::move(storyEntity)) {}
+TraceBuilder::TraceBuilder(std::string storyEntity, TraceLimits limits)
+    : storyEntity_(std::move(storyEntity)) {
+  trace_.limits = limits;
+}
 
 void TraceBuilder::addDamaged(uint64_t lines, const std::string& first) {
   if (trace_.firstDamaged.empty()) {
@@ -62,7 +65,12 @@ void TraceBuilder::add(const LogMessage& message) {
   const std::string ambiguity = line ? ambiguityOf(message, *line) : std::string();
   // An ambiguous line is no cache's creation.
   const LibraryLine& read = line && ambiguity.empty() ? *line : none;
-  CacheRecord& cache = cacheFor(message, read, at);
+  CacheRecord* found = cacheFor(message, read, at);
+  if (found == nullptr) {
+    ++trace_.leftOut.processLines;
+    return;
+  }
+  CacheRecord& cache = *found;
   if (at != NO_TIME) {
     cache.firstSeen = cache.firstSeen == NO_TIME ? at : cache.firstSeen;
     cache.lastSeen = std::max(cache.lastSeen, at);
@@ -75,7 +83,8 @@ void TraceBuilder::add(const LogMessage& message) {
     ++cache.metrics[std::string(name.substr(0, name.find(' ')))];
     return;
   }
-  const CacheMessage in{cache, message, *line, at, message.tid.value_or(-1), sequence_};
+  const CacheMessage in{trace_,    cache,       message, *line, at, message.tid.value_or(-1),
+                        sequence_, storyEntity_};
   if (!ambiguity.empty()) {
     ambiguous(in, ambiguity);
     return;
@@ -91,11 +100,15 @@ void TraceBuilder::add(const LogMessage& message) {
   }
 }
 
-CacheRecord& TraceBuilder::cacheFor(const LogMessage& message, const LibraryLine& line, Micros at) {
+CacheRecord* TraceBuilder::cacheFor(const LogMessage& message, const LibraryLine& line, Micros at) {
   const int64_t process = message.pid.value_or(-1);
   const bool creation = line.label == "ReachabilityCache" && line.has("event", "cacheCreated");
   auto found = current_.find(process);
   if (creation || found == current_.end()) {
+    if (trace_.caches.size() >= trace_.limits.caches) {
+      current_.erase(process);  // its lines are left out from here on
+      return nullptr;
+    }
     CacheRecord record;
     record.pid = message.pid;
     record.section = section_;
@@ -106,7 +119,7 @@ CacheRecord& TraceBuilder::cacheFor(const LogMessage& message, const LibraryLine
     found = current_.insert_or_assign(process, trace_.caches.size() - 1).first;
   }
   reading_ = readers_[found->second].get();
-  return trace_.caches[found->second];
+  return &trace_.caches[found->second];
 }
 
 void TraceBuilder::facade(const CacheMessage& in) {
@@ -203,7 +216,8 @@ void TraceBuilder::rateLimited(const LogMessage& message) {
   cache.firstRateLimit = cache.firstRateLimit == NO_TIME ? at : cache.firstRateLimit;
   ++sequence_;
   const LibraryLine none;
-  const CacheMessage in{cache, message, none, at, message.tid.value_or(-1), sequence_};
+  const CacheMessage in{trace_,    cache,       message, none, at, message.tid.value_or(-1),
+                        sequence_, storyEntity_};
   readers_[found->second]->answers.loseAll(in, UnknownReason::LINES_DROPPED);
 }
 
@@ -281,6 +295,11 @@ void TraceBuilder::findReplacedProcesses() {
 }
 
 Trace TraceBuilder::finish(uint64_t bytes, bool bugReport) {
+  for (CacheRecord& cache : trace_.caches) {
+    for (EntityRecord& entity : cache.entities) {
+      settleAnswers(trace_, entity, UINT64_MAX, true);
+    }
+  }
   findReplacedProcesses();
   for (CacheRecord& cache : trace_.caches) {
     checkRhythm(cache, trace_.clock.resolution());

@@ -27,7 +27,7 @@ class TraceBuilder {
  public:
   // `storyEntity`, when not empty, names the entity whose changes keep the
   // log lines that caused them.
-  explicit TraceBuilder(std::string storyEntity = "");
+  explicit TraceBuilder(std::string storyEntity = "", TraceLimits limits = {});
 
   void add(const LogMessage& message);
   // Counts lines that are the library's but could not be read; `first` is
@@ -55,7 +55,8 @@ class TraceBuilder {
   // The cache of the message's process: "cacheCreated" starts a new one, and
   // a process seen first in the middle of its life gets one from its first
   // line. Sets readers_.
-  CacheRecord& cacheFor(const LogMessage& message, const LibraryLine& line, Micros at);
+  // Null past the trace's limit of caches.
+  CacheRecord* cacheFor(const LogMessage& message, const LibraryLine& line, Micros at);
   void damaged(const LogMessage& message);
   void rateLimited(const LogMessage& message);
   std::string ambiguityOf(const LogMessage& message, const LibraryLine& line);

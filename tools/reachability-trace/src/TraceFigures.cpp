@@ -23,7 +23,13 @@ std::vector<EntitySpan> entitySpans(const EntityRecord& entity, Micros start, Mi
                                     const AnswerRecord& before) {
   std::vector<EntitySpan> spans;
   EntitySpan current{start, start, before.answer, before.inferred, before.reason};
-  for (const AnswerRecord& answer : entity.answers) {
+  std::vector<AnswerRecord> answers = entity.answers;
+  if (entity.answersLeftOut > 0) {  // the answers past the limits are unknown here
+    answers.insert(answers.begin() + static_cast<std::ptrdiff_t>(entity.answersGap),
+                   AnswerRecord{entity.answersLeftOutFrom, Answer::UNKNOWN, false,
+                                UnknownReason::LEFT_OUT, 0});
+  }
+  for (const AnswerRecord& answer : answers) {
     if (answer.at == NO_TIME) {
       continue;
     }
@@ -40,22 +46,27 @@ std::vector<EntitySpan> entitySpans(const EntityRecord& entity, Micros start, Mi
 
 EntityFigures entityFigures(const EntityRecord& entity, Micros cacheEnd,
                             const AnswerRecord& before) {
-  EntityFigures figures;
-  figures.changes = entity.changes.size();
-  figures.last = entity.answers.empty() ? before : AnswerRecord{};
-  for (const AnswerRecord& answer : entity.answers) {
-    figures.flaps +=
-        figures.last.answer == Answer::REACHABLE && answer.answer == Answer::UNREACHABLE ? 1 : 0;
-    figures.last = answer;
-  }
-  if (!entity.answers.empty() && entity.answers.front().at != NO_TIME && cacheEnd != NO_TIME) {
-    const Micros first = entity.answers.front().at;
-    for (const EntitySpan& span : entitySpans(entity, first, cacheEnd, AnswerRecord{})) {
-      const double seconds = static_cast<double>(saturatingSub(span.to, span.from)) / 1e6;
-      figures.unreachableSeconds += span.answer == Answer::UNREACHABLE ? seconds : 0;
-      figures.unknownSeconds += span.answer == Answer::UNKNOWN ? seconds : 0;
+  // The tally of the final answers, then those a line could still have
+  // taken back, then the last one's span to the cache's end.
+  AnswerTally tally = entity.tally;
+  for (std::size_t i = entity.settled; i < entity.answers.size(); ++i) {
+    const AnswerRecord& answer = entity.answers[i];
+    if (tally.open) {
+      tallySpan(tally, *tally.open, answer.at);
+      tally.flaps +=
+          tally.open->answer == Answer::REACHABLE && answer.answer == Answer::UNREACHABLE ? 1 : 0;
     }
+    tally.open = answer;
   }
+  EntityFigures figures;
+  figures.changes = entity.changeCount;
+  figures.last = tally.open.value_or(before);
+  if (tally.open) {
+    tallySpan(tally, *tally.open, cacheEnd);
+  }
+  figures.flaps = tally.flaps;
+  figures.unreachableSeconds = static_cast<double>(tally.unreachable) / 1e6;
+  figures.unknownSeconds = static_cast<double>(tally.unknown) / 1e6;
   return figures;
 }
 

@@ -48,12 +48,14 @@ struct CheckRecord {
 
 // A change told to listeners.
 struct ChangeRecord {
+  static constexpr uint16_t NO_ADAPTER = UINT16_MAX;
+  static constexpr uint32_t OTHER_ENDPOINT = UINT32_MAX;  // past the entity's limit
+
   Micros at = NO_TIME;
-  uint64_t message = 0;  // the number of the message that told it
-  std::string endpointId;
-  std::string adapterName;  // where a summary names it
+  uint64_t message = 0;           // the number of the message that told it
+  uint32_t endpoint = 0;          // in the entity's endpoints
+  uint16_t adapter = NO_ADAPTER;  // in the entity's adapters, where a summary names it
   bool reachable = false;
-  std::vector<std::string> evidence;  // kept only for an entity's story
 };
 
 // What isEntityReachable answers for an entity from `at` on, as the lines
@@ -72,12 +74,13 @@ enum class UnknownReason : uint8_t {
   LINES_DROPPED,  // the platform's rate limiter dropped lines of the cache's process
   CONTRADICTED,   // a later line contradicts what the earlier ones told: lines are missing
   AMBIGUOUS,      // a line about it could also be read another way
+  LEFT_OUT,       // a line about it was past the trace's limits
 };
 
 // The name scripts read ("captureStart", "summaryCut", "linesDropped",
-// "contradicted", "ambiguous"; "" for NONE) and a few words a person reads
-// ("capture start", "summary cut", "lines dropped", "lines missing",
-// "ambiguous line").
+// "contradicted", "ambiguous", "leftOut"; "" for NONE) and a few words a
+// person reads ("capture start", "summary cut", "lines dropped", "lines
+// missing", "ambiguous line", "past the limits").
 const char* unknownReasonName(UnknownReason reason);
 const char* unknownReasonWords(UnknownReason reason);
 
@@ -89,12 +92,38 @@ struct AnswerRecord {
   uint64_t message = 0;                        // the number of the message that told it
 };
 
+// An entity's figures over its final answers (those no later line can
+// take back), gathered as they become final.
+struct AnswerTally {
+  uint64_t flaps = 0;  // reachable to unreachable
+  Micros unreachable = 0;
+  Micros unknown = 0;
+  std::optional<AnswerRecord> open;  // the last final answer, whose span goes on
+};
+
 struct EntityRecord {
   std::string id;
-  std::vector<ChangeRecord> changes;
-  std::vector<AnswerRecord> answers;  // each change of the answer, in capture order
-  std::set<std::string> endpoints;
-  std::set<std::string> adapters;
+  std::vector<std::string> endpoints;  // in order of first appearance, up to the limit
+  std::vector<std::string> adapters;
+  std::vector<ChangeRecord> changes;  // the first ones, up to the limit
+  // Each change of the answer in capture order: the final ones kept (up to
+  // the limit), then those a later line may still take back.
+  std::vector<AnswerRecord> answers;
+  std::size_t settled = 0;   // answers[0, settled) are final
+  uint64_t changeCount = 0;  // kept or not
+  uint64_t changesLeftOut = 0;
+  uint64_t answersLeftOut = 0;
+  Micros answersLeftOutFrom = NO_TIME;  // the time of the first answer left out
+  std::size_t answersGap = 0;           // where in `answers` those left out were
+  AnswerTally tally;
+  std::vector<std::vector<std::string>> evidence;  // per kept change; for --entity's entity
+
+  // The index of `endpointId` among the endpoints, added when new and
+  // there is room; OTHER_ENDPOINT past the limit.
+  uint32_t endpointIndex(std::string_view endpointId, std::size_t limit);
+  uint16_t adapterIndex(std::string_view adapterName, std::size_t limit);
+  std::string_view endpointOf(const ChangeRecord& change) const;
+  std::string_view adapterOf(const ChangeRecord& change) const;
 };
 
 struct ProblemRecord {
@@ -128,8 +157,10 @@ struct CacheRecord {
   std::optional<bool> periodicUpdates;
   std::optional<int64_t> intervalSeconds;
   std::optional<int64_t> initialDelayMs;
-  std::vector<CheckRecord> cycles;
-  std::vector<CheckRecord> manualChecks;
+  std::vector<CheckRecord> cycles;        // up to the limit
+  std::vector<CheckRecord> manualChecks;  // up to the limit
+  uint64_t cyclesLeftOut = 0;             // past the limit: counted only
+  uint64_t manualChecksLeftOut = 0;
   std::optional<std::string> callbackId;  // of the proactive subscription
   uint64_t eventsReceived = 0;            // connectivity events passed on by the checker
   uint64_t eventsApplied = 0;             // their result summaries
@@ -151,14 +182,53 @@ struct CacheRecord {
   uint64_t seenChanges() const;
   // Changes told to listeners that the capture lost (cut summaries).
   uint64_t unseenChanges() const;
-  // The entity with `id`, added at the end when the cache has none yet.
-  EntityRecord& entity(std::string_view id);
+  // The entity with `id`, or null.
+  EntityRecord* findEntity(std::string_view id);
+  const EntityRecord* findEntity(std::string_view id) const;
   // From creation (or the first line seen) to destruction (or the last).
   Micros startTime() const { return creationSeen ? created : firstSeen; }
   Micros endTime() const { return destructionSeen ? destroyed : lastSeen; }
 };
 
+// What the trace keeps in memory, all caches together. Past these it counts
+// what it leaves out, so that memory stays bounded whatever the capture.
+// Together they keep the trace under 32 MB.
+struct TraceLimits {
+  std::size_t caches = 1000;
+  std::size_t entities = 10000;
+  std::size_t endpointsPerEntity = 64;  // followed and named per entity
+  std::size_t checks = 20000;           // listed, cycles and manual checks together
+  std::size_t pendingChecks = 4096;     // per cache: checks awaiting their answer
+  std::size_t answers = 200000;         // kept for --json and the picture
+  std::size_t changes = 200000;         // kept for --json, the picture's marks and stories
+  std::size_t storyChanges = 10000;     // kept with their lines for --entity
+};
+
+// What the limits left out.
+struct LeftOut {
+  uint64_t processLines = 0;   // lines of processes past the caches' limit
+  uint64_t entityLines = 0;    // lines about entities past the entities' limit
+  uint64_t endpointLines = 0;  // lines about endpoints past an entity's limit
+  uint64_t checks = 0;         // counted, not listed
+  uint64_t pendingChecks = 0;  // forgotten before their answer came: not joined
+  uint64_t answers = 0;        // not listed; the figures count them
+  uint64_t changes = 0;
+  uint64_t storyChanges = 0;
+
+  bool any() const {
+    return processLines + entityLines + endpointLines + checks + pendingChecks + answers + changes +
+               storyChanges >
+           0;
+  }
+};
+
 struct Trace {
+  TraceLimits limits;
+  LeftOut leftOut;
+  std::size_t keptEntities = 0;  // what the limits count, kept so far
+  std::size_t keptChecks = 0;
+  std::size_t keptAnswers = 0;
+  std::size_t keptChanges = 0;
   std::vector<CacheRecord> caches;
   uint64_t messages = 0;       // library and metric messages read
   uint64_t damagedLines = 0;   // lines naming the cache that could not be read
@@ -173,5 +243,18 @@ struct Trace {
   bool hasTime = false;  // the format gave clock readings
   CaptureClock clock;
 };
+
+// The entity `id` of `cache`, added when new and the limits leave room
+// (`always`: whatever the limits, for the entity whose story is told); null
+// when it is past them.
+EntityRecord* trackedEntity(Trace& trace, CacheRecord& cache, std::string_view id, bool always);
+
+// Makes the entity's answers up to message `upTo` final, but not its last
+// one (`all`: every one): they join its tally, and stay listed while the
+// limits leave room.
+void settleAnswers(Trace& trace, EntityRecord& entity, uint64_t upTo, bool all);
+
+// Adds the span of `answer` that ends at `end` to `tally`.
+void tallySpan(AnswerTally& tally, const AnswerRecord& answer, Micros end);
 
 }  // namespace veranda::reachabilityCache::trace

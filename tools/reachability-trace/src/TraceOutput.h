@@ -24,7 +24,9 @@ void printReport(const Trace& trace, std::ostream& out);
 // caused it. False when no cache knows the entity.
 bool printEntityStory(const Trace& trace, const std::string& entityId, std::ostream& out);
 
-// The JSON document (one line, then a line feed).
+// The JSON document (one line, then a line feed), written as it goes.
+void writeTraceJson(const Trace& trace, std::ostream& stream);
+// The same, as a text.
 std::string traceJson(const Trace& trace);
 
 // The picture of one cache: a row per entity with its answers over time,

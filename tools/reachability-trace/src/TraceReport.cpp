@@ -242,6 +242,37 @@ void printCycles(const Trace& trace, const CacheRecord& cache, std::ostream& out
   }
 }
 
+// What the trace's limits left out, to keep its memory bounded.
+void printLeftOut(const Trace& trace, std::ostream& out) {
+  const LeftOut& left = trace.leftOut;
+  const TraceLimits& limits = trace.limits;
+  const std::pair<uint64_t, std::string> items[] = {
+      {left.processLines, "lines of processes past the first " + std::to_string(limits.caches)},
+      {left.entityLines, "lines about entities past the first " + std::to_string(limits.entities)},
+      {left.endpointLines,
+       "lines about endpoints past an entity's first " + std::to_string(limits.endpointsPerEntity)},
+      {left.checks, "checks past the first " + std::to_string(limits.checks) + " (counted)"},
+      {left.pendingChecks, "checks forgotten while " + std::to_string(limits.pendingChecks) +
+                               " newer ones awaited their answer"},
+      {left.answers, "answers past the first " + std::to_string(limits.answers) +
+                         " kept for --json and the picture (the figures count them)"},
+      {left.changes, "changes past the first " + std::to_string(limits.changes) +
+                         " kept for --json and the picture (the figures count them)"},
+      {left.storyChanges,
+       "changes of the story past its first " + std::to_string(limits.storyChanges)},
+  };
+  bool first = true;
+  for (const auto& [count, what] : items) {
+    if (count > 0) {
+      out << (first ? "Past the trace's limits, left out: " : ", ") << count << ' ' << what;
+      first = false;
+    }
+  }
+  if (!first) {
+    out << ".\n";
+  }
+}
+
 // What was read, and what of it was skipped.
 void printCapture(const Trace& trace, std::ostream& out) {
   out << trace.caches.size() << (trace.caches.size() == 1 ? " cache" : " caches") << " in "
@@ -271,6 +302,7 @@ void printCapture(const Trace& trace, std::ostream& out) {
     out << (i == 0 ? "; skipped " : i + 1 == skipped.size() ? " and " : ", ") << skipped[i];
   }
   out << ".\n";
+  printLeftOut(trace, out);
   const std::vector<ClockStep>& steps = trace.clock.steps();
   if (!steps.empty()) {
     Micros largest = 0;
@@ -324,21 +356,28 @@ void printStory(const Trace& trace, const EntityRecord& entity, std::ostream& ou
       inferred = inferred || answer->inferred;
     }
   };
-  for (const ChangeRecord& change : entity.changes) {
+  for (std::size_t i = 0; i < entity.changes.size(); ++i) {
+    const ChangeRecord& change = entity.changes[i];
     printAnswersUntil(change.message - 1);
     out << "\n"
-        << when(trace, change.at) << "  " << terminalText(change.endpointId) << " -> "
+        << when(trace, change.at) << "  " << terminalText(entity.endpointOf(change)) << " -> "
         << (change.reachable ? "reachable" : "unreachable");
-    if (!change.adapterName.empty()) {
-      out << " (" << terminalText(change.adapterName) << ")";
+    if (!entity.adapterOf(change).empty()) {
+      out << " (" << terminalText(entity.adapterOf(change)) << ")";
     }
     out << '\n';
-    for (const std::string& line : change.evidence) {
-      out << "    " << terminalText(line) << '\n';
+    if (i < entity.evidence.size()) {
+      for (const std::string& line : entity.evidence[i]) {
+        out << "    " << terminalText(line) << '\n';
+      }
     }
     printAnswersUntil(change.message);
   }
   printAnswersUntil(UINT64_MAX);
+  if (entity.changesLeftOut > 0) {
+    out << "\n... and " << entity.changesLeftOut
+        << " more changes, past the limit of those the story keeps\n";
+  }
   reasons.erase(UnknownReason::NONE);
   if (!reasons.empty() || inferred) {
     out << '\n';
@@ -365,7 +404,9 @@ bool printEntityStory(const Trace& trace, const std::string& entityId, std::ostr
     }
     out << ": " << figures.changes << " changes, " << figures.flaps << " flaps, unreachable for "
         << decimal(figures.unreachableSeconds, "s") << "; endpoints:";
-    for (const std::string& endpoint : entity.endpoints) {
+    std::vector<std::string> endpoints = entity.endpoints;
+    std::sort(endpoints.begin(), endpoints.end());
+    for (const std::string& endpoint : endpoints) {
       out << ' ' << terminalText(endpoint);
     }
     out << '\n';

@@ -71,7 +71,7 @@ int main(int argc, char** argv) {
   }
   const Trace& trace = read.trace;
   if (options.json) {
-    std::cout << traceJson(trace);
+    writeTraceJson(trace, std::cout);
   } else if (!options.entityId.empty()) {
     if (!printEntityStory(trace, options.entityId, std::cout)) {
       return fail("no cache in the capture knows the entity " + options.entityId, 2);
