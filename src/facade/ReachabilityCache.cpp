@@ -5,6 +5,7 @@
 
 #include "diagnostics/ComponentLog.h"
 #include "diagnostics/LogBuilder.h"
+#include "reachabilityCache/ReachabilityCheckerGuard.h"
 #include "store/CacheCore.h"
 #include "updater/ReachabilityUpdater.h"
 
@@ -25,6 +26,10 @@ unsigned int storeCapacity(std::size_t maxCacheSize) {
 
 ReachabilityCache::ReachabilityCache(ICHRProvider* chrProvider, const Config& config)
     : chrProvider(chrProvider), config(config) {
+  // A guard refuses a second cache before this one logs or starts anything.
+  if (auto* guard = dynamic_cast<ReachabilityCheckerGuard*>(config.reachabilityChecker.get())) {
+    guard->claimForCache();
+  }
   logFacade(LogPriority::INFO, LogBuilder("ReachabilityCache", nullptr)
                                    .d("event", "cacheCreated")
                                    .d("maxCacheSize", config.maxCacheSize)
