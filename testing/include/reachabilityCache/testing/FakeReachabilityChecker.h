@@ -28,16 +28,15 @@ namespace veranda::reachabilityCache::test {
 // promise: after true no call of that callback runs on another thread or
 // starts.
 //
-// A cache's teardown: the fake serves one cache at a time. It takes the
-// cancellation of an update callback, accepted or refused, as the end of the
-// cache that registered it (a cache with refresh registers
-// "reachability_updater_N" and cancels it when destroyed). A check started
-// while that callback was the only one registered, or after its cancellation
-// while no other is registered, belongs to that cache: completing it once the
-// cache has ended throws std::logic_error instead of calling into freed
-// memory. deliverEvent() throws likewise while a callback whose cancellation
-// was refused is still registered. Checks started while no callback was ever
-// registered, or while several are, are not judged.
+// A cache's teardown: the fake never calls into a cache that is gone. A cache
+// starts its checks on a task executor of its own, which goes with the cache;
+// completing a check whose executor has been destroyed throws
+// std::logic_error instead of calling into freed memory, whatever became of
+// the cache's update callback, and with any number of caches on one fake.
+// (Checks started on a thread that is no executor's, such as a test's own
+// calls, are not judged.) A cache cancels its update callback when destroyed:
+// deliverEvent() throws likewise while a callback whose cancellation was
+// refused is still registered.
 class FakeReachabilityChecker : public IReachabilityChecker {
  public:
   // Decides one requested endpoint's result.
@@ -107,15 +106,12 @@ class FakeReachabilityChecker : public IReachabilityChecker {
   bool unregisterReachabilityUpdateCallback(const std::string& callbackId) override;
 
  private:
-  struct Owner {
-    uint64_t token = 0;  // 0: none
-    std::string callbackId;
-  };
   struct PendingCheck {
     std::vector<EndpointInfo> endpoints;
     ResultsCallback callback;
     std::string requestId;
-    Owner owner;  // the cache that started it, as far as the fake can tell
+    std::weak_ptr<const void> starter;  // the executor that started it, when fromTask
+    bool fromTask = false;
   };
   struct Subscription {
     uint64_t token;  // tells a registration from a later one under the same id
@@ -126,8 +122,6 @@ class FakeReachabilityChecker : public IReachabilityChecker {
   static std::vector<ReachabilityCheckResult> answer(const std::vector<EndpointInfo>& endpoints,
                                                      const Responder& responder);
   bool takeNextPending(PendingCheck& check);
-  Owner ownerOfNewCheckLocked() const;
-  bool hasEndedLocked(const Owner& owner) const;
   bool deliveringElsewhereLocked(uint64_t token) const;
 
   mutable std::mutex mutex_;
@@ -141,7 +135,6 @@ class FakeReachabilityChecker : public IReachabilityChecker {
   std::deque<PendingCheck> pending_;
   std::map<std::string, Subscription> subscriptions_;
   uint64_t nextToken_ = 1;
-  Owner lastCancelled_;
   // Deliveries running now: the subscription's token and the delivering thread.
   std::vector<std::pair<uint64_t, std::thread::id>> delivering_;
 };
