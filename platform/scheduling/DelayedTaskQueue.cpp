@@ -115,6 +115,9 @@ class DelayedTaskQueue::Worker final : public TimeSource::Queue {
       tasks_.erase(tasks_.begin());
       running_ = true;
       refreshLocked();
+      if (virtual_) {
+        time_.countTask();
+      }
       std::weak_ptr<const void> life = life_;
       lock.unlock();
       runTask(entry, std::move(life));
@@ -156,6 +159,11 @@ class DelayedTaskQueue::Worker final : public TimeSource::Queue {
     }
     due = tasks_.begin()->first.first;
     return true;
+  }
+
+  std::size_t pendingCount() const override {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return tasks_.size();
   }
 
  private:
