@@ -65,6 +65,17 @@ class SimulatedApplianceDriver : public IUnifiedApplianceDriver {
   void setAnswerLatency(std::chrono::milliseconds minimum, std::chrono::milliseconds maximum);
   void setAnswerLatency(std::chrono::milliseconds latency) { setAnswerLatency(latency, latency); }
 
+  // While `hold` is true, every answer accepted is kept instead of
+  // delivered, until releaseHeldAnswers(): a driver that answers late, after
+  // the cache is gone, or never, as the test chooses. Held answers count in
+  // pendingAnswers() but keep neither waitUntilIdle() nor virtual time
+  // waiting; shutdown() drops them.
+  void setHoldAnswers(bool hold);
+  // Delivers every held answer on the driver's thread, at once and in the
+  // order accepted, each with the home as it stands at delivery. Returns how
+  // many there were.
+  std::size_t releaseHeldAnswers();
+
   // Seeds the latency draws, for replayable runs.
   void setRandomSeed(uint32_t seed);
 

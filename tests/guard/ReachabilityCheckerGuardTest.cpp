@@ -5,19 +5,18 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
 #include <future>
 #include <memory>
-#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "LogRecorder.h"
+#include "applianceDriver/SimulatedApplianceDriver.h"
 #include "reachabilityCache/ApplianceDriverReachabilityChecker.h"
 #include "reachabilityCache/ReachabilityCache.h"
 #include "reachabilityCache/testing/FakeChrProvider.h"
@@ -28,69 +27,27 @@
 namespace veranda::reachabilityCache {
 namespace {
 
-using applianceDriver::DiscoveredDevice;
-using applianceDriver::StateChangeEvent;
 using Results = std::vector<ReachabilityCheckResult>;
 
 constexpr std::chrono::milliseconds WAIT{5000};
 constexpr const char* ZIGBEE = "PROT_ZIGBEE-ADAPTER";
 
-// A driver that keeps every request until the test answers it from a thread
-// of its own, as the device's driver may, long after the cache is gone.
-class LateDriver : public applianceDriver::IUnifiedApplianceDriver {
- public:
-  using Answer = std::function<void(const std::vector<DiscoveredDevice>&)>;
-
-  bool getReachableDevices(const std::string& /*requestId*/, Answer onDevices) override {
-    std::lock_guard<std::mutex> lock(mutex_);
-    requests_.push_back(std::move(onDevices));
-    changed_.notify_all();
-    return true;
-  }
-  bool subscribeStateChanges(const std::vector<std::string>& /*endpointIds*/,
-                             const std::string& /*subscriptionId*/,
-                             std::function<void(const StateChangeEvent&)> /*onStateChange*/,
-                             std::function<void(const std::string&)> /*onError*/) override {
-    return true;
-  }
-  bool unsubscribeStateChanges(const std::string& /*subscriptionId*/) override { return true; }
-
-  bool waitForRequest() {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, WAIT, [&] { return !requests_.empty(); });
-  }
-  // Answers every kept request on another thread, then lets go of them.
-  void answerAll(const std::vector<DiscoveredDevice>& devices) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    std::vector<Answer> requests = std::move(requests_);
-    lock.unlock();
-    std::thread([&] {
-      for (const Answer& request : requests) {
-        request(devices);
-      }
-      requests.clear();
-    }).join();
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<Answer> requests_;
-};
-
 TEST(ReachabilityCheckerGuardTest, ALateAnswerAfterTheCacheIsGoneFindsItsCheckerAndNothingElse) {
-  LateDriver driver;
+  test::VirtualTime time;  // first: the driver runs on it too
+  applianceDriver::SimulatedApplianceDriver driver;
+  driver.upsertDevice(
+      {"ep1", "e1", ZIGBEE, "", true, {}, applianceDriver::ApplianceDriverType::NATIVE});
+  driver.setHoldAnswers(true);  // the answer comes after the cache is gone
   auto checker = std::make_shared<ApplianceDriverReachabilityChecker>(driver);
   const std::weak_ptr<IReachabilityChecker> checkerAlive = checker;
   auto guard = std::make_shared<ReachabilityCheckerGuard>(std::move(checker));
   test::FakeChrProvider provider({EndpointInfo("ep1", "e1", ZIGBEE, {})});
   test::RecordingListener listener;
-  test::VirtualTime time;
   auto cache = std::make_unique<ReachabilityCache>(
       &provider, ReachabilityCache::Config{10, std::chrono::seconds(60), true, guard});
   cache->registerReachabilityListener("l", listener.callback());
   time.advance(std::chrono::seconds(1));
-  ASSERT_TRUE(driver.waitForRequest());  // the first cycle's check is pending
+  ASSERT_EQ(driver.pendingAnswers(), 1U);  // the first cycle's check
 
   guard->close();
   cache.reset();
@@ -98,8 +55,8 @@ TEST(ReachabilityCheckerGuardTest, ALateAnswerAfterTheCacheIsGoneFindsItsChecker
   EXPECT_FALSE(checkerAlive.expired());  // the pending answer holds it
 
   test::LogRecorder::instance().clear();
-  driver.answerAll(
-      {{"ep1", "e1", ZIGBEE, "", true, {}, applianceDriver::ApplianceDriverType::NATIVE}});
+  ASSERT_EQ(driver.releaseHeldAnswers(), 1U);
+  time.runUntilIdle();
   EXPECT_TRUE(checkerAlive.expired());
   EXPECT_EQ(test::LogRecorder::instance().countContaining(test::CHECKER_TAG,
                                                           "[processDiscoveredDevices]"),
