@@ -75,6 +75,7 @@ class REACHABILITY_CACHE_EXPORT ReachabilityCache {
     std::shared_ptr<IReachabilityChecker> reachabilityChecker;  // null: no check ever starts
   };
 
+  // Told of a change of an endpoint's reachability; see registerReachabilityListener().
   using ReachabilityListener = std::function<void(const std::string& endpointId,
                                                   const std::string& entityId, bool isReachable)>;
 

@@ -90,6 +90,7 @@ class REACHABILITY_CACHE_EXPORT ReachabilityCheckerGuard : public IReachabilityC
   // nothing. unregisterReachabilityUpdateCallback() is still forwarded, so
   // that the cache's teardown cancels its subscription.
   void close();
+  // Whether close() has been called (it may still be waiting).
   bool isClosed() const;
 
   // Adds an observer; it hears the events from the next one on. Adding the
@@ -114,7 +115,7 @@ class REACHABILITY_CACHE_EXPORT ReachabilityCheckerGuard : public IReachabilityC
   // Called by a cache's constructor when the guard is its checker: throws
   // std::logic_error when the guard serves another cache already or is
   // closed (see above).
-  void claimForCache();
+  REACHABILITY_CACHE_NO_EXPORT void claimForCache();
 
   class Shared;
   // What the wrapped callbacks need after the guard is gone: the gate and the

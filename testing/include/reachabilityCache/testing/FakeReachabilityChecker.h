@@ -42,10 +42,11 @@ class FakeReachabilityChecker : public IReachabilityChecker {
   // Decides one requested endpoint's result.
   using Responder = std::function<ReachabilityCheckResult(const EndpointInfo&)>;
 
+  // One call of checkReachability().
   struct CheckRequest {
-    std::vector<EndpointInfo> endpoints;
-    std::string requestId;
-    bool accepted;
+    std::vector<EndpointInfo> endpoints;  // as the cache asked, in its order
+    std::string requestId;                // as the cache named it
+    bool accepted;                        // false when refused (setRefuseChecks())
   };
 
   FakeReachabilityChecker() = default;
@@ -58,7 +59,9 @@ class FakeReachabilityChecker : public IReachabilityChecker {
 
   // Refused checks answer false and are never completed.
   void setRefuseChecks(bool refuse);
+  // Refused registrations answer false and register nothing.
   void setRefuseRegistrations(bool refuse);
+  // Refused cancellations answer false and leave the callback registered.
   void setRefuseUnregistrations(bool refuse);
   // With a responder, every accepted check is answered at once, on the calling
   // thread, with one result per distinct endpoint id; without one (the
@@ -89,7 +92,9 @@ class FakeReachabilityChecker : public IReachabilityChecker {
   std::vector<CheckRequest> checkRequests() const;
   // The same, forgotten by the fake: a long test keeps only what it takes.
   std::vector<CheckRequest> takeCheckRequests();
+  // Accepted checks not yet completed or dropped.
   std::size_t pendingChecks() const;
+  // The ids of the update callbacks registered now, sorted.
   std::vector<std::string> registeredCallbackIds() const;
   // Waits until at least `count` checks were requested in all (accepted or
   // not, taken or not).
