@@ -154,7 +154,7 @@ class CallingObserver : public ReachabilityCheckerGuard::Observer {
 // A check announced to the observers before close() began, but not yet handed
 // on, never reaches the wrapped checker: neither when close() is called by the
 // observer itself nor when it is called on another thread meanwhile.
-TEST(ReachabilityCheckerGuardTest, NoCheckOrSubscriptionReachesTheCheckerOnceClosed) {
+TEST(ReachabilityCheckerGuardTest, NoCheckAnnouncedBeforeCloseReachesTheChecker) {
   const EndpointInfo lamp("ep1", "e1", ZIGBEE, {});
   {
     auto fake = std::make_shared<test::FakeReachabilityChecker>();
