@@ -37,7 +37,7 @@ void CallbackGate::close() {
     closingInside_.insert(self);
     changed_.notify_all();  // another closer inside a callback stops waiting for this one
   }
-  while (mustWaitLocked(self, inside)) {
+  while (blockingPassesLocked(self, inside) != 0) {
     changed_.wait(mutex_);
   }
   closingInside_.erase(self);
@@ -48,14 +48,13 @@ bool CallbackGate::isClosed() const {
   return closed_;
 }
 
-bool CallbackGate::mustWaitLocked(std::thread::id self, bool selfInside) const {
-  for (const auto& entry : passesByThread_) {
-    const bool closingToo = selfInside && closingInside_.count(entry.first) != 0;
-    if (entry.first != self && !closingToo) {
-      return true;
-    }
+std::size_t CallbackGate::blockingPassesLocked(std::thread::id self, bool selfInside) const {
+  std::size_t blocking = 0;
+  for (const auto& [thread, passes] : passesByThread_) {
+    const bool closingToo = selfInside && closingInside_.count(thread) != 0;
+    blocking += thread != self && !closingToo ? passes : 0;
   }
-  return false;
+  return blocking;
 }
 
 }  // namespace veranda::reachabilityCache

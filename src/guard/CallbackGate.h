@@ -49,8 +49,8 @@ class CallbackGate {
  private:
   bool enter() RC_EXCLUDES(mutex_);
   void leave() RC_EXCLUDES(mutex_);
-  // Whether a Pass that a closer on `self` must wait for is held.
-  bool mustWaitLocked(std::thread::id self, bool selfInside) const RC_REQUIRES(mutex_);
+  // The Passes held that a closer on `self` must wait for.
+  std::size_t blockingPassesLocked(std::thread::id self, bool selfInside) const RC_REQUIRES(mutex_);
 
   mutable Mutex mutex_;
   std::condition_variable_any changed_;
