@@ -8,7 +8,7 @@
 #include <unordered_map>
 #include <unordered_set>
 
-#include "reachabilityCache/ThreadAnnotations.h"
+#include "sync/Mutex.h"
 
 namespace veranda::reachabilityCache {
 
