@@ -99,7 +99,7 @@ bool ReachabilityCheckerGuard::checkReachability(const std::vector<EndpointInfo>
     observer->onCheckStarting();
   }
   if (shared_->gate.isClosed()) {
-    return true;
+    return true;  // closed meanwhile: dropped as after close()
   }
   // The completion holds the wrapped checker: a late answer still needs it.
   auto guarded = [shared = shared_, checker = checker_, callback = std::move(callback)](
@@ -113,7 +113,7 @@ bool ReachabilityCheckerGuard::checkReachability(const std::vector<EndpointInfo>
       observer->onResultsArriving(results);
     }
     if (shared->gate.isClosed()) {
-      return;  // closed by an observer: the cache hears nothing more
+      return;  // closed meanwhile: the cache hears nothing more
     }
     callback(results);
     for (const auto& observer : observers) {

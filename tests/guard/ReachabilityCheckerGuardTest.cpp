@@ -139,16 +139,23 @@ void finishesOrAbort(const std::function<void()>& work, const char* what) {
   done.get();
 }
 
-// Hears the guard's events through a function of the test's choice.
+// Hears the guard's events through functions of the test's choice.
 class CallingObserver : public ReachabilityCheckerGuard::Observer {
  public:
-  explicit CallingObserver(std::function<void()> onCheck) : onCheck_(std::move(onCheck)) {}
+  explicit CallingObserver(
+      std::function<void()> onCheck, std::function<void()> onArriving = [] {},
+      std::function<void()> onApplied = [] {})
+      : onCheck_(std::move(onCheck)),
+        onArriving_(std::move(onArriving)),
+        onApplied_(std::move(onApplied)) {}
   void onCheckStarting() override { onCheck_(); }
-  void onResultsArriving(const Results& /*results*/) override {}
-  void onResultsApplied(const Results& /*results*/) override {}
+  void onResultsArriving(const Results& /*results*/) override { onArriving_(); }
+  void onResultsApplied(const Results& /*results*/) override { onApplied_(); }
 
  private:
   std::function<void()> onCheck_;
+  std::function<void()> onArriving_;
+  std::function<void()> onApplied_;
 };
 
 // A check announced to the observers before close() began, but not yet handed
@@ -181,6 +188,19 @@ TEST(ReachabilityCheckerGuardTest, NoCheckAnnouncedBeforeCloseReachesTheChecker)
     guard.close();
     checking.join();
     EXPECT_TRUE(fake->checkRequests().empty());
+  }
+  {
+    // Closed as the results arrive: the cache does not hear them.
+    auto fake = std::make_shared<test::FakeReachabilityChecker>();
+    ReachabilityCheckerGuard guard(fake);
+    bool applied = false;
+    guard.addObserver(
+        std::make_shared<CallingObserver>([] {}, [&] { guard.close(); }, [&] { applied = true; }));
+    bool completed = false;
+    ASSERT_TRUE(guard.checkReachability({lamp}, "r1", [&](const Results&) { completed = true; }));
+    ASSERT_TRUE(fake->completeNextCheck(Results{}));
+    EXPECT_FALSE(completed);
+    EXPECT_FALSE(applied);
   }
 }
 
