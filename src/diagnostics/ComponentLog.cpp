@@ -12,19 +12,19 @@ void write(LogPriority priority, const char* tag, const commonLog::LogBuilder& l
 }  // namespace
 
 void logFacade(LogPriority priority, const commonLog::LogBuilder& line) {
-  write(priority, "ReachabilityCache-ReachabilityCache", line);
+  write(priority, logSchema::tag::FACADE, line);
 }
 
 void logStore(LogPriority priority, const commonLog::LogBuilder& line) {
-  write(priority, "ReachabilityCache-CacheCore", line);
+  write(priority, logSchema::tag::STORE, line);
 }
 
 void logUpdater(LogPriority priority, const commonLog::LogBuilder& line) {
-  write(priority, "ReachabilityCache-ReachabilityUpdater", line);
+  write(priority, logSchema::tag::UPDATER, line);
 }
 
 void logChecker(LogPriority priority, const commonLog::LogBuilder& line) {
-  write(priority, "ReachabilityCache-ApplianceDriverChecker", line);
+  write(priority, logSchema::tag::CHECKER, line);
 }
 
 }  // namespace veranda::reachabilityCache

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "diagnostics/LogSchema.h"
+
 namespace veranda::reachabilityCache::test {
 
 struct LogLine {
@@ -22,11 +24,11 @@ struct LogLine {
 
 std::ostream& operator<<(std::ostream& out, const LogLine& line);
 
-inline constexpr const char* FACADE_TAG = "ReachabilityCache-ReachabilityCache";
-inline constexpr const char* STORE_TAG = "ReachabilityCache-CacheCore";
-inline constexpr const char* UPDATER_TAG = "ReachabilityCache-ReachabilityUpdater";
-inline constexpr const char* CHECKER_TAG = "ReachabilityCache-ApplianceDriverChecker";
-inline constexpr const char* METRIC_TAG = "Veranda-Metric";
+inline constexpr const char* FACADE_TAG = logSchema::tag::FACADE;
+inline constexpr const char* STORE_TAG = logSchema::tag::STORE;
+inline constexpr const char* UPDATER_TAG = logSchema::tag::UPDATER;
+inline constexpr const char* CHECKER_TAG = logSchema::tag::CHECKER;
+inline constexpr const char* METRIC_TAG = logSchema::tag::METRIC;
 
 // Thread safety: every member may be called from any thread.
 class LogRecorder {
