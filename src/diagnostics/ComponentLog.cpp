@@ -1,12 +1,12 @@
 #include "diagnostics/ComponentLog.h"
 
-#include <android/log.h>
+#include "diagnostics/LogSink.h"
 
 namespace veranda::reachabilityCache {
 namespace {
 
 void write(LogPriority priority, const char* tag, const commonLog::LogBuilder& line) {
-  __android_log_print(static_cast<int>(priority), tag, "%s", line.text());
+  writeLogLine(static_cast<int>(priority), tag, line.text());
 }
 
 }  // namespace

@@ -84,7 +84,7 @@ TEST(LogBuilderTest, EachThreadHasItsOwnLabelBuffer) {
 }
 
 TEST(ComponentLogTest, EachComponentWritesUnderItsTagWithPercentSignsIntact) {
-  LogRecorder& recorder = LogRecorder::instance();
+  test::LogCapture& recorder = LogRecorder::instance();
   recorder.clear();
   logFacade(LogPriority::INFO, LogBuilder("a", nullptr).d("v", "100%s"));
   logStore(LogPriority::DEBUG, LogBuilder("b", nullptr));
