@@ -1,5 +1,6 @@
 #include "reachabilityCache/ApplianceDriverReachabilityChecker.h"
 
+#include <mutex>
 #include <utility>
 
 #include "diagnostics/ComponentLog.h"
@@ -224,7 +225,7 @@ bool ApplianceDriverReachabilityChecker::validateCallbackParams(
 
 bool ApplianceDriverReachabilityChecker::isCallbackIdRegistered(
     const std::string& callbackId) const {
-  MutexLock lock(callbackMutex);
+  const std::lock_guard<std::mutex> lock(callbackMutex);
   return registeredCallbackIds.count(callbackId) != 0;
 }
 
@@ -251,7 +252,7 @@ bool ApplianceDriverReachabilityChecker::registerReachabilityUpdateCallback(
     return false;
   }
 
-  MutexLock lock(callbackMutex);
+  const std::lock_guard<std::mutex> lock(callbackMutex);
   registeredCallbackIds.insert(callbackId);
   logChecker(LogPriority::INFO, LogBuilder(label::REGISTER_REACHABILITY_UPDATE_CALLBACK, nullptr)
                                     .d(key::CALLBACK_ID, callbackId.c_str())
@@ -287,7 +288,7 @@ bool ApplianceDriverReachabilityChecker::unregisterReachabilityUpdateCallback(
     return false;
   }
 
-  MutexLock lock(callbackMutex);
+  const std::lock_guard<std::mutex> lock(callbackMutex);
   registeredCallbackIds.erase(callbackId);
   logChecker(LogPriority::INFO, LogBuilder(label::UNREGISTER_REACHABILITY_UPDATE_CALLBACK, nullptr)
                                     .d(key::CALLBACK_ID, callbackId.c_str())

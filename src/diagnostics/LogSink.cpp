@@ -6,7 +6,7 @@
 #include <atomic>
 #include <thread>
 
-#include "reachabilityCache/ThreadAnnotations.h"
+#include "sync/Mutex.h"
 #endif
 
 namespace veranda::reachabilityCache {

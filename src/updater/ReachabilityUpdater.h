@@ -14,8 +14,8 @@
 #include "reachabilityCache/ICHRProvider.h"
 #include "reachabilityCache/IReachabilityChecker.h"
 #include "reachabilityCache/ReachabilityCheckResult.h"
-#include "reachabilityCache/ThreadAnnotations.h"
 #include "store/CacheCore.h"
+#include "sync/Mutex.h"
 #include "taskExecutor/TaskExecutor.h"
 
 namespace veranda::reachabilityCache {
