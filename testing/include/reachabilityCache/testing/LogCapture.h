@@ -78,7 +78,9 @@ class LogCapture {
   // Forgets the lines collected so far.
   void clear();
 
-  class Buffer;  // the lines and the settings, shared with the lines' writers
+  // Where the lines arrive; an implementation detail, named here only so
+  // that the writers' side can hold it.
+  class Buffer;
 
  private:
   std::unique_ptr<Buffer> buffer_;
