@@ -2,11 +2,11 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <mutex>
 #include <utility>
 
 #include "diagnostics/LogSink.h"
 #include "metrics/MetricSinkForTesting.h"
+#include "sync/Mutex.h"
 
 namespace veranda::reachabilityCache::test {
 
@@ -15,7 +15,7 @@ class LogCapture::Buffer {
   explicit Buffer(Mode mode) : mode_(mode) {}
 
   void receive(int priority, const char* tag, const char* text) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     if (echo_) {
       std::fprintf(stderr, "%d %s %s\n", priority, tag, text);
     }
@@ -25,30 +25,30 @@ class LogCapture::Buffer {
   }
 
   void setMode(Mode mode) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     mode_ = mode;
   }
 
   void setEcho(bool echo) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     echo_ = echo;
   }
 
   std::vector<LogLine> lines() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     return lines_;
   }
 
   std::vector<LogLine> take() {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     return std::exchange(lines_, {});
   }
 
  private:
-  mutable std::mutex mutex_;
-  Mode mode_;
-  bool echo_ = false;
-  std::vector<LogLine> lines_;
+  mutable Mutex mutex_;
+  Mode mode_ RC_GUARDED_BY(mutex_);
+  bool echo_ RC_GUARDED_BY(mutex_) = false;
+  std::vector<LogLine> lines_ RC_GUARDED_BY(mutex_);
 };
 
 namespace {
@@ -65,10 +65,10 @@ class CaptureHub final : public LogSinkForTesting, public MetricSinkForTesting {
   }
 
   void add(LogCapture::Buffer* buffer) {
-    std::lock_guard<std::mutex> changing(changeMutex_);
+    MutexLock changing(changeMutex_);
     bool first = false;
     {
-      std::lock_guard<std::mutex> lock(mutex_);
+      MutexLock lock(mutex_);
       buffers_.push_back(buffer);
       first = buffers_.size() == 1;
     }
@@ -80,17 +80,17 @@ class CaptureHub final : public LogSinkForTesting, public MetricSinkForTesting {
 
   // Once it returns, no line reaches `buffer` any more.
   void remove(LogCapture::Buffer* buffer) {
-    std::lock_guard<std::mutex> changing(changeMutex_);
+    MutexLock changing(changeMutex_);
     bool last = false;
     {
-      std::lock_guard<std::mutex> lock(mutex_);
+      MutexLock lock(mutex_);
       last = buffers_.size() == 1;
     }
     if (last) {
       // Lines written until the library has let go still reach the buffer.
       setLogSinkForTesting(nullptr);
     }
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     buffers_.erase(std::find(buffers_.begin(), buffers_.end(), buffer));
   }
 
@@ -99,7 +99,7 @@ class CaptureHub final : public LogSinkForTesting, public MetricSinkForTesting {
   }
 
   bool take(int priority, const char* tag, const char* text) override {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     for (LogCapture::Buffer* buffer : buffers_) {
       buffer->receive(priority, tag, text);
     }
@@ -109,9 +109,11 @@ class CaptureHub final : public LogSinkForTesting, public MetricSinkForTesting {
  private:
   CaptureHub() = default;
 
-  std::mutex changeMutex_;  // serialises add() and remove(); taken before mutex_
-  std::mutex mutex_;
-  std::vector<LogCapture::Buffer*> buffers_;
+  // Serialises add() and remove(); taken before mutex_, which is taken
+  // before a buffer's.
+  Mutex changeMutex_;
+  Mutex mutex_;
+  std::vector<LogCapture::Buffer*> buffers_ RC_GUARDED_BY(mutex_);
 };
 
 }  // namespace
