@@ -34,7 +34,7 @@ std::atomic<LogSinkForTesting*> installedSink{nullptr};
 Mutex installMutex;
 
 unsigned counterOfThisThread() {
-  thread_local const unsigned counter =
+  thread_local unsigned counter =
       threadsSeen.fetch_add(1, std::memory_order_relaxed) % COUNTERS_PER_BANK;
   return counter;
 }

@@ -60,7 +60,7 @@ namespace {
 class CaptureHub final : public LogSinkForTesting, public MetricSinkForTesting {
  public:
   static CaptureHub& instance() {
-    static CaptureHub* const hub = new CaptureHub;
+    static auto* hub = new CaptureHub;
     return *hub;
   }
 

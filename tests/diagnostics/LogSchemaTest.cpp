@@ -38,7 +38,6 @@ namespace {
 using namespace logSchema;
 using applianceDriver::ApplianceDriverType;
 using applianceDriver::DiscoveredDevice;
-using applianceDriver::StateChangeEvent;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 using test::LogLine;
@@ -153,9 +152,12 @@ void writeCheckerLines() {
 
 ReachabilityCheckResult result(const std::string& endpointId, const std::string& entityId,
                                const std::string& adapter, bool reachable) {
-  return ReachabilityCheckResult(
-      endpointId, entityId, adapter, reachable, reachable ? POWER : CapabilitySet(),
-      reachable ? ApplianceDriverType::NATIVE : ApplianceDriverType::NO_DRIVER);
+  return {endpointId,
+          entityId,
+          adapter,
+          reachable,
+          reachable ? POWER : CapabilitySet(),
+          reachable ? ApplianceDriverType::NATIVE : ApplianceDriverType::NO_DRIVER};
 }
 
 void writeUpdaterLines() {
@@ -429,15 +431,15 @@ class LogSchemaTest : public ::testing::Test {
     writeCheckerLines();
     writeUpdaterLines();
     writeFacadeLines();
-    lines_ = new std::vector<LogLine>(LogRecorder::instance().take());
+    writtenLines = new std::vector<LogLine>(LogRecorder::instance().take());
   }
-  static void TearDownTestSuite() { delete lines_; }
+  static void TearDownTestSuite() { delete writtenLines; }
 
   static Usage read() {
     Usage usage;
     std::set<std::string> tags = names(tag::ALL);
     tags.insert(tag::METRIC);
-    for (const LogLine& line : *lines_) {
+    for (const LogLine& line : *writtenLines) {
       usage.expectIn(tags, usage.tags, line.tag, "the tags");
       if (line.tag == tag::METRIC) {
         readMetricLine(line, usage);
@@ -448,10 +450,10 @@ class LogSchemaTest : public ::testing::Test {
     return usage;
   }
 
-  static std::vector<LogLine>* lines_;
+  static std::vector<LogLine>* writtenLines;
 };
 
-std::vector<LogLine>* LogSchemaTest::lines_ = nullptr;
+std::vector<LogLine>* LogSchemaTest::writtenLines = nullptr;
 
 // The names of `known` that no line used, but for `exempt`.
 std::set<std::string> unwritten(const std::set<std::string>& known,
@@ -468,7 +470,7 @@ std::set<std::string> unwritten(const std::set<std::string>& known,
 
 TEST_F(LogSchemaTest, EveryLineIsMadeOfTheSchemasNames) {
   const Usage usage = read();
-  EXPECT_GT(lines_->size(), 100u);
+  EXPECT_GT(writtenLines->size(), 100u);
   EXPECT_EQ(usage.strangers, std::vector<std::string>{});
 }
 

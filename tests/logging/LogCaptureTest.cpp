@@ -10,7 +10,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -35,8 +35,7 @@ const std::string ROUTING = " program=762veg6l source=nlef/2/03330473";
 class StandardErrorCapture {
  public:
   StandardErrorCapture()
-      : path_(std::string(std::getenv("TMPDIR") ? std::getenv("TMPDIR") : "/tmp") +
-              "/logCaptureTest.XXXXXX") {
+      : path_((std::filesystem::temp_directory_path() / "logCaptureTest.XXXXXX").string()) {
     std::fflush(stderr);
     const int file = mkstemp(path_.data());
     saved_ = dup(STDERR_FILENO);
@@ -178,7 +177,7 @@ TEST(LogCaptureTest, CapturesComeAndGoWhileThreadsWrite) {
     }
     std::vector<long> last(WRITERS, -1);
     for (const LogLine& line : log.lines()) {
-      const std::size_t writer = static_cast<std::size_t>(line.text[0] - '0');
+      const auto writer = static_cast<std::size_t>(line.text[0] - '0');
       const long number = std::stol(line.text.substr(2));
       ASSERT_TRUE(last[writer] < 0 || number == last[writer] + 1)
           << "capture " << capture << ": " << line.text << " after " << last[writer];

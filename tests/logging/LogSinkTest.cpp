@@ -30,7 +30,7 @@ struct Received {
 
 // Keeps what it receives; a line that arrives after retire() is counted as a
 // use of a sink its installer may already have destroyed.
-class KeepingSink : public LogSinkForTesting {
+class KeepingSink final : public LogSinkForTesting {
  public:
   void write(int priority, const char* tag, const char* text) override {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -104,14 +104,14 @@ TEST(LogSinkTest, SinksReplacedWhileThreadsWriteGetEveryLineOnceWholeAndNoneLate
   // Each writer's lines, across the sinks in the order they were installed,
   // are its lines in the order written: none lost, none twice, none torn.
   std::vector<std::size_t> next(WRITERS, 0);
-  for (const std::unique_ptr<KeepingSink>& sink : sinks) {
-    EXPECT_EQ(sink->lateWrites(), 0);
-    for (const Received& line : sink->lines()) {
+  for (std::size_t index = 0; index < sinks.size(); ++index) {
+    EXPECT_EQ(sinks[index]->lateWrites(), 0) << "sink " << index;
+    for (const Received& line : sinks[index]->lines()) {
       ASSERT_EQ(line.priority, INFO);
       ASSERT_EQ(line.tag, TAG);
-      const std::size_t writer = line.text[7] - '0';
+      const auto writer = static_cast<std::size_t>(line.text[7] - '0');
       ASSERT_LT(writer, WRITERS) << line.text;
-      ASSERT_EQ(line.text, lineText(writer, next[writer])) << "sink " << &sink - &sinks[0];
+      ASSERT_EQ(line.text, lineText(writer, next[writer])) << "sink " << index;
       ++next[writer];
     }
   }
@@ -120,7 +120,7 @@ TEST(LogSinkTest, SinksReplacedWhileThreadsWriteGetEveryLineOnceWholeAndNoneLate
 
 TEST(LogSinkTest, ReplacingWaitsForAWriteInProgressAndLinesReturnToThePlatformLog) {
   // The sink holds its first write until the test lets it go.
-  class HoldingSink : public LogSinkForTesting {
+  class HoldingSink final : public LogSinkForTesting {
    public:
     void write(int /*priority*/, const char* /*tag*/, const char* text) override {
       std::unique_lock<std::mutex> lock(mutex);

@@ -7,7 +7,9 @@ namespace {
 
 LogCapture& makeCapture() {
   static LogCapture capture;
-  capture.setEcho(std::getenv("REACHABILITY_CACHE_TEST_LOG") != nullptr);
+  // Read once, before main() starts any thread.
+  const char* echo = std::getenv("REACHABILITY_CACHE_TEST_LOG");  // NOLINT(concurrency-mt-unsafe)
+  capture.setEcho(echo != nullptr);
   return capture;
 }
 
