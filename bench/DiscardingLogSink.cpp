@@ -34,7 +34,7 @@ class DiscardingLogSink final : public LogSinkForTesting, public MetricSinkForTe
 DiscardingLogSink sink;
 
 const bool installed = [] {
-  setLogSinkForTesting(&sink);
+  setPermanentLogSinkForTesting(&sink);
   setMetricSinkForTesting(&sink);
   return true;
 }();

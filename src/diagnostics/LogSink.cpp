@@ -31,6 +31,9 @@ std::atomic<unsigned> threadsSeen{0};
 
 // The installed sink, null for the platform log.
 std::atomic<LogSinkForTesting*> installedSink{nullptr};
+// The last sink installed as living to the end of the process; writers use it
+// without counting themselves.
+std::atomic<LogSinkForTesting*> permanentSink{nullptr};
 Mutex installMutex;
 
 unsigned counterOfThisThread() {
@@ -73,14 +76,24 @@ void setLogSinkForTesting(LogSinkForTesting* sink) {
     }
   }
 }
+
+void setPermanentLogSinkForTesting(LogSinkForTesting* sink) {
+  permanentSink.store(sink);
+  setLogSinkForTesting(sink);
+}
 #endif
 
 void writeLogLine(int priority, const char* tag, const char* text) {
 #ifdef REACHABILITY_CACHE_LOG_SINK_FOR_TESTING
-  // A relaxed look is enough here: writeToSink() looks again, ordered.
-  if (installedSink.load(std::memory_order_relaxed) != nullptr &&
-      writeToSink(priority, tag, text)) {
-    return;
+  if (LogSinkForTesting* const sink = installedSink.load(std::memory_order_acquire)) {
+    // A permanent sink outlives every writer, whatever is installed meanwhile.
+    if (sink == permanentSink.load(std::memory_order_relaxed)) {
+      sink->write(priority, tag, text);
+      return;
+    }
+    if (writeToSink(priority, tag, text)) {
+      return;
+    }
   }
 #endif
   __android_log_print(priority, tag, "%s", text);

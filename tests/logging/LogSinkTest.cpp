@@ -169,5 +169,15 @@ TEST(LogSinkTest, ReplacingWaitsForAWriteInProgressAndLinesReturnToThePlatformLo
   EXPECT_EQ(sink.texts, std::vector<std::string>{"held"});
 }
 
+TEST(LogSinkTest, APermanentSinkTakesLinesUntilReplaced) {
+  static KeepingSink* const forever = new KeepingSink;  // lives to the end, as it must
+  setPermanentLogSinkForTesting(forever);
+  writeLogLine(INFO, TAG, "kept");
+  setLogSinkForTesting(nullptr);
+  writeLogLine(3, TAG, "to the platform log");
+  ASSERT_EQ(forever->lines().size(), 1u);
+  EXPECT_EQ(forever->lines()[0].text, "kept");
+}
+
 }  // namespace
 }  // namespace veranda::reachabilityCache
