@@ -170,7 +170,7 @@ TEST(LogSinkTest, ReplacingWaitsForAWriteInProgressAndLinesReturnToThePlatformLo
 }
 
 TEST(LogSinkTest, APermanentSinkTakesLinesUntilReplaced) {
-  static KeepingSink* const forever = new KeepingSink;  // lives to the end, as it must
+  static auto* forever = new KeepingSink;  // lives to the end, as it must
   const std::size_t before = forever->lines().size();
   setPermanentLogSinkForTesting(forever);
   writeLogLine(INFO, TAG, "kept");
