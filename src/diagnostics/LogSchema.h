@@ -3,9 +3,9 @@
 // with, and that tests, benchmarks and log readers read with.
 //
 // A line reads "[label]: key=value key=value" (see LogBuilder); a label alone
-// is "[label]". Every group below lists its names in ALL, so that a reader can
-// tell a line it does not know and a test can check that the library writes
-// every name and no other.
+// is "[label]". Each group of names that a line may hold lists them in ALL, so
+// that a reader can tell a line it does not know, and a test checks that the
+// library writes every name and no other (tests/diagnostics/LogSchemaTest.cpp).
 //
 // Header-only and standard-library-free: a tool includes it (include root
 // src/) without linking the library.
