@@ -33,8 +33,8 @@ std::ostream& operator<<(std::ostream& out, const LogLine& line);
 //
 //   LogCapture log;
 //   ReachabilityCache cache(&provider, config);
-//   EXPECT_TRUE(log.contains({4, "ReachabilityCache-ReachabilityCache",
-//                             "[ReachabilityCache]: event=cacheCreated ..."}));
+//   EXPECT_EQ(log.countContaining("ReachabilityCache-ReachabilityCache",
+//                                 "event=cacheCreated"), 1u);
 //
 // Thread safety: lines arrive on the threads that write them; every member
 // may be called from any thread. Creating and destroying captures is
