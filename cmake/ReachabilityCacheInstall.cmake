@@ -8,7 +8,8 @@
 #               there (metric recorder, task executor, the clock they share)
 #               and the simulated appliance driver with the stand-ins'
 #               headers. pkg-config: reachabilityCache-simulation.
-#   testing     a host build only: fakes and virtual time for a host's tests.
+#   testing     a host build only: fakes, virtual time and log capture for a
+#               host's tests.
 #               pkg-config: reachabilityCache-testing.
 #
 # On a host the library needs the simulation at run time, since there it is
