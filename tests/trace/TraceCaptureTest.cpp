@@ -285,11 +285,13 @@ TEST(TraceCaptureTest, RefusesWhatIsNoCaptureOfTheCache) {
                 .error,
             "capture holds no line of the reachability cache (it looks like binary data: 3 of "
             "its 10 bytes are NUL)");
-  EXPECT_EQ(traceText("ReachabilityCache-CacheCore: [CacheCore]: maxSize=1\n"
-                      "2026/11/22 ReachabilityCache-CacheCore [clear]: action=cleared\n")
+  const std::string store = STORE;
+  EXPECT_EQ(traceText(store + ": [CacheCore]: maxSize=1\n2026/11/22 " + store +
+                      " [clear]: action=cleared\n")
                 .error,
             "capture has 2 lines naming ReachabilityCache but none in a layout this tool reads; "
-            "the first: 'ReachabilityCache-CacheCore: [CacheCore]: maxSize=1'");
+            "the first: '" +
+                store + ": [CacheCore]: maxSize=1'");
   EXPECT_EQ(traceText(render(Message{"11-22 12:00:00.000", 1, 1, 'I', "ActivityManager",
                                      "Start proc ReachabilityCacheService"},
                              Form::THREADTIME))

@@ -60,7 +60,7 @@ TEST(TraceLayoutTest, ShowsTheTimeEachLayoutWrote) {
                         3003,
                         3367,
                         'I',
-                        "ReachabilityCache-ReachabilityCache",
+                        FACADE,
                         "[ReachabilityCache]: event=cacheCreated maxCacheSize=9 "
                         "periodicUpdates=false"};
   const std::pair<Form, const char*> forms[] = {

@@ -6,8 +6,11 @@
 #include <utility>
 
 #include "Problems.h"
+#include "diagnostics/LogSchema.h"
 
 namespace veranda::reachabilityCache::trace {
+
+using namespace logSchema;  // the names the lines are read with
 namespace {
 
 using Effect = EntityAnswers::Effect;
@@ -51,9 +54,9 @@ std::vector<std::string> ChangeReader::causeOf(const CacheMessage& in,
 }
 
 bool ChangeReader::notification(const CacheMessage& in) {
-  const std::optional<std::string_view> endpointId = in.line.get("endpointId");
-  const std::optional<std::string_view> entityId = in.line.get("entityId");
-  const std::optional<std::string_view> reachable = in.line.get("isReachable");
+  const std::optional<std::string_view> endpointId = in.line.get(key::ENDPOINT_ID);
+  const std::optional<std::string_view> entityId = in.line.get(key::ENTITY_ID);
+  const std::optional<std::string_view> reachable = in.line.get(key::IS_REACHABLE);
   if (!endpointId || !entityId || !reachable) {
     return false;
   }
@@ -65,7 +68,7 @@ bool ChangeReader::notification(const CacheMessage& in) {
   change.at = in.at;
   change.message = in.number;
   change.endpoint = record->endpointIndex(*endpointId, in.trace.limits.endpointsPerEntity);
-  change.reachable = *reachable == "true";
+  change.reachable = *reachable == value::TRUE_TEXT;
   std::vector<std::string> evidence;
   if (inStory(*entityId)) {
     evidence = causeOf(in, *endpointId);
@@ -105,9 +108,9 @@ std::size_t ChangeReader::keep(const CacheMessage& in, EntityRecord& record,
 }
 
 std::string ChangeReader::summary(const CacheMessage& in) {
-  const std::optional<uint64_t> changed = in.line.number("changed");
+  const std::optional<uint64_t> changed = in.line.number(key::CHANGED);
   const bool cut = in.message.text.size() >= MAX_MESSAGE_BYTES;
-  std::vector<std::string_view> lines = entryLines(in.line.get("details").value_or(""));
+  std::vector<std::string_view> lines = entryLines(in.line.get(key::DETAILS).value_or(""));
   if (cut && !lines.empty()) {
     lines.pop_back();  // the platform cut it somewhere: it may read as something else
     countProblem(in.cache, SUMMARY_CUT, in.at);
@@ -123,8 +126,8 @@ std::string ChangeReader::summary(const CacheMessage& in) {
   CheckRecord* answered = checks_.takeSummarised(in, cut, entries.size());
   if (answered != nullptr) {
     answered->summarised = true;
-    answered->reachable = in.line.number("reachable").value_or(0);
-    answered->unreachable = in.line.number("unreachable").value_or(0);
+    answered->reachable = in.line.number(key::REACHABLE).value_or(0);
+    answered->unreachable = in.line.number(key::UNREACHABLE).value_or(0);
     answered->changed = changed.value_or(0);
   } else {
     ++in.cache.eventsApplied;
@@ -170,8 +173,8 @@ std::string ChangeReader::checkEntries(
     unreachable += !entry.reachable && !entry.insertFailed ? 1 : 0;
     changed += entry.changed ? 1 : 0;
   }
-  if (line.number("reachable") != reachable || line.number("unreachable") != unreachable ||
-      line.number("changed") != changed) {
+  if (line.number(key::REACHABLE) != reachable || line.number(key::UNREACHABLE) != unreachable ||
+      line.number(key::CHANGED) != changed) {
     return "entries that do not add up to the summary's counts";
   }
   return "";

@@ -4,76 +4,80 @@
 #include <utility>
 
 #include "Problems.h"
+#include "diagnostics/LogSchema.h"
 
 namespace veranda::reachabilityCache::trace {
+
+using namespace logSchema;  // the names the lines are read with
 namespace {
 
-constexpr std::string_view PERIODIC_PREFIX = "periodic_";
+constexpr std::string_view PERIODIC_PREFIX = requestIdPrefix::PERIODIC;
 
 }  // namespace
 
 void CheckReader::updaterLine(const CacheMessage& in) {
   const LibraryLine& line = in.line;
-  const std::optional<std::string_view> reason = line.get("reason");
-  if (line.label == "startPeriodicUpdates") {
+  const std::optional<std::string_view> why = line.get(key::REASON);
+  if (line.label == label::START_PERIODIC_UPDATES) {
     if (periodicRunning_) {
       countProblem(in.cache, DUPLICATE_CHAIN, in.at);
     }
     periodicRunning_ = true;
-    in.cache.intervalSeconds = line.signedNumber("intervalSeconds");
-    in.cache.initialDelayMs = line.signedNumber("initialDelayMs");
-  } else if (line.label == "stopPeriodicUpdates") {
+    in.cache.intervalSeconds = line.signedNumber(key::INTERVAL_SECONDS);
+    in.cache.initialDelayMs = line.signedNumber(key::INITIAL_DELAY_MS);
+  } else if (line.label == label::STOP_PERIODIC_UPDATES) {
     periodicRunning_ = false;
-  } else if (line.label == "performPeriodicUpdate") {
+  } else if (line.label == label::PERFORM_PERIODIC_UPDATE) {
     if (in.message.tid) {
       updaterThreads_.insert(in.thread);
     }
     periodicUpdate(in);
-  } else if (line.label.empty() && reason == "checkStartFailed") {  // a manual trigger's task
+  } else if (line.label == label::MANUAL_TRIGGER &&
+             why == reason::CHECK_START_FAILED) {  // a manual trigger's task
     countProblem(in.cache, CHECK_START_FAILED, in.at);
-    check(in, line.get("requestId").value_or("")).startFailed = true;
+    check(in, line.get(key::REQUEST_ID).value_or("")).startFailed = true;
   }
 }
 
 void CheckReader::periodicUpdate(const CacheMessage& in) {
-  const std::optional<std::string_view> reason = in.line.get("reason");
-  if (reason == "chrProviderNull") {
+  const std::optional<std::string_view> why = in.line.get(key::REASON);
+  if (why == reason::CHR_PROVIDER_NULL) {
     countProblem(in.cache, PROVIDER_NULL, in.at);
-  } else if (reason == "chrQueryReturnedEmpty") {
+  } else if (why == reason::CHR_QUERY_RETURNED_EMPTY) {
     countProblem(in.cache, PROVIDER_EMPTY, in.at);
     CheckRecord empty;
     empty.start = in.at;
     empty.endpointCount = 0;
     empty.providerEmpty = true;
     in.cache.cycles.push_back(empty);
-  } else if (reason == "checkStartFailed") {
+  } else if (why == reason::CHECK_START_FAILED) {
     countProblem(in.cache, CHECK_START_FAILED, in.at);
-    check(in, in.line.get("requestId").value_or("")).startFailed = true;
-  } else if (const auto count = in.line.number("endpointCount")) {
+    check(in, in.line.get(key::REQUEST_ID).value_or("")).startFailed = true;
+  } else if (const auto count = in.line.number(key::ENDPOINT_COUNT)) {
     nextEndpointCount_ = count;
   }
 }
 
 void CheckReader::checkerLine(const CacheMessage& in) {
   const LibraryLine& line = in.line;
-  if (line.label == "checkReachability") {
-    if (const auto details = line.get("details")) {
+  if (line.label == label::CHECK_REACHABILITY) {
+    if (const auto details = line.get(key::DETAILS)) {
       // "requestId=periodic_3 count=17" and one line per endpoint
       const std::string first = "[]: " + std::string(details->substr(0, details->find('\n')));
       const std::optional<LibraryLine> head = parseLibraryLine(first);  // views into `first`
-      if (head && head->get("requestId")) {
-        CheckRecord& record = check(in, *head->get("requestId"));
-        record.endpointCount = head->number("count");
+      if (head && head->get(key::REQUEST_ID)) {
+        CheckRecord& record = check(in, *head->get(key::REQUEST_ID));
+        record.endpointCount = head->number(key::COUNT);
       }
-    } else if (line.has("status", "requestSent")) {
-      check(in, line.get("requestId").value_or("")).started = true;
+    } else if (line.has(key::STATUS, status::REQUEST_SENT)) {
+      check(in, line.get(key::REQUEST_ID).value_or("")).started = true;
     }
-  } else if (line.label == "processDiscoveredDevices") {
-    const std::string_view requestId = line.get("requestId").value_or("");
+  } else if (line.label == label::PROCESS_DISCOVERED_DEVICES) {
+    const std::string_view requestId = line.get(key::REQUEST_ID).value_or("");
     CheckRecord& record = check(in, requestId);
     record.answered = true;
     record.answeredAt = in.at;
-    record.resultCount = line.number("resultCount");
+    record.resultCount = line.number(key::RESULT_COUNT);
     if (keepAnswerLines_) {
       record.answerLine = in.message.lines.front();
     }

@@ -1,25 +1,29 @@
 #include "EntityAnswers.h"
+#include "diagnostics/LogSchema.h"
 
 #include <vector>
 
 namespace veranda::reachabilityCache::trace {
+
+using namespace logSchema;  // the names the lines are read with
 
 // ---- what the lines say ----
 
 void EntityAnswers::storeLine(const CacheMessage& in) {
   const LibraryLine& line = in.line;
   const std::string_view label = line.label;
-  const std::string_view entityId = line.get("entityId").value_or("");
-  const std::string_view endpointId = line.get("endpointId").value_or("");
-  if (label == "insertEndpoint") {
-    if (!line.get("reason") && line.get("entityId") && line.get("endpointId")) {
+  const std::string_view entityId = line.get(key::ENTITY_ID).value_or("");
+  const std::string_view endpointId = line.get(key::ENDPOINT_ID).value_or("");
+  if (label == label::INSERT_ENDPOINT) {
+    if (!line.get(key::REASON) && line.get(key::ENTITY_ID) && line.get(key::ENDPOINT_ID)) {
       insertLine(in, entityId, endpointId);
     }
-  } else if (label == "removeEndpoint" && line.has("action", "removedEndpoint")) {
+  } else if (label == label::REMOVE_ENDPOINT && line.has(key::ACTION, action::REMOVED_ENDPOINT)) {
     removeLine(in, entityId, endpointId, false);
-  } else if (label == "removeEndpoint" && line.has("action", "removedEndpointAndEntity")) {
+  } else if (label == label::REMOVE_ENDPOINT &&
+             line.has(key::ACTION, action::REMOVED_ENDPOINT_AND_ENTITY)) {
     removeLine(in, entityId, endpointId, true);
-  } else if (label == "removeEntity" && line.has("action", "removedEntity")) {
+  } else if (label == label::REMOVE_ENTITY && line.has(key::ACTION, action::REMOVED_ENTITY)) {
     Entity* state = follow(in, entityId);
     if (state == nullptr) {
       return;
@@ -29,14 +33,15 @@ void EntityAnswers::storeLine(const CacheMessage& in) {
     }
     know(in, *state, Fact::ABSENT);
     noteAnswer(in, entityId);
-  } else if (label == "clear" && line.has("action", "cleared")) {
+  } else if (label == label::CLEAR && line.has(key::ACTION, action::CLEARED)) {
     emptyStore(in);
-  } else if (label == "clearEndpointCapabilities" && line.has("action", "clearedCapabilities")) {
+  } else if (label == label::CLEAR_ENDPOINT_CAPABILITIES &&
+             line.has(key::ACTION, action::CLEARED_CAPABILITIES)) {
     if (Entity* state = follow(in, entityId, endpointId)) {
       change(in, *state, entityId, endpointId, Effect::CLEAR, true);
       noteAnswer(in, entityId, true);
     }
-  } else if (label == "isEntityReachable") {
+  } else if (label == label::IS_ENTITY_REACHABLE) {
     observe(in);
   }
 }
@@ -57,11 +62,11 @@ void EntityAnswers::insertLine(const CacheMessage& in, std::string_view entityId
     return;
   }
   Entity& state = *followed;
-  if (in.line.has("action", "newEntity")) {
+  if (in.line.has(key::ACTION, action::NEW_ENTITY)) {
     fact(in, entityId, state, Fact::ABSENT);  // the entity was not in the store
-  } else if (in.line.has("action", "appended")) {
+  } else if (in.line.has(key::ACTION, action::APPENDED)) {
     endpoint(state, endpointId) = {Reach::NOT_HELD, false};
-  } else if (in.line.has("action", "merged")) {
+  } else if (in.line.has(key::ACTION, action::MERGED)) {
     Endpoint& held = endpoint(state, endpointId);
     held.reach = held.reach == Reach::NOT_REACHING || held.reach == Reach::NOT_HELD ? Reach::HELD
                                                                                     : held.reach;
@@ -103,9 +108,9 @@ void EntityAnswers::emptyStore(const CacheMessage& in) {
 }
 
 void EntityAnswers::observe(const CacheMessage& in) {
-  const std::string_view entityId = in.line.get("entityId").value_or("");
+  const std::string_view entityId = in.line.get(key::ENTITY_ID).value_or("");
   const bool known = entities_.count(std::string(entityId)) > 0;
-  if (entityId.empty() || (!known && in.line.has("reason", "notInCache"))) {
+  if (entityId.empty() || (!known && in.line.has(key::REASON, reason::NOT_IN_CACHE))) {
     return;  // an entity the cache never held is no row of the report
   }
   Entity* followed = follow(in, entityId);
@@ -113,9 +118,9 @@ void EntityAnswers::observe(const CacheMessage& in) {
     return;
   }
   Entity& state = *followed;
-  if (in.line.has("reachable", "true")) {
+  if (in.line.has(key::REACHABLE, value::TRUE_TEXT)) {
     fact(in, entityId, state, Fact::REACHABLE);
-  } else if (in.line.has("reason", "notInCache")) {
+  } else if (in.line.has(key::REASON, reason::NOT_IN_CACHE)) {
     fact(in, entityId, state, Fact::ABSENT);
   } else {
     fact(in, entityId, state, Fact::PRESENT_NOT_REACHABLE);

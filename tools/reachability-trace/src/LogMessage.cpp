@@ -2,19 +2,21 @@
 
 #include <utility>
 
+#include "LineRules.h"
+#include "diagnostics/LogSchema.h"
+
 namespace veranda::reachabilityCache::trace {
 namespace {
 
-constexpr std::string_view METRIC_TAG = "Veranda-Metric";
-constexpr std::string_view CACHE_METRIC = "metricName=ReachabilityCache.";
+// Every library and metric line of the cache holds it.
 constexpr std::string_view NEEDLE = "ReachabilityCache";
 constexpr std::size_t KEPT_DAMAGED_BYTES = 300;
 
 // A metric line in the long layout is wanted until its text tells.
 bool isWanted(const CaptureLine& line) {
   return isLibraryTag(line.tag) || line.tag == RATE_LIMITER_TAG ||
-         (line.tag == METRIC_TAG && (line.format == LineFormat::LONG ||
-                                     line.text.find(CACHE_METRIC) != std::string_view::npos));
+         (line.tag == logSchema::tag::METRIC &&
+          (line.format == LineFormat::LONG || cacheMetricName(line.text)));
 }
 
 // Layouts whose following lines of a message may come bare.
@@ -24,12 +26,6 @@ bool allowsBareLines(LineFormat format) {
 }
 
 }  // namespace
-
-bool isLibraryTag(std::string_view tag) {
-  return tag == "ReachabilityCache-ReachabilityCache" || tag == "ReachabilityCache-CacheCore" ||
-         tag == "ReachabilityCache-ReachabilityUpdater" ||
-         tag == "ReachabilityCache-ApplianceDriverChecker";
-}
 
 MessageAssembler::MessageAssembler(Handler handler, SectionHandler section)
     : handler_(std::move(handler)), section_(std::move(section)) {}
@@ -160,7 +156,7 @@ void MessageAssembler::flush() {
     damaged(current_.lines.front());
     return;
   }
-  if (current_.tag == METRIC_TAG && current_.text.find(CACHE_METRIC) == std::string::npos) {
+  if (current_.tag == logSchema::tag::METRIC && !cacheMetricName(current_.text)) {
     return;  // another metric
   }
   ++messages_;

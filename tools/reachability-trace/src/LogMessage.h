@@ -82,7 +82,4 @@ class MessageAssembler : public LineSink {
   uint64_t messages_ = 0;
 };
 
-// True for the four tags of the library.
-bool isLibraryTag(std::string_view tag);
-
 }  // namespace veranda::reachabilityCache::trace

@@ -8,11 +8,13 @@
 
 #include "LineRules.h"
 #include "Problems.h"
+#include "diagnostics/LogSchema.h"
 
 namespace veranda::reachabilityCache::trace {
+
+using namespace logSchema;  // the names the lines are read with
 namespace {
 
-constexpr std::string_view METRIC_PREFIX = "metricName=ReachabilityCache.";
 constexpr std::size_t KEPT_LINE_BYTES = 300;
 constexpr uint64_t KEPT_AMBIGUOUS = 5;
 
@@ -49,16 +51,16 @@ void TraceBuilder::add(const LogMessage& message) {
   }
   const Micros at = trace_.clock.toMicros(message.clock);
   trace_.hasTime = trace_.hasTime || at != NO_TIME;
-  const std::size_t metric = message.text.find(METRIC_PREFIX);
-  const std::optional<LibraryLine> line =
-      metric == std::string::npos ? parseLibraryLine(message.text) : std::nullopt;
-  if (metric == std::string::npos && !line) {
+  const std::optional<std::string_view> metric =
+      message.tag == tag::METRIC ? cacheMetricName(message.text) : std::nullopt;
+  const std::optional<LibraryLine> line = metric ? std::nullopt : parseLibraryLine(message.text);
+  if (!metric && !line) {
     damaged(message);
     return;
   }
   ++trace_.messages;
   ++sequence_;
-  if (line && line->label == "ApplianceDriverReachabilityChecker") {
+  if (line && line->label == label::APPLIANCE_DRIVER_REACHABILITY_CHECKER) {
     return;  // the checker is made before its cache and says nothing about it
   }
   const LibraryLine none;
@@ -77,10 +79,8 @@ void TraceBuilder::add(const LogMessage& message) {
   }
   cache.firstMessage = cache.firstMessage == 0 ? sequence_ : cache.firstMessage;
   cache.lastMessage = sequence_;
-  if (metric != std::string::npos) {
-    constexpr std::size_t KEY_LENGTH = std::string_view("metricName=").size();
-    const std::string_view name = std::string_view(message.text).substr(metric + KEY_LENGTH);
-    ++cache.metrics[std::string(name.substr(0, name.find(' ')))];
+  if (metric) {
+    ++cache.metrics[std::string(*metric)];
     return;
   }
   const CacheMessage in{trace_,    cache,       message, *line, at, message.tid.value_or(-1),
@@ -89,11 +89,11 @@ void TraceBuilder::add(const LogMessage& message) {
     ambiguous(in, ambiguity);
     return;
   }
-  if (message.tag == "ReachabilityCache-ReachabilityCache") {
+  if (message.tag == tag::FACADE) {
     facade(in);
-  } else if (message.tag == "ReachabilityCache-CacheCore") {
+  } else if (message.tag == tag::STORE) {
     store(in);
-  } else if (message.tag == "ReachabilityCache-ReachabilityUpdater") {
+  } else if (message.tag == tag::UPDATER) {
     updater(in);
   } else {
     checker(in);
@@ -102,7 +102,8 @@ void TraceBuilder::add(const LogMessage& message) {
 
 CacheRecord* TraceBuilder::cacheFor(const LogMessage& message, const LibraryLine& line, Micros at) {
   const int64_t process = message.pid.value_or(-1);
-  const bool creation = line.label == "ReachabilityCache" && line.has("event", "cacheCreated");
+  const bool creation =
+      line.label == label::REACHABILITY_CACHE && line.has(key::EVENT, event::CACHE_CREATED);
   auto found = current_.find(process);
   if (creation || found == current_.end()) {
     if (trace_.caches.size() >= trace_.limits.caches) {
@@ -125,14 +126,15 @@ CacheRecord* TraceBuilder::cacheFor(const LogMessage& message, const LibraryLine
 void TraceBuilder::facade(const CacheMessage& in) {
   const LibraryLine& line = in.line;
   CacheRecord& cache = in.cache;
-  if (line.label == "ReachabilityCache" && line.has("event", "cacheCreated")) {
+  if (line.label == label::REACHABILITY_CACHE && line.has(key::EVENT, event::CACHE_CREATED)) {
     cache.creationSeen = true;
     cache.created = in.at;
-    cache.maxCacheSize = line.number("maxCacheSize");
-    if (const auto periodic = line.get("periodicUpdates")) {
-      cache.periodicUpdates = *periodic == "true";
+    cache.maxCacheSize = line.number(key::MAX_CACHE_SIZE);
+    if (const auto periodic = line.get(key::PERIODIC_UPDATES)) {
+      cache.periodicUpdates = *periodic == value::TRUE_TEXT;
     }
-  } else if (line.label == "~ReachabilityCache" && line.has("event", "cacheDestroyed")) {
+  } else if (line.label == label::REACHABILITY_CACHE_DESTRUCTOR &&
+             line.has(key::EVENT, event::CACHE_DESTROYED)) {
     cache.destructionSeen = true;
     cache.destroyed = in.at;
   }
@@ -140,17 +142,17 @@ void TraceBuilder::facade(const CacheMessage& in) {
 
 void TraceBuilder::store(const CacheMessage& in) {
   const std::string_view label = in.line.label;
-  if (label == "CacheCore") {
-    in.cache.storeCapacity = in.line.number("maxSize");
-  } else if (label == "insertEndpoint") {
-    const std::optional<std::string_view> reason = in.line.get("reason");
-    if (reason == "cacheFull") {
+  if (label == label::CACHE_CORE) {
+    in.cache.storeCapacity = in.line.number(key::MAX_SIZE);
+  } else if (label == label::INSERT_ENDPOINT) {
+    const std::optional<std::string_view> why = in.line.get(key::REASON);
+    if (why == reason::CACHE_FULL) {
       countProblem(in.cache, CACHE_FULL, in.at);
-    } else if (reason) {
+    } else if (why) {
       countProblem(in.cache, INSERT_FAILED, in.at);
     }
     reading_->answers.storeLine(in);
-  } else if (label == "notifyReachabilityListeners") {
+  } else if (label == label::NOTIFY_REACHABILITY_LISTENERS) {
     if (!reading_->changes.notification(in)) {
       damaged(in.message);
     }
@@ -161,15 +163,15 @@ void TraceBuilder::store(const CacheMessage& in) {
 
 void TraceBuilder::updater(const CacheMessage& in) {
   const std::string_view label = in.line.label;
-  if (label == "processReachabilityResults") {
+  if (label == label::PROCESS_REACHABILITY_RESULTS) {
     const std::string ambiguity = reading_->changes.summary(in);
     if (!ambiguity.empty()) {
       ambiguous(in, ambiguity);
     }
-  } else if (label == "enableProactiveUpdates") {
-    if (in.line.has("reason", "registrationFailed")) {
+  } else if (label == label::ENABLE_PROACTIVE_UPDATES) {
+    if (in.line.has(key::REASON, reason::REGISTRATION_FAILED)) {
       countProblem(in.cache, SUBSCRIPTION_FAILED, in.at);
-    } else if (const auto id = in.line.get("callbackId")) {
+    } else if (const auto id = in.line.get(key::CALLBACK_ID)) {
       in.cache.callbackId = std::string(*id);
     }
   } else {
@@ -248,7 +250,7 @@ std::string TraceBuilder::ambiguityOf(const LogMessage& message, const LibraryLi
     }
   }
   const std::size_t feed = message.text.find('\n');
-  const std::optional<std::string_view> details = line.get("details");
+  const std::optional<std::string_view> details = line.get(key::DETAILS);
   if (feed != std::string::npos &&
       (!details || feed < static_cast<std::size_t>(details->data() - message.text.data()))) {
     return "a line feed where no field holds one";
