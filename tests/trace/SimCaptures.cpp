@@ -51,14 +51,22 @@ std::vector<Message> simMessages(const std::string& log) {
   for (std::string line; std::getline(lines, line);) {
     const std::optional<CaptureLine> parsed = parseCaptureLine(line);
     if (!parsed || !parsed->clock || !parsed->pid || !parsed->tid) {
-      if (!messages.empty()) {  // a following line of the message
+      if (!messages.empty()) {  // a following line of the message, bare
         messages.back().text += "\n" + line;
       }
       continue;
     }
-    messages.push_back({timeText(*parsed->clock), static_cast<int>(*parsed->pid),
-                        static_cast<int>(*parsed->tid), parsed->priority, std::string(parsed->tag),
-                        std::string(parsed->text)});
+    Message message{timeText(*parsed->clock),       static_cast<int>(*parsed->pid),
+                    static_cast<int>(*parsed->tid), parsed->priority,
+                    std::string(parsed->tag),       std::string(parsed->text)};
+    const bool following = !messages.empty() && !message.text.empty() && message.text[0] != '[' &&
+                           messages.back().time == message.time &&
+                           messages.back().tid == message.tid && messages.back().tag == message.tag;
+    if (following) {  // a following line of the message, with its header again
+      messages.back().text += "\n" + message.text;
+    } else {
+      messages.push_back(std::move(message));
+    }
   }
   return messages;
 }

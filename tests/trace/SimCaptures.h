@@ -19,7 +19,8 @@ struct SimOutput {
 // Runs the simulator's binary with `arguments`.
 SimOutput runSimulator(const std::string& arguments);
 
-// The messages of the simulator's log, each with its lines joined.
+// The messages of the simulator's log (the host liblog's, or in virtual time
+// threadtime), each with its lines joined.
 std::vector<Message> simMessages(const std::string& log);
 
 // Only the messages a production device keeps: info and above.

@@ -82,5 +82,25 @@ TEST(TraceAgainstSimTest, TellsWhatTheListenerHeard) {
   }
 }
 
+// In virtual time the simulator stamps its lines with the run's time, as a
+// device would: its standard error is a capture the tool reads as it is,
+// with the rhythm the home was given.
+TEST(TraceAgainstSimTest, ReadsTheSimulatorsOwnLogAsACapture) {
+  const SimOutput sim =
+      runSimulator("--devices 30 --duration 4 --interval 2 --flap-rate 30 --fast --seed 4");
+  const CaptureTrace read = traceText(sim.log);
+  ASSERT_TRUE(read.ok) << read.error;
+  ASSERT_EQ(read.trace.caches.size(), 1u);
+  const CacheRecord& cache = read.trace.caches[0];
+  EXPECT_EQ(read.trace.damagedLines, 0u);
+  EXPECT_EQ(cache.problems.count(DUPLICATE_CHAIN), 0u);
+  EXPECT_EQ(cache.problems.count(INTERVAL_DRIFT), 0u);
+  const std::vector<double> gaps = cycleGapsSeconds(cache);
+  ASSERT_FALSE(gaps.empty());
+  EXPECT_DOUBLE_EQ(percentile(gaps, 0.5), 2.0);
+  EXPECT_EQ(toldInTrace(cache), heardByListener(sim.timeline));
+  EXPECT_EQ(cache.endTime() - cache.startTime(), Micros{4000000}) << "the run's four seconds";
+}
+
 }  // namespace
 }  // namespace veranda::reachabilityCache::trace::testing
