@@ -10,6 +10,7 @@ namespace veranda::reachabilityCache::trace {
 namespace {
 
 constexpr std::size_t BLOCK_BYTES = std::size_t{4} << 20;
+constexpr std::size_t FIRST_BLOCK_BYTES = std::size_t{64} << 10;
 constexpr std::string_view NEEDLE = "ReachabilityCache";
 // The words of the rate limiter's notices ("... expire 40 lines",
 // "... identical 12 lines"), rarer in a log than its tag.
@@ -210,20 +211,27 @@ ReadResult readCapture(CaptureSource& source, const std::string& name, LineSink&
   ReadResult result;
   Scanner scanner(sink, result);
   // The buffer holds one guard byte before the data, so that a search that
-  // starts one byte early never leaves it; the guard is a line feed.
-  std::vector<char> buffer(BLOCK_BYTES + 1);
+  // starts one byte early never leaves it; the guard is a line feed. It
+  // starts small and grows to a block while the capture fills it.
+  std::vector<char> buffer(FIRST_BLOCK_BYTES + 1);
   buffer[0] = '\n';
-  char* const data = buffer.data() + 1;
+  std::size_t block = FIRST_BLOCK_BYTES;
+  char* data = buffer.data() + 1;
   std::size_t kept = 0;      // bytes of an unfinished line carried over
   bool skipping = false;     // inside a line longer than a block
   bool skippedName = false;  // the skipped line names the cache
   for (;;) {
-    if (kept == BLOCK_BYTES) {  // no line feed in a whole block
+    if (kept == block && block < BLOCK_BYTES) {
+      block = std::min(block * 4, BLOCK_BYTES);
+      buffer.resize(block + 1);
+      data = buffer.data() + 1;
+    }
+    if (kept == block) {  // no line feed in a whole block
       skippedName = skippedName || namesTheCache(data, data + kept);
       skipping = true;
       kept = 0;
     }
-    const long got = source.read(data + kept, BLOCK_BYTES - kept);
+    const long got = source.read(data + kept, block - kept);
     if (got < 0) {
       result.error = source.error();
       return result;
@@ -254,6 +262,11 @@ ReadResult readCapture(CaptureSource& source, const std::string& name, LineSink&
     if (got == 0) {
       scanner.scan(data, data + filled);
       break;
+    }
+    if (filled == block && block < BLOCK_BYTES) {  // more to come: read more at a time
+      block = std::min(block * 4, BLOCK_BYTES);
+      buffer.resize(block + 1);
+      data = buffer.data() + 1;
     }
     const char* lastFeed = static_cast<const char*>(memrchr(data, '\n', filled));
     const std::size_t complete =

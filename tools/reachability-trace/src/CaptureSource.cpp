@@ -99,6 +99,15 @@ bool endsWith(std::string_view text, std::string_view suffix) {
   return text.size() >= suffix.size() && text.substr(text.size() - suffix.size()) == suffix;
 }
 
+// `text` on one line: control characters (libarchive's words may end in a
+// line feed, a name may hold one) become blanks, and none end it.
+std::string oneLine(std::string text) {
+  std::replace_if(
+      text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x20; }, ' ');
+  text.erase(text.find_last_not_of(' ') + 1);
+  return text;
+}
+
 // An entry at the top of the archive (not in a folder).
 bool atTop(std::string_view name) { return name.find('/') == std::string_view::npos; }
 
@@ -148,7 +157,7 @@ class ArchiveSource : public CaptureSource {
         continue;
       }
       if (seen.size() < 200) {
-        seen += (seen.empty() ? "" : ", ") + name;
+        seen += (seen.empty() ? "" : ", ") + oneLine(name);
       }
       archive_read_data_skip(archive_);
     }
@@ -192,10 +201,10 @@ class ArchiveSource : public CaptureSource {
 
   bool fail(const char* what) {
     const char* reason = archive_error_string(archive_);
-    error_ = std::string(what) + " " + name_ + ": " +
-             (!packed_->error().empty() ? packed_->error()
-              : reason != nullptr       ? std::string(reason)
-                                        : std::string("damaged archive"));
+    std::string why = !packed_->error().empty() ? packed_->error()
+                      : reason != nullptr       ? std::string(reason)
+                                                : std::string("damaged archive");
+    error_ = std::string(what) + " " + name_ + ": " + oneLine(why);
     return false;
   }
 
