@@ -8,6 +8,8 @@ set(_trace_dir ${CMAKE_CURRENT_LIST_DIR}/src)
 add_library(reachabilityTraceCore STATIC
   ${_trace_dir}/CaptureLine.cpp
   ${_trace_dir}/CaptureSource.cpp
+  ${_trace_dir}/ArchiveSource.cpp
+  ${_trace_dir}/Utf16Source.cpp
   ${_trace_dir}/CaptureReader.cpp
   ${_trace_dir}/WordSearch.cpp
   ${_trace_dir}/CaptureClock.cpp

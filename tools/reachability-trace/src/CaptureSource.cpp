@@ -1,7 +1,5 @@
 #include "CaptureSource.h"
 
-#include <archive.h>
-#include <archive_entry.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,12 +11,13 @@
 #include <utility>
 #include <vector>
 
+#include "ArchiveSource.h"
+#include "Utf16Source.h"
+
 namespace veranda::reachabilityCache::trace {
 namespace {
 
 constexpr std::size_t PEEK_BYTES = 4096;
-constexpr std::size_t ARCHIVE_BLOCK = std::size_t{1} << 16;
-constexpr std::size_t MAX_MAIN_ENTRY_BYTES = 4096;
 
 // The bytes of a file descriptor.
 class FileSource : public CaptureSource {
@@ -72,6 +71,10 @@ class PrefixedSource : public CaptureSource {
   std::size_t taken_ = 0;
 };
 
+bool startsWith(std::string_view text, std::string_view prefix) {
+  return text.substr(0, prefix.size()) == prefix;
+}
+
 // Up to PEEK_BYTES of the start of `source`; false on an error.
 bool peek(CaptureSource& source, std::string& start, std::string& error) {
   start.resize(PEEK_BYTES);
@@ -90,247 +93,6 @@ bool peek(CaptureSource& source, std::string& start, std::string& error) {
   start.resize(filled);
   return true;
 }
-
-bool startsWith(std::string_view text, std::string_view prefix) {
-  return text.substr(0, prefix.size()) == prefix;
-}
-
-bool endsWith(std::string_view text, std::string_view suffix) {
-  return text.size() >= suffix.size() && text.substr(text.size() - suffix.size()) == suffix;
-}
-
-// `text` on one line: control characters (libarchive's words may end in a
-// line feed, a name may hold one) become blanks, and none end it.
-std::string oneLine(std::string text) {
-  std::replace_if(
-      text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x20; }, ' ');
-  text.erase(text.find_last_not_of(' ') + 1);
-  return text;
-}
-
-// An entry at the top of the archive (not in a folder).
-bool atTop(std::string_view name) { return name.find('/') == std::string_view::npos; }
-
-// A zip or a gzipped file, unpacked.
-class ArchiveSource : public CaptureSource {
- public:
-  ArchiveSource(std::unique_ptr<CaptureSource> packed, std::string name)
-      : packed_(std::move(packed)), name_(std::move(name)), archive_(archive_read_new()) {
-    archive_read_support_filter_gzip(archive_);
-    archive_read_support_format_zip(archive_);
-    archive_read_support_format_raw(archive_);
-  }
-  ~ArchiveSource() override { archive_read_free(archive_); }
-  ArchiveSource(const ArchiveSource&) = delete;
-  ArchiveSource& operator=(const ArchiveSource&) = delete;
-
-  // Finds the entry to read; `anyText`: failing the bug report's, the first
-  // other text file at the top. False with error() when there is none.
-  bool open(bool anyText) {
-    if (archive_read_open(archive_, this, nullptr, &ArchiveSource::pull, nullptr) != ARCHIVE_OK) {
-      return fail("cannot unpack");
-    }
-    std::string named;  // by main_entry.txt
-    std::string seen;   // the entries passed over, for the error
-    archive_entry* entry = nullptr;
-    for (;;) {
-      const int status = archive_read_next_header(archive_, &entry);
-      if (status == ARCHIVE_EOF) {
-        break;
-      }
-      if (status != ARCHIVE_OK && status != ARCHIVE_WARN) {
-        return fail("cannot unpack");
-      }
-      const char* path = archive_entry_pathname(entry);
-      const std::string name = path == nullptr ? "" : path;
-      gzip_ = archive_format(archive_) == ARCHIVE_FORMAT_RAW;
-      if (gzip_ || name == named ||
-          (named.empty() && atTop(name) && startsWith(name, "bugreport") &&
-           endsWith(name, ".txt")) ||
-          (anyText && atTop(name) && endsWith(name, ".txt") && name != "main_entry.txt" &&
-           name != "version.txt")) {
-        entry_ = gzip_ ? "" : name;
-        return true;
-      }
-      if (name == "main_entry.txt") {
-        named = mainEntry();
-        continue;
-      }
-      if (seen.size() < 200) {
-        seen += (seen.empty() ? "" : ", ") + oneLine(name);
-      }
-      archive_read_data_skip(archive_);
-    }
-    error_ = name_ + " is a zip without a bug report's text (bugreport-*.txt)" +
-             (seen.empty() ? std::string() : "; it holds " + seen);
-    return false;
-  }
-
-  long read(char* buffer, std::size_t size) override {
-    const la_ssize_t got = archive_read_data(archive_, buffer, size);
-    if (got < 0) {
-      fail("cannot unpack");
-      return -1;
-    }
-    return static_cast<long>(got);
-  }
-
-  const std::string& entry() const { return entry_; }
-  bool gzip() const { return gzip_; }
-
- private:
-  static la_ssize_t pull(archive* /*archive*/, void* self, const void** buffer) {
-    auto* source = static_cast<ArchiveSource*>(self);
-    source->block_.resize(ARCHIVE_BLOCK);
-    const long got = source->packed_->read(source->block_.data(), source->block_.size());
-    *buffer = source->block_.data();
-    return static_cast<la_ssize_t>(got);
-  }
-
-  // The name that main_entry.txt holds.
-  std::string mainEntry() {
-    std::string text(MAX_MAIN_ENTRY_BYTES, '\0');
-    const la_ssize_t got = archive_read_data(archive_, text.data(), text.size());
-    text.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
-    while (!text.empty() && (text.back() == '\n' || text.back() == '\r' || text.back() == ' ')) {
-      text.pop_back();
-    }
-    archive_read_data_skip(archive_);
-    return text;
-  }
-
-  bool fail(const char* what) {
-    const char* reason = archive_error_string(archive_);
-    std::string why = !packed_->error().empty() ? packed_->error()
-                      : reason != nullptr       ? std::string(reason)
-                                                : std::string("damaged archive");
-    error_ = std::string(what) + " " + name_ + ": " + oneLine(why);
-    return false;
-  }
-
-  std::unique_ptr<CaptureSource> packed_;
-  std::string name_;
-  archive* archive_;
-  std::vector<char> block_;
-  std::string entry_;
-  bool gzip_ = false;
-};
-
-// UTF-16 code units turned into UTF-8; a surrogate without its partner
-// becomes U+FFFD, and a NUL stays a NUL byte (counted later).
-class Utf16Source : public CaptureSource {
- public:
-  Utf16Source(std::unique_ptr<CaptureSource> inner, bool bigEndian)
-      : inner_(std::move(inner)), bigEndian_(bigEndian) {}
-
-  long read(char* buffer, std::size_t size) override {
-    std::size_t written = 0;
-    while (written < size) {
-      if (spilled_ < spill_.size()) {
-        const std::size_t count = std::min(size - written, spill_.size() - spilled_);
-        std::memcpy(buffer + written, spill_.data() + spilled_, count);
-        spilled_ += count;
-        written += count;
-        continue;
-      }
-      if (at_ + 1 >= units_.size()) {
-        if (!fill()) {
-          break;
-        }
-        continue;
-      }
-      const auto byte = [this](std::size_t i) {
-        return static_cast<uint32_t>(static_cast<unsigned char>(units_[i]));
-      };
-      const uint32_t unit =
-          bigEndian_ ? (byte(at_) << 8) | byte(at_ + 1) : byte(at_) | (byte(at_ + 1) << 8);
-      at_ += 2;
-      char bytes[8];
-      const std::size_t count = decode(unit, bytes);
-      const std::size_t fits = std::min(count, size - written);
-      std::memcpy(buffer + written, bytes, fits);
-      written += fits;
-      spill_.assign(bytes + fits, count - fits);
-      spilled_ = 0;
-    }
-    return written == 0 && !error_.empty() ? -1 : static_cast<long>(written);
-  }
-
- private:
-  // More code units; false at the end or on an error.
-  bool fill() {
-    units_.erase(0, at_);
-    at_ = 0;
-    if (ended_) {
-      return false;
-    }
-    const std::size_t kept = units_.size();
-    units_.resize(kept + ARCHIVE_BLOCK);
-    const long got = inner_->read(units_.data() + kept, ARCHIVE_BLOCK);
-    units_.resize(kept + static_cast<std::size_t>(std::max(got, 0L)));
-    if (got < 0) {
-      error_ = inner_->error();
-      return false;
-    }
-    ended_ = got == 0;
-    return !ended_;
-  }
-
-  static bool isHigh(uint32_t unit) { return unit >= 0xD800 && unit <= 0xDBFF; }
-  static bool isLow(uint32_t unit) { return unit >= 0xDC00 && unit <= 0xDFFF; }
-
-  // The UTF-8 of `unit` into `out` (8 bytes); the number of bytes.
-  std::size_t decode(uint32_t unit, char* out) {
-    constexpr uint32_t REPLACEMENT = 0xFFFD;
-    std::size_t count = 0;
-    if (high_ != 0) {
-      if (isLow(unit)) {
-        const uint32_t codePoint = 0x10000 + ((high_ - 0xD800) << 10) + (unit - 0xDC00);
-        high_ = 0;
-        return encode(codePoint, out);
-      }
-      count = encode(REPLACEMENT, out);
-      high_ = 0;
-    }
-    if (isHigh(unit)) {
-      high_ = unit;
-      return count;
-    }
-    return count + encode(isLow(unit) ? REPLACEMENT : unit, out + count);
-  }
-
-  static std::size_t encode(uint32_t codePoint, char* out) {
-    if (codePoint < 0x80) {
-      out[0] = static_cast<char>(codePoint);
-      return 1;
-    }
-    if (codePoint < 0x800) {
-      out[0] = static_cast<char>(0xC0 | (codePoint >> 6));
-      out[1] = static_cast<char>(0x80 | (codePoint & 0x3F));
-      return 2;
-    }
-    if (codePoint < 0x10000) {
-      out[0] = static_cast<char>(0xE0 | (codePoint >> 12));
-      out[1] = static_cast<char>(0x80 | ((codePoint >> 6) & 0x3F));
-      out[2] = static_cast<char>(0x80 | (codePoint & 0x3F));
-      return 3;
-    }
-    out[0] = static_cast<char>(0xF0 | (codePoint >> 18));
-    out[1] = static_cast<char>(0x80 | ((codePoint >> 12) & 0x3F));
-    out[2] = static_cast<char>(0x80 | ((codePoint >> 6) & 0x3F));
-    out[3] = static_cast<char>(0x80 | (codePoint & 0x3F));
-    return 4;
-  }
-
-  std::unique_ptr<CaptureSource> inner_;
-  bool bigEndian_;
-  std::string units_;
-  std::size_t at_ = 0;
-  bool ended_ = false;
-  uint32_t high_ = 0;  // a high surrogate waiting for its low one
-  std::string spill_;  // bytes of a character that did not fit
-  std::size_t spilled_ = 0;
-};
 
 enum class Encoding { UTF8, UTF8_WITH_MARK, UTF16LE, UTF16BE };
 
@@ -368,16 +130,17 @@ OpenedCapture decoded(std::unique_ptr<CaptureSource> packed, std::string start,
   } else if (encoding == Encoding::UTF16LE || encoding == Encoding::UTF16BE) {
     const bool mark = startsWith(start, "\xFF\xFE") || startsWith(start, "\xFE\xFF");
     opened.encoding = encoding == Encoding::UTF16LE ? "UTF-16LE" : "UTF-16BE";
-    opened.source = std::make_unique<Utf16Source>(
-        std::make_unique<PrefixedSource>(std::move(packed), start.substr(mark ? 2 : 0)),
-        encoding == Encoding::UTF16BE);
+    opened.source =
+        utf16Source(std::make_unique<PrefixedSource>(std::move(packed), start.substr(mark ? 2 : 0)),
+                    encoding == Encoding::UTF16BE);
     return opened;
   }
   opened.source = std::make_unique<PrefixedSource>(std::move(packed), std::move(start));
   return opened;
 }
 
-// Unpacks the archive that `file` holds, whose first bytes are `start`.
+// Unpacks the archive that `fd` holds, whose first bytes are `start`; reads
+// it a second time, when it can, for a zip without a bug report's text.
 OpenedCapture unpacked(int fd, const std::string& name, const std::string& start) {
   OpenedCapture opened;
   for (bool anyText : {false, true}) {
@@ -385,22 +148,23 @@ OpenedCapture unpacked(int fd, const std::string& name, const std::string& start
     if (anyText && !file->rewind()) {
       return opened;  // the error of the first try stands
     }
-    auto archive = std::make_unique<ArchiveSource>(
-        std::make_unique<PrefixedSource>(std::move(file), anyText ? std::string() : start), name);
-    if (!archive->open(anyText)) {
+    UnpackedArchive archive = unpackArchive(
+        std::make_unique<PrefixedSource>(std::move(file), anyText ? std::string() : start), name,
+        anyText);
+    if (!archive.source) {
       if (opened.error.empty()) {
-        opened.error = archive->error();
+        opened.error = archive.error;
       }
       continue;
     }
     opened.error.clear();
-    opened.archive = archive->gzip() ? "gzip" : "zip";
-    opened.entry = archive->entry();
+    opened.archive = archive.gzip ? "gzip" : "zip";
+    opened.entry = archive.entry;
     std::string text;
-    if (!peek(*archive, text, opened.error)) {
+    if (!peek(*archive.source, text, opened.error)) {
       return opened;
     }
-    return decoded(std::move(archive), std::move(text), std::move(opened));
+    return decoded(std::move(archive.source), std::move(text), std::move(opened));
   }
   return opened;
 }
