@@ -135,6 +135,7 @@ bool CacheCore::insertRecord(Record&& endpoint) {
                                      .d("driverCount", stored->driverCapabilities.size()));
   }
   endpointIndex[stored->endpointId] = entityId;
+  changeFeed_.record(entityId);
   return true;
 }
 
@@ -157,6 +158,7 @@ bool CacheCore::removeEndpoint(const std::string& entityId, const std::string& e
   }
   endpoints->erase(record);
   endpointIndex.erase(endpointId);
+  changeFeed_.record(id);
   if (!endpoints->empty()) {
     logEndpointAction(LogPriority::DEBUG, "removeEndpoint", "removedEndpoint", id, endpointId);
   } else {
@@ -182,6 +184,7 @@ bool CacheCore::removeEntity(const std::string& entityId) {
     endpointIndex.erase(endpoint.endpointId);
   }
   entityIndex.erase(entity);
+  changeFeed_.record(id);
   logStore(LogPriority::INFO, LogBuilder("removeEntity", nullptr)
                                   .d("action", "removedEntity")
                                   .d("entityId", id.c_str())
@@ -192,6 +195,9 @@ bool CacheCore::removeEntity(const std::string& entityId) {
 void CacheCore::clear() {
   MutexLock lock(storeMutex);
   const std::size_t previousSize = entityIndex.size();
+  for (const auto& entity : entityIndex) {
+    changeFeed_.record(entity.first);
+  }
   entityIndex.clear();
   endpointIndex.clear();
   logStore(LogPriority::INFO,
@@ -214,6 +220,7 @@ bool CacheCore::clearEndpointCapabilities(const std::string& entityId,
     return false;
   }
   record->driverCapabilities.clear();
+  changeFeed_.record(id);
   logEndpointAction(LogPriority::DEBUG, "clearEndpointCapabilities", "clearedCapabilities", id,
                     endpointId);
   return true;
@@ -392,6 +399,13 @@ std::unordered_set<std::string> CacheCore::getReachableEntityIds() const {
     }
   }
   return reachable;
+}
+
+bool CacheCore::isEntityReachableUnlogged(const std::string& entityId) const {
+  const std::string& id = normalizeEntityId(entityId);
+  MutexLock lock(storeMutex);
+  const std::vector<CachedEndpoint>* endpoints = findEndpointsLocked(id);
+  return endpoints != nullptr && std::any_of(endpoints->begin(), endpoints->end(), reachedByDriver);
 }
 
 // ---- Lookups under the store mutex ----

@@ -69,6 +69,9 @@ void CacheCore::notifyReachabilityListeners(const std::string& endpointId,
                                    .d("entityId", entityId.c_str())
                                    .d("isReachable", boolText(isReachable))
                                    .d("listenerCount", snapshot.size()));
+  // What a listener changes is the listener's own doing, whatever caused the
+  // notification.
+  const ChangeOriginScope origin(ChangeOrigin::HOST);
   for (const auto& entry : snapshot) {
     entry.second(endpointId, entityId, isReachable);
   }

@@ -152,9 +152,12 @@ void ReachabilityUpdater::performPeriodicUpdate() {
   for (const EndpointInfo& endpoint : endpoints) {
     currentEndpointIds.insert(endpoint.endpointId);
   }
-  removeStaleEntries(currentEndpointIds);
+  {
+    const ChangeOriginScope sweep(ChangeOrigin::SWEEP);
+    removeStaleEntries(currentEndpointIds);
+  }
 
-  if (!startCheck(endpoints, requestId)) {
+  if (!startCheck(endpoints, requestId, ChangeOrigin::PERIODIC_CHECK)) {
     logUpdater(LogPriority::ERROR, LogBuilder("performPeriodicUpdate", nullptr)
                                        .d("requestId", requestId.c_str())
                                        .d("reason", "checkStartFailed"));
@@ -185,7 +188,7 @@ void ReachabilityUpdater::performManualUpdate(const std::vector<EndpointInfo>& e
     return;
   }
   const std::string requestId = MANUAL_PREFIX + generateRequestId();
-  if (!startCheck(endpoints, requestId)) {
+  if (!startCheck(endpoints, requestId, ChangeOrigin::MANUAL_CHECK)) {
     logUpdater(LogPriority::ERROR, LogBuilder("operator()", nullptr)
                                        .d("requestId", requestId.c_str())
                                        .d("reason", "checkStartFailed"));
@@ -195,13 +198,15 @@ void ReachabilityUpdater::performManualUpdate(const std::vector<EndpointInfo>& e
 }
 
 bool ReachabilityUpdater::startCheck(const std::vector<EndpointInfo>& endpoints,
-                                     const std::string& requestId) {
+                                     const std::string& requestId, ChangeOrigin origin) {
   // Without a checker no check can start.
   return checker != nullptr &&
-         checker->checkReachability(endpoints, requestId,
-                                    [this](const std::vector<ReachabilityCheckResult>& results) {
-                                      processReachabilityResults(results);
-                                    });
+         checker->checkReachability(
+             endpoints, requestId,
+             [this, origin](const std::vector<ReachabilityCheckResult>& results) {
+               const ChangeOriginScope scope(origin);
+               processReachabilityResults(results);
+             });
 }
 
 // ---- Result processing ----
@@ -213,6 +218,8 @@ void ReachabilityUpdater::processReachabilityResults(
   unsigned int changedCount = 0;
   std::string details;
   for (const ReachabilityCheckResult& result : results) {
+    // Followers learn that the entity was judged, also when nothing changes.
+    cache->changeFeed().record(CacheCore::normalizeEntityId(result.entityId));
     const bool wasReachable = cache->isEntityReachable(result.entityId);
     bool applied = false;
     if (result.isReachable) {
@@ -308,6 +315,7 @@ void ReachabilityUpdater::disableProactiveUpdates() {
 bool ReachabilityUpdater::isProactiveUpdatesEnabled() const { return proactiveUpdatesEnabled; }
 
 void ReachabilityUpdater::handleProactiveUpdate(const ReachabilityCheckResult& result) {
+  const ChangeOriginScope scope(ChangeOrigin::CONNECTIVITY_EVENT);
   std::vector<ReachabilityCheckResult> results{result};
   if (result.entityId.empty() && !result.endpointId.empty()) {
     std::string entityId = cache->getEntityIdForEndpoint(result.endpointId);
