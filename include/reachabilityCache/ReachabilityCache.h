@@ -131,7 +131,8 @@ class REACHABILITY_CACHE_EXPORT ReachabilityCache {
   virtual bool unregisterReachabilityListener(const std::string& listenerId);
 
  private:
-  // Reads the store without the query log lines.
+  // Reads the store without the query log lines, and checks that its guard
+  // is this cache's checker.
   friend class EntityReachabilityTracker;
 
   ICHRProvider* chrProvider;

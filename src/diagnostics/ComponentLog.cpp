@@ -27,4 +27,8 @@ void logChecker(LogPriority priority, const commonLog::LogBuilder& line) {
   write(priority, "ReachabilityCache-ApplianceDriverChecker", line);
 }
 
+void logTracker(LogPriority priority, const commonLog::LogBuilder& line) {
+  write(priority, "ReachabilityCache-EntityReachabilityTracker", line);
+}
+
 }  // namespace veranda::reachabilityCache

@@ -17,6 +17,8 @@ void logStore(LogPriority priority, const commonLog::LogBuilder& line);
 void logUpdater(LogPriority priority, const commonLog::LogBuilder& line);
 // Tag "ReachabilityCache-ApplianceDriverChecker".
 void logChecker(LogPriority priority, const commonLog::LogBuilder& line);
+// Tag "ReachabilityCache-EntityReachabilityTracker".
+void logTracker(LogPriority priority, const commonLog::LogBuilder& line);
 
 // "true" or "false", for boolean log values.
 inline const char* boolText(bool value) { return value ? "true" : "false"; }

@@ -43,6 +43,9 @@ ReachabilityCache::~ReachabilityCache() {
   logFacade(LogPriority::INFO, LogBuilder("~ReachabilityCache", nullptr)
                                    .d("event", "cacheDestroyed")
                                    .d("cacheSize", cacheCore->size()));
+  // Trackers still attached close now: later calls of theirs must not reach
+  // this object.
+  cacheCore->changeFeed().cacheDestroyed();
   if (updater) {
     updater->stopPeriodicUpdates();
   }
