@@ -26,6 +26,7 @@ inline constexpr const char* FACADE_TAG = "ReachabilityCache-ReachabilityCache";
 inline constexpr const char* STORE_TAG = "ReachabilityCache-CacheCore";
 inline constexpr const char* UPDATER_TAG = "ReachabilityCache-ReachabilityUpdater";
 inline constexpr const char* CHECKER_TAG = "ReachabilityCache-ApplianceDriverChecker";
+inline constexpr const char* TRACKER_TAG = "ReachabilityCache-EntityReachabilityTracker";
 inline constexpr const char* METRIC_TAG = "Veranda-Metric";
 
 // Thread safety: every member may be called from any thread.
