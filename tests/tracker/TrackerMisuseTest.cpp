@@ -136,7 +136,7 @@ TEST_F(TrackerTest, ACallbackThatThrowsIsLoggedAndDeliveryGoesOn) {
   options.onStateChange = [record = states.callback()](const TrackedEntityState& state) {
     record(state);
     if (state.entityId == "e2") {
-      throw 42;  // NOLINT(hicpp-exception-baseclass): what a careless host may throw
+      throw 42;  // what a careless host may throw
     }
   };
   tracker = std::make_unique<EntityReachabilityTracker>(*cache, guard, std::move(options));
