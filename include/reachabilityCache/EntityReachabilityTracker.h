@@ -96,16 +96,20 @@ class TrackerCore;
 // Thread safety: every member may be called from any thread.
 class REACHABILITY_CACHE_EXPORT EntityReachabilityTracker {
  public:
+  // Hears (entity id, reachable) when the reported reachability turns from or
+  // to REACHABLE.
   using ChangeCallback = std::function<void(const std::string& entityId, bool reachable)>;
+  // Hears the entity's new state each time its reported reachability changes.
   using StateCallback = std::function<void(const TrackedEntityState& state)>;
   // Called with the tracker's lock held: must not call into the tracker, and
   // must not throw.
   using Clock = std::function<TrackedEntityState::TimePoint()>;
 
+  // What the tracker reports to, and how.
   struct Options {
-    ChangeCallback onChange;      // may be empty
-    StateCallback onStateChange;  // may be empty
-    std::chrono::milliseconds unreachableHoldDown{0};
+    ChangeCallback onChange;                           // may be empty
+    StateCallback onStateChange;                       // may be empty
+    std::chrono::milliseconds unreachableHoldDown{0};  // none when not positive
     // The time of every state; empty: std::chrono::system_clock::now. A host
     // test on VirtualTime passes a clock that reads virtual time, so that
     // every time it sees is exact.
@@ -132,11 +136,14 @@ class REACHABILITY_CACHE_EXPORT EntityReachabilityTracker {
 
   // ---- The host's changes, made on the cache and reported ----
 
-  // The cache's updateEndpoints(), removeEntity() and invalidate(), followed
-  // by a settle point. After close() they only change the cache; once the
-  // cache is destroyed they do nothing.
+  // Each is the cache's operation followed by a settle point. After close()
+  // they only change the cache; once the cache is destroyed they do nothing.
+
+  // The cache's updateEndpoints(), then a settle point.
   void updateEndpoints(const std::vector<CachedEndpoint>& endpoints);
+  // The cache's removeEntity(), then a settle point.
   bool removeEntity(const std::string& entityId);
+  // The cache's invalidate(), then a settle point.
   void invalidate();
 
   // ---- The tracker's view ----

@@ -26,8 +26,7 @@ enum class ReachabilityCause : uint8_t {
   MANUAL_CHECK_RESULT,  // a manual check's answer (a check the host asked for)
   CONNECTIVITY_EVENT,   // a connectivity event of one of its endpoints
   DROPPED_BY_PROVIDER,  // a cycle dropped endpoints that the provider no longer names
-  HOST_CHANGE,          // updateEndpoints(), removeEntity() or invalidate(), made
-                        // through the tracker or on the cache, or a listener's change
+  HOST_CHANGE,          // updateEndpoints(), removeEntity(), invalidate() or a listener's change
   HOLD_DOWN_ELAPSED,    // it stayed unreachable for the tracker's hold-down
 };
 
@@ -41,11 +40,12 @@ REACHABILITY_CACHE_EXPORT const char* toString(ReachabilityCause cause);
 // One entity as the tracker reports it. Times come from the tracker's clock
 // (see EntityReachabilityTracker::Options).
 struct TrackedEntityState {
+  // Wall-clock time, as a UI shows it ("since 9:14").
   using TimePoint = std::chrono::system_clock::time_point;
 
   std::string entityId;  // without the "orbt1.veyra.endpoint." prefix
-  EntityReachability reachability = EntityReachability::UNKNOWN;
-  ReachabilityCause cause = ReachabilityCause::NONE;  // of the latest change
+  EntityReachability reachability = EntityReachability::UNKNOWN;  // as last reported
+  ReachabilityCause cause = ReachabilityCause::NONE;              // of the latest change
   // When `reachability` took its value: the tracker's start while UNKNOWN.
   TimePoint since;
   // The last time a settle point found the entity reachable (its latest
@@ -53,12 +53,14 @@ struct TrackedEntityState {
   std::optional<TimePoint> lastSeenReachable;
 };
 
+// Every field equal.
 inline bool operator==(const TrackedEntityState& left, const TrackedEntityState& right) {
   return left.entityId == right.entityId && left.reachability == right.reachability &&
          left.cause == right.cause && left.since == right.since &&
          left.lastSeenReachable == right.lastSeenReachable;
 }
 
+// Some field differs.
 inline bool operator!=(const TrackedEntityState& left, const TrackedEntityState& right) {
   return !(left == right);
 }
