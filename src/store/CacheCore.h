@@ -14,8 +14,8 @@
 #include "reachabilityCache/CapabilityKey.h"
 #include "reachabilityCache/EndpointInfo.h"
 #include "reachabilityCache/ReachabilityCache.h"
-#include "reachabilityCache/ThreadAnnotations.h"
 #include "store/ChangeFeed.h"
+#include "sync/Mutex.h"
 
 namespace veranda::reachabilityCache {
 

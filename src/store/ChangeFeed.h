@@ -10,8 +10,8 @@
 #include <unordered_map>
 #include <vector>
 
-#include "reachabilityCache/ThreadAnnotations.h"
 #include "store/ChangeOrigin.h"
+#include "sync/Mutex.h"
 
 namespace veranda::reachabilityCache {
 

@@ -18,10 +18,10 @@
 #include "reachabilityCache/EntityReachabilityTracker.h"
 #include "reachabilityCache/ReachabilityCheckResult.h"
 #include "reachabilityCache/ReachabilityCheckerGuard.h"
-#include "reachabilityCache/ThreadAnnotations.h"
 #include "reachabilityCache/TrackedEntityState.h"
 #include "store/CacheCore.h"
 #include "store/ChangeFeed.h"
+#include "sync/Mutex.h"
 #include "taskExecutor/TaskExecutor.h"
 
 namespace veranda::reachabilityCache {

@@ -14,9 +14,9 @@
 #include "reachabilityCache/ICHRProvider.h"
 #include "reachabilityCache/IReachabilityChecker.h"
 #include "reachabilityCache/ReachabilityCheckResult.h"
-#include "reachabilityCache/ThreadAnnotations.h"
 #include "store/CacheCore.h"
 #include "store/ChangeOrigin.h"
+#include "sync/Mutex.h"
 #include "taskExecutor/TaskExecutor.h"
 
 namespace veranda::reachabilityCache {
