@@ -75,17 +75,5 @@ TEST_F(ChangeFeedTest, WhatAListenerChangesIsTheHostsWhateverItHeard) {
   EXPECT_THAT(feed_.take(follower), UnorderedElementsAre(Pair("e9", ChangeOrigin::HOST)));
 }
 
-TEST_F(ChangeFeedTest, TheCachesEndIsToldOnceToWhoeverStillFollows) {
-  int firstHeard = 0;
-  int goneHeard = 0;
-  feed_.subscribe([&] { ++firstHeard; });
-  feed_.unsubscribe(feed_.subscribe([&] { ++goneHeard; }));
-  feed_.subscribe(nullptr);
-  feed_.cacheDestroyed();
-  feed_.cacheDestroyed();
-  EXPECT_EQ(firstHeard, 1);
-  EXPECT_EQ(goneHeard, 0);
-}
-
 }  // namespace
 }  // namespace veranda::reachabilityCache
