@@ -56,13 +56,13 @@ void runContained(const char* callback, const std::string& entityId, const Call&
     message = exception.what();
     what = message.c_str();
   } catch (...) {
-    what = "(not a std::exception)";
+    what = logSchema::value::NOT_A_STD_EXCEPTION;
   }
-  logTracker(LogPriority::ERROR, LogBuilder("deliver", nullptr)
-                                     .d("event", "callbackThrew")
-                                     .d("callback", callback)
-                                     .d("entityId", entityId.c_str())
-                                     .d("what", what));
+  logTracker(LogPriority::ERROR, LogBuilder(logSchema::label::DELIVER, nullptr)
+                                     .d(logSchema::key::EVENT, logSchema::event::CALLBACK_THREW)
+                                     .d(logSchema::key::CALLBACK, callback)
+                                     .d(logSchema::key::ENTITY_ID, entityId.c_str())
+                                     .d(logSchema::key::WHAT, what));
 }
 
 }  // namespace
@@ -390,12 +390,13 @@ void TrackerCore::deliver() {
 void TrackerCore::report(const Change& change) const {
   const TrackedEntityState& state = change.state;
   if (change.reachableFlipped && options_.onChange) {
-    runContained("onChange", state.entityId, [&] {
+    runContained(logSchema::value::ON_CHANGE, state.entityId, [&] {
       options_.onChange(state.entityId, state.reachability == EntityReachability::REACHABLE);
     });
   }
   if (options_.onStateChange) {
-    runContained("onStateChange", state.entityId, [&] { options_.onStateChange(state); });
+    runContained(logSchema::value::ON_STATE_CHANGE, state.entityId,
+                 [&] { options_.onStateChange(state); });
   }
 }
 

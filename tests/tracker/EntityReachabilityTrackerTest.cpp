@@ -97,7 +97,7 @@ TEST_F(LegacyTrackerTest, RacingChangesAreHeardInOrderPerEntityAndEndInTheCaches
   const std::vector<std::string> entities = {"e0", "e1", "e2"};
   provider.setEndpoints(
       {endpoint("ep-e0", "e0"), endpoint("ep-e1", "e1"), endpoint("ep-e2", "e2")});
-  LogRecorder::instance().setDiscard(true);  // cycles run back to back
+  LogRecorder::instance().setMode(LogCapture::Mode::SILENCE);  // cycles run back to back
   fake->setResponder([](const EndpointInfo& e) {
     static thread_local std::mt19937 random(7);
     return makeResult(e, random() % 2 == 0);

@@ -97,7 +97,7 @@ class TrackerTest : public ::testing::Test {
   void SetUp() override { LogRecorder::instance().clear(); }
 
   void TearDown() override {
-    LogRecorder::instance().setDiscard(false);
+    LogRecorder::instance().setMode(LogCapture::Mode::COLLECT);
     if (tracker) {
       tracker->close();
     }
