@@ -103,7 +103,7 @@ bool CacheCore::insertEndpoint(CachedEndpoint&& endpoint) {
 template <typename Record>
 bool CacheCore::insertRecord(Record&& endpoint) {
   const std::string& entityId = normalizeEntityId(endpoint.entityId);
-  MutexLock lock(storeMutex);
+  WriterLock lock(storeMutex);
   if (refusedForEmptyId(endpoint)) {
     return false;
   }
@@ -144,7 +144,7 @@ bool CacheCore::insertEndpoint(const EndpointInfo& info) {
 
 bool CacheCore::removeEndpoint(const std::string& entityId, const std::string& endpointId) {
   const std::string& id = normalizeEntityId(entityId);
-  MutexLock lock(storeMutex);
+  WriterLock lock(storeMutex);
   std::vector<CachedEndpoint>* endpoints = findEndpointsMutableLocked(id);
   if (endpoints == nullptr) {
     logEndpointAction(LogPriority::DEBUG, "removeEndpoint", "notFound", id, endpointId);
@@ -169,7 +169,7 @@ bool CacheCore::removeEndpoint(const std::string& entityId, const std::string& e
 
 bool CacheCore::removeEntity(const std::string& entityId) {
   const std::string& id = normalizeEntityId(entityId);
-  MutexLock lock(storeMutex);
+  WriterLock lock(storeMutex);
   const auto entity = entityIndex.find(id);
   if (entity == entityIndex.end()) {
     // The one store line keyed "event" rather than "action"; readers match on it.
@@ -190,7 +190,7 @@ bool CacheCore::removeEntity(const std::string& entityId) {
 }
 
 void CacheCore::clear() {
-  MutexLock lock(storeMutex);
+  WriterLock lock(storeMutex);
   const std::size_t previousSize = entityIndex.size();
   entityIndex.clear();
   endpointIndex.clear();
@@ -201,7 +201,7 @@ void CacheCore::clear() {
 bool CacheCore::clearEndpointCapabilities(const std::string& entityId,
                                           const std::string& endpointId) {
   const std::string& id = normalizeEntityId(entityId);
-  MutexLock lock(storeMutex);
+  WriterLock lock(storeMutex);
   std::vector<CachedEndpoint>* endpoints = findEndpointsMutableLocked(id);
   if (endpoints == nullptr) {
     logEndpointAction(LogPriority::DEBUG, "clearEndpointCapabilities", "notFound", id, endpointId);
@@ -222,12 +222,12 @@ bool CacheCore::clearEndpointCapabilities(const std::string& entityId,
 // ---- Size ----
 
 std::size_t CacheCore::size() const {
-  MutexLock lock(storeMutex);
+  ReaderLock lock(storeMutex);
   return entityIndex.size();
 }
 
 bool CacheCore::isFull() const {
-  MutexLock lock(storeMutex);
+  ReaderLock lock(storeMutex);
   return entityIndex.size() >= maxSize_;
 }
 
@@ -235,7 +235,7 @@ bool CacheCore::isFull() const {
 
 bool CacheCore::isEntityPresent(const std::string& entityId) const {
   const std::string& id = normalizeEntityId(entityId);
-  MutexLock lock(storeMutex);
+  ReaderLock lock(storeMutex);
   const bool present = findEndpointsLocked(id) != nullptr;
   logStore(LogPriority::DEBUG, LogBuilder("isEntityPresent", nullptr)
                                    .d("entityId", id.c_str())
@@ -245,7 +245,7 @@ bool CacheCore::isEntityPresent(const std::string& entityId) const {
 
 bool CacheCore::isEntityReachable(const std::string& entityId) const {
   const std::string& id = normalizeEntityId(entityId);
-  MutexLock lock(storeMutex);
+  ReaderLock lock(storeMutex);
   LogBuilder line("isEntityReachable", nullptr);
   line.d("entityId", id.c_str());
   const std::vector<CachedEndpoint>* endpoints = findEndpointsLocked(id);
@@ -266,7 +266,7 @@ bool CacheCore::isEntityReachable(const std::string& entityId) const {
 bool CacheCore::isCapabilityReachable(const std::string& entityId,
                                       const CapabilityKey& capabilityKey) const {
   const std::string& id = normalizeEntityId(entityId);
-  MutexLock lock(storeMutex);
+  ReaderLock lock(storeMutex);
   LogBuilder line("isCapabilityReachable", nullptr);
   line.d("entityId", id.c_str()).d("capability", capabilityKey.capability.c_str());
   const std::vector<CachedEndpoint>* endpoints = findEndpointsLocked(id);
@@ -293,7 +293,7 @@ bool CacheCore::isCapabilityReachableByDriver(const std::string& entityId,
                                               const CapabilityKey& capabilityKey,
                                               ApplianceDriverType driverType) const {
   const std::string& id = normalizeEntityId(entityId);
-  MutexLock lock(storeMutex);
+  ReaderLock lock(storeMutex);
   LogBuilder line("isCapabilityReachableByDriver", nullptr);
   line.d("entityId", id.c_str())
       .d("capability", capabilityKey.capability.c_str())
@@ -317,7 +317,7 @@ bool CacheCore::isCapabilityReachableByDriver(const std::string& entityId,
 
 std::string CacheCore::getEndpointIdForEntity(const std::string& entityId) const {
   const std::string& id = normalizeEntityId(entityId);
-  MutexLock lock(storeMutex);
+  ReaderLock lock(storeMutex);
   const std::vector<CachedEndpoint>* endpoints = findEndpointsLocked(id);
   std::string endpointId = endpoints == nullptr ? "" : endpoints->front().endpointId;
   logStore(LogPriority::DEBUG,
@@ -328,7 +328,7 @@ std::string CacheCore::getEndpointIdForEntity(const std::string& entityId) const
 }
 
 std::string CacheCore::getEntityIdForEndpoint(const std::string& endpointId) const {
-  MutexLock lock(storeMutex);
+  ReaderLock lock(storeMutex);
   const auto found = endpointIndex.find(endpointId);
   std::string entityId = found == endpointIndex.end() ? "" : found->second;
   logStore(LogPriority::DEBUG,
@@ -341,7 +341,7 @@ std::string CacheCore::getEntityIdForEndpoint(const std::string& endpointId) con
 std::string CacheCore::getAdapterName(const std::string& entityId,
                                       const std::string& endpointId) const {
   const std::string& id = normalizeEntityId(entityId);
-  MutexLock lock(storeMutex);
+  ReaderLock lock(storeMutex);
   const std::vector<CachedEndpoint>* endpoints = findEndpointsLocked(id);
   if (endpoints == nullptr) {
     return "";
@@ -353,7 +353,7 @@ std::string CacheCore::getAdapterName(const std::string& entityId,
 std::vector<EndpointInfo> CacheCore::getEndpointsForEntity(const std::string& entityId) const {
   const std::string& id = normalizeEntityId(entityId);
   std::vector<EndpointInfo> result;
-  MutexLock lock(storeMutex);
+  ReaderLock lock(storeMutex);
   const std::vector<CachedEndpoint>* endpoints = findEndpointsLocked(id);
   if (endpoints == nullptr) {
     return result;
@@ -367,7 +367,7 @@ std::vector<EndpointInfo> CacheCore::getEndpointsForEntity(const std::string& en
 
 std::unordered_map<std::string, std::unordered_map<std::string, std::string>>
 CacheCore::getReachableEndpointsMap() const {
-  MutexLock lock(storeMutex);
+  ReaderLock lock(storeMutex);
   std::unordered_map<std::string, std::unordered_map<std::string, std::string>> result;
   for (const auto& [entityId, endpoints] : entityIndex) {
     std::unordered_map<std::string, std::string>& adapters = result[entityId];
@@ -379,13 +379,13 @@ CacheCore::getReachableEndpointsMap() const {
 }
 
 std::unordered_map<std::string, std::string> CacheCore::getCachedEndpointIds() const {
-  MutexLock lock(storeMutex);
+  ReaderLock lock(storeMutex);
   return endpointIndex;
 }
 
 std::unordered_set<std::string> CacheCore::getReachableEntityIds() const {
   std::unordered_set<std::string> reachable;
-  MutexLock lock(storeMutex);
+  ReaderLock lock(storeMutex);
   for (const auto& [entityId, endpoints] : entityIndex) {
     if (std::any_of(endpoints.begin(), endpoints.end(), reachedByDriver)) {
       reachable.insert(entityId);

@@ -15,6 +15,7 @@
 #include "reachabilityCache/EndpointInfo.h"
 #include "reachabilityCache/ReachabilityCache.h"
 #include "sync/Mutex.h"
+#include "sync/SharedMutex.h"
 
 namespace veranda::reachabilityCache {
 
@@ -25,9 +26,11 @@ namespace veranda::reachabilityCache {
 // NATIVE or CONNECTED (0, 1).
 //
 // Thread safety: every public operation may be called from any thread. Store
-// operations take the store mutex for their whole body; listener operations
-// take a separate listener mutex; the two are never held together, and
-// listeners are called outside both. Changing the store never notifies: the
+// operations take the store mutex for their whole body: queries (the const
+// operations) shared, so that they run side by side, and changes exclusively;
+// each operation sees one state of the store. Listener operations take a
+// separate listener mutex; the two are never held together, and listeners are
+// called outside both. Changing the store never notifies: the
 // caller that decides a change happened calls notifyReachabilityListeners().
 class CacheCore {
  public:
@@ -123,7 +126,7 @@ class CacheCore {
   // Lookups under the store mutex, of an entity id already normalised. Null
   // when the entity is absent or has no endpoints.
   const std::vector<CachedEndpoint>* findEndpointsLocked(const std::string& entityId) const
-      RC_REQUIRES(storeMutex);
+      RC_REQUIRES_SHARED(storeMutex);
   // Null only when the entity is absent.
   std::vector<CachedEndpoint>* findEndpointsMutableLocked(const std::string& entityId)
       RC_REQUIRES(storeMutex);
@@ -141,7 +144,7 @@ class CacheCore {
       RC_GUARDED_BY(storeMutex);
   std::unordered_map<std::string, std::string> endpointIndex RC_GUARDED_BY(storeMutex);
   const unsigned int maxSize_;
-  mutable Mutex storeMutex;
+  mutable SharedMutex storeMutex;
   std::unordered_map<std::string, ReachabilityListener> listeners RC_GUARDED_BY(listenerMutex);
   mutable Mutex listenerMutex;
 };
