@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <iterator>
 #include <string_view>
+#include <type_traits>
 #include <utility>
 
 #include "diagnostics/ComponentLog.h"
@@ -30,7 +31,8 @@ void logEndpointAction(LogPriority priority, const char* function, const char* a
 
 // Logs and records the refusal of a record with an empty entity or endpoint
 // id; false when both ids are set.
-bool refusedForEmptyId(const CachedEndpoint& endpoint) {
+template <typename Record>
+bool refusedForEmptyId(const Record& endpoint) {
   if (endpoint.entityId.empty()) {
     logStore(LogPriority::WARN, LogBuilder("insertEndpoint", nullptr)
                                     .d("reason", "emptyEntityId")
@@ -69,6 +71,16 @@ void mergeInto(CachedEndpoint& stored, CachedEndpoint&& incoming) {
   }
 }
 
+// The same for a borrowed record, which carries one driver type.
+template <typename Borrowed>
+void mergeBorrowed(CachedEndpoint& stored, const Borrowed& incoming) {
+  fileCapabilities(stored.driverCapabilities, incoming.driverType,
+                   CapabilitySet(incoming.capabilities));
+  if (!incoming.adapterName.empty()) {
+    stored.adapterName = incoming.adapterName;
+  }
+}
+
 // True when NATIVE or CONNECTED (0, 1) reported the endpoint, even with no capability.
 bool reachedByDriver(const CachedEndpoint& endpoint) {
   return endpoint.driverCapabilities.count(ApplianceDriverType::NATIVE) != 0 ||
@@ -100,6 +112,12 @@ bool CacheCore::insertEndpoint(CachedEndpoint&& endpoint) {
   return insertRecord(std::move(endpoint));
 }
 
+bool CacheCore::insertEndpoint(const std::string& endpointId, const std::string& entityId,
+                               const std::string& adapterName, ApplianceDriverType driverType,
+                               const CapabilitySet& capabilities) {
+  return insertRecord(BorrowedRecord{endpointId, entityId, adapterName, driverType, capabilities});
+}
+
 template <typename Record>
 bool CacheCore::insertRecord(Record&& endpoint) {
   const std::string& entityId = normalizeEntityId(endpoint.entityId);
@@ -119,7 +137,12 @@ bool CacheCore::insertRecord(Record&& endpoint) {
   std::vector<CachedEndpoint>& endpoints = entityIndex[entityId];
   auto stored = findEndpointInVector(endpoints, endpoint.endpointId);
   if (stored == endpoints.end()) {
-    endpoints.push_back(std::forward<Record>(endpoint));
+    if constexpr (std::is_same_v<std::decay_t<Record>, BorrowedRecord>) {
+      endpoints.emplace_back(endpoint.endpointId, endpoint.entityId, endpoint.adapterName,
+                             endpoint.driverType, CapabilitySet(endpoint.capabilities));
+    } else {
+      endpoints.push_back(std::forward<Record>(endpoint));
+    }
     stored = std::prev(endpoints.end());
     // A fresh string: assigned in place, the stored id would keep the
     // capacity of the id as passed, prefix included.
@@ -127,7 +150,11 @@ bool CacheCore::insertRecord(Record&& endpoint) {
     logEndpointAction(entityKnown ? LogPriority::DEBUG : LogPriority::INFO, "insertEndpoint",
                       entityKnown ? "appended" : "newEntity", entityId, stored->endpointId);
   } else {
-    mergeInto(*stored, std::forward<Record>(endpoint));
+    if constexpr (std::is_same_v<std::decay_t<Record>, BorrowedRecord>) {
+      mergeBorrowed(*stored, endpoint);
+    } else {
+      mergeInto(*stored, std::forward<Record>(endpoint));
+    }
     logStore(LogPriority::DEBUG, LogBuilder("insertEndpoint", nullptr)
                                      .d("action", "merged")
                                      .d("entityId", entityId.c_str())

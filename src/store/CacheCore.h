@@ -62,6 +62,13 @@ class CacheCore {
   bool insertEndpoint(CachedEndpoint&& endpoint) RC_EXCLUDES(storeMutex);
   // Inserts `info` with its capabilities filed under NO_DRIVER.
   bool insertEndpoint(const EndpointInfo& info) RC_EXCLUDES(storeMutex);
+  // The same as inserting CachedEndpoint(endpointId, entityId, adapterName,
+  // driverType, capabilities), without building that record when the
+  // endpoint is stored already.
+  bool insertEndpoint(const std::string& endpointId, const std::string& entityId,
+                      const std::string& adapterName,
+                      applianceDriver::ApplianceDriverType driverType,
+                      const CapabilitySet& capabilities) RC_EXCLUDES(storeMutex);
   // Removes one endpoint of one entity, and the entity with its last endpoint.
   bool removeEndpoint(const std::string& entityId, const std::string& endpointId)
       RC_EXCLUDES(storeMutex);
@@ -136,7 +143,17 @@ class CacheCore {
   static std::vector<CachedEndpoint>::iterator findEndpointInVector(
       std::vector<CachedEndpoint>& endpoints, const std::string& endpointId);
 
-  // Both insertEndpoint() overloads: copies from an lvalue, moves from an rvalue.
+  // A record's fields, borrowed from the caller.
+  struct BorrowedRecord {
+    const std::string& endpointId;
+    const std::string& entityId;
+    const std::string& adapterName;
+    applianceDriver::ApplianceDriverType driverType;
+    const CapabilitySet& capabilities;
+  };
+
+  // Every insertEndpoint(): copies from an lvalue, moves from an rvalue,
+  // copies only what it keeps from a borrowed record.
   template <typename Record>
   bool insertRecord(Record&& endpoint) RC_EXCLUDES(storeMutex);
 

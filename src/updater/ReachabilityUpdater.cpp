@@ -21,7 +21,6 @@
 #include "diagnostics/ComponentLog.h"
 #include "diagnostics/LogBuilder.h"
 #include "diagnostics/ReachabilityCacheMetrics.h"
-#include "reachabilityCache/CachedEndpoint.h"
 #include "taskExecutor/Message.h"
 
 namespace veranda::reachabilityCache {
@@ -236,9 +235,10 @@ void ReachabilityUpdater::processReachabilityResults(
 
 bool ReachabilityUpdater::processReachableEndpoint(const ReachabilityCheckResult& result,
                                                    bool wasReachable) {
+  // The record the store takes, built only where the store keeps it.
   const bool inserted =
-      cache->insertEndpoint(CachedEndpoint(result.endpointId, result.entityId, result.adapterName,
-                                           result.driverType, result.capabilities));
+      cache->insertEndpoint(result.endpointId, result.entityId, result.adapterName,
+                            result.driverType, result.capabilities);
   if (inserted && !wasReachable) {
     cache->notifyReachabilityListeners(result.endpointId, result.entityId, true);
   }
