@@ -61,13 +61,14 @@ class REACHABILITY_CACHE_EXPORT ApplianceDriverReachabilityChecker : public IRea
   // Sees which callback ids the checker holds while the driver is called.
   friend class ApplianceDriverReachabilityCheckerTestPeer;
 
+  // The requested endpoints of one check, kept until the driver answers.
+  class CheckRequest;
+
   // Building blocks of the operations above.
   REACHABILITY_CACHE_NO_EXPORT void buildEndpointLookupMap(
-      const std::vector<EndpointInfo>& endpoints,
-      std::unordered_map<std::string, EndpointInfo>& lookup) const;
+      const std::vector<EndpointInfo>& endpoints, CheckRequest& request) const;
   REACHABILITY_CACHE_NO_EXPORT std::vector<ReachabilityCheckResult> processDiscoveredDevices(
-      const std::vector<applianceDriver::DiscoveredDevice>& devices,
-      const std::unordered_map<std::string, EndpointInfo>& lookup,
+      const std::vector<applianceDriver::DiscoveredDevice>& devices, const CheckRequest& request,
       const std::string& requestId) const;
   REACHABILITY_CACHE_NO_EXPORT void updateResultWithDiscoveredDevice(
       const applianceDriver::DiscoveredDevice& device,

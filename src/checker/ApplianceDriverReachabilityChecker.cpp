@@ -1,6 +1,9 @@
 #include "reachabilityCache/ApplianceDriverReachabilityChecker.h"
 
+#include <cstddef>
+#include <memory>
 #include <mutex>
+#include <string_view>
 #include <utility>
 
 #include "diagnostics/ComponentLog.h"
@@ -36,11 +39,21 @@ CapabilitySet capabilitiesOf(const DiscoveredDevice& device) {
   return capabilities;
 }
 
+// One requested endpoint; its ids view the request's text.
+struct RequestedEndpoint {
+  std::string_view endpointId;
+  std::string_view entityId;
+  std::string_view adapterName;
+  // Kept whole, as the request gave it: a result that no device fills takes a
+  // copy of it.
+  CapabilitySet capabilities;
+};
+
 // Completes the result that the devices left for `endpointId`: what no
 // supported device gave comes from the request. A supported device always
 // names its adapter, so only an endpoint that none stood behind lacks one.
 ReachabilityCheckResult completedResult(std::string endpointId, ReachabilityCheckResult result,
-                                        const EndpointInfo& requested) {
+                                        const RequestedEndpoint& requested) {
   result.endpointId = std::move(endpointId);
   if (result.adapterName.empty()) {
     result.adapterName = requested.adapterName;
@@ -67,6 +80,55 @@ std::string describeRequest(const std::vector<EndpointInfo>& endpoints,
 }
 
 }  // namespace
+
+// Every id of the request in one block of text, so that holding a request
+// until the driver answers costs a few allocations rather than four strings
+// per endpoint. The lookup table is keyed by views of the ids, with the same
+// hash and the same insertions as a table keyed by the ids' strings, so that
+// it lists the endpoints in the same order.
+class ApplianceDriverReachabilityChecker::CheckRequest {
+ public:
+  explicit CheckRequest(const std::vector<EndpointInfo>& endpoints) {
+    std::size_t length = 0;
+    for (const EndpointInfo& endpoint : endpoints) {
+      length += endpoint.endpointId.size() + endpoint.entityId.size() + endpoint.adapterName.size();
+    }
+    // Reserved whole, so that appending never moves what the views see; the
+    // same for the entries, which the table points to.
+    text_.reserve(length);
+    entries_.reserve(endpoints.size());
+  }
+
+  // Adds `endpoint`; a later endpoint of the same id replaces the earlier
+  // one's data in place, as assigning it to the table's entry does.
+  void add(const EndpointInfo& endpoint) {
+    const auto found = lookup_.find(endpoint.endpointId);
+    if (found == lookup_.end()) {
+      entries_.push_back({keep(endpoint.endpointId), keep(endpoint.entityId),
+                          keep(endpoint.adapterName), endpoint.capabilities});
+      lookup_.emplace(entries_.back().endpointId, &entries_.back());
+      return;
+    }
+    RequestedEndpoint& entry = *found->second;
+    entry.entityId = keep(endpoint.entityId);
+    entry.adapterName = keep(endpoint.adapterName);
+    entry.capabilities = endpoint.capabilities;
+  }
+
+  // Endpoint id to the requested endpoint of that id.
+  const std::unordered_map<std::string_view, RequestedEndpoint*>& lookup() const { return lookup_; }
+
+ private:
+  std::string_view keep(const std::string& text) {
+    const std::size_t start = text_.size();
+    text_ += text;
+    return std::string_view(text_).substr(start, text.size());
+  }
+
+  std::string text_;
+  std::vector<RequestedEndpoint> entries_;
+  std::unordered_map<std::string_view, RequestedEndpoint*> lookup_;
+};
 
 const std::unordered_set<std::string> ApplianceDriverReachabilityChecker::SUPPORTED_ADAPTERS = {
     "PROT_ZIGBEE-ADAPTER", "PROT_WIFI-ADAPTER",     "PROT_LOCALSKILLS-ADAPTER", "PROT_CHIP-ADAPTER",
@@ -106,12 +168,14 @@ bool ApplianceDriverReachabilityChecker::checkReachability(
     return true;
   }
 
-  std::unordered_map<std::string, EndpointInfo> lookup;
-  buildEndpointLookupMap(endpoints, lookup);
+  // Shared by the copies that the driver may make of the completion.
+  auto request = std::make_shared<CheckRequest>(endpoints);
+  buildEndpointLookupMap(endpoints, *request);
 
-  auto completion = [checker = this, lookup = std::move(lookup), callback = std::move(callback),
+  auto completion = [checker = this, request = std::shared_ptr<const CheckRequest>(request),
+                     callback = std::move(callback),
                      requestId](const std::vector<DiscoveredDevice>& devices) {
-    callback(checker->processDiscoveredDevices(devices, lookup, requestId));
+    callback(checker->processDiscoveredDevices(devices, *request, requestId));
   };
 
   if (!driver.getReachableDevices(requestId, std::move(completion))) {
@@ -127,22 +191,20 @@ bool ApplianceDriverReachabilityChecker::checkReachability(
 }
 
 void ApplianceDriverReachabilityChecker::buildEndpointLookupMap(
-    const std::vector<EndpointInfo>& endpoints,
-    std::unordered_map<std::string, EndpointInfo>& lookup) const {
+    const std::vector<EndpointInfo>& endpoints, CheckRequest& request) const {
   for (const EndpointInfo& endpoint : endpoints) {
-    lookup.insert_or_assign(endpoint.endpointId, endpoint);
+    request.add(endpoint);
   }
 }
 
 std::vector<ReachabilityCheckResult> ApplianceDriverReachabilityChecker::processDiscoveredDevices(
-    const std::vector<DiscoveredDevice>& devices,
-    const std::unordered_map<std::string, EndpointInfo>& lookup,
+    const std::vector<DiscoveredDevice>& devices, const CheckRequest& request,
     const std::string& requestId) const {
   // Every requested endpoint starts unreachable, with nothing copied yet: the
   // requested data fills in at the end what no device replaced.
   std::unordered_map<std::string, ReachabilityCheckResult> table;
-  for (const auto& entry : lookup) {
-    table.emplace(entry.first,
+  for (const auto& entry : request.lookup()) {
+    table.emplace(std::string(entry.first),
                   ReachabilityCheckResult("", "", "", false, {}, ApplianceDriverType::NO_DRIVER));
   }
   for (const DiscoveredDevice& device : devices) {
@@ -154,7 +216,7 @@ std::vector<ReachabilityCheckResult> ApplianceDriverReachabilityChecker::process
   results.reserve(table.size());
   while (!table.empty()) {
     auto entry = table.extract(table.begin());
-    const EndpointInfo& requested = lookup.find(entry.key())->second;
+    const RequestedEndpoint& requested = *request.lookup().find(entry.key())->second;
     results.push_back(
         completedResult(std::move(entry.key()), std::move(entry.mapped()), requested));
   }

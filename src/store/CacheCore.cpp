@@ -410,6 +410,26 @@ std::unordered_map<std::string, std::string> CacheCore::getCachedEndpointIds() c
   return endpointIndex;
 }
 
+std::vector<std::pair<std::string, std::string>> CacheCore::getEndpointsNotNamed(
+    const std::unordered_set<std::string_view>& named) const {
+  std::vector<std::pair<std::string, std::string>> found;
+  {
+    ReaderLock lock(storeMutex);
+    for (const auto& [endpointId, entityId] : endpointIndex) {
+      if (named.count(endpointId) == 0) {
+        found.emplace_back(endpointId, entityId);
+      }
+    }
+  }
+#if defined(_LIBCPP_VERSION)
+  // libc++ copies an unordered map by inserting the source's entries, in
+  // order, into a table of as many buckets, each at the front of its bucket:
+  // the copy lists them in reverse. libstdc++'s copy keeps the order.
+  std::reverse(found.begin(), found.end());
+#endif
+  return found;
+}
+
 std::unordered_set<std::string> CacheCore::getReachableEntityIds() const {
   std::unordered_set<std::string> reachable;
   ReaderLock lock(storeMutex);

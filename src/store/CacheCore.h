@@ -5,8 +5,10 @@
 #include <cstddef>
 #include <functional>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <unordered_set>
+#include <utility>
 #include <vector>
 
 #include "applianceDriver/ApplianceDriver.h"
@@ -114,6 +116,11 @@ class CacheCore {
   getReachableEndpointsMap() const RC_EXCLUDES(storeMutex);
   // Not logged. A copy of the endpoint id to entity id index.
   std::unordered_map<std::string, std::string> getCachedEndpointIds() const RC_EXCLUDES(storeMutex);
+  // Not logged. The (endpoint id, entity id) pairs of the endpoint index
+  // whose endpoint id `named` lacks, in the order in which a copy of the
+  // index (getCachedEndpointIds()) lists them.
+  std::vector<std::pair<std::string, std::string>> getEndpointsNotNamed(
+      const std::unordered_set<std::string_view>& named) const RC_EXCLUDES(storeMutex);
   // Not logged. Every entity that isEntityReachable() answers true for.
   std::unordered_set<std::string> getReachableEntityIds() const RC_EXCLUDES(storeMutex);
 

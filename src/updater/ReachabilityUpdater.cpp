@@ -165,10 +165,10 @@ void ReachabilityUpdater::performPeriodicUpdate() {
 
 void ReachabilityUpdater::removeStaleEntries(
     const std::unordered_set<std::string_view>& currentEndpointIds) {
-  for (const auto& [endpointId, entityId] : cache->getCachedEndpointIds()) {
-    if (currentEndpointIds.count(endpointId) == 0) {
-      cache->removeEndpoint(entityId, endpointId);
-    }
+  // In the order of a copy of the index, as if the sweep walked one; without
+  // making it.
+  for (const auto& [endpointId, entityId] : cache->getEndpointsNotNamed(currentEndpointIds)) {
+    cache->removeEndpoint(entityId, endpointId);
   }
 }
 
