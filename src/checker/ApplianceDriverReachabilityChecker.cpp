@@ -6,6 +6,7 @@
 #include <string_view>
 #include <utility>
 
+#include "checker/CapabilitySetCopy.h"
 #include "diagnostics/ComponentLog.h"
 #include "diagnostics/LogBuilder.h"
 
@@ -44,15 +45,22 @@ struct RequestedEndpoint {
   std::string_view endpointId;
   std::string_view entityId;
   std::string_view adapterName;
-  // Kept whole, as the request gave it: a result that no device fills takes a
-  // copy of it.
-  CapabilitySet capabilities;
+  // Its capabilities as the request's table would keep them: a copy of the
+  // requested set, listed (keys and bucket count) so that the copy can be
+  // rebuilt for the result that needs it, or, where that cannot be done,
+  // held whole.
+  std::size_t firstKey = 0;
+  std::size_t keyCount = 0;
+  std::size_t bucketCount = 0;
+  std::unique_ptr<CapabilitySet> whole;
 };
 
 // Completes the result that the devices left for `endpointId`: what no
 // supported device gave comes from the request. A supported device always
 // names its adapter, so only an endpoint that none stood behind lacks one.
+template <typename Request>
 ReachabilityCheckResult completedResult(std::string endpointId, ReachabilityCheckResult result,
+                                        const Request& request,
                                         const RequestedEndpoint& requested) {
   result.endpointId = std::move(endpointId);
   if (result.adapterName.empty()) {
@@ -62,7 +70,7 @@ ReachabilityCheckResult completedResult(std::string endpointId, ReachabilityChec
     result.entityId = requested.entityId;
   }
   if (result.capabilities.empty()) {
-    result.capabilities = requested.capabilities;
+    request.assignCapabilities(requested, result.capabilities);
   }
   return result;
 }
@@ -81,21 +89,29 @@ std::string describeRequest(const std::vector<EndpointInfo>& endpoints,
 
 }  // namespace
 
-// Every id of the request in one block of text, so that holding a request
-// until the driver answers costs a few allocations rather than four strings
-// per endpoint. The lookup table is keyed by views of the ids, with the same
-// hash and the same insertions as a table keyed by the ids' strings, so that
-// it lists the endpoints in the same order.
+// Every id and capability of the request in one block of text, so that
+// holding a request until the driver answers costs a few allocations rather
+// than about a dozen per endpoint. The lookup table is keyed by views of the
+// ids, with the same hash and the same insertions as a table keyed by the
+// ids' strings, so that it lists the endpoints in the same order; the
+// capability sets that a table of whole endpoints would hold are rebuilt
+// only for the results that take one.
 class ApplianceDriverReachabilityChecker::CheckRequest {
  public:
   explicit CheckRequest(const std::vector<EndpointInfo>& endpoints) {
     std::size_t length = 0;
+    std::size_t keys = 0;
     for (const EndpointInfo& endpoint : endpoints) {
       length += endpoint.endpointId.size() + endpoint.entityId.size() + endpoint.adapterName.size();
+      for (const CapabilityKey& key : endpoint.capabilities) {
+        length += key.capability.size() + key.qualifier.size();
+      }
+      keys += endpoint.capabilities.size();
     }
     // Reserved whole, so that appending never moves what the views see; the
     // same for the entries, which the table points to.
     text_.reserve(length);
+    keys_.reserve(keys);
     entries_.reserve(endpoints.size());
   }
 
@@ -104,30 +120,81 @@ class ApplianceDriverReachabilityChecker::CheckRequest {
   void add(const EndpointInfo& endpoint) {
     const auto found = lookup_.find(endpoint.endpointId);
     if (found == lookup_.end()) {
-      entries_.push_back({keep(endpoint.endpointId), keep(endpoint.entityId),
-                          keep(endpoint.adapterName), endpoint.capabilities});
-      lookup_.emplace(entries_.back().endpointId, &entries_.back());
+      RequestedEndpoint& entry = entries_.emplace_back();
+      entry.endpointId = keep(endpoint.endpointId);
+      entry.entityId = keep(endpoint.entityId);
+      entry.adapterName = keep(endpoint.adapterName);
+      keepCapabilities(endpoint.capabilities, entry);
+      lookup_.emplace(entry.endpointId, &entry);
       return;
     }
     RequestedEndpoint& entry = *found->second;
     entry.entityId = keep(endpoint.entityId);
     entry.adapterName = keep(endpoint.adapterName);
-    entry.capabilities = endpoint.capabilities;
+    if (!entry.whole) {
+      entry.whole = std::make_unique<CapabilitySet>(rebuilt(entry));
+    }
+    *entry.whole = endpoint.capabilities;
   }
 
   // Endpoint id to the requested endpoint of that id.
   const std::unordered_map<std::string_view, RequestedEndpoint*>& lookup() const { return lookup_; }
 
+  // Assigns the entry's capabilities, as the table's copy of the requested
+  // set, to `target`.
+  void assignCapabilities(const RequestedEndpoint& entry, CapabilitySet& target) const {
+    if (entry.whole) {
+      target = *entry.whole;
+      return;
+    }
+    const CapabilitySet kept = rebuilt(entry);
+    target = kept;
+  }
+
  private:
+  // The table's copy of the set of an entry that lists its keys.
+  CapabilitySet rebuilt(const RequestedEndpoint& entry) const {
+    const auto first = keys_.begin() + static_cast<std::ptrdiff_t>(entry.firstKey);
+    return rebuildCopy(first, first + static_cast<std::ptrdiff_t>(entry.keyCount),
+                       entry.bucketCount);
+  }
+
   std::string_view keep(const std::string& text) {
     const std::size_t start = text_.size();
     text_ += text;
     return std::string_view(text_).substr(start, text.size());
   }
 
+  void keepCapabilities(const CapabilitySet& capabilities, RequestedEndpoint& entry) {
+    if (capabilities.max_load_factor() != CapabilitySet().max_load_factor() ||
+        !rebuildable(capabilities.bucket_count())) {
+      entry.whole = std::make_unique<CapabilitySet>(capabilities);
+      return;
+    }
+    entry.firstKey = keys_.size();
+    entry.keyCount = capabilities.size();
+    entry.bucketCount = capabilities.bucket_count();
+    for (const CapabilityKey& key : capabilities) {
+      keys_.emplace_back(keep(key.capability), keep(key.qualifier));
+    }
+  }
+
+  // canRebuildCopy(), asked once per bucket count in a row: the sets of one
+  // request mostly share theirs.
+  bool rebuildable(std::size_t bucketCount) {
+    if (bucketCount != probedBucketCount_) {
+      probedBucketCount_ = bucketCount;
+      probedRebuildable_ = canRebuildCopy(bucketCount);
+    }
+    return probedRebuildable_;
+  }
+
   std::string text_;
+  std::vector<CapabilityKeyView> keys_;
   std::vector<RequestedEndpoint> entries_;
   std::unordered_map<std::string_view, RequestedEndpoint*> lookup_;
+  std::size_t probedBucketCount_ = 0;
+  bool probedRebuildable_ = false;
 };
 
 const std::unordered_set<std::string> ApplianceDriverReachabilityChecker::SUPPORTED_ADAPTERS = {
@@ -218,7 +285,7 @@ std::vector<ReachabilityCheckResult> ApplianceDriverReachabilityChecker::process
     auto entry = table.extract(table.begin());
     const RequestedEndpoint& requested = *request.lookup().find(entry.key())->second;
     results.push_back(
-        completedResult(std::move(entry.key()), std::move(entry.mapped()), requested));
+        completedResult(std::move(entry.key()), std::move(entry.mapped()), request, requested));
   }
   logChecker(LogPriority::INFO, LogBuilder("processDiscoveredDevices", nullptr)
                                     .d("requestId", requestId.c_str())
