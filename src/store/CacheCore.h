@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -169,7 +170,12 @@ class CacheCore {
   std::unordered_map<std::string, std::string> endpointIndex RC_GUARDED_BY(storeMutex);
   const unsigned int maxSize_;
   mutable SharedMutex storeMutex;
-  std::unordered_map<std::string, ReachabilityListener> listeners RC_GUARDED_BY(listenerMutex);
+  using ListenerTable = std::unordered_map<std::string, ReachabilityListener>;
+  ListenerTable listeners RC_GUARDED_BY(listenerMutex);
+  // A copy of `listeners` taken at each change of it: a notification calls
+  // the listeners of a copy of the table, and this one is made once, not per
+  // notification. Null until the first registration.
+  std::shared_ptr<const ListenerTable> listenerSnapshot RC_GUARDED_BY(listenerMutex);
   mutable Mutex listenerMutex;
 };
 
