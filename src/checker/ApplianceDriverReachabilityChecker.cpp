@@ -9,6 +9,7 @@
 #include "checker/CapabilitySetCopy.h"
 #include "diagnostics/ComponentLog.h"
 #include "diagnostics/LogBuilder.h"
+#include "memory/Arena.h"
 
 namespace veranda::reachabilityCache {
 
@@ -39,6 +40,15 @@ CapabilitySet capabilitiesOf(const DiscoveredDevice& device) {
   }
   return capabilities;
 }
+
+// Tables that live for one check, their nodes in an arena.
+template <typename Key, typename Value>
+using ArenaTable = std::unordered_map<Key, Value, std::hash<Key>, std::equal_to<Key>,
+                                      ArenaAllocator<std::pair<const Key, Value>>>;
+
+struct RequestedEndpoint;
+// Endpoint id to the requested endpoint of that id.
+using RequestTable = ArenaTable<std::string_view, RequestedEndpoint*>;
 
 // One requested endpoint; its ids view the request's text.
 struct RequestedEndpoint {
@@ -96,6 +106,14 @@ std::string describeRequest(const std::vector<EndpointInfo>& endpoints,
 // ids' strings, so that it lists the endpoints in the same order; the
 // capability sets that a table of whole endpoints would hold are rebuilt
 // only for the results that take one.
+// Endpoint id to the result that the driver's devices make of it.
+class ApplianceDriverReachabilityChecker::ResultTable
+    : public ArenaTable<std::string, ReachabilityCheckResult> {
+ public:
+  using Table = ArenaTable<std::string, ReachabilityCheckResult>;
+  using Table::Table;
+};
+
 class ApplianceDriverReachabilityChecker::CheckRequest {
  public:
   explicit CheckRequest(const std::vector<EndpointInfo>& endpoints) {
@@ -138,7 +156,7 @@ class ApplianceDriverReachabilityChecker::CheckRequest {
   }
 
   // Endpoint id to the requested endpoint of that id.
-  const std::unordered_map<std::string_view, RequestedEndpoint*>& lookup() const { return lookup_; }
+  const RequestTable& lookup() const { return lookup_; }
 
   // Assigns the entry's capabilities, as the table's copy of the requested
   // set, to `target`.
@@ -192,7 +210,8 @@ class ApplianceDriverReachabilityChecker::CheckRequest {
   std::string text_;
   std::vector<CapabilityKeyView> keys_;
   std::vector<RequestedEndpoint> entries_;
-  std::unordered_map<std::string_view, RequestedEndpoint*> lookup_;
+  Arena arena_;  // the table's nodes and buckets
+  RequestTable lookup_{RequestTable::allocator_type(arena_)};
   std::size_t probedBucketCount_ = 0;
   bool probedRebuildable_ = false;
 };
@@ -269,7 +288,8 @@ std::vector<ReachabilityCheckResult> ApplianceDriverReachabilityChecker::process
     const std::string& requestId) const {
   // Every requested endpoint starts unreachable, with nothing copied yet: the
   // requested data fills in at the end what no device replaced.
-  std::unordered_map<std::string, ReachabilityCheckResult> table;
+  Arena arena;
+  ResultTable table{ResultTable::allocator_type(arena)};
   for (const auto& entry : request.lookup()) {
     table.emplace(std::string(entry.first),
                   ReachabilityCheckResult("", "", "", false, {}, ApplianceDriverType::NO_DRIVER));
@@ -295,8 +315,7 @@ std::vector<ReachabilityCheckResult> ApplianceDriverReachabilityChecker::process
 }
 
 void ApplianceDriverReachabilityChecker::updateResultWithDiscoveredDevice(
-    const DiscoveredDevice& device,
-    std::unordered_map<std::string, ReachabilityCheckResult>& results) const {
+    const DiscoveredDevice& device, ResultTable& results) const {
   const auto stored = results.find(device.endpointId);
   if (stored == results.end()) {
     return;
