@@ -411,7 +411,7 @@ std::unordered_map<std::string, std::string> CacheCore::getCachedEndpointIds() c
 }
 
 std::vector<std::pair<std::string, std::string>> CacheCore::getEndpointsNotNamed(
-    const std::unordered_set<std::string_view>& named) const {
+    const EndpointIdSet& named) const {
   std::vector<std::pair<std::string, std::string>> found;
   {
     ReaderLock lock(storeMutex);

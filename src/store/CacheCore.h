@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "applianceDriver/ApplianceDriver.h"
+#include "memory/Arena.h"
 #include "reachabilityCache/CachedEndpoint.h"
 #include "reachabilityCache/CapabilityKey.h"
 #include "reachabilityCache/EndpointInfo.h"
@@ -38,6 +39,11 @@ namespace veranda::reachabilityCache {
 class CacheCore {
  public:
   using ReachabilityListener = ReachabilityCache::ReachabilityListener;
+  // Endpoint ids viewed, not copied, with their nodes in an arena: the ids a
+  // cycle's provider named.
+  using EndpointIdSet =
+      std::unordered_set<std::string_view, std::hash<std::string_view>,
+                         std::equal_to<std::string_view>, ArenaAllocator<std::string_view>>;
 
   // `entityId` without one leading "orbt1.veyra.endpoint." (exact,
   // case-sensitive): the id under which the store keeps the entity. The
@@ -121,7 +127,7 @@ class CacheCore {
   // whose endpoint id `named` lacks, in the order in which a copy of the
   // index (getCachedEndpointIds()) lists them.
   std::vector<std::pair<std::string, std::string>> getEndpointsNotNamed(
-      const std::unordered_set<std::string_view>& named) const RC_EXCLUDES(storeMutex);
+      const EndpointIdSet& named) const RC_EXCLUDES(storeMutex);
   // Not logged. Every entity that isEntityReachable() answers true for.
   std::unordered_set<std::string> getReachableEntityIds() const RC_EXCLUDES(storeMutex);
 

@@ -21,6 +21,7 @@
 #include "diagnostics/ComponentLog.h"
 #include "diagnostics/LogBuilder.h"
 #include "diagnostics/ReachabilityCacheMetrics.h"
+#include "memory/Arena.h"
 #include "taskExecutor/Message.h"
 
 namespace veranda::reachabilityCache {
@@ -146,7 +147,8 @@ void ReachabilityUpdater::performPeriodicUpdate() {
   const std::string requestId = PERIODIC_PREFIX + generateRequestId();
 
   // Views of the provider's ids: `endpoints` outlives the sweep.
-  std::unordered_set<std::string_view> currentEndpointIds;
+  Arena arena;
+  CacheCore::EndpointIdSet currentEndpointIds{CacheCore::EndpointIdSet::allocator_type(arena)};
   currentEndpointIds.reserve(endpoints.size());
   for (const EndpointInfo& endpoint : endpoints) {
     currentEndpointIds.insert(endpoint.endpointId);
@@ -163,8 +165,7 @@ void ReachabilityUpdater::performPeriodicUpdate() {
   rearmPeriodicUpdate();
 }
 
-void ReachabilityUpdater::removeStaleEntries(
-    const std::unordered_set<std::string_view>& currentEndpointIds) {
+void ReachabilityUpdater::removeStaleEntries(const CacheCore::EndpointIdSet& currentEndpointIds) {
   // In the order of a copy of the index, as if the sweep walked one; without
   // making it.
   for (const auto& [endpointId, entityId] : cache->getEndpointsNotNamed(currentEndpointIds)) {

@@ -70,7 +70,7 @@ class ReachabilityUpdater {
   std::string generateRequestId();
   // Starts a batch check whose results are applied on the checker's thread.
   bool startCheck(const std::vector<EndpointInfo>& endpoints, const std::string& requestId);
-  void removeStaleEntries(const std::unordered_set<std::string_view>& currentEndpointIds);
+  void removeStaleEntries(const CacheCore::EndpointIdSet& currentEndpointIds);
   void rearmPeriodicUpdate();
   void processReachabilityResults(const std::vector<ReachabilityCheckResult>& results);
   bool processReachableEndpoint(const ReachabilityCheckResult& result, bool wasReachable);

@@ -108,7 +108,8 @@ TEST_F(CacheCoreQueriesTest, EndpointsNotNamedComeInTheOrderOfACopyOfTheIndex) {
     store.insertEndpoint(record(ids.back(), "entity" + std::to_string(i % 4000)));
   }
   store.removeEntity("entity7");
-  std::unordered_set<std::string_view> named;
+  Arena arena;
+  CacheCore::EndpointIdSet named{CacheCore::EndpointIdSet::allocator_type(arena)};
   for (int i = 0; i < 6000; i += 3) {
     named.insert(ids[i]);
   }
