@@ -8,15 +8,55 @@
 
 #include "BenchData.h"
 #include "StackLine.h"
+#include "diagnostics/LogSchema.h"
+#include "diagnostics/LogSink.h"
 
 namespace veranda::reachabilityCache::bench {
 namespace {
 
 using applianceDriver::DiscoveredDevice;
+using namespace logSchema;
 
-constexpr const char* STORE_TAG = "ReachabilityCache-CacheCore";
-constexpr const char* UPDATER_TAG = "ReachabilityCache-ReachabilityUpdater";
-constexpr const char* CHECKER_TAG = "ReachabilityCache-ApplianceDriverChecker";
+// The fixed pieces of the cycle's lines, made once from the schema.
+struct CycleLineText {
+  const std::string endpointCount =
+      labelThenKey(label::PERFORM_PERIODIC_UPDATE, key::ENDPOINT_COUNT);
+  const std::string removed = labelThenKey(label::REMOVE_ENDPOINT, key::ACTION) +
+                              action::REMOVED_ENDPOINT_AND_ENTITY + field(key::ENTITY_ID);
+  const std::string cleared = labelThenKey(label::CLEAR_ENDPOINT_CAPABILITIES, key::ACTION) +
+                              action::CLEARED_CAPABILITIES + field(key::ENTITY_ID);
+  const std::string merged =
+      labelThenKey(label::INSERT_ENDPOINT, key::ACTION) + action::MERGED + field(key::ENTITY_ID);
+  const std::string endpointId = field(key::ENDPOINT_ID);
+  const std::string driverCount = field(key::DRIVER_COUNT);
+  const std::string judged = labelThenKey(label::IS_ENTITY_REACHABLE, key::ENTITY_ID);
+  const std::string reachable = field(key::REACHABLE, value::TRUE_TEXT);
+  const std::string notReachable =
+      field(key::REACHABLE, value::FALSE_TEXT) + field(key::REASON, reason::NO_DRIVER_CAPABILITIES);
+  const std::string told = labelThenKey(label::NOTIFY_REACHABILITY_LISTENERS, key::ACTION) +
+                           action::NOTIFY_REACHABILITY_LISTENERS + field(key::ENDPOINT_ID);
+  const std::string entityId = field(key::ENTITY_ID);
+  const std::string isReachable = field(key::IS_REACHABLE, value::TRUE_TEXT);
+  const std::string isNotReachable = field(key::IS_REACHABLE, value::FALSE_TEXT);
+  const std::string listenerCount = field(key::LISTENER_COUNT);
+  const std::string request =
+      labelThenKey(label::CHECK_REACHABILITY, key::DETAILS) + key::REQUEST_ID + "=";
+  const std::string count = " count=";
+  const std::string answered = labelThenKey(label::PROCESS_DISCOVERED_DEVICES, key::REQUEST_ID);
+  const std::string deviceCount = field(key::DEVICE_COUNT);
+  const std::string resultCount = field(key::RESULT_COUNT);
+  const std::string summary = std::string("[") + label::PROCESS_REACHABILITY_RESULTS + "] " +
+                              label::PROCESS_REACHABILITY_RESULTS + ": " + key::REACHABLE + "=";
+  const std::string unreachable = field(key::UNREACHABLE);
+  const std::string changed = field(key::CHANGED);
+  const std::string details = field(key::DETAILS);
+  const std::string entryEntity = " (entityId=";
+  const std::string entryAdapter = ", adapter=";
+  const std::string entryStatus = "): ";
+  const std::string sent = labelThenKey(label::CHECK_REACHABILITY, key::REQUEST_ID);
+  const std::string requestSent = field(key::STATUS, status::REQUEST_SENT);
+};
+const CycleLineText LINE_TEXT;
 
 // The id under which the store keeps an entity: without the host's prefix.
 std::string_view normalized(std::string_view entityId) {
@@ -25,16 +65,7 @@ std::string_view normalized(std::string_view entityId) {
 }
 
 void write(int priority, const char* tag, StackLine& line) {
-  writeFloorLine(priority, tag, line.c_str());
-}
-
-// "[removeEndpoint]: action=... entityId=... endpointId=..." and its kin.
-void writeEndpointAction(int priority, const char* function, const char* action,
-                         std::string_view entityId, std::string_view endpointId) {
-  StackLine line;
-  line << "[" << function << "]: action=" << action << " entityId=" << entityId
-       << " endpointId=" << endpointId;
-  write(priority, STORE_TAG, line);
+  writeLogLine(priority, tag, line.c_str());
 }
 
 }  // namespace
@@ -59,37 +90,39 @@ void CycleFloor::runCycle() {
   // The provider's copy of its list.
   const std::vector<EndpointInfo> endpoints = provider_.queryEndpoints();
   StackLine count;
-  count << "[performPeriodicUpdate]: endpointCount=" << endpoints.size();
-  write(ANDROID_LOG_DEBUG, UPDATER_TAG, count);
+  count << LINE_TEXT.endpointCount << endpoints.size();
+  write(ANDROID_LOG_DEBUG, tag::UPDATER, count);
   sweep(endpoints);
 
-  const std::string requestId = "periodic_" + std::to_string(cycles_++);
-  std::string request = "[checkReachability]: details=requestId=" + requestId +
-                        " count=" + std::to_string(endpoints.size());
+  const std::string requestId = requestIdPrefix::PERIODIC + std::to_string(cycles_++);
+  std::string request =
+      LINE_TEXT.request + requestId + LINE_TEXT.count + std::to_string(endpoints.size());
   for (const EndpointInfo& endpoint : endpoints) {
-    request.append("\n   ").append(endpoint.endpointId).append(" -> ").append(endpoint.entityId);
+    request.append(request::ENTRY_START)
+        .append(endpoint.endpointId)
+        .append(request::MAPS_TO)
+        .append(endpoint.entityId);
   }
-  writeFloorLine(ANDROID_LOG_DEBUG, CHECKER_TAG, request.c_str());
+  writeLogLine(ANDROID_LOG_DEBUG, tag::CHECKER, request.c_str());
 
   const std::vector<DiscoveredDevice>& devices = answers_[nextReachable_ ? 1 : 0];
   nextReachable_ = !nextReachable_;
   StackLine answered;
-  answered << "[processDiscoveredDevices]: requestId=" << requestId
-           << " deviceCount=" << devices.size() << " resultCount=" << devices.size();
-  write(ANDROID_LOG_INFO, CHECKER_TAG, answered);
-  Summary summary;
+  answered << LINE_TEXT.answered << requestId << LINE_TEXT.deviceCount << devices.size()
+           << LINE_TEXT.resultCount << devices.size();
+  write(ANDROID_LOG_INFO, tag::CHECKER, answered);
+  Totals totals;
   for (const DiscoveredDevice& device : devices) {
-    apply(device, summary);
+    apply(device, totals);
   }
-  std::string line = "[processReachabilityResults] processReachabilityResults: reachable=" +
-                     std::to_string(summary.reachable) +
-                     " unreachable=" + std::to_string(summary.unreachable) +
-                     " changed=" + std::to_string(summary.changed) + " details=";
-  line += summary.details;
-  writeFloorLine(ANDROID_LOG_INFO, UPDATER_TAG, line.c_str());
+  std::string line = LINE_TEXT.summary + std::to_string(totals.reachable) + LINE_TEXT.unreachable +
+                     std::to_string(totals.unreachable) + LINE_TEXT.changed +
+                     std::to_string(totals.changed) + LINE_TEXT.details;
+  line += totals.details;
+  writeLogLine(ANDROID_LOG_INFO, tag::UPDATER, line.c_str());
   StackLine sent;
-  sent << "[checkReachability]: requestId=" << requestId << " status=requestSent";
-  write(ANDROID_LOG_INFO, CHECKER_TAG, sent);
+  sent << LINE_TEXT.sent << requestId << LINE_TEXT.requestSent;
+  write(ANDROID_LOG_INFO, tag::CHECKER, sent);
 }
 
 void CycleFloor::sweep(const std::vector<EndpointInfo>& endpoints) {
@@ -103,20 +136,22 @@ void CycleFloor::sweep(const std::vector<EndpointInfo>& endpoints) {
       ++record;
       continue;
     }
-    writeEndpointAction(ANDROID_LOG_INFO, "removeEndpoint", "removedEndpointAndEntity",
-                        record->second.entityId, record->first);
+    StackLine removed;
+    removed << LINE_TEXT.removed << record->second.entityId << LINE_TEXT.endpointId
+            << record->first;
+    write(ANDROID_LOG_INFO, tag::STORE, removed);
     record = records_.erase(record);
   }
 }
 
-void CycleFloor::apply(const DiscoveredDevice& device, Summary& summary) {
+void CycleFloor::apply(const DiscoveredDevice& device, Totals& totals) {
   const auto found = records_.find(device.endpointId);
   Record& record = found->second;
   const bool wasReachable = record.reachable;
   StackLine judged;
-  judged << "[isEntityReachable]: entityId=" << record.entityId
-         << (wasReachable ? " reachable=true" : " reachable=false reason=noDriverCapabilities");
-  write(ANDROID_LOG_DEBUG, STORE_TAG, judged);
+  judged << LINE_TEXT.judged << record.entityId
+         << (wasReachable ? LINE_TEXT.reachable : LINE_TEXT.notReachable);
+  write(ANDROID_LOG_DEBUG, tag::STORE, judged);
 
   const char* status = nullptr;
   if (device.isReachable) {
@@ -127,39 +162,39 @@ void CycleFloor::apply(const DiscoveredDevice& device, Summary& summary) {
       }
     }
     StackLine merged;
-    merged << "[insertEndpoint]: action=merged entityId=" << record.entityId
-           << " endpointId=" << device.endpointId << " driverCount=" << std::size_t{1};
-    write(ANDROID_LOG_DEBUG, STORE_TAG, merged);
-    status = wasReachable ? "reachable" : "reachable (becameReachable)";
-    ++summary.reachable;
+    merged << LINE_TEXT.merged << record.entityId << LINE_TEXT.endpointId << device.endpointId
+           << LINE_TEXT.driverCount << std::size_t{1};
+    write(ANDROID_LOG_DEBUG, tag::STORE, merged);
+    status = wasReachable ? summary::REACHABLE : summary::BECAME_REACHABLE;
+    ++totals.reachable;
   } else if (wasReachable) {
     record.reachable = false;
     record.capabilities.clear();
-    writeEndpointAction(ANDROID_LOG_DEBUG, "clearEndpointCapabilities", "clearedCapabilities",
-                        record.entityId, device.endpointId);
-    status = "unreachable (becameUnreachable)";
-    ++summary.unreachable;
+    StackLine cleared;
+    cleared << LINE_TEXT.cleared << record.entityId << LINE_TEXT.endpointId << device.endpointId;
+    write(ANDROID_LOG_DEBUG, tag::STORE, cleared);
+    status = summary::BECAME_UNREACHABLE;
+    ++totals.unreachable;
   } else {
-    status = "unreachable (alreadyUnreachable)";
-    ++summary.unreachable;
+    status = summary::ALREADY_UNREACHABLE;
+    ++totals.unreachable;
   }
   if (record.reachable != wasReachable) {
     StackLine told;
-    told << "[notifyReachabilityListeners]: action=notifyReachabilityListeners endpointId="
-         << device.endpointId << " entityId=" << device.entityId
-         << (record.reachable ? " isReachable=true" : " isReachable=false")
-         << " listenerCount=" << std::size_t{1};
-    write(ANDROID_LOG_DEBUG, STORE_TAG, told);
-    ++summary.changed;
+    told << LINE_TEXT.told << device.endpointId << LINE_TEXT.entityId << device.entityId
+         << (record.reachable ? LINE_TEXT.isReachable : LINE_TEXT.isNotReachable)
+         << LINE_TEXT.listenerCount << std::size_t{1};
+    write(ANDROID_LOG_DEBUG, tag::STORE, told);
+    ++totals.changed;
     listener_(device.endpointId, device.entityId, record.reachable);
   }
-  summary.details.append("\n    ")
+  totals.details.append(summary::ENTRY_START)
       .append(device.endpointId)
-      .append(" (entityId=")
+      .append(LINE_TEXT.entryEntity)
       .append(device.entityId)
-      .append(", adapter=")
+      .append(LINE_TEXT.entryAdapter)
       .append(device.adapterName)
-      .append("): ")
+      .append(LINE_TEXT.entryStatus)
       .append(status);
 }
 

@@ -55,7 +55,7 @@ class CycleFloor {
   };
 
   // What the cycle's summary line tells.
-  struct Summary {
+  struct Totals {
     std::size_t reachable = 0;
     std::size_t unreachable = 0;
     std::size_t changed = 0;
@@ -63,8 +63,8 @@ class CycleFloor {
   };
 
   void sweep(const std::vector<EndpointInfo>& endpoints);
-  // Applies one device of the answer and adds it to `summary`.
-  void apply(const applianceDriver::DiscoveredDevice& device, Summary& summary);
+  // Applies one device of the answer and adds it to `totals`.
+  void apply(const applianceDriver::DiscoveredDevice& device, Totals& totals);
 
   Provider provider_;
   std::unordered_map<std::string, Record> records_;

@@ -1,17 +1,24 @@
-// How the benchmarks' floors build and write log lines: appended into a
-// buffer on the stack, the cheapest way, and handed to the same platform log
-// as the library's lines.
+// How the benchmarks' floors build log lines: appended into a buffer on the
+// stack, the cheapest way. They write them with writeLogLine(), as the
+// library does.
 #pragma once
-
-#include <android/log.h>
 
 #include <algorithm>
 #include <charconv>
 #include <cstddef>
 #include <cstring>
+#include <string>
 #include <string_view>
 
 namespace veranda::reachabilityCache::bench {
+
+// Pieces of a line, made once from the log schema's names: "[label]: key=",
+// " key=" and " key=value".
+inline std::string labelThenKey(const char* label, const char* key) {
+  return std::string("[") + label + "]: " + key + "=";
+}
+inline std::string field(const char* key) { return std::string(" ") + key + "="; }
+inline std::string field(const char* key, const char* value) { return field(key) + value; }
 
 class StackLine {
  public:
@@ -35,10 +42,5 @@ class StackLine {
   char text_[1024];
   std::size_t size_ = 0;
 };
-
-// Writes `text` to the platform log, as the library's lines are written.
-inline void writeFloorLine(int priority, const char* tag, const char* text) {
-  __android_log_print(priority, tag, "%s", text);
-}
 
 }  // namespace veranda::reachabilityCache::bench

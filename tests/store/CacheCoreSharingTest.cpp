@@ -29,9 +29,9 @@ class CacheCoreSharingTest : public StoreTest {
  protected:
   void SetUp() override {
     StoreTest::SetUp();
-    LogRecorder::instance().setDiscard(true);  // millions of query lines
+    LogRecorder::instance().setMode(test::LogCapture::Mode::SILENCE);  // millions of query lines
   }
-  void TearDown() override { LogRecorder::instance().setDiscard(false); }
+  void TearDown() override { LogRecorder::instance().setMode(test::LogCapture::Mode::COLLECT); }
 };
 
 TEST_F(CacheCoreSharingTest, ChangesGetThroughAStreamOfQueriesThatNeverStops) {
