@@ -22,7 +22,7 @@
 #include "diagnostics/LogBuilder.h"
 #include "diagnostics/LogSchema.h"
 #include "diagnostics/ReachabilityCacheMetrics.h"
-#include "reachabilityCache/CachedEndpoint.h"
+#include "memory/Arena.h"
 #include "taskExecutor/Message.h"
 
 namespace veranda::reachabilityCache {
@@ -151,7 +151,8 @@ void ReachabilityUpdater::performPeriodicUpdate() {
   const std::string requestId = requestIdPrefix::PERIODIC + generateRequestId();
 
   // Views of the provider's ids: `endpoints` outlives the sweep.
-  std::unordered_set<std::string_view> currentEndpointIds;
+  Arena arena;
+  CacheCore::EndpointIdSet currentEndpointIds{CacheCore::EndpointIdSet::allocator_type(arena)};
   currentEndpointIds.reserve(endpoints.size());
   for (const EndpointInfo& endpoint : endpoints) {
     currentEndpointIds.insert(endpoint.endpointId);
@@ -171,12 +172,11 @@ void ReachabilityUpdater::performPeriodicUpdate() {
   rearmPeriodicUpdate();
 }
 
-void ReachabilityUpdater::removeStaleEntries(
-    const std::unordered_set<std::string_view>& currentEndpointIds) {
-  for (const auto& [endpointId, entityId] : cache->getCachedEndpointIds()) {
-    if (currentEndpointIds.count(endpointId) == 0) {
-      cache->removeEndpoint(entityId, endpointId);
-    }
+void ReachabilityUpdater::removeStaleEntries(const CacheCore::EndpointIdSet& currentEndpointIds) {
+  // In the order of a copy of the index, as if the sweep walked one; without
+  // making it.
+  for (const auto& [endpointId, entityId] : cache->getEndpointsNotNamed(currentEndpointIds)) {
+    cache->removeEndpoint(entityId, endpointId);
   }
 }
 
@@ -249,9 +249,10 @@ void ReachabilityUpdater::processReachabilityResults(
 
 bool ReachabilityUpdater::processReachableEndpoint(const ReachabilityCheckResult& result,
                                                    bool wasReachable) {
+  // The record the store takes, built only where the store keeps it.
   const bool inserted =
-      cache->insertEndpoint(CachedEndpoint(result.endpointId, result.entityId, result.adapterName,
-                                           result.driverType, result.capabilities));
+      cache->insertEndpoint(result.endpointId, result.entityId, result.adapterName,
+                            result.driverType, result.capabilities);
   if (inserted && !wasReachable) {
     cache->notifyReachabilityListeners(result.endpointId, result.entityId, true);
   }

@@ -73,7 +73,7 @@ class ReachabilityUpdater {
   // as changes of `origin`.
   bool startCheck(const std::vector<EndpointInfo>& endpoints, const std::string& requestId,
                   ChangeOrigin origin);
-  void removeStaleEntries(const std::unordered_set<std::string_view>& currentEndpointIds);
+  void removeStaleEntries(const CacheCore::EndpointIdSet& currentEndpointIds);
   void rearmPeriodicUpdate();
   void processReachabilityResults(const std::vector<ReachabilityCheckResult>& results);
   bool processReachableEndpoint(const ReachabilityCheckResult& result, bool wasReachable);
