@@ -1,4 +1,5 @@
-// The host's provider of the endpoints that the cache tracks.
+// ICHRProvider: the provider of the host's connected-home registry (CHR), the
+// host's record of every endpoint that the cache is to track.
 #pragma once
 
 #include <vector>
@@ -9,6 +10,10 @@ namespace veranda::reachabilityCache {
 
 // Implemented by the host. Called once per periodic cycle on the cache's
 // worker thread; the host keeps the provider alive while the cache exists.
+// It must not throw: the cache catches nothing, and an exception escapes into
+// its worker, where it ends the process (std::terminate) unless the platform's
+// executor catches it; then the cycle stops there without a log line and no
+// further cycle is scheduled.
 class ICHRProvider {
  public:
   virtual ~ICHRProvider() = default;

@@ -4,11 +4,13 @@
 
 #include <chrono>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "reachabilityCache/ApplianceDriverReachabilityChecker.h"
+#include "reachabilityCache/EntityReachabilityTracker.h"
 #include "reachabilityCache/ReachabilityCache.h"
 #include "reachabilityCache/testing/FakeChrProvider.h"
 #include "reachabilityCache/testing/FakeReachabilityChecker.h"
@@ -190,6 +192,23 @@ void writeFacadeLines() {
   cache.getPreferredEndpoint("nobody", ZIGBEE);
 }
 
+// The tracker writes only when a host callback throws.
+void writeTrackerLines() {
+  auto guard =
+      std::make_shared<ReachabilityCheckerGuard>(std::make_shared<test::FakeReachabilityChecker>());
+  ReachabilityCache cache(nullptr, {10, seconds(60), false, guard});
+  EntityReachabilityTracker::Options options;
+  options.onChange = [](const std::string& /*entityId*/, bool /*reachable*/) {
+    throw std::runtime_error("thrown");
+  };
+  options.onStateChange = [](const TrackedEntityState& /*state*/) { throw 0; };
+  EntityReachabilityTracker tracker(cache, guard, std::move(options));
+  tracker.updateEndpoints(
+      {CachedEndpoint("lamp-1", "lamp", ZIGBEE, ApplianceDriverType::NATIVE, POWER)});
+  tracker.close();
+  guard->close();
+}
+
 }  // namespace
 
 void writeEveryLine() {
@@ -197,6 +216,7 @@ void writeEveryLine() {
   writeCheckerLines();
   writeUpdaterLines();
   writeFacadeLines();
+  writeTrackerLines();
 }
 
 }  // namespace veranda::reachabilityCache::test

@@ -81,6 +81,7 @@ const LabelRule RULES[] = {
     {label::REGISTER_REACHABILITY_UPDATE_CALLBACK, tag::CHECKER, nullptr, {}},
     {label::UNREGISTER_REACHABILITY_UPDATE_CALLBACK, tag::CHECKER, nullptr, {}},
     {label::STATE_CHANGE_CALLBACK, tag::CHECKER, nullptr, {}},
+    {label::DELIVER, tag::TRACKER, nullptr, {}},
 };
 
 const LabelRule* ruleOf(std::string_view label) {
