@@ -9,12 +9,9 @@
 
 #include <algorithm>
 #include <cctype>
-#include <chrono>
 #include <cstddef>
-#include <functional>
 #include <initializer_list>
 #include <map>
-#include <memory>
 #include <optional>
 #include <set>
 #include <string>
@@ -25,22 +22,11 @@
 #include "LogRecorder.h"
 #include "LogTour.h"
 #include "diagnostics/ReachabilityCacheMetrics.h"
-#include "reachabilityCache/ApplianceDriverReachabilityChecker.h"
-#include "reachabilityCache/ReachabilityCache.h"
-#include "reachabilityCache/testing/FakeChrProvider.h"
-#include "reachabilityCache/testing/FakeReachabilityChecker.h"
-#include "reachabilityCache/testing/VirtualTime.h"
-#include "store/CacheCore.h"
-#include "updater/ReachabilityUpdater.h"
 
 namespace veranda::reachabilityCache {
 namespace {
 
 using namespace logSchema;
-using applianceDriver::ApplianceDriverType;
-using applianceDriver::DiscoveredDevice;
-using std::chrono::milliseconds;
-using std::chrono::seconds;
 using test::LogLine;
 using test::LogRecorder;
 

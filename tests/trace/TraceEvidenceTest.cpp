@@ -67,12 +67,13 @@ void summaryFacts(const Message& message, uint64_t number,
     last[entity] = *entry;
   }
   for (const auto& [entity, entry] : last) {
-    const bool event = entry.adapterName.empty();
-    if (!entry.changed && !entry.insertFailed) {  // the answer stays what it was
-      facts.push_back({number, entity, entry.reachable, false, message.text});
-    } else if (entry.reachable && entry.changed && event) {  // an event adds no driver type
+    const bool kept = !entry.changed && !entry.insertFailed;  // the answer stays what it was
+    // An event adds no driver type: an entity it marks reachable still answers
+    // unreachable.
+    const bool eventUp = entry.reachable && entry.changed && entry.adapterName.empty();
+    if (eventUp) {
       facts.push_back({number, entity, false, false, message.text});
-    } else if (entry.changed && single.count(entity) > 0) {
+    } else if (kept || (entry.changed && single.count(entity) > 0)) {
       facts.push_back({number, entity, entry.reachable, false, message.text});
     }
   }
