@@ -45,8 +45,8 @@ void checkTrace(const Trace& trace) {
       FUZZ_CHECK(entity.changes.size() + entity.changesLeftOut == entity.changeCount);
     }
     if (trace.hasTime) {
-      FUZZ_CHECK(!veranda::reachabilityCache::tools::timelineSvg(tracePicture(trace, i, "f"))
-                      .empty());
+      FUZZ_CHECK(
+          !veranda::reachabilityCache::tools::timelineSvg(tracePicture(trace, i, "f")).empty());
     }
   }
 }
@@ -61,8 +61,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   // The story of the first entity named, if any.
   const std::string text(reinterpret_cast<const char*>(data), size);
   const std::size_t at = text.find("entityId=");
-  const std::string story =
-      at == std::string::npos ? "" : text.substr(at + 9, text.find_first_of(" ,)\n", at + 9) - at - 9);
+  const std::string story = at == std::string::npos
+                                ? ""
+                                : text.substr(at + 9, text.find_first_of(" ,)\n", at + 9) - at - 9);
   const CaptureTrace read = traceCapture(fd, "fuzz", story);
   ::close(fd);
   if (!read.ok) {
