@@ -5,6 +5,7 @@
 
 #include "diagnostics/ComponentLog.h"
 #include "diagnostics/LogBuilder.h"
+#include "reachabilityCache/ReachabilityCheckerGuard.h"
 #include "store/CacheCore.h"
 #include "updater/ReachabilityUpdater.h"
 
@@ -45,6 +46,10 @@ ReachabilityCache::~ReachabilityCache() {
                                    .d("cacheSize", cacheCore->size()));
   if (updater) {
     updater->stopPeriodicUpdates();
+  }
+  // Late answers are dropped from here on, before the updater goes.
+  if (auto* guard = dynamic_cast<ReachabilityCheckerGuard*>(config.reachabilityChecker.get())) {
+    guard->close();
   }
 }
 
@@ -126,5 +131,7 @@ bool ReachabilityCache::registerReachabilityListener(const std::string& listener
 bool ReachabilityCache::unregisterReachabilityListener(const std::string& listenerId) {
   return cacheCore->unregisterReachabilityListener(listenerId);
 }
+
+ReachabilityCacheHealth ReachabilityCache::health() const { return updater->health(); }
 
 }  // namespace veranda::reachabilityCache

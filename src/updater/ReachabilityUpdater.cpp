@@ -154,7 +154,7 @@ void ReachabilityUpdater::performPeriodicUpdate() {
   }
   removeStaleEntries(currentEndpointIds);
 
-  if (!startCheck(endpoints, requestId)) {
+  if (!startCheck(endpoints, requestId, UpdateType::PERIODIC)) {
     logUpdater(LogPriority::ERROR, LogBuilder("performPeriodicUpdate", nullptr)
                                        .d("requestId", requestId.c_str())
                                        .d("reason", "checkStartFailed"));
@@ -185,7 +185,7 @@ void ReachabilityUpdater::performManualUpdate(const std::vector<EndpointInfo>& e
     return;
   }
   const std::string requestId = MANUAL_PREFIX + generateRequestId();
-  if (!startCheck(endpoints, requestId)) {
+  if (!startCheck(endpoints, requestId, UpdateType::MANUAL)) {
     logUpdater(LogPriority::ERROR, LogBuilder("operator()", nullptr)
                                        .d("requestId", requestId.c_str())
                                        .d("reason", "checkStartFailed"));
@@ -195,13 +195,43 @@ void ReachabilityUpdater::performManualUpdate(const std::vector<EndpointInfo>& e
 }
 
 bool ReachabilityUpdater::startCheck(const std::vector<EndpointInfo>& endpoints,
-                                     const std::string& requestId) {
+                                     const std::string& requestId, UpdateType updateType) {
+  // Counted before the call: the checker may answer before it returns.
+  ++checksRequested_;
   // Without a checker no check can start.
-  return checker != nullptr &&
-         checker->checkReachability(endpoints, requestId,
-                                    [this](const std::vector<ReachabilityCheckResult>& results) {
-                                      processReachabilityResults(results);
-                                    });
+  const bool started = checker != nullptr &&
+                       checker->checkReachability(
+                           endpoints, requestId,
+                           [this, updateType](const std::vector<ReachabilityCheckResult>& results) {
+                             processReachabilityResults(results);
+                             countAnswer(updateType);
+                           });
+  if (!started) {
+    ++checksRefused_;
+  }
+  return started;
+}
+
+void ReachabilityUpdater::countAnswer(UpdateType updateType) {
+  ++checksAnswered_;
+  if (updateType == UpdateType::PERIODIC) {
+    lastCycleAnsweredAt_ = std::chrono::steady_clock::now().time_since_epoch().count();
+    ++cyclesAnswered_;
+  }
+}
+
+ReachabilityCacheHealth ReachabilityUpdater::health() const {
+  ReachabilityCacheHealth health;
+  health.hearsConnectivityEvents = proactiveUpdatesEnabled;
+  // Answers first and requests last: a check is requested before it is
+  // answered, so no check shows as answered and not started.
+  health.cyclesAnswered = cyclesAnswered_;
+  health.lastCycleAnsweredAt = std::chrono::steady_clock::time_point(
+      std::chrono::steady_clock::duration(lastCycleAnsweredAt_.load()));
+  health.checksAnswered = checksAnswered_;
+  health.checksNotStarted = checksRefused_;
+  health.checksStarted = checksRequested_ - health.checksNotStarted;
+  return health;
 }
 
 // ---- Result processing ----
