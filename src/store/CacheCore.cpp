@@ -394,6 +394,19 @@ std::unordered_set<std::string> CacheCore::getReachableEntityIds() const {
   return reachable;
 }
 
+bool CacheCore::hasReachableEndpoint(const std::string& entityId) const {
+  const std::string& id = normalizeEntityId(entityId);
+  MutexLock lock(storeMutex);
+  const std::vector<CachedEndpoint>* endpoints = findEndpointsLocked(id);
+  return endpoints != nullptr && std::any_of(endpoints->begin(), endpoints->end(), reachedByDriver);
+}
+
+std::string CacheCore::entityIdOfEndpoint(const std::string& endpointId) const {
+  MutexLock lock(storeMutex);
+  const auto found = endpointIndex.find(endpointId);
+  return found == endpointIndex.end() ? "" : found->second;
+}
+
 // ---- Lookups under the store mutex ----
 
 const std::vector<CachedEndpoint>* CacheCore::findEndpointsLocked(

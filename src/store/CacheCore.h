@@ -106,6 +106,10 @@ class CacheCore {
   std::unordered_map<std::string, std::string> getCachedEndpointIds() const RC_EXCLUDES(storeMutex);
   // Not logged. Every entity that isEntityReachable() answers true for.
   std::unordered_set<std::string> getReachableEntityIds() const RC_EXCLUDES(storeMutex);
+  // Not logged. What isEntityReachable() answers.
+  bool hasReachableEndpoint(const std::string& entityId) const RC_EXCLUDES(storeMutex);
+  // Not logged. What getEntityIdForEndpoint() answers.
+  std::string entityIdOfEndpoint(const std::string& endpointId) const RC_EXCLUDES(storeMutex);
 
   // ---- Listeners ----
 
