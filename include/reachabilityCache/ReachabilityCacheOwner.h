@@ -78,10 +78,12 @@ class REACHABILITY_CACHE_EXPORT ReachabilityCacheOwner {
     bool confirmRecovery = false;
   };
 
-  // Builds the guard over `config.reachabilityChecker` (the host's checker),
-  // the cache over the guard (refresh starts as `config` says), then the
-  // tracker. `chrProvider` is borrowed, as by the cache.
+  // Builds the guard over `config.reachabilityChecker` (the host's checker)
+  // and the cache over the guard; refresh starts as `config` says.
+  // `chrProvider` is borrowed, as by the cache.
   ReachabilityCacheOwner(ICHRProvider* chrProvider, const ReachabilityCache::Config& config);
+  // The same, then what `options` asks for: the tracker, recovery
+  // confirmation.
   ReachabilityCacheOwner(ICHRProvider* chrProvider, const ReachabilityCache::Config& config,
                          Options options);
   // Closes, then destroys the tracker and the cache and releases the guard.
@@ -94,6 +96,7 @@ class REACHABILITY_CACHE_EXPORT ReachabilityCacheOwner {
 
   // The cache, for every question and for listeners. Valid until destruction.
   ReachabilityCache& cache();
+  // The cache, for questions.
   const ReachabilityCache& cache() const;
   // The guard that is the cache's checker, for observers.
   ReachabilityCheckerGuard& guard();
@@ -102,10 +105,12 @@ class REACHABILITY_CACHE_EXPORT ReachabilityCacheOwner {
 
   // ---- The host's changes ----
 
-  // The cache's updateEndpoints(), removeEntity() and invalidate(); with a
-  // tracker, through it, so that it reports their effect at once.
+  // The cache's updateEndpoints(); with a tracker, through it, so that it
+  // reports the effect at once. So are the next two.
   void updateEndpoints(const std::vector<CachedEndpoint>& endpoints);
+  // The cache's removeEntity(): false when the entity was not cached.
   bool removeEntity(const std::string& entityId);
+  // The cache's invalidate().
   void invalidate();
 
   // ---- Refresh now ----
