@@ -2,6 +2,7 @@
 #pragma once
 
 #include <functional>
+#include <mutex>
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
@@ -12,7 +13,6 @@
 #include "reachabilityCache/Export.h"
 #include "reachabilityCache/IReachabilityChecker.h"
 #include "reachabilityCache/ReachabilityCheckResult.h"
-#include "reachabilityCache/ThreadAnnotations.h"
 
 namespace veranda::reachabilityCache {
 
@@ -54,10 +54,8 @@ class REACHABILITY_CACHE_EXPORT ApplianceDriverReachabilityChecker : public IRea
   // Subscribes with the driver under `callbackId`; only connectivity events
   // reach `callback`, as results without entity id.
   bool registerReachabilityUpdateCallback(const std::string& callbackId,
-                                          UpdateCallback callback) override
-      RC_EXCLUDES(callbackMutex);
-  bool unregisterReachabilityUpdateCallback(const std::string& callbackId) override
-      RC_EXCLUDES(callbackMutex);
+                                          UpdateCallback callback) override;
+  bool unregisterReachabilityUpdateCallback(const std::string& callbackId) override;
 
  private:
   // Sees which callback ids the checker holds while the driver is called.
@@ -77,13 +75,15 @@ class REACHABILITY_CACHE_EXPORT ApplianceDriverReachabilityChecker : public IRea
   REACHABILITY_CACHE_NO_EXPORT bool isSupportedAdapter(const std::string& adapterName) const;
   REACHABILITY_CACHE_NO_EXPORT bool validateCallbackParams(const std::string& callbackId,
                                                            const UpdateCallback& callback) const;
-  REACHABILITY_CACHE_NO_EXPORT bool isCallbackIdRegistered(const std::string& callbackId) const
-      RC_EXCLUDES(callbackMutex);
+  REACHABILITY_CACHE_NO_EXPORT bool isCallbackIdRegistered(const std::string& callbackId) const;
   REACHABILITY_CACHE_NO_EXPORT applianceDriver::IUnifiedApplianceDriver::StateChangeCallback
   createStateChangeCallbackWrapper(UpdateCallback callback) const;
 
-  std::unordered_set<std::string> registeredCallbackIds RC_GUARDED_BY(callbackMutex);
-  mutable Mutex callbackMutex;
+  // Guarded by callbackMutex. A plain std::mutex, so that this header needs no
+  // lock machinery of the library's; it has the size and alignment of the
+  // annotated mutex it replaced, and the class layout is unchanged.
+  std::unordered_set<std::string> registeredCallbackIds;
+  mutable std::mutex callbackMutex;
   applianceDriver::IUnifiedApplianceDriver& driver;
 };
 

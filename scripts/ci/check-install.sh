@@ -66,6 +66,10 @@ printf '#include "reachabilityCache/ReachabilityCache.h"\n#ifndef FROM_THE_KIT\n
   g++ -std=c++17 -fsyntax-only -x c++ - \
     $(PKG_CONFIG_PATH="${libdir}/pkgconfig" pkg-config --cflags reachabilityCache) \
     -I "${work}/kit" || fail "the stand-ins' driver header shadows a platform kit's"
+# The library's lock machinery stays internal: no installed header names it.
+if grep -rlE '\bRC_[A-Z_]+|\bMutexLock\b|"sync/' "${prefix}/include"; then
+  fail "the installed headers above use the library's internal lock machinery"
+fi
 if grep -rlF "${root}" "${prefix}/include" "${prefix}/lib/cmake" "${prefix}/lib/pkgconfig"; then
   fail "the files above refer to the source or build tree"
 fi

@@ -1,5 +1,6 @@
 #include "reachabilityCache/ApplianceDriverReachabilityChecker.h"
 
+#include <mutex>
 #include <utility>
 
 #include "diagnostics/ComponentLog.h"
@@ -214,7 +215,7 @@ bool ApplianceDriverReachabilityChecker::validateCallbackParams(
 
 bool ApplianceDriverReachabilityChecker::isCallbackIdRegistered(
     const std::string& callbackId) const {
-  MutexLock lock(callbackMutex);
+  const std::lock_guard<std::mutex> lock(callbackMutex);
   return registeredCallbackIds.count(callbackId) != 0;
 }
 
@@ -241,7 +242,7 @@ bool ApplianceDriverReachabilityChecker::registerReachabilityUpdateCallback(
     return false;
   }
 
-  MutexLock lock(callbackMutex);
+  const std::lock_guard<std::mutex> lock(callbackMutex);
   registeredCallbackIds.insert(callbackId);
   logChecker(LogPriority::INFO, LogBuilder("registerReachabilityUpdateCallback", nullptr)
                                     .d("callbackId", callbackId.c_str())
@@ -275,7 +276,7 @@ bool ApplianceDriverReachabilityChecker::unregisterReachabilityUpdateCallback(
     return false;
   }
 
-  MutexLock lock(callbackMutex);
+  const std::lock_guard<std::mutex> lock(callbackMutex);
   registeredCallbackIds.erase(callbackId);
   logChecker(LogPriority::INFO, LogBuilder("unregisterReachabilityUpdateCallback", nullptr)
                                     .d("callbackId", callbackId.c_str())

@@ -7,7 +7,7 @@
 #include <thread>
 #include <unordered_map>
 
-#include "reachabilityCache/ThreadAnnotations.h"
+#include "sync/Mutex.h"
 
 namespace veranda::reachabilityCache {
 

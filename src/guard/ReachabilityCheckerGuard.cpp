@@ -4,7 +4,7 @@
 #include <utility>
 
 #include "guard/CallbackGate.h"
-#include "reachabilityCache/ThreadAnnotations.h"
+#include "sync/Mutex.h"
 
 namespace veranda::reachabilityCache {
 

@@ -10,7 +10,7 @@
 #include "reachabilityCache/EndpointInfo.h"
 #include "reachabilityCache/IReachabilityChecker.h"
 #include "reachabilityCache/ReachabilityCheckResult.h"
-#include "reachabilityCache/ThreadAnnotations.h"
+#include "sync/Mutex.h"
 
 namespace veranda::reachabilityCache {
 

@@ -14,7 +14,7 @@
 #include "reachabilityCache/CapabilityKey.h"
 #include "reachabilityCache/EndpointInfo.h"
 #include "reachabilityCache/ReachabilityCache.h"
-#include "reachabilityCache/ThreadAnnotations.h"
+#include "sync/Mutex.h"
 
 namespace veranda::reachabilityCache {
 

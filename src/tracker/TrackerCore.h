@@ -18,8 +18,8 @@
 #include "reachabilityCache/EntityReachabilityTracker.h"
 #include "reachabilityCache/ReachabilityCheckResult.h"
 #include "reachabilityCache/ReachabilityCheckerGuard.h"
-#include "reachabilityCache/ThreadAnnotations.h"
 #include "store/CacheCore.h"
+#include "sync/Mutex.h"
 #include "taskExecutor/TaskExecutor.h"
 
 namespace veranda::reachabilityCache {

@@ -16,8 +16,8 @@
 #include "reachabilityCache/IReachabilityChecker.h"
 #include "reachabilityCache/ReachabilityCacheHealth.h"
 #include "reachabilityCache/ReachabilityCheckResult.h"
-#include "reachabilityCache/ThreadAnnotations.h"
 #include "store/CacheCore.h"
+#include "sync/Mutex.h"
 #include "taskExecutor/TaskExecutor.h"
 
 namespace veranda::reachabilityCache {

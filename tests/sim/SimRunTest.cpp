@@ -100,8 +100,8 @@ Scenario testHome() {
 // An entity's states as "a@0 r@1000 ...": absent, reachable, unreachable.
 std::string states(const RunReport& report, std::size_t entity) {
   std::string seen;
-  for (const StateChange& change : report.histories[entity].states) {
-    seen += std::string(seen.empty() ? "" : " ") + "aru"[static_cast<int>(change.state)] + "@" +
+  for (const AnswerChange& change : report.histories[entity].answers) {
+    seen += std::string(seen.empty() ? "" : " ") + "aru"[static_cast<int>(change.answer)] + "@" +
             std::to_string(change.atMs);
   }
   return seen;
@@ -111,8 +111,8 @@ std::string states(const RunReport& report, std::size_t entity) {
 Answers answers(const EntityHistory& history) {
   Answers changes;
   bool reachable = false;
-  for (const StateChange& change : history.states) {
-    if ((change.state == EntityState::REACHABLE) != reachable) {
+  for (const AnswerChange& change : history.answers) {
+    if ((change.answer == tools::Answer::REACHABLE) != reachable) {
       reachable = !reachable;
       changes.emplace_back(change.atMs, reachable);
     }
@@ -203,11 +203,11 @@ TEST(SimRunTest, PlaysTheHomeInRealTimeAsInVirtualTime) {
   for (std::size_t i = 0; i < fast.report.entities.size(); ++i) {
     std::string fastStates;
     std::string realStates;
-    for (const StateChange& change : fast.report.histories[i].states) {
-      fastStates += "aru"[static_cast<int>(change.state)];
+    for (const AnswerChange& change : fast.report.histories[i].answers) {
+      fastStates += "aru"[static_cast<int>(change.answer)];
     }
-    for (const StateChange& change : real.report.histories[i].states) {
-      realStates += "aru"[static_cast<int>(change.state)];
+    for (const AnswerChange& change : real.report.histories[i].answers) {
+      realStates += "aru"[static_cast<int>(change.answer)];
     }
     EXPECT_EQ(realStates, fastStates) << fast.report.entities[i];
   }

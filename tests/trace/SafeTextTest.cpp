@@ -58,7 +58,7 @@ TEST(SafeTextTest, PicturesAreWellFormedXmlWhateverTheIds) {
   picture.title = "home \x1b<&>";
   picture.durationMs = 1000;
   for (const std::string& label : HOSTILE) {
-    picture.rows.push_back({label, {{0, 500, tools::SpanState::REACHABLE}}, {250}});
+    picture.rows.push_back({label, {{0, 500, tools::Answer::REACHABLE}}, {250}});
   }
   EXPECT_EQ(xmlProblems(tools::timelineSvg(picture)), "");
   EXPECT_EQ(tools::shortened(HOSTILE[2], 30),
@@ -70,7 +70,7 @@ TEST(SafeTextTest, PicturesAreWellFormedXmlWhateverTheIds) {
   for (const std::string& entity : HOSTILE) {
     report.entities.push_back(entity);
     report.histories.push_back(
-        {{{0, sim::EntityState::ABSENT}, {10, sim::EntityState::REACHABLE}}, {10}, 1});
+        {{{0, tools::Answer::ABSENT}, {10, tools::Answer::REACHABLE}}, {10}, 1});
   }
   EXPECT_EQ(xmlProblems(sim::timelineSvg(report)), "");
 
@@ -112,7 +112,7 @@ TEST(SafeTextTest, TheSimulatorsTerminalOutputShowsControlsAsEscapes) {
   timeline.notification("ep\x1b", HOSTILE[1], "ADAPTER\x07", true, true);
   timeline.trackerChange(HOSTILE[1], true);
   timeline.action({0, sim::Action::OFFLINE, "ep\x1b"}, scenario.devices[0], "now\x1b");
-  timeline.observe(HOSTILE[4], sim::EntityState::REACHABLE);
+  timeline.observe(HOSTILE[4], tools::Answer::REACHABLE);
   timeline.remark(HOSTILE[4], "was refused\x1b");
   sim::printHomeSummary(scenario, out);
   sim::RunReport report;

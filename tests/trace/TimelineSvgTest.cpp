@@ -32,7 +32,7 @@ std::vector<double> cycleLineXs(const std::string& svg) {
 tools::TimelinePicture pictureWithCycles(int64_t durationMs, int64_t everyMs) {
   tools::TimelinePicture picture;
   picture.durationMs = durationMs;
-  picture.rows.push_back({"lamp", {{0, durationMs, tools::SpanState::REACHABLE}}, {}});
+  picture.rows.push_back({"lamp", {{0, durationMs, tools::Answer::REACHABLE}}, {}});
   for (int64_t at = everyMs; at <= durationMs; at += everyMs) {
     picture.cycleTimesMs.push_back(at);
   }

@@ -2,7 +2,7 @@
 # that the fuzz build, which builds no tools, can fuzz the loader without the
 # rest of the simulator. Included by this directory and by tests/fuzz.
 include_guard(GLOBAL)
-find_package(nlohmann_json 3 REQUIRED)
+include(${CMAKE_CURRENT_LIST_DIR}/../toolbox/Toolbox.cmake)  # reachabilityToolbox
 
 set(_sim_scenario_dir ${CMAKE_CURRENT_LIST_DIR})
 
@@ -16,10 +16,9 @@ configure_file(${_sim_scenario_dir}/src/DefaultHome.cpp.in
 add_library(reachabilitySimScenario STATIC
   ${_sim_scenario_dir}/src/Scenario.cpp
   ${_sim_scenario_dir}/src/ScenarioLoader.cpp
-  ${_sim_scenario_dir}/src/Excerpt.cpp
   ${_sim_scenario_dir}/src/JsonDocument.cpp
   ${CMAKE_CURRENT_BINARY_DIR}/DefaultHome.cpp)
 target_include_directories(reachabilitySimScenario PUBLIC ${_sim_scenario_dir}/src)
 target_link_libraries(reachabilitySimScenario PUBLIC
-  verandaPlatformHeaders nlohmann_json::nlohmann_json)
+  verandaPlatformHeaders reachabilityToolbox)
 reachability_cache_set_warnings(reachabilitySimScenario)

@@ -26,7 +26,7 @@ std::string syntaxError(const std::string& origin, const std::string& message) {
   const std::size_t colon = message.find(": ", at == std::string::npos ? 0 : at);
   if (at == std::string::npos || colon == std::string::npos ||
       std::sscanf(message.c_str() + at, "at line %lu, column %lu", &line, &column) != 2) {
-    return origin + ": malformed JSON: " + tailExcerpt(message);
+    return origin + ": malformed JSON: " + tools::tailExcerpt(message);
   }
   std::string text = message.substr(colon + 2);
   const std::string lastRead = "last read: ";
@@ -34,14 +34,14 @@ std::string syntaxError(const std::string& origin, const std::string& message) {
   if (quoted != std::string::npos) {
     const std::size_t from =
         quoted + lastRead.size() + (text[quoted + lastRead.size()] == '\'' ? 1 : 0);
-    text = text.substr(0, from) + tailExcerpt(text.substr(from));
+    text = text.substr(0, from) + tools::tailExcerpt(text.substr(from));
   }
   return origin + ":" + std::to_string(line) + ":" + std::to_string(column) +
          ": malformed JSON: " + text;
 }
 
 bool isPlainKey(const std::string& key) {
-  if (key.empty() || key.size() > EXCERPT_LENGTH ||
+  if (key.empty() || key.size() > tools::EXCERPT_LENGTH ||
       std::isdigit(static_cast<unsigned char>(key[0])) != 0) {
     return false;
   }
@@ -54,6 +54,8 @@ bool isPlainKey(const std::string& key) {
 // does, and stops at the first key that its object already has.
 class DocumentBuilder {
  public:
+  // The parser's event interface, with the names it asks for.
+  // NOLINTBEGIN(readability-identifier-naming)
   using number_integer_t = json::number_integer_t;
   using number_unsigned_t = json::number_unsigned_t;
   using number_float_t = json::number_float_t;
@@ -103,6 +105,7 @@ class DocumentBuilder {
     syntaxError_ = error.what();
     return false;
   }
+  // NOLINTEND(readability-identifier-naming)
 
   // Set once the parse has failed: the syntax error as the library words it,
   // or the duplicate key's path (without the origin).
@@ -153,7 +156,7 @@ class DocumentBuilder {
       } else {
         const std::string& name = innermost ? key : level.key;
         const bool dot = !text.empty() && text.back() != '.';  // none after "..."
-        text += isPlainKey(name) ? (dot ? "." : "") + name : "[" + quotedExcerpt(name) + "]";
+        text += isPlainKey(name) ? (dot ? "." : "") + name : "[" + tools::quotedExcerpt(name) + "]";
       }
     }
     return text;

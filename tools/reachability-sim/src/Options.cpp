@@ -10,8 +10,6 @@
 #include <map>
 #include <utility>
 
-#include "SafeText.h"
-
 namespace veranda::reachabilityCache::sim {
 namespace {
 
@@ -39,12 +37,10 @@ bool parseWhole(const std::string& text, int64_t& out) {
   return errno == 0 && *end == '\0';
 }
 
-std::string quotedText(const std::string& text) { return "'" + tools::terminalText(text) + "'"; }
-
 const std::map<std::string, int>& logLevels() {
-  static const std::map<std::string, int> levels = {
+  static const std::map<std::string, int> LEVELS = {
       {"debug", 3}, {"info", 4}, {"warn", 5}, {"error", 6}};
-  return levels;
+  return LEVELS;
 }
 
 // Each check returns an error text without the option's name (CLI11 puts
@@ -56,8 +52,8 @@ CLI::Validator wholeNumber(int64_t minimum, int64_t maximum, const std::string& 
             if (!parseWhole(value, number)) {
               return parseNumber(value, real)
                          ? "must be a whole number" + (unit.empty() ? "" : " of " + unit) +
-                               ", got " + quotedText(value)
-                         : "expects a number, got " + quotedText(value);
+                               ", got " + tools::quotedText(value)
+                         : "expects a number, got " + tools::quotedText(value);
             }
             if (number < minimum || number > maximum) {
               return "must be from " + std::to_string(minimum) + " to " + std::to_string(maximum) +
@@ -72,7 +68,7 @@ CLI::Validator seconds() {
   return {[](std::string& value) -> std::string {
             double number = 0;
             if (!parseNumber(value, number)) {
-              return "expects a number of seconds, got " + quotedText(value);
+              return "expects a number of seconds, got " + tools::quotedText(value);
             }
             if (number <= 0 || number > MAX_SECONDS) {
               return "must be more than 0 and at most 86400 seconds, got " + value;
@@ -91,7 +87,7 @@ CLI::Validator flapRate() {
   return {[](std::string& value) -> std::string {
             double rate = 0;
             if (!parseNumber(value, rate)) {
-              return "expects a number, got " + quotedText(value);
+              return "expects a number, got " + tools::quotedText(value);
             }
             if (rate < 0 || rate > 600) {
               return "must be from 0 to 600 drops per device per minute, got " + value;
@@ -101,18 +97,11 @@ CLI::Validator flapRate() {
           "", ""};
 }
 
-CLI::Validator path(const char* what) {
-  return {[what](std::string& value) -> std::string {
-            return value.empty() ? std::string("needs ") + what + ", got an empty text" : "";
-          },
-          "", ""};
-}
-
 CLI::Validator logLevel() {
   return {[](std::string& value) -> std::string {
             return logLevels().count(value) > 0
                        ? ""
-                       : "must be debug, info, warn or error, got " + quotedText(value);
+                       : "must be debug, info, warn or error, got " + tools::quotedText(value);
           },
           "", ""};
 }
@@ -184,10 +173,9 @@ void describe(CLI::App& app, Options& options, RawOptions& raw) {
   app.description(DESCRIPTION);
   app.footer(FOOTER);
   app.get_formatter()->column_width(26);
-  app.allow_extras();
   app.add_option("--scenario", options.scenarioPath, "a JSON home (format below)")
       ->type_name("FILE")
-      ->check(path("a file path"));
+      ->check(tools::nonEmptyPath());
   app.add_option("--devices", raw.devices,
                  "a generated home of N devices, one entity each,\n"
                  "spread over the seven supported adapters (1..100000)")
@@ -221,7 +209,7 @@ void describe(CLI::App& app, Options& options, RawOptions& raw) {
                  "the 100 that changed most, under a band that counts\n"
                  "all of them")
       ->type_name("FILE")
-      ->check(path("a file path"));
+      ->check(tools::nonEmptyPath());
   app.add_option("--log-level", raw.logLevel,
                  "lowest library log priority shown: debug (default),\ninfo, warn or error")
       ->type_name("LEVEL")
@@ -266,19 +254,6 @@ void convert(const RawOptions& raw, Options& options) {
   }
 }
 
-// One line for a refusal by CLI11.
-std::string errorLine(const CLI::ParseError& error) {
-  std::string text = error.what();
-  const std::string missing = " required ";
-  // "--seed: 1 required S missing" reads better as "--seed needs a value".
-  const std::size_t colon = text.find(':');
-  if (dynamic_cast<const CLI::ArgumentMismatch*>(&error) != nullptr && colon != std::string::npos &&
-      text.find(missing) != std::string::npos) {
-    return text.substr(0, colon) + " needs a value";
-  }
-  return tools::terminalText(text);
-}
-
 std::string checkCombination(const Options& options) {
   if (options.devices && !options.scenarioPath.empty()) {
     return "--devices and --scenario cannot be combined: pick a generated or a scenario home";
@@ -296,22 +271,8 @@ OptionsResult parseOptions(const std::vector<std::string>& arguments) {
   RawOptions raw;
   CLI::App app("", "reachability-sim");
   describe(app, result.options, raw);
-  std::vector<std::string> reversed(arguments.rbegin(), arguments.rend());  // as CLI11 takes them
-  try {
-    app.parse(reversed);
-  } catch (const CLI::CallForHelp&) {
-    result.options.help = true;
-    result.ok = true;
-    return result;
-  } catch (const CLI::ParseError& error) {
-    result.error = errorLine(error);
-    return result;
-  }
-  const std::vector<std::string> extras = app.remaining();
-  if (!extras.empty()) {
-    const std::string& first = extras.front();
-    result.error =
-        (first.rfind('-', 0) == 0 ? "unknown option " : "unexpected argument ") + quotedText(first);
+  static_cast<tools::CommandLineResult&>(result) = tools::parseCommandLine(app, arguments);
+  if (!result.ok || result.help) {
     return result;
   }
   convert(raw, result.options);

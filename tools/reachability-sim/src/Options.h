@@ -6,10 +6,11 @@
 #include <string>
 #include <vector>
 
+#include "CommandLine.h"
+
 namespace veranda::reachabilityCache::sim {
 
 struct Options {
-  bool help = false;
   std::string scenarioPath;                // --scenario
   std::optional<int64_t> devices;          // --devices: a generated home of this many
   std::optional<int64_t> durationMs;       // --duration, given in seconds
@@ -24,11 +25,7 @@ struct Options {
   std::optional<bool> tracker;             // --tracker / --no-tracker
 };
 
-struct OptionsResult {
-  bool ok = false;
-  std::string error;  // one line when !ok
-  Options options;
-};
+using OptionsResult = tools::ParsedOptions<Options>;
 
 // Parses the arguments after the program name. "--name value" and
 // "--name=value" are both accepted.

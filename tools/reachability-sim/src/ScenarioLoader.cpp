@@ -38,12 +38,12 @@ class Checker {
   bool onlyKeys(const json& object, const std::string& path,
                 std::initializer_list<const char*> keys) {
     if (!object.is_object()) {
-      return fail(path, "expected an object, found " + excerpt(object));
+      return fail(path, "expected an object, found " + tools::excerpt(object));
     }
     for (const auto& item : object.items()) {
       if (std::none_of(keys.begin(), keys.end(),
                        [&](const char* key) { return item.key() == key; })) {
-        return fail(path, "unknown key " + quotedExcerpt(item.key()));
+        return fail(path, "unknown key " + tools::quotedExcerpt(item.key()));
       }
     }
     return true;
@@ -51,7 +51,7 @@ class Checker {
 
   bool text(const json& value, const std::string& path, std::string& out) {
     if (!value.is_string() || value.get_ref<const std::string&>().empty()) {
-      return fail(path, "expected a non-empty string, found " + excerpt(value));
+      return fail(path, "expected a non-empty string, found " + tools::excerpt(value));
     }
     out = value.get<std::string>();
     return true;
@@ -59,7 +59,7 @@ class Checker {
 
   bool flag(const json& value, const std::string& path, bool& out) {
     if (!value.is_boolean()) {
-      return fail(path, "expected true or false, found " + excerpt(value));
+      return fail(path, "expected true or false, found " + tools::excerpt(value));
     }
     out = value.get<bool>();
     return true;
@@ -74,7 +74,7 @@ class Checker {
     const bool inRange = fits && value.get<int64_t>() >= minimum && value.get<int64_t>() <= maximum;
     if (!inRange) {
       return fail(path, "expected a whole number from " + std::to_string(minimum) + " to " +
-                            std::to_string(maximum) + ", found " + excerpt(value));
+                            std::to_string(maximum) + ", found " + tools::excerpt(value));
     }
     out = value.get<int64_t>();
     return true;
@@ -83,19 +83,19 @@ class Checker {
   // Seconds, fractions allowed, converted to milliseconds.
   bool seconds(const json& value, const std::string& path, bool zeroAllowed, int64_t& outMs) {
     if (!value.is_number()) {
-      return fail(path, "expected a number of seconds, found " + excerpt(value));
+      return fail(path, "expected a number of seconds, found " + tools::excerpt(value));
     }
     const double number = value.get<double>();
     if (!std::isfinite(number) || number < 0 || (number == 0 && !zeroAllowed)) {
       return fail(path, std::string("must be ") + (zeroAllowed ? "0 or more" : "more than 0") +
-                            " seconds, found " + excerpt(value));
+                            " seconds, found " + tools::excerpt(value));
     }
     if (number > MAX_SECONDS) {
       return fail(path, "must be at most " + std::to_string(MAX_SECONDS) + " seconds");
     }
     if (!zeroAllowed && number < 0.001) {
       return fail(path, "must be at least 0.001 seconds (runs are timed in milliseconds), found " +
-                            excerpt(value));
+                            tools::excerpt(value));
     }
     outMs = std::llround(number * 1000);
     return true;
@@ -116,7 +116,7 @@ bool readDriverType(Checker& check, const json& value, const std::string& path,
     out = name == "native" ? ApplianceDriverType::NATIVE : ApplianceDriverType::CONNECTED;
     return true;
   }
-  return check.fail(path, "expected \"native\" or \"connected\", found " + excerpt(value));
+  return check.fail(path, "expected \"native\" or \"connected\", found " + tools::excerpt(value));
 }
 
 bool readCapabilities(Checker& check, const json& value, const std::string& path,
@@ -154,7 +154,7 @@ bool readDevice(Checker& check, const json& value, const std::string& path,
     return false;
   }
   if (entities.count(device.entityId) == 0) {
-    return check.fail(path + ".entity", quotedExcerpt(device.entityId) +
+    return check.fail(path + ".entity", tools::quotedExcerpt(device.entityId) +
                                             " is not one of the scenario's \"entities\"");
   }
   return (!value.contains("driverType") ||
@@ -180,8 +180,8 @@ bool readAction(Checker& check, const json& value, const std::string& path, Acti
       return true;
     }
   }
-  return check.fail(path,
-                    "unknown action " + excerpt(value) + " (offline, online, remove, add or push)");
+  return check.fail(
+      path, "unknown action " + tools::excerpt(value) + " (offline, online, remove, add or push)");
 }
 
 bool readEvent(Checker& check, const json& value, const std::string& path,
@@ -200,8 +200,8 @@ bool readEvent(Checker& check, const json& value, const std::string& path,
     return false;
   }
   if (endpoints.count(event.endpointId) == 0) {
-    return check.fail(path + ".endpoint",
-                      quotedExcerpt(event.endpointId) + " is not the endpoint of any device");
+    return check.fail(path + ".endpoint", tools::quotedExcerpt(event.endpointId) +
+                                              " is not the endpoint of any device");
   }
   return true;
 }
@@ -218,7 +218,7 @@ bool readEntities(Checker& check, const json& value, Scenario& scenario) {
       return false;
     }
     if (!seen.insert(id).second) {
-      return check.fail(path, "entity " + quotedExcerpt(id) + " is listed twice");
+      return check.fail(path, "entity " + tools::quotedExcerpt(id) + " is listed twice");
     }
     scenario.entities.push_back(id);
   }
@@ -238,8 +238,8 @@ bool readDevices(Checker& check, const json& value, Scenario& scenario) {
       return false;
     }
     if (!endpoints.insert(device.endpointId).second) {
-      return check.fail(path + ".endpoint",
-                        "endpoint " + quotedExcerpt(device.endpointId) + " is used by two devices");
+      return check.fail(path + ".endpoint", "endpoint " + tools::quotedExcerpt(device.endpointId) +
+                                                " is used by two devices");
     }
     scenario.devices.push_back(std::move(device));
   }

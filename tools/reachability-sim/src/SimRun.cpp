@@ -80,12 +80,12 @@ class CheckWatcher : public ReachabilityCheckerGuard::Observer {
   const std::function<void()> starting_;
 };
 
-EntityState stateOf(const ReachabilityCache& cache, const std::string& entityId) {
+tools::Answer answerOf(const ReachabilityCache& cache, const std::string& entityId) {
   if (cache.isEntityReachable(entityId)) {
-    return EntityState::REACHABLE;
+    return tools::Answer::REACHABLE;
   }
-  return cache.getEndpointsForEntity(entityId).empty() ? EntityState::ABSENT
-                                                       : EntityState::UNREACHABLE;
+  return cache.getEndpointsForEntity(entityId).empty() ? tools::Answer::ABSENT
+                                                       : tools::Answer::UNREACHABLE;
 }
 
 // One run; the members are what a host would own.
@@ -175,9 +175,9 @@ class HomeRun {
   }
 
   void observe(const std::string& entityId) {
-    EntityState state = EntityState::ABSENT;
-    if (gate_.with([&](ReachabilityCache& cache) { state = stateOf(cache, entityId); })) {
-      timeline_.observe(entityId, state);
+    tools::Answer answer = tools::Answer::ABSENT;
+    if (gate_.with([&](ReachabilityCache& cache) { answer = answerOf(cache, entityId); })) {
+      timeline_.observe(entityId, answer);
     }
   }
 
@@ -287,7 +287,7 @@ class HomeRun {
                                                             capabilitySet(device))};
     owner_->updateEndpoints(record);
     observe(device.entityId);
-    if (stateOf(owner_->cache(), device.entityId) == EntityState::ABSENT) {
+    if (answerOf(owner_->cache(), device.entityId) == tools::Answer::ABSENT) {
       timeline_.remark(device.entityId, "was refused by the cache");
     }
   }

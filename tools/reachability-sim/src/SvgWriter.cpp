@@ -3,21 +3,6 @@
 #include "TimelineSvg.h"
 
 namespace veranda::reachabilityCache::sim {
-namespace {
-
-tools::SpanState spanState(EntityState state) {
-  switch (state) {
-    case EntityState::REACHABLE:
-      return tools::SpanState::REACHABLE;
-    case EntityState::UNREACHABLE:
-      return tools::SpanState::UNREACHABLE;
-    case EntityState::ABSENT:
-      break;
-  }
-  return tools::SpanState::ABSENT;
-}
-
-}  // namespace
 
 tools::TimelinePicture timelinePicture(const RunReport& report) {
   tools::TimelinePicture picture;
@@ -37,10 +22,10 @@ tools::TimelinePicture timelinePicture(const RunReport& report) {
   for (std::size_t i = 0; i < report.entities.size(); ++i) {
     tools::TimelineRow row;
     row.label = report.entities[i];
-    const std::vector<StateChange>& changes = report.histories[i].states;
+    const std::vector<AnswerChange>& changes = report.histories[i].answers;
     for (std::size_t k = 0; k < changes.size(); ++k) {
       const int64_t endMs = k + 1 < changes.size() ? changes[k + 1].atMs : report.durationMs;
-      row.spans.push_back({changes[k].atMs, endMs, spanState(changes[k].state)});
+      row.spans.push_back({changes[k].atMs, endMs, changes[k].answer});
     }
     row.marksMs = report.histories[i].notifiedAtMs;
     picture.rows.push_back(std::move(row));

@@ -53,8 +53,8 @@ std::string normalised(const std::string& entityId) {
 std::size_t answerChanges(const EntityHistory& history) {
   std::size_t changes = 0;
   bool reachable = false;
-  for (const StateChange& change : history.states) {
-    const bool now = change.state == EntityState::REACHABLE;
+  for (const AnswerChange& change : history.answers) {
+    const bool now = change.answer == tools::Answer::REACHABLE;
     changes += now != reachable ? 1 : 0;
     reachable = now;
   }
@@ -63,11 +63,11 @@ std::size_t answerChanges(const EntityHistory& history) {
 
 int64_t reachableMs(const EntityHistory& history, int64_t endMs) {
   int64_t total = 0;
-  const std::vector<StateChange>& states = history.states;
-  for (std::size_t k = 0; k < states.size(); ++k) {
-    const int64_t untilMs = std::min(k + 1 < states.size() ? states[k + 1].atMs : endMs, endMs);
-    if (states[k].state == EntityState::REACHABLE) {
-      total += std::max<int64_t>(untilMs - states[k].atMs, 0);
+  const std::vector<AnswerChange>& answers = history.answers;
+  for (std::size_t k = 0; k < answers.size(); ++k) {
+    const int64_t untilMs = std::min(k + 1 < answers.size() ? answers[k + 1].atMs : endMs, endMs);
+    if (answers[k].answer == tools::Answer::REACHABLE) {
+      total += std::max<int64_t>(untilMs - answers[k].atMs, 0);
     }
   }
   return total;
@@ -120,20 +120,20 @@ std::size_t Timeline::indexOf(const std::string& entityId) const {
 }
 
 // Changes at one moment count as one: the last of them stands.
-bool Timeline::recordLocked(std::size_t entity, int64_t atMs, EntityState state) {
-  std::vector<StateChange>& states = histories_[entity].states;
-  const EntityState before = states.back().state;
-  if (states.back().atMs == atMs) {
-    if (states.size() == 1) {
-      states.back().state = state;
-      return before != state;
+bool Timeline::recordLocked(std::size_t entity, int64_t atMs, tools::Answer answer) {
+  std::vector<AnswerChange>& answers = histories_[entity].answers;
+  const tools::Answer before = answers.back().answer;
+  if (answers.back().atMs == atMs) {
+    if (answers.size() == 1) {
+      answers.back().answer = answer;
+      return before != answer;
     }
-    states.pop_back();
+    answers.pop_back();
   }
-  if (states.back().state != state) {
-    states.push_back({atMs, state});
+  if (answers.back().answer != answer) {
+    answers.push_back({atMs, answer});
   }
-  return before != state;
+  return before != answer;
 }
 
 void Timeline::action(const Event& event, const Device& device, const std::string& outcome) {
@@ -163,7 +163,8 @@ void Timeline::notification(const std::string& endpointId, const std::string& en
       history.notifiedAtMs.push_back(atMs);
     }
     // Only a cached entity is announced.
-    recordLocked(entity, atMs, entityReachable ? EntityState::REACHABLE : EntityState::UNREACHABLE);
+    recordLocked(entity, atMs,
+                 entityReachable ? tools::Answer::REACHABLE : tools::Answer::UNREACHABLE);
   }
   if (out_ != nullptr) {
     *out_ << stamp(atMs) << padded(entityId, entityWidth_) << "  "
@@ -208,18 +209,18 @@ void Timeline::remark(const std::string& entityId, const std::string& text) {
   }
 }
 
-void Timeline::observe(const std::string& entityId, EntityState state) {
+void Timeline::observe(const std::string& entityId, tools::Answer answer) {
   const std::size_t entity = indexOf(entityId);
   std::lock_guard<std::mutex> lock(mutex_);
   if (stopped_ || entity == std::string::npos) {
     return;
   }
   const int64_t atMs = clock_.nowMs();
-  if (recordLocked(entity, atMs, state) && out_ != nullptr) {
+  if (recordLocked(entity, atMs, answer) && out_ != nullptr) {
     *out_ << stamp(atMs) << "~ " << tools::terminalText(entities_[entity])
-          << (state == EntityState::ABSENT      ? " is no longer in the cache"
-              : state == EntityState::REACHABLE ? ": isEntityReachable now answers yes"
-                                                : ": isEntityReachable now answers no")
+          << (answer == tools::Answer::ABSENT      ? " is no longer in the cache"
+              : answer == tools::Answer::REACHABLE ? ": isEntityReachable now answers yes"
+                                                   : ": isEntityReachable now answers no")
           << " (listeners are not told)\n";
   }
 }

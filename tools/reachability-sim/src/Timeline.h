@@ -9,25 +9,25 @@
 #include <unordered_map>
 #include <vector>
 
+#include "Answer.h"
 #include "RunClock.h"
 #include "Scenario.h"
 
 namespace veranda::reachabilityCache::sim {
 
-// An entity as the cache holds it.
-enum class EntityState { ABSENT, REACHABLE, UNREACHABLE };
-
-struct StateChange {
+// What isEntityReachable answers from `atMs` on (never UNKNOWN: the
+// simulator reads the cache itself).
+struct AnswerChange {
   int64_t atMs;
-  EntityState state;
+  tools::Answer answer;
 };
 
 // What a run saw of one entity: what the picture and the final table need.
-// It grows with the entity's changes of state; its notification times are
+// It grows with the changes of the entity's answer; its notification times are
 // thinned to what the picture can tell apart, so that they grow with the
 // picture's width, not with the run's length.
 struct EntityHistory {
-  std::vector<StateChange> states{{0, EntityState::ABSENT}};  // each change, in time order
+  std::vector<AnswerChange> answers{{0, tools::Answer::ABSENT}};  // each change, in time order
   std::vector<int64_t> notifiedAtMs;  // when listeners were told, none closer than the spacing
   std::size_t notifications = 0;      // every time listeners were told about the entity
 };
@@ -37,11 +37,11 @@ std::size_t answerChanges(const EntityHistory& history);
 // How long it answered yes before `endMs`.
 int64_t reachableMs(const EntityHistory& history, int64_t endMs);
 
-// An entity's state is recorded whenever it can change: at each listener
+// An entity's answer is recorded whenever it can change: at each listener
 // notification (which the cache sends right after the change it announces,
 // before anything else changes the entity) and where the simulator reads
 // the cache itself, after the changes that listeners do not hear. So the
-// states are what isEntityReachable answered at every moment.
+// answers are what isEntityReachable answered at every moment.
 //
 // Thread safety: every member may be called from any thread; lines are
 // printed whole, in the order the calls take the lock.
@@ -69,8 +69,8 @@ class Timeline {
   // A periodic cycle asked the provider.
   void cycle(std::size_t named);
   // The entity as the simulator read it from the cache after a change that
-  // listeners are not told; a line ("~") when its state changed.
-  void observe(const std::string& entityId, EntityState state);
+  // listeners are not told; a line ("~") when its answer changed.
+  void observe(const std::string& entityId, tools::Answer answer);
   // Something else listeners are not told about the entity ("~").
   void remark(const std::string& entityId, const std::string& text);
 
@@ -85,8 +85,8 @@ class Timeline {
   std::size_t toldReachableCount() const;
 
  private:
-  // Records the entity's state at `atMs`; false when it was that already.
-  bool recordLocked(std::size_t entity, int64_t atMs, EntityState state);
+  // Records the entity's answer at `atMs`; false when it was that already.
+  bool recordLocked(std::size_t entity, int64_t atMs, tools::Answer answer);
   // The scenario's index of the entity, or npos.
   std::size_t indexOf(const std::string& entityId) const;
   std::string stamp(int64_t atMs) const;

@@ -5,10 +5,12 @@
 #include <cerrno>
 #include <cstdio>
 #include <iostream>
+#include <optional>
 #include <string>
 #include <system_error>
 #include <vector>
 
+#include "CommandLine.h"
 #include "Options.h"
 #include "Report.h"
 #include "ScenarioFromOptions.h"
@@ -17,12 +19,12 @@
 
 namespace {
 
+using namespace veranda::reachabilityCache;
 using namespace veranda::reachabilityCache::sim;
 
-int fail(const std::string& error, int status) {
-  std::cerr << "reachability-sim: error: " << error << '\n';
-  return status;
-}
+const char* const PROGRAM = "reachability-sim";
+
+int fail(const std::string& error, int status) { return tools::failTool(PROGRAM, error, status); }
 
 // Creates the file now, so that a bad path fails before a long run. Returns
 // the reason it cannot be written, or an empty text.
@@ -37,15 +39,11 @@ std::string cannotWrite(const std::string& path) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  const OptionsResult parsed = parseOptions(std::vector<std::string>(argv + 1, argv + argc));
-  if (!parsed.ok) {
-    return fail(parsed.error + " (see --help)", 2);
+  const OptionsResult parsed = parseOptions(tools::argumentsOf(argc, argv));
+  if (const std::optional<int> status = tools::startTool(PROGRAM, parsed, usageText)) {
+    return *status;
   }
   const Options& options = parsed.options;
-  if (options.help) {
-    std::cout << usageText();
-    return 0;
-  }
   const LoadResult home = scenarioFromOptions(options);
   if (!home.ok) {
     return fail(home.error, 2);

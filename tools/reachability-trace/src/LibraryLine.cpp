@@ -1,6 +1,7 @@
 #include "LibraryLine.h"
 
 #include <cctype>
+#include <charconv>
 
 namespace veranda::reachabilityCache::trace {
 namespace {
@@ -26,6 +27,21 @@ std::size_t valueLength(std::string_view text) {
   return text.size();
 }
 
+// The whole of `text` as an integer of type T; nothing when it is missing,
+// empty, or not entirely such a number.
+template <typename T>
+std::optional<T> integer(std::optional<std::string_view> text) {
+  T value = 0;
+  if (!text || text->empty()) {
+    return std::nullopt;
+  }
+  const auto [end, error] = std::from_chars(text->data(), text->data() + text->size(), value);
+  if (error != std::errc() || end != text->data() + text->size()) {
+    return std::nullopt;
+  }
+  return value;
+}
+
 }  // namespace
 
 std::optional<std::string_view> LibraryLine::get(std::string_view key) const {
@@ -40,6 +56,14 @@ std::optional<std::string_view> LibraryLine::get(std::string_view key) const {
 bool LibraryLine::has(std::string_view key, std::string_view value) const {
   const std::optional<std::string_view> found = get(key);
   return found && *found == value;
+}
+
+std::optional<uint64_t> LibraryLine::number(std::string_view key) const {
+  return integer<uint64_t>(get(key));
+}
+
+std::optional<int64_t> LibraryLine::signedNumber(std::string_view key) const {
+  return integer<int64_t>(get(key));
 }
 
 std::optional<LibraryLine> parseLibraryLine(std::string_view text) {

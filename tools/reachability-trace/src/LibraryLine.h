@@ -1,6 +1,7 @@
 // The structure of the library's messages: "[label] context: key=value ...".
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string_view>
 #include <vector>
@@ -20,6 +21,10 @@ struct LibraryLine {
   std::optional<std::string_view> get(std::string_view key) const;
   // True when the line has `key` with exactly `value`.
   bool has(std::string_view key, std::string_view value) const;
+  // The value of `key` when it is wholly a decimal number that fits; else
+  // nothing.
+  std::optional<uint64_t> number(std::string_view key) const;
+  std::optional<int64_t> signedNumber(std::string_view key) const;
 };
 
 // Splits a message. A value runs to the next " key=" (a key is a word of

@@ -4,19 +4,24 @@
 
 #include <cstdint>
 #include <map>
-#include <optional>
-#include <set>
+#include <memory>
 #include <string>
-#include <string_view>
-#include <unordered_map>
 #include <vector>
 
+#include "ChangeReader.h"
+#include "CheckReader.h"
+#include "EntityAnswers.h"
+#include "EventReader.h"
 #include "LibraryLine.h"
 #include "LogMessage.h"
 #include "TraceModel.h"
 
 namespace veranda::reachabilityCache::trace {
 
+// Hands each message to the readers of its cache: the cache's life and
+// configuration are read here; its checks, events, changes and answers by
+// readers of their own; its problems where their lines are read. Not
+// thread-safe.
 class TraceBuilder {
  public:
   // `storyEntity`, when not empty, names the entity whose changes keep the
@@ -31,81 +36,30 @@ class TraceBuilder {
   Trace finish(uint64_t bytes, bool bugReport);
 
  private:
-  // What the builder needs besides the record while a cache's lines come in.
-  // An endpoint as the cache holds it: unreachable, reachable by an event
-  // only (no capabilities yet), or reachable by a check or the host.
-  enum class EndpointState { UNREACHABLE, UNCONFIRMED, CONFIRMED };
+  // The readers of one cache's lines.
+  struct Readers {
+    explicit Readers(const std::string& storyEntity);
 
-  struct Pending {
-    bool periodicRunning = false;
-    std::optional<uint64_t> nextEndpointCount;
-    std::unordered_map<std::string, std::pair<bool, std::size_t>> checks;  // id -> (periodic, i)
-    std::map<int, std::pair<bool, std::size_t>> answers;  // thread -> check awaiting its summary
-    struct Note {
-      std::string endpointId;
-      std::string entityId;
-      bool reachable;
-      std::size_t change;
-    };
-    std::map<int, std::vector<Note>> notes;  // thread -> notifications awaiting their summary
-    std::unordered_map<std::string, std::string> lastEvent;  // endpoint -> line (story only)
-    std::unordered_map<std::string, std::map<std::string, EndpointState>> held;  // entity -> ...
-    std::set<std::string> uncertain;  // entities whose entry a cut summary lost
-    bool notified = false;            // the capture has notification lines
-    // An endpoint's state before the lines of a result still being applied
-    // on a thread changed it: (entity, endpoint) -> (thread, held, state).
-    struct Before {
-      int thread;
-      bool held;
-      EndpointState state;
-    };
-    std::map<std::pair<std::string, std::string>, Before> before;
+    CheckReader checks;
+    EventReader events;
+    EntityAnswers answers;
+    ChangeReader changes;
   };
 
+  // The cache of the message's process: "cacheCreated" starts a new one, and
+  // a process seen first in the middle of its life gets one from its first
+  // line. Sets readers_.
   CacheRecord& cacheFor(const LogMessage& message, const LibraryLine& line, Micros at);
-  void facade(const LibraryLine& line, Micros at);
-  void store(const LibraryLine& line, Micros at, const LogMessage& message);
-  void updater(const LibraryLine& line, Micros at, const LogMessage& message);
-  void checker(const LibraryLine& line, Micros at, const LogMessage& message);
-  void summary(const LibraryLine& line, Micros at, const LogMessage& message);
-  void notification(const LibraryLine& line, Micros at, const LogMessage& message);
-
-  CheckRecord& check(std::string_view requestId, Micros at);
-  EntityRecord& entity(std::string_view id);
-  void problem(const char* kind, Micros at, uint64_t count = 1);
-  // Sets (or with nothing, forgets) an endpoint's state and notes the
-  // entity's answer if it changed.
-  // `thread` names the thread whose result the change belongs to, if any.
-  void hold(std::string_view entityId, std::string_view endpointId,
-            std::optional<EndpointState> state, Micros at, std::optional<int> thread = {});
-  void forgetEntity(std::string_view entityId, Micros at);
-  // Every result tells whether its entity was reachable just before; where
-  // the held endpoints say otherwise, an endpoint the capture never named
-  // holds the entity, or the held ones had lost their capabilities.
-  void correct(std::string_view entityId, std::string_view endpointId, bool reachableBefore,
-               int thread, Micros at);
-  void noteAnswer(std::string_view entityId, Micros at);
-  bool checkAnswering(const LogMessage& message) const;
-  // A query's answer, written by the store (debug): the truth at that moment.
-  void observe(const LibraryLine& line, Micros at);
-  // Puts the endpoints that the lines of `thread`'s result changed back as
-  // they were, and returns their states after those lines.
-  std::map<std::pair<std::string, std::string>, std::optional<EndpointState>> rollBack(int thread);
-  std::optional<EndpointState> heldState(const std::string& entityId,
-                                         const std::string& endpointId) const;
-  void setHeld(const std::string& entityId, const std::string& endpointId,
-               std::optional<EndpointState> state);
-  int threadKey(const LogMessage& message) const;
-  bool inStory(std::string_view entityId) const;
-  std::vector<std::string> causeOf(const LogMessage& message, std::string_view endpointId);
-  void checkRhythm(CacheRecord& cache);
+  void facade(const CacheMessage& in);
+  void store(const CacheMessage& in);
+  void updater(const CacheMessage& in);
+  void checker(const CacheMessage& in);
 
   std::string storyEntity_;
   Trace trace_;
-  std::map<int, std::size_t> current_;  // process (or -1) -> index of its cache
-  std::vector<Pending> pending_;        // parallel to trace_.caches
-  CacheRecord* cache_ = nullptr;        // the message's cache
-  Pending* state_ = nullptr;
+  std::map<int, std::size_t> current_;             // process (or -1) -> index of its cache
+  std::vector<std::unique_ptr<Readers>> readers_;  // parallel to trace_.caches
+  Readers* reading_ = nullptr;                     // the message's cache's
 };
 
 }  // namespace veranda::reachabilityCache::trace

@@ -17,20 +17,6 @@ json optional(const std::optional<T>& value) {
   return value ? json(*value) : json(nullptr);
 }
 
-const char* answerText(Answer answer) {
-  switch (answer) {
-    case Answer::REACHABLE:
-      return "reachable";
-    case Answer::UNREACHABLE:
-      return "unreachable";
-    case Answer::UNKNOWN:
-      return "unknown";
-    case Answer::ABSENT:
-      break;
-  }
-  return "notCached";
-}
-
 json checkJson(const Trace& trace, const CheckRecord& check) {
   json result = {{"requestId", check.requestId.empty() ? json(nullptr) : json(check.requestId)},
                  {"start", time(trace, check.start)},
@@ -68,7 +54,8 @@ json entityJson(const Trace& trace, const EntityRecord& entity, Micros cacheEnd)
   }
   json answers = json::array();
   for (const AnswerRecord& answer : entity.answers) {
-    answers.push_back({{"time", time(trace, answer.at)}, {"answer", answerText(answer.answer)}});
+    answers.push_back(
+        {{"time", time(trace, answer.at)}, {"answer", tools::answerName(answer.answer)}});
   }
   const EntityFigures figures = entityFigures(entity, cacheEnd);
   return {{"changes", std::move(changes)},
@@ -76,7 +63,7 @@ json entityJson(const Trace& trace, const EntityRecord& entity, Micros cacheEnd)
           {"lastReachable", figures.last == Answer::REACHABLE     ? json(true)
                             : figures.last == Answer::UNREACHABLE ? json(false)
                                                                   : json(nullptr)},
-          {"lastAnswer", answerText(figures.last)},
+          {"lastAnswer", tools::answerName(figures.last)},
           {"answers", std::move(answers)},
           {"unreachableSeconds", trace.hasTime ? json(figures.unreachableSeconds) : json(nullptr)},
           {"endpoints", entity.endpoints},

@@ -7,9 +7,11 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
+#include "Answer.h"
 #include "CaptureClock.h"
 
 namespace veranda::reachabilityCache::trace {
@@ -58,7 +60,7 @@ struct ChangeRecord {
 // answer or the host's own record; an event alone does not make it so. Where
 // a cut summary lost an entity's entry and no notification line tells, its
 // answer is unknown until the next line about it.
-enum class Answer { ABSENT, REACHABLE, UNREACHABLE, UNKNOWN };
+using tools::Answer;
 
 struct AnswerRecord {
   Micros at = NO_TIME;
@@ -107,6 +109,8 @@ struct CacheRecord {
   uint64_t seenChanges() const;
   // Changes told to listeners that the capture lost (cut summaries).
   uint64_t unseenChanges() const;
+  // The entity with `id`, added at the end when the cache has none yet.
+  EntityRecord& entity(std::string_view id);
   // From creation (or the first line seen) to destruction (or the last).
   Micros startTime() const { return creationSeen ? created : firstSeen; }
   Micros endTime() const { return destructionSeen ? destroyed : lastSeen; }

@@ -2,8 +2,6 @@
 
 #include <CLI/CLI.hpp>
 
-#include "SafeText.h"
-
 namespace veranda::reachabilityCache::trace {
 namespace {
 
@@ -20,20 +18,13 @@ const char* const FOOTER =
     "read, is binary or empty, or holds no line of the cache (one line on standard\n"
     "error); 1 when the picture cannot be written.\n";
 
-CLI::Validator nonEmpty() {
-  return {[](std::string& value) -> std::string {
-            return value.empty() ? "needs a file path, got an empty text" : "";
-          },
-          "", ""};
-}
-
 void describe(CLI::App& app, TraceOptions& options) {
   app.description(DESCRIPTION);
   app.footer(FOOTER);
   app.get_formatter()->column_width(24);
   app.add_option("FILE", options.capturePath, "the capture to read (- for standard input)")
       ->required()
-      ->check(nonEmpty());
+      ->check(tools::nonEmptyPath());
   auto* json = app.add_flag("--json", options.json,
                             "writes a JSON document for scripts instead of the\nreport");
   app.add_option("--entity", options.entityId,
@@ -45,7 +36,7 @@ void describe(CLI::App& app, TraceOptions& options) {
                  "also draws the cache's picture as SVG: a row per\n"
                  "entity, the state listeners were told over time")
       ->type_name("FILE.svg")
-      ->check(nonEmpty());
+      ->check(tools::nonEmptyPath());
   app.add_option(
          "--cache", options.cache,
          "the cache to draw when the capture holds several\n(1 is the first; default: the last)")
@@ -63,18 +54,7 @@ TraceOptionsResult parseTraceOptions(const std::vector<std::string>& arguments) 
   TraceOptionsResult result;
   CLI::App app("", "reachability-trace");
   describe(app, result.options);
-  std::vector<std::string> reversed(arguments.rbegin(), arguments.rend());  // as CLI11 takes them
-  try {
-    app.parse(reversed);
-  } catch (const CLI::CallForHelp&) {
-    result.options.help = true;
-    result.ok = true;
-    return result;
-  } catch (const CLI::ParseError& error) {
-    result.error = tools::terminalText(error.what());
-    return result;
-  }
-  result.ok = true;
+  static_cast<tools::CommandLineResult&>(result) = tools::parseCommandLine(app, arguments);
   return result;
 }
 

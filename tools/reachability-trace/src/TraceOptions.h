@@ -5,10 +5,11 @@
 #include <string>
 #include <vector>
 
+#include "CommandLine.h"
+
 namespace veranda::reachabilityCache::trace {
 
 struct TraceOptions {
-  bool help = false;
   std::string capturePath;   // "-" for standard input
   std::string entityId;      // --entity: tell this entity's story instead of the report
   std::string timelinePath;  // --timeline: also draw the picture
@@ -16,11 +17,7 @@ struct TraceOptions {
   std::size_t cache = 0;     // --cache: 1-based, for the picture; 0 for the last cache
 };
 
-struct TraceOptionsResult {
-  bool ok = false;
-  std::string error;  // one line when !ok
-  TraceOptions options;
-};
+using TraceOptionsResult = tools::ParsedOptions<TraceOptions>;
 
 // Parses the arguments after the program name.
 TraceOptionsResult parseTraceOptions(const std::vector<std::string>& arguments);

@@ -4,19 +4,6 @@
 namespace veranda::reachabilityCache::trace {
 namespace {
 
-tools::SpanState spanState(Answer answer) {
-  switch (answer) {
-    case Answer::REACHABLE:
-      return tools::SpanState::REACHABLE;
-    case Answer::UNREACHABLE:
-      return tools::SpanState::UNREACHABLE;
-    case Answer::ABSENT:
-    case Answer::UNKNOWN:
-      break;
-  }
-  return tools::SpanState::ABSENT;
-}
-
 int64_t msSince(Micros start, Micros at) { return (at - start) / 1000; }
 
 }  // namespace
@@ -52,8 +39,7 @@ tools::TimelinePicture tracePicture(const Trace& trace, std::size_t cacheIndex,
     for (const EntitySpan& span : entitySpans(entity, start, end)) {
       unknown = unknown || span.answer == Answer::UNKNOWN;
       if (span.answer != Answer::UNKNOWN) {  // left blank: the capture does not tell
-        row.spans.push_back(
-            {msSince(start, span.from), msSince(start, span.to), spanState(span.answer)});
+        row.spans.push_back({msSince(start, span.from), msSince(start, span.to), span.answer});
       }
     }
     for (const ChangeRecord& change : entity.changes) {

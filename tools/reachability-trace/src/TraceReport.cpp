@@ -15,7 +15,7 @@ using tools::terminalText;
 constexpr std::size_t LISTED_ENTITIES = 25;
 
 const std::map<std::string, const char*>& problemTexts() {
-  static const std::map<std::string, const char*> texts = {
+  static const std::map<std::string, const char*> TEXTS = {
       {CACHE_FULL, "the store was full and refused a new entity"},
       {INSERT_FAILED, "a record was refused (empty entity or endpoint id)"},
       {CHECK_START_FAILED, "a reachability check could not be started"},
@@ -27,7 +27,7 @@ const std::map<std::string, const char*>& problemTexts() {
       {INTERVAL_DRIFT, "a gap between cycles strayed from the interval"},
       {SUMMARY_CUT, "a result summary was cut by the platform (details lost)"},
   };
-  return texts;
+  return TEXTS;
 }
 
 std::string when(const Trace& trace, Micros at) {
@@ -41,18 +41,10 @@ std::string decimal(double value, const char* unit) {
   return text;
 }
 
-const char* answerText(Answer answer) {
-  switch (answer) {
-    case Answer::REACHABLE:
-      return "reachable";
-    case Answer::UNREACHABLE:
-      return "unreachable";
-    case Answer::UNKNOWN:
-      return "unknown (summary cut)";
-    case Answer::ABSENT:
-      break;
-  }
-  return "not cached";
+// A cut summary is all that leaves an answer unknown.
+std::string answerText(Answer answer) {
+  return std::string(tools::answerWords(answer)) +
+         (answer == Answer::UNKNOWN ? " (summary cut)" : "");
 }
 
 void printHeading(const Trace& trace, const CacheRecord& cache, std::size_t number,

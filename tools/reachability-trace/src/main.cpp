@@ -5,12 +5,13 @@
 
 #include <cerrno>
 #include <iostream>
+#include <optional>
 #include <string>
 #include <system_error>
 #include <vector>
 
 #include "CaptureTrace.h"
-#include "SafeText.h"
+#include "CommandLine.h"
 #include "TimelineSvg.h"
 #include "TraceOptions.h"
 #include "TraceOutput.h"
@@ -20,10 +21,9 @@ namespace {
 using namespace veranda::reachabilityCache;
 using namespace veranda::reachabilityCache::trace;
 
-int fail(const std::string& error, int status) {
-  std::cerr << "reachability-trace: error: " << tools::terminalText(error) << '\n';
-  return status;
-}
+const char* const PROGRAM = "reachability-trace";
+
+int fail(const std::string& error, int status) { return tools::failTool(PROGRAM, error, status); }
 
 std::string baseName(const std::string& path) {
   return path == "-" ? "standard input" : path.substr(path.find_last_of('/') + 1);
@@ -50,16 +50,11 @@ int draw(const Trace& trace, const TraceOptions& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  const TraceOptionsResult parsed =
-      parseTraceOptions(std::vector<std::string>(argv + 1, argv + argc));
-  if (!parsed.ok) {
-    return fail(parsed.error + " (see --help)", 2);
+  const TraceOptionsResult parsed = parseTraceOptions(tools::argumentsOf(argc, argv));
+  if (const std::optional<int> status = tools::startTool(PROGRAM, parsed, traceUsageText)) {
+    return *status;
   }
   const TraceOptions& options = parsed.options;
-  if (options.help) {
-    std::cout << traceUsageText();
-    return 0;
-  }
   const bool standardInput = options.capturePath == "-";
   const int fd = standardInput ? STDIN_FILENO : ::open(options.capturePath.c_str(), O_RDONLY);
   if (fd < 0) {

@@ -5,7 +5,7 @@
 #include <thread>
 #include <vector>
 
-#include "reachabilityCache/ThreadAnnotations.h"
+#include "sync/Mutex.h"
 
 namespace veranda::reachabilityCache {
 namespace {

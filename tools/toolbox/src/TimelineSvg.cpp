@@ -48,28 +48,29 @@ std::string tickLabel(double seconds) {
 
 std::string label(const std::string& text) { return shortened(text, LABEL_CHARS); }
 
-const char* colour(SpanState state) {
-  switch (state) {
-    case SpanState::REACHABLE:
+const char* colour(Answer answer) {
+  switch (answer) {
+    case Answer::REACHABLE:
       return REACHABLE_COLOUR;
-    case SpanState::UNREACHABLE:
+    case Answer::UNREACHABLE:
       return UNREACHABLE_COLOUR;
-    case SpanState::ABSENT:
+    case Answer::ABSENT:
+    case Answer::UNKNOWN:
       break;
   }
   return ABSENT_COLOUR;
 }
 
-// The state of `row` at `atMs`: that of the last span starting at or before it.
-SpanState stateAt(const TimelineRow& row, int64_t atMs) {
-  SpanState state = SpanState::ABSENT;
-  for (const StateSpan& span : row.spans) {
+// The answer of `row` at `atMs`: that of the last span starting at or before it.
+Answer answerAt(const TimelineRow& row, int64_t atMs) {
+  Answer answer = Answer::ABSENT;
+  for (const AnswerSpan& span : row.spans) {
     if (span.fromMs > atMs) {
       break;
     }
-    state = span.toMs > atMs ? span.state : SpanState::ABSENT;
+    answer = span.toMs > atMs ? span.answer : Answer::ABSENT;
   }
-  return state;
+  return answer;
 }
 
 // A tick step (in seconds) that gives at most a dozen ticks.
@@ -194,9 +195,9 @@ class Drawing {
     std::vector<double> known(BAND_BINS + 1);
     for (const TimelineRow& row : picture_.rows) {
       for (int bin = 0; bin <= BAND_BINS; ++bin) {
-        const SpanState state = stateAt(row, binTime(bin));
-        reachable[bin] += state == SpanState::REACHABLE ? 1 : 0;
-        known[bin] += state != SpanState::ABSENT ? 1 : 0;
+        const Answer answer = answerAt(row, binTime(bin));
+        reachable[bin] += answer == Answer::REACHABLE ? 1 : 0;
+        known[bin] += answer != Answer::ABSENT ? 1 : 0;
       }
     }
     const auto y = [&](double count) { return bottom - BAND_HEIGHT * count / total; };
@@ -231,11 +232,12 @@ class Drawing {
       svg_ << "<g><title>" << xmlText(row.label) << "</title>\n<text x=\"" << num(left_ - 6)
            << "\" y=\"" << num(barTop + BAR_HEIGHT - 2) << "\" text-anchor=\"end\">"
            << xmlText(label(row.label)) << "</text>\n";
-      for (const StateSpan& span : row.spans) {
+      for (const AnswerSpan& span : row.spans) {
         const double from = x(span.fromMs);
         const double width = std::max(x(span.toMs) - from, 1.0);  // short flaps stay visible
         svg_ << "<rect x=\"" << num(from) << "\" y=\"" << num(barTop) << "\" width=\"" << num(width)
-             << "\" height=\"" << num(BAR_HEIGHT) << "\" fill=\"" << colour(span.state) << "\"/>\n";
+             << "\" height=\"" << num(BAR_HEIGHT) << "\" fill=\"" << colour(span.answer)
+             << "\"/>\n";
       }
       // A dark tick on the bar at each notification about the entity.
       for (int64_t atMs : row.marksMs) {

@@ -12,7 +12,7 @@
 #include <nlohmann/json_fwd.hpp>
 #include <string>
 
-namespace veranda::reachabilityCache::sim {
+namespace veranda::reachabilityCache::tools {
 
 inline constexpr std::size_t EXCERPT_LENGTH = 40;
 
@@ -26,4 +26,4 @@ std::string quotedExcerpt(const std::string& text);
 // The end of `text` unquoted, escaped as above, with "..." in front when cut.
 std::string tailExcerpt(const std::string& text);
 
-}  // namespace veranda::reachabilityCache::sim
+}  // namespace veranda::reachabilityCache::tools

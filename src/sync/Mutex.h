@@ -1,23 +1,10 @@
-// Lock annotations for clang's -Wthread-safety analysis, and the annotated
-// mutex that the library's classes use. The macros vanish on other compilers.
+// The annotated mutex that the library's classes use, and its scoped holder.
 #pragma once
 
 #include <chrono>
 #include <mutex>
 
-#if defined(__clang__)
-#define RC_THREAD_ANNOTATION(x) __attribute__((x))
-#else
-#define RC_THREAD_ANNOTATION(x)
-#endif
-
-#define RC_CAPABILITY(name) RC_THREAD_ANNOTATION(capability(name))
-#define RC_SCOPED_CAPABILITY RC_THREAD_ANNOTATION(scoped_lockable)
-#define RC_GUARDED_BY(mutex) RC_THREAD_ANNOTATION(guarded_by(mutex))
-#define RC_REQUIRES(...) RC_THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
-#define RC_EXCLUDES(...) RC_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
-#define RC_ACQUIRE(...) RC_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
-#define RC_RELEASE(...) RC_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
+#include "sync/ThreadAnnotations.h"
 
 namespace veranda::reachabilityCache {
 

@@ -7,21 +7,21 @@
 #include <string>
 #include <vector>
 
+#include "Answer.h"
+
 namespace veranda::reachabilityCache::tools {
 
 // What isEntityReachable answered during a span.
-enum class SpanState { ABSENT, REACHABLE, UNREACHABLE };
-
-struct StateSpan {
+struct AnswerSpan {
   int64_t fromMs = 0;  // since the start of the picture
   int64_t toMs = 0;    // exclusive
-  SpanState state = SpanState::ABSENT;
+  Answer answer = Answer::ABSENT;
 };
 
 struct TimelineRow {
-  std::string label;             // any text; shown shortened, whole in the tooltip
-  std::vector<StateSpan> spans;  // in time order; time outside every span is left blank
-  std::vector<int64_t> marksMs;  // when listeners were told about the entity
+  std::string label;              // any text; shown shortened, whole in the tooltip
+  std::vector<AnswerSpan> spans;  // in time order; time outside every span is left blank
+  std::vector<int64_t> marksMs;   // when listeners were told about the entity
 };
 
 struct TimelinePicture {

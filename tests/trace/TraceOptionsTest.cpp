@@ -1,0 +1,38 @@
+// reachability-trace's command line: refused with the same words as the
+// simulator's, since both read it through the toolbox.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "TraceOptions.h"
+
+namespace veranda::reachabilityCache::trace {
+namespace {
+
+TEST(TraceOptionsTest, BadCommandLinesAreRefusedWithOneLine) {
+  const std::pair<std::vector<std::string>, std::string> cases[] = {
+      {{}, "FILE is required"},
+      {{"--entity"}, "--entity needs a value"},
+      {{"--bogus", "a.txt"}, "unknown option '--bogus'"},
+      {{"a.txt", "b\x1b.txt"}, "unexpected argument 'b\\x1b.txt'"},
+      {{"--timeline", "", "a.txt"}, "--timeline: needs a file path, got an empty text"},
+      {{"--cache", "0", "a.txt"}, "--cache: counts from 1, got 0"},
+      {{"--json", "--entity", "lamp", "a.txt"}, "--json excludes --entity"},
+  };
+  for (const auto& [arguments, error] : cases) {
+    const TraceOptionsResult parsed = parseTraceOptions(arguments);
+    EXPECT_FALSE(parsed.ok);
+    EXPECT_EQ(parsed.error, error);
+  }
+  const TraceOptionsResult help = parseTraceOptions({"--help"});
+  EXPECT_TRUE(help.ok && help.help);
+  const TraceOptionsResult read = parseTraceOptions({"--cache", "2", "--timeline", "t.svg", "-"});
+  ASSERT_TRUE(read.ok) << read.error;
+  EXPECT_TRUE(read.options.cache == 2 && read.options.timelinePath == "t.svg" &&
+              read.options.capturePath == "-" && !read.help);
+}
+
+}  // namespace
+}  // namespace veranda::reachabilityCache::trace

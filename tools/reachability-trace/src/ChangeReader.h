@@ -1,0 +1,64 @@
+// Reads the changes told to a cache's listeners: from the store's
+// notification lines and from the result summaries, which also tell each
+// entity's answer before and after its result.
+#pragma once
+
+#include <cstddef>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "CacheMessage.h"
+#include "CheckReader.h"
+#include "EntityAnswers.h"
+#include "EventReader.h"
+
+namespace veranda::reachabilityCache::trace {
+
+// The readers of one cache that the changes need. One per cache; not
+// thread-safe.
+class ChangeReader {
+ public:
+  // `storyEntity`, when not empty, names the entity whose changes keep the
+  // log lines that caused them.
+  ChangeReader(const std::string& storyEntity, CheckReader& checks, const EventReader& events,
+               EntityAnswers& answers)
+      : storyEntity_(storyEntity), checks_(checks), events_(events), answers_(answers) {}
+
+  // A "notifyReachabilityListeners" line of the store; false when it lacks
+  // a field it must have.
+  bool notification(const CacheMessage& in);
+  // A "processReachabilityResults" line of the updater: the summary of a
+  // check's result or of an event's.
+  void summary(const CacheMessage& in);
+
+ private:
+  // A notification line whose summary has not come yet.
+  struct Note {
+    std::string endpointId;
+    std::string entityId;
+    bool reachable;
+    std::size_t change;
+  };
+
+  bool inStory(std::string_view entityId) const;
+  // The log lines that led to a change of `endpointId` told in `in`: the
+  // check's answer on the same thread, or else the endpoint's last event.
+  std::vector<std::string> causeOf(const CacheMessage& in, std::string_view endpointId) const;
+  // Applies one entry of a summary; `answered`: the check it reports, if any.
+  void applyEntry(const CacheMessage& in, const SummaryEntry& entry, std::string_view entryText,
+                  const CheckRecord* answered);
+  // The change that `entry` tells: the one its notification line told
+  // already, or a new one.
+  ChangeRecord& changeOf(const CacheMessage& in, EntityRecord& record, const SummaryEntry& entry);
+
+  const std::string& storyEntity_;
+  CheckReader& checks_;
+  const EventReader& events_;
+  EntityAnswers& answers_;
+  std::map<int, std::vector<Note>> notes_;  // thread -> notifications awaiting their summary
+  bool notified_ = false;                   // the capture has notification lines
+};
+
+}  // namespace veranda::reachabilityCache::trace

@@ -1,0 +1,54 @@
+// Reads a cache's checks from its lines: the periodic cycles and the manual
+// checks, each joined by its request id from start to answer.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <utility>
+
+#include "CacheMessage.h"
+
+namespace veranda::reachabilityCache::trace {
+
+// One per cache; not thread-safe.
+class CheckReader {
+ public:
+  // `keepAnswerLines`: keep each answer's log line, for an entity's story.
+  explicit CheckReader(bool keepAnswerLines) : keepAnswerLines_(keepAnswerLines) {}
+
+  // The updater's lines about the periodic chain and the checks it starts.
+  void updaterLine(const CacheMessage& in);
+  // The checker's lines about a check: its request and its answer.
+  void checkerLine(const CacheMessage& in);
+
+  // The check whose answer is being applied on `thread`, if any.
+  const CheckRecord* answering(const CacheRecord& cache, int thread) const;
+
+  // The check whose result summary `in` is, no longer awaited; null for an
+  // event's summary. Without thread ids an event's summary may come between
+  // a check's answer and its summary: the check's own lists every result
+  // (`entries` of them), unless the platform `cut` it.
+  CheckRecord* takeSummarised(const CacheMessage& in, bool cut, std::size_t entries);
+
+ private:
+  // A check as the cache's record lists it: (periodic, index in its list).
+  using Place = std::pair<bool, std::size_t>;
+
+  // The check with `requestId`, made when its first line is seen.
+  CheckRecord& check(CacheRecord& cache, std::string_view requestId, Micros at);
+  static CheckRecord& recordAt(CacheRecord& cache, Place place);
+  void periodicUpdate(const CacheMessage& in);
+
+  bool keepAnswerLines_;
+  bool periodicRunning_ = false;
+  std::optional<uint64_t> nextEndpointCount_;  // told before the cycle's request id
+  std::unordered_map<std::string, Place> checks_;
+  std::map<int, Place> answers_;  // thread -> check awaiting its summary
+};
+
+}  // namespace veranda::reachabilityCache::trace
