@@ -10,7 +10,6 @@
 #include <string>
 #include <vector>
 
-#include "LogRecorder.h"
 #include "reachabilityCache/ReachabilityCache.h"
 #include "reachabilityCache/testing/FakeChrProvider.h"
 #include "reachabilityCache/testing/FakeReachabilityChecker.h"
@@ -37,16 +36,10 @@ const EndpointInfo PLUG("plug", "desk", ZIGBEE, {{"power", "main"}});
 class DeviceMoveTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    test::LogRecorder::instance().setDiscard(true);
     provider.setEndpoints({lampUnder("hall"), PLUG});
     cache = std::make_unique<ReachabilityCache>(
         &provider, ReachabilityCache::Config{10, INTERVAL, true, checker});
     nextCycle();  // the lamp is stored under "hall"
-  }
-
-  void TearDown() override {
-    cache.reset();
-    test::LogRecorder::instance().setDiscard(false);
   }
 
   // Runs the next cycle; every device it asks about answers reachable.
