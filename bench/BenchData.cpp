@@ -83,6 +83,29 @@ std::vector<EndpointInfo> firstEndpoints(std::size_t endpointCount) {
   return endpoints;
 }
 
+std::vector<applianceDriver::DiscoveredDevice> devicesFor(
+    const std::vector<EndpointInfo>& endpoints, bool reachable) {
+  std::vector<applianceDriver::DiscoveredDevice> devices;
+  devices.reserve(endpoints.size());
+  for (const EndpointInfo& endpoint : endpoints) {
+    applianceDriver::DiscoveredDevice& device = devices.emplace_back();
+    device.endpointId = endpoint.endpointId;
+    device.entityId = endpoint.entityId;
+    device.adapterName = endpoint.adapterName;
+    device.driverType = applianceDriver::ApplianceDriverType::NATIVE;
+    for (const CapabilityKey& key : endpoint.capabilities) {
+      device.capabilities.emplace(key.capability, key.qualifier);
+    }
+    device.isReachable = reachable;
+  }
+  return devices;
+}
+
+EndpointInfo staleEndpointFor(uint64_t seed) {
+  const std::string id = uuidFor(seed ^ 0x57a1eULL);
+  return EndpointInfo(id, "stale-" + id, "PROT_WIFI-ADAPTER", standardCapabilities());
+}
+
 CachedEndpoint asCached(const EndpointInfo& endpoint,
                         applianceDriver::ApplianceDriverType driverType) {
   return CachedEndpoint(endpoint.endpointId, endpoint.entityId, endpoint.adapterName, driverType,

@@ -22,6 +22,9 @@
 
 namespace veranda::reachabilityCache::bench {
 
+// CPU time of the calling thread so far (user and system).
+std::chrono::duration<double> threadCpuTime();
+
 // Counts finished checks; waiters block until a count is reached.
 class CompletionSignal {
  public:

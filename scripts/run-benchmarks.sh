@@ -103,7 +103,7 @@ else
   # One family of benchmarks at a time, under both allocators one after the
   # other (the first alternating), so that both see the machine alike.
   first=0
-  for family in query cycle eventLatency contention; do
+  for family in query cycle eventLatency contention tracker; do
     for i in 0 1; do
       allocator="${allocators[$(((first + i) % 2))]}"
       run "$allocator" "$family" reachabilityCacheBench "${timing_flags[@]}" \
@@ -189,7 +189,7 @@ goals() {
 tables() {
   local allocator="$1"
   echo "## Results with $(label_of "$allocator")"
-  for name in query cycle eventLatency contention timing memory; do
+  for name in query cycle eventLatency contention tracker timing memory; do
     if [ -f "$results/$allocator/$name.md" ]; then
       grep -v '^Allocator: ' "$results/$allocator/$name.md"
     fi

@@ -56,6 +56,17 @@ class ReachabilityUpdater;
 // Unregistering does not wait for a notification under way on another thread:
 // the listener may still be running, or be called once more by it.
 //
+// Exceptions: the cache catches nothing that the provider or a listener
+// throws. The exception escapes into the thread that called them (the
+// cache's worker, or the checker's thread for a check's answer): with the
+// library's platform stand-ins, and with any executor or driver that does not
+// catch it, the process ends (std::terminate). A thread that catches it
+// leaves the cycle or the answer half applied, with no log line about it; a
+// provider's exception also ends the chain of periodic cycles, and a
+// listener's during an answer stops an EntityReachabilityTracker of this
+// cache from reporting that answer's entities. Providers and listeners must
+// not throw.
+//
 // Teardown: checks handed to the checker are not cancelled, and their
 // completions refer to the cache. Put a ReachabilityCheckerGuard between the
 // cache and its checker: the destructor closes a guard that is the cache's
@@ -141,8 +152,8 @@ class REACHABILITY_CACHE_EXPORT ReachabilityCache {
   ReachabilityCacheHealth health() const;
 
  private:
-  // Read the store without the query log lines; the owner also starts
-  // manual checks.
+  // Read the store without the query log lines. The tracker also checks
+  // that its guard is this cache's checker; the owner starts manual checks.
   friend class EntityReachabilityTracker;
   friend class ReachabilityCacheOwner;
 

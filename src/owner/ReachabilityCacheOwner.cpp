@@ -22,7 +22,7 @@ void confirmRecovery(const CacheCore& store, ReachabilityUpdater& updater,
   // one the endpoint is stored under.
   const std::string entityId =
       event.entityId.empty() ? store.entityIdOfEndpoint(event.endpointId) : event.entityId;
-  if (entityId.empty() || store.hasReachableEndpoint(entityId)) {
+  if (entityId.empty() || store.isEntityReachableUnlogged(entityId)) {
     return;
   }
   for (EndpointInfo& endpoint : store.getEndpointsForEntity(entityId)) {

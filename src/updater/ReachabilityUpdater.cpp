@@ -22,7 +22,7 @@
 #include "diagnostics/LogBuilder.h"
 #include "diagnostics/LogSchema.h"
 #include "diagnostics/ReachabilityCacheMetrics.h"
-#include "reachabilityCache/CachedEndpoint.h"
+#include "memory/Arena.h"
 #include "taskExecutor/Message.h"
 
 namespace veranda::reachabilityCache {
@@ -151,14 +151,18 @@ void ReachabilityUpdater::performPeriodicUpdate() {
   const std::string requestId = requestIdPrefix::PERIODIC + generateRequestId();
 
   // Views of the provider's ids: `endpoints` outlives the sweep.
-  std::unordered_set<std::string_view> currentEndpointIds;
+  Arena arena;
+  CacheCore::EndpointIdSet currentEndpointIds{CacheCore::EndpointIdSet::allocator_type(arena)};
   currentEndpointIds.reserve(endpoints.size());
   for (const EndpointInfo& endpoint : endpoints) {
     currentEndpointIds.insert(endpoint.endpointId);
   }
-  removeStaleEntries(currentEndpointIds);
+  {
+    const ChangeOriginScope sweep(ChangeOrigin::SWEEP);
+    removeStaleEntries(currentEndpointIds);
+  }
 
-  if (!startCheck(endpoints, requestId, UpdateType::PERIODIC)) {
+  if (!startCheck(endpoints, requestId, ChangeOrigin::PERIODIC_CHECK)) {
     logUpdater(LogPriority::ERROR, LogBuilder(label::PERFORM_PERIODIC_UPDATE, nullptr)
                                        .d(key::REQUEST_ID, requestId.c_str())
                                        .d(key::REASON, reason::CHECK_START_FAILED));
@@ -168,12 +172,11 @@ void ReachabilityUpdater::performPeriodicUpdate() {
   rearmPeriodicUpdate();
 }
 
-void ReachabilityUpdater::removeStaleEntries(
-    const std::unordered_set<std::string_view>& currentEndpointIds) {
-  for (const auto& [endpointId, entityId] : cache->getCachedEndpointIds()) {
-    if (currentEndpointIds.count(endpointId) == 0) {
-      cache->removeEndpoint(entityId, endpointId);
-    }
+void ReachabilityUpdater::removeStaleEntries(const CacheCore::EndpointIdSet& currentEndpointIds) {
+  // In the order of a copy of the index, as if the sweep walked one; without
+  // making it.
+  for (const auto& [endpointId, entityId] : cache->getEndpointsNotNamed(currentEndpointIds)) {
+    cache->removeEndpoint(entityId, endpointId);
   }
 }
 
@@ -191,7 +194,7 @@ void ReachabilityUpdater::performManualUpdate(const std::vector<EndpointInfo>& e
     return;
   }
   const std::string requestId = requestIdPrefix::MANUAL + generateRequestId();
-  if (!startCheck(endpoints, requestId, UpdateType::MANUAL)) {
+  if (!startCheck(endpoints, requestId, ChangeOrigin::MANUAL_CHECK)) {
     logUpdater(LogPriority::ERROR, LogBuilder(LAMBDA_FUNCTION, label::MANUAL_TRIGGER)
                                        .d(key::REQUEST_ID, requestId.c_str())
                                        .d(key::REASON, reason::CHECK_START_FAILED));
@@ -201,16 +204,19 @@ void ReachabilityUpdater::performManualUpdate(const std::vector<EndpointInfo>& e
 }
 
 bool ReachabilityUpdater::startCheck(const std::vector<EndpointInfo>& endpoints,
-                                     const std::string& requestId, UpdateType updateType) {
+                                     const std::string& requestId, ChangeOrigin origin) {
   // Counted before the call: the checker may answer before it returns.
   ++checksRequested_;
   // Without a checker no check can start.
   const bool started = checker != nullptr &&
                        checker->checkReachability(
                            endpoints, requestId,
-                           [this, updateType](const std::vector<ReachabilityCheckResult>& results) {
-                             processReachabilityResults(results);
-                             countAnswer(updateType);
+                           [this, origin](const std::vector<ReachabilityCheckResult>& results) {
+                             {
+                               const ChangeOriginScope scope(origin);
+                               processReachabilityResults(results);
+                             }
+                             countAnswer(origin);
                            });
   if (!started) {
     ++checksRefused_;
@@ -218,9 +224,9 @@ bool ReachabilityUpdater::startCheck(const std::vector<EndpointInfo>& endpoints,
   return started;
 }
 
-void ReachabilityUpdater::countAnswer(UpdateType updateType) {
+void ReachabilityUpdater::countAnswer(ChangeOrigin origin) {
   ++checksAnswered_;
-  if (updateType == UpdateType::PERIODIC) {
+  if (origin == ChangeOrigin::PERIODIC_CHECK) {
     lastCycleAnsweredAt_ = std::chrono::steady_clock::now().time_since_epoch().count();
     ++cyclesAnswered_;
   }
@@ -249,6 +255,8 @@ void ReachabilityUpdater::processReachabilityResults(
   unsigned int changedCount = 0;
   std::string details;
   for (const ReachabilityCheckResult& result : results) {
+    // Followers learn that the entity was judged, also when nothing changes.
+    cache->changeFeed().record(CacheCore::normalizeEntityId(result.entityId));
     const bool wasReachable = cache->isEntityReachable(result.entityId);
     bool applied = false;
     if (result.isReachable) {
@@ -272,9 +280,10 @@ void ReachabilityUpdater::processReachabilityResults(
 
 bool ReachabilityUpdater::processReachableEndpoint(const ReachabilityCheckResult& result,
                                                    bool wasReachable) {
+  // The record the store takes, built only where the store keeps it.
   const bool inserted =
-      cache->insertEndpoint(CachedEndpoint(result.endpointId, result.entityId, result.adapterName,
-                                           result.driverType, result.capabilities));
+      cache->insertEndpoint(result.endpointId, result.entityId, result.adapterName,
+                            result.driverType, result.capabilities);
   if (inserted && !wasReachable) {
     cache->notifyReachabilityListeners(result.endpointId, result.entityId, true);
   }
@@ -344,6 +353,7 @@ void ReachabilityUpdater::disableProactiveUpdates() {
 bool ReachabilityUpdater::isProactiveUpdatesEnabled() const { return proactiveUpdatesEnabled; }
 
 void ReachabilityUpdater::handleProactiveUpdate(const ReachabilityCheckResult& result) {
+  const ChangeOriginScope scope(ChangeOrigin::CONNECTIVITY_EVENT);
   std::vector<ReachabilityCheckResult> results{result};
   if (result.entityId.empty() && !result.endpointId.empty()) {
     std::string entityId = cache->getEntityIdForEndpoint(result.endpointId);

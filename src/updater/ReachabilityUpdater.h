@@ -10,13 +10,13 @@
 #include <unordered_set>
 #include <vector>
 
-#include "diagnostics/ReachabilityCacheMetrics.h"
 #include "reachabilityCache/EndpointInfo.h"
 #include "reachabilityCache/ICHRProvider.h"
 #include "reachabilityCache/IReachabilityChecker.h"
 #include "reachabilityCache/ReachabilityCacheHealth.h"
 #include "reachabilityCache/ReachabilityCheckResult.h"
 #include "store/CacheCore.h"
+#include "store/ChangeOrigin.h"
 #include "sync/Mutex.h"
 #include "taskExecutor/TaskExecutor.h"
 
@@ -70,16 +70,15 @@ class ReachabilityUpdater {
   ReachabilityCacheHealth health() const;
 
  private:
-  using UpdateType = ReachabilityCacheMetrics::UpdateType;
-
   void performPeriodicUpdate();
   void performManualUpdate(const std::vector<EndpointInfo>& endpoints);
   std::string generateRequestId();
-  // Starts a batch check whose results are applied on the checker's thread.
+  // Starts a batch check whose results are applied on the checker's thread,
+  // as changes of `origin`, and counted for health().
   bool startCheck(const std::vector<EndpointInfo>& endpoints, const std::string& requestId,
-                  UpdateType updateType);
-  void countAnswer(UpdateType updateType);
-  void removeStaleEntries(const std::unordered_set<std::string_view>& currentEndpointIds);
+                  ChangeOrigin origin);
+  void countAnswer(ChangeOrigin origin);
+  void removeStaleEntries(const CacheCore::EndpointIdSet& currentEndpointIds);
   void rearmPeriodicUpdate();
   void processReachabilityResults(const std::vector<ReachabilityCheckResult>& results);
   bool processReachableEndpoint(const ReachabilityCheckResult& result, bool wasReachable);

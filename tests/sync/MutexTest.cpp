@@ -28,7 +28,7 @@ TEST(MutexTest, HoldersNeverOverlapWhetherWaitersRetryOrPark) {
         overlaps += ++holders == 1 ? 0 : 1;
         ++total;
         if (round % 20 == t) {
-          const auto until = std::chrono::steady_clock::now() + 3 * Mutex::SPIN_TIME;
+          const auto until = std::chrono::steady_clock::now() + 3 * LOCK_SPIN_TIME;
           while (std::chrono::steady_clock::now() < until) {
           }
         }

@@ -14,8 +14,8 @@ namespace veranda::reachabilityCache::test {
 // 6 error), its tag and its text.
 struct LogLine {
   int priority = 0;  // 3 debug, 4 info, 5 warn, 6 error
-  std::string tag;   // the component's tag, such as "ReachabilityCache-CacheCore"
-  std::string text;  // the whole line, label and fields
+  std::string tag;   // the writer's tag
+  std::string text;  // the line without tag or priority
 
   // Same priority, tag and text.
   bool operator==(const LogLine& other) const {
@@ -23,7 +23,7 @@ struct LogLine {
   }
 };
 
-// Writes the line as {priority, tag, "text"}, for test failures.
+// Writes {priority, tag, "text"}, for test failure messages.
 std::ostream& operator<<(std::ostream& out, const LogLine& line);
 
 // While a LogCapture lives, the lines that the cache writes, and the metric
@@ -44,13 +44,13 @@ std::ostream& operator<<(std::ostream& out, const LogLine& line);
 // listener or another callback of the cache.
 class LogCapture {
  public:
-  // What the capture does with the lines that arrive.
+  // What the capture does with a line that arrives.
   enum class Mode {
     COLLECT,  // keeps each line
     SILENCE,  // drops each line: nothing reaches standard error
   };
 
-  // Starts capturing: from now on every line arrives here as `mode` says.
+  // Starts capturing at once, in `mode`.
   explicit LogCapture(Mode mode = Mode::COLLECT);
   ~LogCapture();
 
