@@ -22,6 +22,7 @@
 #include "reachabilityCache/IReachabilityChecker.h"
 #include "reachabilityCache/ReachabilityCache.h"
 #include "reachabilityCache/ReachabilityCacheOwner.h"
+#include "reachabilityCache/TrackedEntityState.h"
 
 namespace {
 
@@ -29,11 +30,14 @@ using veranda::applianceDriver::ApplianceDriverType;
 using veranda::applianceDriver::DiscoveredDevice;
 using veranda::reachabilityCache::ApplianceDriverReachabilityChecker;
 using veranda::reachabilityCache::EndpointInfo;
+using veranda::reachabilityCache::EntityReachability;
 using veranda::reachabilityCache::ICHRProvider;
 using veranda::reachabilityCache::IReachabilityChecker;
 using veranda::reachabilityCache::ReachabilityCache;
 using veranda::reachabilityCache::ReachabilityCacheHealth;
 using veranda::reachabilityCache::ReachabilityCacheOwner;
+using veranda::reachabilityCache::ReachabilityCause;
+using veranda::reachabilityCache::TrackedEntityState;
 
 constexpr auto WAIT_LIMIT = std::chrono::seconds(10);
 // Far longer than the example runs: only connectivity events and checks the
@@ -142,7 +146,7 @@ int run() {
     status = 1;
   };
   ReachabilityCacheOwner::Options options;
-  options.onEntityChange = [&screen](const std::string& entityId, bool reachable) {
+  options.tracker.onChange = [&screen](const std::string& entityId, bool reachable) {
     screen.show(entityId, reachable);
   };
   options.confirmRecovery = true;
@@ -180,6 +184,13 @@ int run() {
       "is %lld s away)\n",
       static_cast<long long>(confirmedInMs), static_cast<long long>(ANSWER_LATENCY.count()),
       static_cast<long long>(UPDATE_INTERVAL.count()));
+  // The UI's state tells why: the check the connectivity event started.
+  const TrackedEntityState lamp = owner->entityState("kitchen-lamp");
+  std::printf("kitchen-lamp: %s (%s)\n", toString(lamp.reachability), toString(lamp.cause));
+  if (lamp.reachability != EntityReachability::REACHABLE ||
+      lamp.cause != ReachabilityCause::MANUAL_CHECK_RESULT) {
+    fail("the lamp's state does not name the confirming check");
+  }
 
   const ReachabilityCacheHealth health = owner->health();
   std::printf("health: events heard %s, cycles answered %llu, checks answered %llu of %llu\n",

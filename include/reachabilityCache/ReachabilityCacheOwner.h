@@ -16,6 +16,7 @@
 #include "reachabilityCache/ReachabilityCache.h"
 #include "reachabilityCache/ReachabilityCacheHealth.h"
 #include "reachabilityCache/ReachabilityCheckerGuard.h"
+#include "reachabilityCache/TrackedEntityState.h"
 
 namespace veranda::reachabilityCache {
 
@@ -26,14 +27,15 @@ class ConnectivityTap;
 //
 //   HomeRegistry registry;  // declared before the owner: it must outlive it
 //   ReachabilityCacheOwner::Options options;
-//   options.onEntityChange = [](const std::string& entityId, bool reachable) { ... };
+//   options.tracker.onChange = [](const std::string& entityId, bool reachable) { ... };
 //   options.confirmRecovery = true;
 //   ReachabilityCacheOwner owner(
 //       &registry, {500, std::chrono::seconds(60), true,
 //                   std::make_shared<ApplianceDriverReachabilityChecker>()},
 //       options);
 //   owner.cache().isEntityReachable("living-room-lamp");
-//   owner.refresh("living-room-lamp");  // pull-to-refresh
+//   owner.entityState("living-room-lamp");  // UNKNOWN, REACHABLE or UNREACHABLE, why, since when
+//   owner.refresh("living-room-lamp");      // pull-to-refresh
 //
 // The cache behaves, logs and notifies exactly as one the host builds itself;
 // the owner only adds what the host would otherwise have to get right by
@@ -63,12 +65,12 @@ class REACHABILITY_CACHE_EXPORT ReachabilityCacheOwner {
  public:
   // What the owner adds to the cache; the defaults add nothing.
   struct Options {
-    // With a callback, an EntityReachabilityTracker follows the cache and
-    // calls it once per change of an entity's reachability (see that class).
-    // Empty: no tracker.
-    EntityReachabilityTracker::ChangeCallback onEntityChange;
-    // The tracker's hold-down before it reports "unreachable"; zero: none.
-    std::chrono::milliseconds unreachableHoldDown{0};
+    // Entity tracking: an EntityReachabilityTracker follows the cache when
+    // this is true or `tracker` names a callback.
+    bool trackEntities = false;
+    // The tracker's callbacks, hold-down and clock (see
+    // EntityReachabilityTracker::Options).
+    EntityReachabilityTracker::Options tracker;
     // Recovery confirmation: a connectivity event that says an endpoint is
     // back while its entity is not reachable starts a manual check of that
     // endpoint at once. The event alone cannot make the entity reachable (it
@@ -100,7 +102,7 @@ class REACHABILITY_CACHE_EXPORT ReachabilityCacheOwner {
   const ReachabilityCache& cache() const;
   // The guard that is the cache's checker, for observers.
   ReachabilityCheckerGuard& guard();
-  // The tracker; null without Options::onEntityChange.
+  // The tracker; null without entity tracking (see Options).
   EntityReachabilityTracker* tracker();
 
   // ---- The host's changes ----
@@ -125,6 +127,16 @@ class REACHABILITY_CACHE_EXPORT ReachabilityCacheOwner {
   // that the provider names but the cache has never held come with the next
   // cycle.
   std::size_t refreshAll();
+
+  // ---- Entity state ----
+
+  // The tracker's state of the entity (with or without the id prefix).
+  // Without entity tracking every entity is UNKNOWN, with cause NONE and no
+  // time.
+  TrackedEntityState entityState(const std::string& entityId) const;
+  // The tracker's state of every entity it has judged, sorted by entity id;
+  // empty without entity tracking.
+  std::vector<TrackedEntityState> entityStates() const;
 
   // ---- Health ----
 

@@ -51,16 +51,16 @@ ReachabilityCacheOwner::ReachabilityCacheOwner(ICHRProvider* chrProvider,
   ReachabilityCache::Config guarded = config;
   guarded.reachabilityChecker = guard_;
   cache_ = std::make_unique<ReachabilityCache>(chrProvider, guarded);
+  if (options.trackEntities || options.tracker.onChange || options.tracker.onStateChange) {
+    tracker_ =
+        std::make_unique<EntityReachabilityTracker>(*cache_, guard_, std::move(options.tracker));
+  }
   if (tap_ != nullptr) {
     // Both outlive the tap's handler: close() detaches it before they go.
     tap_->attach([store = cache_->cacheCore.get(),
                   updater = cache_->updater.get()](const ReachabilityCheckResult& event) {
       confirmRecovery(*store, *updater, event);
     });
-  }
-  if (options.onEntityChange) {
-    tracker_ = std::make_unique<EntityReachabilityTracker>(
-        *cache_, guard_, std::move(options.onEntityChange), options.unreachableHoldDown);
   }
 }
 
@@ -133,6 +133,19 @@ std::size_t ReachabilityCacheOwner::refreshAll() {
     cache_->updater->triggerUpdate(endpoints);
   }
   return endpoints.size();
+}
+
+TrackedEntityState ReachabilityCacheOwner::entityState(const std::string& entityId) const {
+  if (tracker_ != nullptr) {
+    return tracker_->state(entityId);
+  }
+  TrackedEntityState unknown;
+  unknown.entityId = CacheCore::normalizeEntityId(entityId);
+  return unknown;
+}
+
+std::vector<TrackedEntityState> ReachabilityCacheOwner::entityStates() const {
+  return tracker_ != nullptr ? tracker_->states() : std::vector<TrackedEntityState>();
 }
 
 ReachabilityCacheHealth ReachabilityCacheOwner::health() const { return cache_->health(); }

@@ -30,7 +30,9 @@ using applianceDriver::SimulatedApplianceDriver;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 using test::LogRecorder;
+using ::testing::Each;
 using ::testing::ElementsAre;
+using ::testing::Field;
 using ::testing::IsEmpty;
 
 constexpr const char* ZIGBEE = "PROT_ZIGBEE-ADAPTER";
@@ -94,10 +96,12 @@ class OwnerOverSimulatedDriverTest : public ::testing::Test {
   std::unique_ptr<ReachabilityCacheOwner> makeOwner(bool confirmRecovery) {
     ReachabilityCacheOwner::Options options;
     options.confirmRecovery = confirmRecovery;
-    options.onEntityChange = [this](const std::string& entityId, bool reachable) {
+    options.tracker.onChange = [this](const std::string& entityId, bool reachable) {
       const std::lock_guard<std::mutex> lock(toldMutex);
       told.push_back({entityId, reachable, time.elapsed()});
     };
+    // The tracker's times are virtual time since the test began.
+    options.tracker.clock = [this] { return TrackedEntityState::TimePoint(time.elapsed()); };
     auto checker = std::make_shared<ApplianceDriverReachabilityChecker>(driver);
     checkerAlive = checker;
     return std::make_unique<ReachabilityCacheOwner>(
@@ -164,10 +168,17 @@ TEST_F(OwnerOverSimulatedDriverTest, ABackDeviceIsConfirmedWithinTheAnswerDelayO
                 ElementsAre(Told{"e1", true, at(seconds(1) + ANSWER_DELAY)},
                             Told{"e2", true, at(seconds(1) + ANSWER_DELAY)},
                             Told{"e1", false, at(seconds(10))}, Told{"e1", true, at(confirmedAt)}));
-    // The confirmation is the cache's own manual check.
+    // The confirmation is the cache's own manual check, and the state says so.
     EXPECT_EQ(LogRecorder::instance().countContaining(test::CHECKER_TAG,
                                                       "requestId=manual_2 status=requestSent"),
               confirmRecovery ? 1U : 0U);
+    const TrackedEntityState lamp = owner->entityState("orbt1.veyra.endpoint.e1");
+    EXPECT_EQ(lamp.entityId, "e1");
+    EXPECT_EQ(lamp.reachability, EntityReachability::REACHABLE);
+    EXPECT_EQ(lamp.cause, confirmRecovery ? ReachabilityCause::MANUAL_CHECK_RESULT
+                                          : ReachabilityCause::CYCLE_RESULT);
+    EXPECT_EQ(lamp.since, TrackedEntityState::TimePoint(at(confirmedAt)));
+    EXPECT_EQ(owner->entityStates().size(), 2U);
     owner.reset();
     LogRecorder::instance().clear();
   }
@@ -181,6 +192,37 @@ TEST_F(OwnerOverSimulatedDriverTest, AReplacementMadeBeforeTheOldOneIsGoneHearsN
   replacement.reset();
   owner.reset();  // destroyed first, then made anew: it hears them
   EXPECT_TRUE(makeOwner(false)->health().hearsConnectivityEvents);
+}
+
+TEST_F(OwnerOverSimulatedDriverTest, EntityStatesNeedTrackingButNoCallback) {
+  {
+    ReachabilityCacheOwner untracked(
+        &provider,
+        {10, INTERVAL, true, std::make_shared<ApplianceDriverReachabilityChecker>(driver)});
+    time.advance(seconds(1) + ANSWER_DELAY);
+    ASSERT_TRUE(untracked.cache().isEntityReachable("e1"));
+    EXPECT_EQ(untracked.tracker(), nullptr);
+    const TrackedEntityState unknown = untracked.entityState("orbt1.veyra.endpoint.e1");
+    EXPECT_EQ(unknown.entityId, "e1");
+    EXPECT_EQ(unknown.reachability, EntityReachability::UNKNOWN);
+    EXPECT_EQ(unknown.cause, ReachabilityCause::NONE);
+    EXPECT_THAT(untracked.entityStates(), IsEmpty());
+  }
+  ReachabilityCacheOwner::Options options;
+  options.trackEntities = true;
+  ReachabilityCacheOwner tracked(
+      &provider, {10, INTERVAL, true, std::make_shared<ApplianceDriverReachabilityChecker>(driver)},
+      options);
+  ASSERT_NE(tracked.tracker(), nullptr);
+  time.advance(seconds(1) + ANSWER_DELAY);
+  EXPECT_THAT(tracked.entityStates(), ElementsAre(Field(&TrackedEntityState::entityId, "e1"),
+                                                  Field(&TrackedEntityState::entityId, "e2")));
+  EXPECT_THAT(tracked.entityStates(),
+              Each(Field(&TrackedEntityState::reachability, EntityReachability::REACHABLE)));
+  // The owner's changes go through the tracker, which reports them at once.
+  EXPECT_TRUE(tracked.removeEntity("e2"));
+  EXPECT_EQ(tracked.entityState("e2").reachability, EntityReachability::UNREACHABLE);
+  EXPECT_EQ(tracked.entityState("e2").cause, ReachabilityCause::HOST_CHANGE);
 }
 
 // Waits until `condition` holds, for at most five seconds of real time.
@@ -220,8 +262,8 @@ TEST(OwnerTeardownTest, DestroyedAtAnyMomentNothingRunsAfterwards) {
     auto heard = std::make_shared<std::atomic<int>>(0);
     ReachabilityCacheOwner::Options options;
     options.confirmRecovery = true;
-    options.unreachableHoldDown = milliseconds(round % 2);
-    options.onEntityChange = [heard](const std::string& /*entityId*/, bool /*reachable*/) {
+    options.tracker.unreachableHoldDown = milliseconds(round % 2);
+    options.tracker.onChange = [heard](const std::string& /*entityId*/, bool /*reachable*/) {
       ++*heard;
     };
     auto checker = std::make_shared<ApplianceDriverReachabilityChecker>(driver);

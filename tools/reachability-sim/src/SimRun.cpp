@@ -141,7 +141,7 @@ class HomeRun {
   void startCache() {
     ReachabilityCacheOwner::Options options;
     if (settings_.tracker) {
-      options.onEntityChange = [this](const std::string& entityId, bool reachable) {
+      options.tracker.onChange = [this](const std::string& entityId, bool reachable) {
         timeline_.trackerChange(entityId, reachable);
       };
     }
