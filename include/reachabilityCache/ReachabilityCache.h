@@ -17,6 +17,7 @@
 #include "reachabilityCache/ICHRProvider.h"
 #include "reachabilityCache/IReachabilityChecker.h"
 #include "reachabilityCache/ReachabilityCacheHealth.h"
+#include "reachabilityCache/ReachabilityListener.h"
 
 namespace veranda::reachabilityCache {
 
@@ -89,8 +90,7 @@ class REACHABILITY_CACHE_EXPORT ReachabilityCache {
   };
 
   // Told of a change of an endpoint's reachability; see registerReachabilityListener().
-  using ReachabilityListener = std::function<void(const std::string& endpointId,
-                                                  const std::string& entityId, bool isReachable)>;
+  using ReachabilityListener = reachabilityCache::ReachabilityListener;
 
   // `chrProvider` is borrowed and may be null (then periodic cycles stop at the
   // first one). `config` is copied; later changes to it have no effect. A

@@ -17,7 +17,7 @@
 #include "reachabilityCache/CachedEndpoint.h"
 #include "reachabilityCache/CapabilityKey.h"
 #include "reachabilityCache/EndpointInfo.h"
-#include "reachabilityCache/ReachabilityCache.h"
+#include "reachabilityCache/ReachabilityListener.h"
 #include "store/ChangeFeed.h"
 #include "sync/Mutex.h"
 #include "sync/SharedMutex.h"
@@ -41,7 +41,6 @@ namespace veranda::reachabilityCache {
 // store mutex held.
 class CacheCore {
  public:
-  using ReachabilityListener = ReachabilityCache::ReachabilityListener;
   // Endpoint ids viewed, not copied, with their nodes in an arena: the ids a
   // cycle's provider named.
   using EndpointIdSet =
