@@ -134,6 +134,8 @@ class CacheCore {
   std::unordered_set<std::string> getReachableEntityIds() const RC_EXCLUDES(storeMutex);
   // Not logged. What isEntityReachable() answers.
   bool isEntityReachableUnlogged(const std::string& entityId) const RC_EXCLUDES(storeMutex);
+  // Not logged. What getEntityIdForEndpoint() answers.
+  std::string entityIdOfEndpoint(const std::string& endpointId) const RC_EXCLUDES(storeMutex);
 
   // ---- Followers ----
 
