@@ -20,7 +20,7 @@ work=$(mktemp -d)
 trap 'rm -rf "${work}"' EXIT
 
 for target in StoreSequenceFuzzer FunctionLabelFuzzer ConnectivityFilterFuzzer \
-  ScenarioLoaderFuzzer; do
+  ScenarioLoaderFuzzer TraceCaptureFuzzer; do
   echo "=== fuzz: ${target}, ${seconds} s ==="
   cp -r "tests/fuzz/corpus/${target}" "${work}/${target}"
   log="${work}/${target}.log"

@@ -471,6 +471,12 @@ bool CacheCore::isEntityReachableUnlogged(const std::string& entityId) const {
   return endpoints != nullptr && std::any_of(endpoints->begin(), endpoints->end(), reachedByDriver);
 }
 
+std::string CacheCore::entityIdOfEndpoint(const std::string& endpointId) const {
+  ReaderLock lock(storeMutex);
+  const auto found = endpointIndex.find(endpointId);
+  return found == endpointIndex.end() ? "" : found->second;
+}
+
 // ---- Lookups under the store mutex ----
 
 const std::vector<CachedEndpoint>* CacheCore::findEndpointsLocked(

@@ -17,7 +17,7 @@
 #include "reachabilityCache/CachedEndpoint.h"
 #include "reachabilityCache/CapabilityKey.h"
 #include "reachabilityCache/EndpointInfo.h"
-#include "reachabilityCache/ReachabilityCache.h"
+#include "reachabilityCache/ReachabilityListener.h"
 #include "store/ChangeFeed.h"
 #include "sync/Mutex.h"
 #include "sync/SharedMutex.h"
@@ -41,7 +41,6 @@ namespace veranda::reachabilityCache {
 // store mutex held.
 class CacheCore {
  public:
-  using ReachabilityListener = ReachabilityCache::ReachabilityListener;
   // Endpoint ids viewed, not copied, with their nodes in an arena: the ids a
   // cycle's provider named.
   using EndpointIdSet =
@@ -135,6 +134,8 @@ class CacheCore {
   std::unordered_set<std::string> getReachableEntityIds() const RC_EXCLUDES(storeMutex);
   // Not logged. What isEntityReachable() answers.
   bool isEntityReachableUnlogged(const std::string& entityId) const RC_EXCLUDES(storeMutex);
+  // Not logged. What getEntityIdForEndpoint() answers.
+  std::string entityIdOfEndpoint(const std::string& endpointId) const RC_EXCLUDES(storeMutex);
 
   // ---- Followers ----
 

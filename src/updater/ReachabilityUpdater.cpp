@@ -205,14 +205,45 @@ void ReachabilityUpdater::performManualUpdate(const std::vector<EndpointInfo>& e
 
 bool ReachabilityUpdater::startCheck(const std::vector<EndpointInfo>& endpoints,
                                      const std::string& requestId, ChangeOrigin origin) {
+  // Counted before the call: the checker may answer before it returns.
+  ++checksRequested_;
   // Without a checker no check can start.
-  return checker != nullptr &&
-         checker->checkReachability(
-             endpoints, requestId,
-             [this, origin](const std::vector<ReachabilityCheckResult>& results) {
-               const ChangeOriginScope scope(origin);
-               processReachabilityResults(results);
-             });
+  const bool started = checker != nullptr &&
+                       checker->checkReachability(
+                           endpoints, requestId,
+                           [this, origin](const std::vector<ReachabilityCheckResult>& results) {
+                             {
+                               const ChangeOriginScope scope(origin);
+                               processReachabilityResults(results);
+                             }
+                             countAnswer(origin);
+                           });
+  if (!started) {
+    ++checksRefused_;
+  }
+  return started;
+}
+
+void ReachabilityUpdater::countAnswer(ChangeOrigin origin) {
+  ++checksAnswered_;
+  if (origin == ChangeOrigin::PERIODIC_CHECK) {
+    lastCycleAnsweredAt_ = std::chrono::steady_clock::now().time_since_epoch().count();
+    ++cyclesAnswered_;
+  }
+}
+
+ReachabilityCacheHealth ReachabilityUpdater::health() const {
+  ReachabilityCacheHealth health;
+  health.hearsConnectivityEvents = proactiveUpdatesEnabled;
+  // Answers first and requests last: a check is requested before it is
+  // answered, so no check shows as answered and not started.
+  health.cyclesAnswered = cyclesAnswered_;
+  health.lastCycleAnsweredAt = std::chrono::steady_clock::time_point(
+      std::chrono::steady_clock::duration(lastCycleAnsweredAt_.load()));
+  health.checksAnswered = checksAnswered_;
+  health.checksNotStarted = checksRefused_;
+  health.checksStarted = checksRequested_ - health.checksNotStarted;
+  return health;
 }
 
 // ---- Result processing ----

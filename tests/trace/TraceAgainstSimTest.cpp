@@ -3,16 +3,12 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include <cstdlib>
-#include <fstream>
 #include <map>
-#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "CaptureFiles.h"
-#include "CaptureLine.h"
+#include "SimCaptures.h"
 #include "TraceOutput.h"
 
 namespace veranda::reachabilityCache::trace::testing {
@@ -21,100 +17,11 @@ namespace {
 // A few seconds of a flapping generated home, in virtual time.
 const char* const HOME = "--devices 30 --duration 4 --interval 1 --flap-rate 30 --fast";
 
-std::string readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-struct SimOutput {
-  std::string timeline;  // standard output
-  std::string log;       // standard error: the library's lines, host liblog style
-};
-
-SimOutput runSimulator(int seed) {
-  const std::string base = ::testing::TempDir() + "sim-" + std::to_string(seed);
-  const std::string command = std::string(REACHABILITY_SIM_BINARY) + " " + HOME + " --seed " +
-                              std::to_string(seed) + " > " + base + ".out 2> " + base + ".err";
-  EXPECT_EQ(std::system(command.c_str()), 0) << command;
-  return {readFile(base + ".out"), readFile(base + ".err")};
-}
-
-using Told = std::vector<std::pair<std::string, bool>>;  // (endpoint, reachable) in order
-
-// The notifications in the simulator's timeline: "time entity endpoint
-// adapter reachable|unreachable yes|no".
-std::map<std::string, Told> heardByListener(const std::string& timeline) {
-  std::map<std::string, Told> heard;
-  std::istringstream lines(timeline);
-  for (std::string line; std::getline(lines, line);) {
-    std::istringstream words(line);
-    std::vector<std::string> word{std::istream_iterator<std::string>(words), {}};
-    if (word.size() == 6 && (word[4] == "reachable" || word[4] == "unreachable") &&
-        (word[5] == "yes" || word[5] == "no")) {
-      heard[word[1]].emplace_back(word[2], word[4] == "reachable");
-    }
-  }
-  return heard;
-}
-
-// The host log as a device's threadtime capture: the header on every line of
-// a message, other processes' lines between messages (one with a tag that
-// starts like the library's), and, for `infoOnly`, no debug messages.
-std::string asThreadtime(const std::string& hostLog, bool infoOnly) {
-  std::string capture;
-  std::string header;
-  bool dropping = false;
-  std::istringstream lines(hostLog);
-  for (std::string line; std::getline(lines, line);) {
-    const std::optional<CaptureLine> parsed = parseCaptureLine(line);
-    if (!parsed) {  // a following line of the message
-      capture += dropping ? "" : header + line + "\n";
-      continue;
-    }
-    const ClockReading& clock = *parsed->clock;
-    char time[48];
-    std::snprintf(time, sizeof(time), "%02d-%02d %02lld:%02lld:%02lld.000", clock.month, clock.day,
-                  static_cast<long long>(clock.microsOfDay / 3600000000),
-                  static_cast<long long>(clock.microsOfDay / 60000000 % 60),
-                  static_cast<long long>(clock.microsOfDay / 1000000 % 60));
-    capture += std::string(time) + "  1000  1000 I ReachabilityCacheService: bound\n" + time +
-               "   812   830 D WifiStateMachine: rssi=-61\n";
-    dropping = infoOnly && parsed->priority == 'D';
-    header = std::string(time) + " " + std::to_string(*parsed->pid) + " " +
-             std::to_string(*parsed->tid) + " " + parsed->priority + " " +
-             std::string(parsed->tag) + ": ";
-    capture += dropping ? "" : header + std::string(parsed->text) + "\n";
-  }
-  return capture;
-}
-
-// The simulator's final table: what isEntityReachable answered at the end,
-// as "reachable", "unreachable" or "notCached".
-std::map<std::string, std::string> finalAnswers(const std::string& timeline) {
-  std::map<std::string, std::string> answers;
-  std::istringstream lines(timeline);
-  bool inTable = false;
-  for (std::string line; std::getline(lines, line);) {
-    std::istringstream words(line);
-    std::string entity;
-    std::string answer;
-    words >> entity >> answer;
-    if (line.rfind("The cache at the end", 0) == 0) {
-      inTable = true;
-    } else if (inTable && (answer == "yes" || answer == "no" || answer == "not")) {
-      answers[entity] = answer == "yes"  ? "reachable"
-                        : answer == "no" ? "unreachable"
-                                         : "notCached";
-    }
-  }
-  return answers;
-}
-
 std::map<std::string, Told> toldInTrace(const CacheRecord& cache) {
   std::map<std::string, Told> told;
   for (const EntityRecord& entity : cache.entities) {
     for (const ChangeRecord& change : entity.changes) {
-      told[entity.id].emplace_back(change.endpointId, change.reachable);
+      told[entity.id].emplace_back(entity.endpointOf(change), change.reachable);
     }
   }
   return told;
@@ -139,12 +46,13 @@ std::size_t total(const std::map<std::string, Told>& told) {
 TEST(TraceAgainstSimTest, TellsWhatTheListenerHeard) {
   for (int seed = 1; seed <= 3; ++seed) {
     SCOPED_TRACE("seed " + std::to_string(seed));
-    const SimOutput sim = runSimulator(seed);
+    const SimOutput sim = runSimulator(std::string(HOME) + " --seed " + std::to_string(seed));
+    const std::vector<Message> messages = simMessages(sim.log);
     const std::map<std::string, Told> heard = heardByListener(sim.timeline);
     ASSERT_GT(total(heard), 30u) << "the home flaps";
 
     // With debug lines: every notification, per entity and in order.
-    const CaptureTrace full = traceText(asThreadtime(sim.log, false));
+    const CaptureTrace full = traceText(deviceCapture(messages));
     ASSERT_TRUE(full.ok) << full.error;
     ASSERT_EQ(full.trace.caches.size(), 1u);
     const CacheRecord& cache = full.trace.caches[0];
@@ -160,7 +68,7 @@ TEST(TraceAgainstSimTest, TellsWhatTheListenerHeard) {
     }
 
     // Info lines only: what the summaries kept, and an exact count.
-    const CaptureTrace info = traceText(asThreadtime(sim.log, true));
+    const CaptureTrace info = traceText(deviceCapture(infoOnly(messages)));
     ASSERT_TRUE(info.ok) << info.error;
     const CacheRecord& infoCache = info.trace.caches.at(0);
     for (const auto& [entity, changes] : toldInTrace(infoCache)) {
@@ -172,6 +80,26 @@ TEST(TraceAgainstSimTest, TellsWhatTheListenerHeard) {
     EXPECT_EQ(infoCache.seenChanges() + infoCache.unseenChanges(), infoCache.changes);
     EXPECT_GT(infoCache.unseenChanges(), 0u) << "30 endpoints overflow the first summary";
   }
+}
+
+// In virtual time the simulator stamps its lines with the run's time, as a
+// device would: its standard error is a capture the tool reads as it is,
+// with the rhythm the home was given.
+TEST(TraceAgainstSimTest, ReadsTheSimulatorsOwnLogAsACapture) {
+  const SimOutput sim =
+      runSimulator("--devices 30 --duration 4 --interval 2 --flap-rate 30 --fast --seed 4");
+  const CaptureTrace read = traceText(sim.log);
+  ASSERT_TRUE(read.ok) << read.error;
+  ASSERT_EQ(read.trace.caches.size(), 1u);
+  const CacheRecord& cache = read.trace.caches[0];
+  EXPECT_EQ(read.trace.damagedLines, 0u);
+  EXPECT_EQ(cache.problems.count(DUPLICATE_CHAIN), 0u);
+  EXPECT_EQ(cache.problems.count(INTERVAL_DRIFT), 0u);
+  const std::vector<double> gaps = cycleGapsSeconds(cache);
+  ASSERT_FALSE(gaps.empty());
+  EXPECT_DOUBLE_EQ(percentile(gaps, 0.5), 2.0);
+  EXPECT_EQ(toldInTrace(cache), heardByListener(sim.timeline));
+  EXPECT_EQ(cache.endTime() - cache.startTime(), Micros{4000000}) << "the run's four seconds";
 }
 
 }  // namespace

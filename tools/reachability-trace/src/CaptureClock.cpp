@@ -2,6 +2,9 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <iterator>
+
+#include "Saturating.h"
 
 namespace veranda::reachabilityCache::trace {
 namespace {
@@ -39,43 +42,68 @@ Civil civilFromDays(int64_t days) {
 }
 
 Micros onLine(int year, const ClockReading& reading) {
-  return daysFromCivil(year, reading.month, reading.day) * MICROS_PER_DAY + reading.microsOfDay;
+  return daysFromCivil(year, reading.month, reading.day) * MICROS_PER_DAY + reading.micros;
 }
 
 }  // namespace
+
+Micros CaptureClock::deviceMicros(const ClockReading& reading) {
+  if (reading.micros % 1000000 != 0) {
+    resolution_ = std::min<Micros>(resolution_, reading.micros % 1000 != 0 ? 1 : 1000);
+  }
+  monotonic_ = reading.kind == ClockReading::Kind::MONOTONIC;
+  if (reading.kind != ClockReading::Kind::CIVIL) {
+    sawYear_ = sawYear_ || reading.kind == ClockReading::Kind::EPOCH;
+    return reading.micros;
+  }
+  if (reading.year != 0) {
+    sawYear_ = true;
+    year_ = reading.year;
+    return onLine(year_, reading);
+  }
+  Micros at = onLine(year_, reading);
+  if (last_ != NO_TIME && at < saturatingSub(last_, HALF_YEAR)) {
+    ++year_;
+    at = onLine(year_, reading);
+  }
+  return at;
+}
 
 Micros CaptureClock::toMicros(const std::optional<ClockReading>& reading) {
   if (!reading) {
     return NO_TIME;
   }
-  if (reading->microsOfDay % 1000000 != 0) {
-    resolution_ = std::min<Micros>(resolution_, reading->microsOfDay % 1000 != 0 ? 1 : 1000);
+  const Micros device = deviceMicros(*reading);
+  if (last_ != NO_TIME && device < saturatingSub(last_, STEP_TOLERANCE)) {
+    const Micros back = saturatingSub(last_, device);
+    offset_ = saturatingAdd(offset_, back);
+    steps_.push_back({saturatingAdd(device, offset_), back, offset_});
   }
-  Micros at = 0;
-  if (reading->year != 0) {
-    sawYear_ = true;
-    year_ = reading->year;
-    at = onLine(year_, *reading);
-  } else {
-    at = onLine(year_, *reading);
-    if (last_ != NO_TIME && at < last_ - HALF_YEAR) {
-      ++year_;
-      at = onLine(year_, *reading);
-    }
-  }
-  last_ = at;
-  return at;
+  last_ = device;
+  return saturatingAdd(device, offset_);
 }
 
 std::string CaptureClock::format(Micros at) const {
   if (at == NO_TIME) {
     return "";
   }
+  // The steps taken before `at` moved it: take them out again.
+  const auto after =
+      std::upper_bound(steps_.begin(), steps_.end(), at,
+                       [](Micros time, const ClockStep& step) { return time < step.at; });
+  if (after != steps_.begin()) {
+    at = saturatingSub(at, std::prev(after)->offset);
+  }
+  char text[64];
+  if (monotonic_) {
+    std::snprintf(text, sizeof(text), "+%lld.%03lld", static_cast<long long>(at / 1000000),
+                  static_cast<long long>(at % 1000000 / 1000));
+    return text;
+  }
   const int64_t days = at >= 0 ? at / MICROS_PER_DAY : (at - MICROS_PER_DAY + 1) / MICROS_PER_DAY;
   const Micros ofDay = at - days * MICROS_PER_DAY;
   const Civil date = civilFromDays(days);
   const auto seconds = static_cast<long long>(ofDay / 1000000);
-  char text[48];
   const int dateLength =
       sawYear_ ? std::snprintf(text, sizeof(text), "%04lld-", static_cast<long long>(date.year))
                : 0;
@@ -83,6 +111,18 @@ std::string CaptureClock::format(Micros at) const {
                 "%02lld-%02lld %02lld:%02lld:%02lld.%03lld", static_cast<long long>(date.month),
                 static_cast<long long>(date.day), seconds / 3600, seconds / 60 % 60, seconds % 60,
                 static_cast<long long>(ofDay % 1000000 / 1000));
+  return text;
+}
+
+std::string CaptureClock::formatDuration(Micros duration) {
+  char text[64];
+  const auto millis = static_cast<long long>(duration / 1000);
+  if (millis < 60000) {
+    std::snprintf(text, sizeof(text), "%lld.%03lld s", millis / 1000, millis % 1000);
+  } else {
+    std::snprintf(text, sizeof(text), "%lld:%02lld:%02lld.%03lld", millis / 3600000,
+                  millis / 60000 % 60, millis / 1000 % 60, millis % 1000);
+  }
   return text;
 }
 

@@ -14,9 +14,11 @@ struct CaptureTrace {
   Trace trace;
 };
 
-// Reads `fd` to its end; `name` names the capture in errors; `storyEntity`
-// as for TraceBuilder. Refuses input that cannot be read, binary data, an
-// empty capture and one without any line of the library.
-CaptureTrace traceCapture(int fd, const std::string& name, const std::string& storyEntity = "");
+// Reads `fd` to its end, unpacked and decoded (see openCapture); `name`
+// names the capture in errors; `storyEntity` as for TraceBuilder. Refuses
+// input that cannot be read, an empty capture and one without any line of
+// the library that can be read, naming what it holds instead.
+CaptureTrace traceCapture(int fd, const std::string& name, const std::string& storyEntity = "",
+                          const TraceLimits& limits = {});
 
 }  // namespace veranda::reachabilityCache::trace

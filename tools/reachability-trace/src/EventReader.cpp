@@ -1,14 +1,18 @@
 #include "EventReader.h"
+#include "diagnostics/LogSchema.h"
 
 namespace veranda::reachabilityCache::trace {
 
+using namespace logSchema;  // the names the lines are read with
+
 void EventReader::checkerLine(const CacheMessage& in) {
-  if (in.line.label != "stateChangeCallback" || !in.line.has("action", "invokingCallback")) {
+  if (in.line.label != label::STATE_CHANGE_CALLBACK ||
+      !in.line.has(key::ACTION, action::INVOKING_CALLBACK)) {
     return;
   }
   ++in.cache.eventsReceived;
   if (keepEventLines_) {
-    lastEvent_[std::string(in.line.get("endpointId").value_or(""))] = in.message.lines.front();
+    lastEvent_[std::string(in.line.get(key::ENDPOINT_ID).value_or(""))] = in.message.lines.front();
   }
 }
 

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -26,11 +27,15 @@ class TraceBuilder {
  public:
   // `storyEntity`, when not empty, names the entity whose changes keep the
   // log lines that caused them.
-  explicit TraceBuilder(std::string storyEntity = "");
+  explicit TraceBuilder(std::string storyEntity = "", TraceLimits limits = {});
 
   void add(const LogMessage& message);
-  // Counts messages that are the library's but could not be read.
-  void addDamaged(uint64_t lines) { trace_.damagedLines += lines; }
+  // Counts lines that are the library's but could not be read; `first` is
+  // the first of them.
+  void addDamaged(uint64_t lines, const std::string& first);
+  // A bug report's log section begins: a new log, of the boot before when
+  // its title says so ("LAST LOGCAT").
+  void beginSection(std::string_view title);
 
   // Ends the capture: checks the cycles' rhythm and returns the result.
   Trace finish(uint64_t bytes, bool bugReport);
@@ -38,7 +43,8 @@ class TraceBuilder {
  private:
   // The readers of one cache's lines.
   struct Readers {
-    explicit Readers(const std::string& storyEntity);
+    // `created`: the cache's first line is its creation.
+    Readers(const std::string& storyEntity, bool created);
 
     CheckReader checks;
     EventReader events;
@@ -49,7 +55,13 @@ class TraceBuilder {
   // The cache of the message's process: "cacheCreated" starts a new one, and
   // a process seen first in the middle of its life gets one from its first
   // line. Sets readers_.
-  CacheRecord& cacheFor(const LogMessage& message, const LibraryLine& line, Micros at);
+  // Null past the trace's limit of caches.
+  CacheRecord* cacheFor(const LogMessage& message, const LibraryLine& line, Micros at);
+  void damaged(const LogMessage& message);
+  void rateLimited(const LogMessage& message);
+  std::string ambiguityOf(const LogMessage& message, const LibraryLine& line);
+  void ambiguous(const CacheMessage& in, const std::string& why);
+  void findReplacedProcesses();
   void facade(const CacheMessage& in);
   void store(const CacheMessage& in);
   void updater(const CacheMessage& in);
@@ -57,7 +69,11 @@ class TraceBuilder {
 
   std::string storyEntity_;
   Trace trace_;
-  std::map<int, std::size_t> current_;             // process (or -1) -> index of its cache
+  std::optional<LogMessage> cutShort_;  // the last message, when it was cut short
+  uint64_t sequence_ = 0;  // the number of the last message, rate limiter's notices included
+  std::string section_;
+  bool previousBoot_ = false;
+  std::map<int64_t, std::size_t> current_;         // process (or -1) -> index of its cache
   std::vector<std::unique_ptr<Readers>> readers_;  // parallel to trace_.caches
   Readers* reading_ = nullptr;                     // the message's cache's
 };

@@ -2,25 +2,45 @@
 
 #include <CLI/CLI.hpp>
 
+#include <string>
+
+#include "TraceModel.h"
+
 namespace veranda::reachabilityCache::trace {
 namespace {
 
 const char* const DESCRIPTION =
     "Reads a device log capture and tells what the reachability cache believed, when,\n"
     "and why: per cache its configuration and life, every periodic cycle and check,\n"
-    "the changes told to listeners per entity, and its problems.\n\n"
-    "FILE is an adb logcat capture (threadtime, time or brief; the uid, year and usec\n"
-    "adverbs too), a bug report, or what the host liblog writes on standard error\n"
-    "(such as reachability-sim's); - reads standard input.\n";
+    "the changes told to listeners per entity, what isEntityReachable answered over\n"
+    "time, and its problems. Every answer rests on lines of the capture: where they\n"
+    "do not tell, it is unknown, and an answer that rests on an inference says so.\n\n"
+    "FILE is a logcat capture in any layout (threadtime, time, brief or long, with\n"
+    "the uid, year, usec, nsec, zone, epoch, monotonic, color and printable adverbs),\n"
+    "what an IDE's log window copies, what the host liblog writes on standard error\n"
+    "(such as reachability-sim's), or a bug report (as text, zip or gzip); UTF-8 or\n"
+    "UTF-16, with or without a byte-order mark; - reads standard input.\n";
 
-const char* const FOOTER =
-    "Exit status: 0 after a report; 2 for a bad option, or for a capture that cannot be\n"
-    "read, is binary or empty, or holds no line of the cache (one line on standard\n"
-    "error); 1 when the picture cannot be written.\n";
+// What the trace keeps, from its limits.
+std::string footer() {
+  const TraceLimits limits;
+  return "Memory stays bounded whatever the capture: the trace follows at most " +
+         std::to_string(limits.caches) + " caches,\n" + std::to_string(limits.entities) +
+         " entities (" + std::to_string(limits.endpointsPerEntity) +
+         " endpoints each) and lists at most " + std::to_string(limits.checks) +
+         " checks. --json lists\nevery cache, entity and check it follows; of the answers "
+         "and changes the first\n" +
+         std::to_string(limits.answers) + " and " + std::to_string(limits.changes) +
+         " (and each entity's last answer); the figures count all of them.\n"
+         "What is left out is counted in the report and in --json's \"leftOut\".\n\n"
+         "Exit status: 0 after a report; 2 for a bad option, or for a capture that cannot be\n"
+         "read, is empty, or holds no line of the cache that can be read (one line on\n"
+         "standard error, naming what it holds); 1 when the picture cannot be written.\n";
+}
 
 void describe(CLI::App& app, TraceOptions& options) {
   app.description(DESCRIPTION);
-  app.footer(FOOTER);
+  app.footer(footer());
   app.get_formatter()->column_width(24);
   app.add_option("FILE", options.capturePath, "the capture to read (- for standard input)")
       ->required()
@@ -37,9 +57,9 @@ void describe(CLI::App& app, TraceOptions& options) {
                  "entity, the state listeners were told over time")
       ->type_name("FILE.svg")
       ->check(tools::nonEmptyPath());
-  app.add_option(
-         "--cache", options.cache,
-         "the cache to draw when the capture holds several\n(1 is the first; default: the last)")
+  app.add_option("--cache", options.cache,
+                 "the cache to draw when the capture holds several\n(1 is the first; default: the "
+                 "last of the\ncurrent boot)")
       ->type_name("N")
       ->check(CLI::Validator(
           [](std::string& value) -> std::string {

@@ -12,6 +12,9 @@
 
 namespace veranda::reachabilityCache::trace {
 
+// The cache drawn unless the user names one: the last of the current boot.
+std::size_t defaultCache(const Trace& trace);
+
 // Per cache: a summary, its problems, the entities with the most troubled
 // first, and the cycles' statistics. Text from the capture is made safe for
 // a terminal.
@@ -21,7 +24,9 @@ void printReport(const Trace& trace, std::ostream& out);
 // caused it. False when no cache knows the entity.
 bool printEntityStory(const Trace& trace, const std::string& entityId, std::ostream& out);
 
-// The JSON document (one line, then a line feed).
+// The JSON document (one line, then a line feed), written as it goes.
+void writeTraceJson(const Trace& trace, std::ostream& stream);
+// The same, as a text.
 std::string traceJson(const Trace& trace);
 
 // The picture of one cache: a row per entity with its answers over time,
@@ -42,21 +47,30 @@ struct EntitySpan {
   Micros from = NO_TIME;
   Micros to = NO_TIME;
   Answer answer = Answer::ABSENT;
+  bool inferred = false;
+  UnknownReason reason = UnknownReason::NONE;
 };
 
-// The entity's answers as spans from `start` to `end`; absent before the
-// first.
-std::vector<EntitySpan> entitySpans(const EntityRecord& entity, Micros start, Micros end);
+// What an entity of `cache` answered before its first answer record: absent
+// when the capture holds the cache's creation, else unknown.
+AnswerRecord answerBefore(const CacheRecord& cache);
+
+// The entity's answers as spans from `start` to `end`, `before` until its
+// first record.
+std::vector<EntitySpan> entitySpans(const EntityRecord& entity, Micros start, Micros end,
+                                    const AnswerRecord& before);
 
 // Per entity: the changes told to listeners, the times its answer dropped
-// from reachable to unreachable, the time it answered unreachable while in
-// the cache, and its last answer.
+// from reachable to unreachable, the time it answered unreachable or unknown
+// while the cache ran (from its first answer on), and its last answer.
 struct EntityFigures {
   std::size_t changes = 0;
   std::size_t flaps = 0;
   double unreachableSeconds = 0;
-  Answer last = Answer::ABSENT;
+  double unknownSeconds = 0;
+  AnswerRecord last;
 };
-EntityFigures entityFigures(const EntityRecord& entity, Micros cacheEnd);
+EntityFigures entityFigures(const EntityRecord& entity, Micros cacheEnd,
+                            const AnswerRecord& before);
 
 }  // namespace veranda::reachabilityCache::trace

@@ -38,7 +38,7 @@ int draw(const Trace& trace, const TraceOptions& options) {
                     std::to_string(trace.caches.size()) + " caches",
                 2);
   }
-  const std::size_t index = options.cache == 0 ? trace.caches.size() - 1 : options.cache - 1;
+  const std::size_t index = options.cache == 0 ? defaultCache(trace) : options.cache - 1;
   std::string error;
   if (!tools::writeTimelineSvg(tracePicture(trace, index, baseName(options.capturePath)),
                                options.timelinePath, error)) {
@@ -71,7 +71,7 @@ int main(int argc, char** argv) {
   }
   const Trace& trace = read.trace;
   if (options.json) {
-    std::cout << traceJson(trace);
+    writeTraceJson(trace, std::cout);
   } else if (!options.entityId.empty()) {
     if (!printEntityStory(trace, options.entityId, std::cout)) {
       return fail("no cache in the capture knows the entity " + options.entityId, 2);

@@ -1,0 +1,80 @@
+// Fuzzes reachability-trace with whole captures: any bytes (text of any
+// layout, archives, UTF-16, NULs, lines of any length) are read without a
+// crash or undefined behaviour, and every output keeps its promises: the
+// report and the story are safe for a terminal, the JSON parses, the picture
+// is drawn, and the answers of each entity come in capture order.
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <string>
+
+#include "CaptureTrace.h"
+#include "FuzzCheck.h"
+#include "TimelineSvg.h"
+#include "TraceOutput.h"
+
+namespace {
+
+using namespace veranda::reachabilityCache::trace;
+
+bool safeForATerminal(const std::string& text) {
+  for (char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if ((byte < 0x20 && c != '\n') || byte == 0x7F) {
+      return false;
+    }
+  }
+  return true;
+}
+
+void checkTrace(const Trace& trace) {
+  std::ostringstream report;
+  printReport(trace, report);
+  FUZZ_CHECK(safeForATerminal(report.str()));
+  FUZZ_CHECK(nlohmann::json::accept(traceJson(trace)));
+  for (std::size_t i = 0; i < trace.caches.size(); ++i) {
+    const CacheRecord& cache = trace.caches[i];
+    for (const EntityRecord& entity : cache.entities) {
+      for (std::size_t k = 1; k < entity.answers.size(); ++k) {
+        FUZZ_CHECK(entity.answers[k - 1].message <= entity.answers[k].message);
+      }
+      FUZZ_CHECK(entity.changes.size() + entity.changesLeftOut == entity.changeCount);
+    }
+    if (trace.hasTime) {
+      FUZZ_CHECK(
+          !veranda::reachabilityCache::tools::timelineSvg(tracePicture(trace, i, "f")).empty());
+    }
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
+  const int fd = memfd_create("capture", 0);
+  FUZZ_CHECK(fd >= 0);
+  FUZZ_CHECK(::write(fd, data, size) == static_cast<ssize_t>(size));
+  FUZZ_CHECK(::lseek(fd, 0, SEEK_SET) == 0);
+  // The story of the first entity named, if any.
+  const std::string text(reinterpret_cast<const char*>(data), size);
+  const std::size_t at = text.find("entityId=");
+  const std::string story = at == std::string::npos
+                                ? ""
+                                : text.substr(at + 9, text.find_first_of(" ,)\n", at + 9) - at - 9);
+  const CaptureTrace read = traceCapture(fd, "fuzz", story);
+  ::close(fd);
+  if (!read.ok) {
+    FUZZ_CHECK(!read.error.empty() && read.error.find('\n') == std::string::npos);
+    return 0;
+  }
+  checkTrace(read.trace);
+  if (!story.empty()) {
+    std::ostringstream out;
+    printEntityStory(read.trace, story, out);
+    FUZZ_CHECK(safeForATerminal(out.str()));
+  }
+  return 0;
+}
