@@ -46,17 +46,17 @@ std::string hostEntityIdFor(std::size_t index) { return ENTITY_ID_PREFIX + entit
 std::size_t endpointCountFor(std::size_t index) { return 1 + mix(index ^ 0xe9dULL) % 3; }
 
 const CapabilitySet& standardCapabilities() {
-  static const CapabilitySet capabilities = {
+  static const CapabilitySet CAPABILITIES = {
       {"Veyra.PowerController", "powerState"},
       {"Veyra.BrightnessController", "brightness"},
       {"Veyra.EndpointHealth", "connectivity"},
   };
-  return capabilities;
+  return CAPABILITIES;
 }
 
 const CapabilityKey& queriedCapability() {
-  static const CapabilityKey key{"Veyra.BrightnessController", "brightness"};
-  return key;
+  static const CapabilityKey KEY{"Veyra.BrightnessController", "brightness"};
+  return KEY;
 }
 
 std::vector<EndpointInfo> endpointsOfEntities(std::size_t entityCount) {
@@ -103,13 +103,13 @@ std::vector<applianceDriver::DiscoveredDevice> devicesFor(
 
 EndpointInfo staleEndpointFor(uint64_t seed) {
   const std::string id = uuidFor(seed ^ 0x57a1eULL);
-  return EndpointInfo(id, "stale-" + id, "PROT_WIFI-ADAPTER", standardCapabilities());
+  return {id, "stale-" + id, "PROT_WIFI-ADAPTER", standardCapabilities()};
 }
 
 CachedEndpoint asCached(const EndpointInfo& endpoint,
                         applianceDriver::ApplianceDriverType driverType) {
-  return CachedEndpoint(endpoint.endpointId, endpoint.entityId, endpoint.adapterName, driverType,
-                        endpoint.capabilities);
+  return {endpoint.endpointId, endpoint.entityId, endpoint.adapterName, driverType,
+          endpoint.capabilities};
 }
 
 std::vector<std::string> queryIds(std::size_t entityCount, std::size_t count) {

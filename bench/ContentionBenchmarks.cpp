@@ -102,7 +102,7 @@ void queryThroughput(benchmark::State& state, bool cyclesRunning) {
   }
 }
 
-const bool registered = [] {
+const bool REGISTERED = [] {
   for (const bool cyclesRunning : {false, true}) {
     benchmark::RegisterBenchmark(
         cyclesRunning ? "contention/cyclesRunning" : "contention/idle",

@@ -104,7 +104,7 @@ int64_t cyclesFor(int64_t endpointCount) {
   return std::max<int64_t>(2, 100000 / endpointCount) & ~int64_t{1};
 }
 
-const bool registered = [] {
+const bool REGISTERED = [] {
   for (const auto& [name, path] :
        {std::pair{"testChecker", CheckPath::TEST_CHECKER},
         std::pair{"applianceDriverChecker", CheckPath::APPLIANCE_DRIVER}}) {

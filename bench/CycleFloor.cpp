@@ -65,7 +65,7 @@ std::string_view normalized(std::string_view entityId) {
 }
 
 void write(int priority, const char* tag, StackLine& line) {
-  writeLogLine(priority, tag, line.c_str());
+  writeLogLine(priority, tag, line.text());
 }
 
 }  // namespace

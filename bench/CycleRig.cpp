@@ -1,6 +1,6 @@
 #include "CycleRig.h"
 
-#include <time.h>
+#include <ctime>
 
 #include <climits>
 #include <utility>

@@ -94,8 +94,9 @@ class SynchronousDriver : public applianceDriver::IUnifiedApplianceDriver {
       override;
   bool subscribeStateChanges(const std::vector<std::string>& /*endpointIds*/,
                              const std::string& /*subscriptionId*/,
-                             std::function<void(const applianceDriver::StateChangeEvent&)>,
-                             std::function<void(const std::string&)>) override {
+                             std::function<void(const applianceDriver::StateChangeEvent&)>
+                             /*onStateChange*/,
+                             std::function<void(const std::string&)> /*onError*/) override {
     return false;
   }
   bool unsubscribeStateChanges(const std::string& /*subscriptionId*/) override { return false; }

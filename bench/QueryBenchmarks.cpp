@@ -110,7 +110,7 @@ class StreamLine {
     stream_ << value;
     return *this;
   }
-  const char* c_str() {
+  const char* text() {
     text_ = stream_.str();
     return text_.c_str();
   }
@@ -236,7 +236,7 @@ class FloorStore {
 
  private:
   static void emit(typename Format::Line& line) {
-    writeLogLine(ANDROID_LOG_DEBUG, tag::STORE, line.c_str());
+    writeLogLine(ANDROID_LOG_DEBUG, tag::STORE, line.text());
   }
 
   mutable std::mutex mutex_;
@@ -330,7 +330,7 @@ void registerQuery(const std::string& operation, Query query) {
       ->Unit(benchmark::kNanosecond);
 }
 
-const bool registered = [] {
+const bool REGISTERED = [] {
   registerQuery("isEntityReachable", [](const auto& store, const std::string& id) {
     return store.isEntityReachable(id);
   });

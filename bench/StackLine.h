@@ -33,7 +33,7 @@ class StackLine {
     const std::to_chars_result end = std::to_chars(digits, digits + sizeof(digits), value);
     return *this << std::string_view(digits, static_cast<std::size_t>(end.ptr - digits));
   }
-  const char* c_str() {
+  const char* text() {
     text_[size_] = '\0';
     return text_;
   }

@@ -4,7 +4,7 @@
 // follow the change (one entity) rather than the size of the home.
 #include <benchmark/benchmark.h>
 #include <pthread.h>
-#include <time.h>
+#include <ctime>
 
 #include <chrono>
 #include <condition_variable>

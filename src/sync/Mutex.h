@@ -46,4 +46,33 @@ class RC_SCOPED_CAPABILITY MutexLock {
   Mutex& mutex_;
 };
 
+// Holds a Mutex for the lifetime of the scope, except between unlock() and
+// lock(): for a scope that lets go of the mutex around a call, or that waits
+// on a std::condition_variable_any. Leaving the scope releases the mutex only
+// if held, so that an exception thrown while it is let go leaves it free.
+class RC_SCOPED_CAPABILITY RelockableMutexLock {
+ public:
+  explicit RelockableMutexLock(Mutex& mutex) RC_ACQUIRE(mutex) : mutex_(mutex) { mutex_.lock(); }
+  ~RelockableMutexLock() RC_RELEASE() {
+    if (held_) {
+      mutex_.unlock();
+    }
+  }
+  RelockableMutexLock(const RelockableMutexLock&) = delete;
+  RelockableMutexLock& operator=(const RelockableMutexLock&) = delete;
+
+  void lock() RC_ACQUIRE() {
+    mutex_.lock();
+    held_ = true;
+  }
+  void unlock() RC_RELEASE() {
+    held_ = false;
+    mutex_.unlock();
+  }
+
+ private:
+  Mutex& mutex_;
+  bool held_ = true;
+};
+
 }  // namespace veranda::reachabilityCache

@@ -6,6 +6,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <nlohmann/json.hpp>
@@ -22,12 +23,10 @@ namespace {
 using namespace veranda::reachabilityCache::trace;
 
 bool safeForATerminal(const std::string& text) {
-  for (char c : text) {
+  return std::all_of(text.begin(), text.end(), [](char c) {
     const auto byte = static_cast<unsigned char>(c);
-    if ((byte < 0x20 && c != '\n') || byte == 0x7F) {
-      return false;
-    }
-  }
+    return (byte >= 0x20 || c == '\n') && byte != 0x7F;
+  });
   return true;
 }
 
@@ -53,6 +52,7 @@ void checkTrace(const Trace& trace) {
 
 }  // namespace
 
+// NOLINTNEXTLINE(readability-identifier-naming): the name libFuzzer calls.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   const int fd = memfd_create("capture", 0);
   FUZZ_CHECK(fd >= 0);

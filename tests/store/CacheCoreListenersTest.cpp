@@ -129,6 +129,7 @@ TEST_F(CacheCoreListenersTest, ListenersRunInTheOrderOfACopyOfTheTableEachOnItsO
   }
   std::vector<std::string> expected;
   const std::unordered_map<std::string, int> copy = table;
+  expected.reserve(copy.size());
   for (const auto& entry : copy) {
     expected.push_back(entry.first + " call 1");
   }

@@ -116,7 +116,7 @@ TEST_F(CacheCoreQueriesTest, EndpointsNotNamedComeInTheOrderOfACopyOfTheIndex) {
   std::vector<std::pair<std::string, std::string>> expected;
   for (const auto& entry : store.getCachedEndpointIds()) {
     if (named.count(entry.first) == 0) {
-      expected.push_back(entry);
+      expected.emplace_back(entry);
     }
   }
   takeLines();

@@ -45,6 +45,7 @@ TEST_F(CacheCoreSharingTest, ChangesGetThroughAStreamOfQueriesThatNeverStops) {
   std::atomic<int> wrongAnswers{0};
   std::vector<std::atomic<uint64_t>> queries(READERS);
   std::vector<std::thread> readers;
+  readers.reserve(READERS);
   for (int reader = 0; reader < READERS; ++reader) {
     readers.emplace_back([&, reader] {
       for (int i = reader; !stop.load(); ++i) {
@@ -65,6 +66,7 @@ TEST_F(CacheCoreSharingTest, ChangesGetThroughAStreamOfQueriesThatNeverStops) {
   }
   const auto queriesSoFar = [&] {
     std::vector<uint64_t> counts;
+    counts.reserve(queries.size());
     for (const auto& count : queries) {
       counts.push_back(count.load());
     }

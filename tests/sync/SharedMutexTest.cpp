@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -43,12 +44,13 @@ TEST(SharedMutexTest, ReadersHoldItAtTheSameTime) {
   std::atomic<int> inside{0};
   std::atomic<bool> sawBoth[2] = {false, false};
   std::vector<std::thread> readers;
-  for (int reader = 0; reader < 2; ++reader) {
-    readers.emplace_back([&, reader] {
+  readers.reserve(std::size(sawBoth));
+  for (std::atomic<bool>& saw : sawBoth) {
+    readers.emplace_back([&mutex, &inside, &saw] {
       ReaderLock lock(mutex);
       ++inside;
       // With an exclusive lock the other reader could never come in.
-      sawBoth[reader] = eventually([&] { return inside.load() == 2; });
+      saw = eventually([&] { return inside.load() == 2; });
     });
   }
   for (std::thread& reader : readers) {
@@ -116,12 +118,7 @@ TEST(SharedMutexTest, ArrivingReadersWaitBehindAWaitingWriter) {
   };
   const auto entered = [&](char who) {
     const std::lock_guard<std::mutex> lock(orderMutex);
-    for (const char each : order) {
-      if (each == who) {
-        return true;
-      }
-    }
-    return false;
+    return std::find(order.begin(), order.end(), who) != order.end();
   };
 
   std::atomic<bool> releaseFirst{false};
