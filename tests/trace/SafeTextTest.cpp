@@ -1,6 +1,7 @@
 // Whatever an entity id holds, the pictures stay well-formed XML and the
 // terminal sees no raw control characters.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -32,7 +33,8 @@ const std::string HOSTILE[] = {
 
 // xmllint's verdict on `document`: empty when well-formed.
 std::string xmlProblems(const std::string& document) {
-  const std::string path = ::testing::TempDir() + "picture.svg";
+  // One file per process: CTest runs this binary's tests side by side.
+  const std::string path = ::testing::TempDir() + "picture-" + std::to_string(::getpid()) + ".svg";
   std::ofstream(path, std::ios::binary) << document;
   const std::string command = "xmllint --noout " + path + " 2>&1";
   std::FILE* pipe = ::popen(command.c_str(), "r");

@@ -1,6 +1,7 @@
 #include "SimCaptures.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -37,8 +38,10 @@ std::string timeText(const ClockReading& clock) {
 }  // namespace
 
 SimOutput runSimulator(const std::string& arguments) {
+  // CTest runs tests of this binary side by side, each in a process of its own.
   static int runs = 0;
-  const std::string base = ::testing::TempDir() + "sim-" + std::to_string(++runs);
+  const std::string base =
+      ::testing::TempDir() + "sim-" + std::to_string(::getpid()) + "-" + std::to_string(++runs);
   const std::string command = std::string(REACHABILITY_SIM_BINARY) + " " + arguments + " > " +
                               base + ".out 2> " + base + ".err";
   EXPECT_EQ(std::system(command.c_str()), 0) << command;  // NOLINT(concurrency-mt-unsafe)
