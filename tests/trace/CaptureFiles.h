@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdio>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -34,5 +35,24 @@ std::string render(const std::vector<Message>& messages, Form form);
 
 // The trace of `capture`, read from a temporary file.
 CaptureTrace traceText(const std::string& capture, const std::string& storyEntity = "");
+CaptureTrace traceText(const std::string& capture, const TraceScope& scope);
+
+struct SimOutput {
+  std::string timeline;  // standard output
+  std::string log;       // standard error: the library's lines, host liblog style
+};
+
+// Runs reachability-sim with `arguments`; `name` names its output files.
+SimOutput runSimulator(const std::string& arguments, const std::string& name);
+
+// The simulator's final table: what isEntityReachable answered for each
+// entity at the end (reachable, unreachable or absent).
+std::map<std::string, Answer> simulatorFinalAnswers(const std::string& timeline);
+
+// The simulator's host log as a device's threadtime capture in which every
+// message has a millisecond of its own, from 11-22 12:00:00.000 on, and
+// other processes' lines stand between messages: any moment of the capture
+// falls between two messages of the library.
+std::string stampedCapture(const std::string& hostLog);
 
 }  // namespace veranda::reachabilityCache::trace::testing

@@ -3,8 +3,6 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include <cstdlib>
-#include <fstream>
 #include <map>
 #include <sstream>
 #include <string>
@@ -21,22 +19,9 @@ namespace {
 // A few seconds of a flapping generated home, in virtual time.
 const char* const HOME = "--devices 30 --duration 4 --interval 1 --flap-rate 30 --fast";
 
-std::string readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-struct SimOutput {
-  std::string timeline;  // standard output
-  std::string log;       // standard error: the library's lines, host liblog style
-};
-
 SimOutput runSimulator(int seed) {
-  const std::string base = ::testing::TempDir() + "sim-" + std::to_string(seed);
-  const std::string command = std::string(REACHABILITY_SIM_BINARY) + " " + HOME + " --seed " +
-                              std::to_string(seed) + " > " + base + ".out 2> " + base + ".err";
-  EXPECT_EQ(std::system(command.c_str()), 0) << command;
-  return {readFile(base + ".out"), readFile(base + ".err")};
+  return testing::runSimulator(std::string(HOME) + " --seed " + std::to_string(seed),
+                               "sim-" + std::to_string(seed));
 }
 
 using Told = std::vector<std::pair<std::string, bool>>;  // (endpoint, reachable) in order
@@ -88,28 +73,6 @@ std::string asThreadtime(const std::string& hostLog, bool infoOnly) {
   return capture;
 }
 
-// The simulator's final table: what isEntityReachable answered at the end,
-// as "reachable", "unreachable" or "notCached".
-std::map<std::string, std::string> finalAnswers(const std::string& timeline) {
-  std::map<std::string, std::string> answers;
-  std::istringstream lines(timeline);
-  bool inTable = false;
-  for (std::string line; std::getline(lines, line);) {
-    std::istringstream words(line);
-    std::string entity;
-    std::string answer;
-    words >> entity >> answer;
-    if (line.rfind("The cache at the end", 0) == 0) {
-      inTable = true;
-    } else if (inTable && (answer == "yes" || answer == "no" || answer == "not")) {
-      answers[entity] = answer == "yes"  ? "reachable"
-                        : answer == "no" ? "unreachable"
-                                         : "notCached";
-    }
-  }
-  return answers;
-}
-
 std::map<std::string, Told> toldInTrace(const CacheRecord& cache) {
   std::map<std::string, Told> told;
   for (const EntityRecord& entity : cache.entities) {
@@ -154,8 +117,9 @@ TEST(TraceAgainstSimTest, TellsWhatTheListenerHeard) {
     EXPECT_EQ(full.trace.damagedLines, 0u);
     const nlohmann::json entities =
         nlohmann::json::parse(traceJson(full.trace))["caches"][0]["entities"];
-    for (const auto& [entity, answer] : finalAnswers(sim.timeline)) {
-      EXPECT_EQ(entities.contains(entity) ? entities[entity]["lastAnswer"] : "notCached", answer)
+    for (const auto& [entity, answer] : simulatorFinalAnswers(sim.timeline)) {
+      EXPECT_EQ(entities.contains(entity) ? entities[entity]["lastAnswer"] : "notCached",
+                tools::answerName(answer))
           << entity;
     }
 

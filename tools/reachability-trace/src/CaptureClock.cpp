@@ -38,11 +38,26 @@ Civil civilFromDays(int64_t days) {
   return {yearOfEra + era * 400 + (month <= 2 ? 1 : 0), month, day};
 }
 
-Micros onLine(int year, const ClockReading& reading) {
+Micros onTimeLine(int year, const ClockReading& reading) {
   return daysFromCivil(year, reading.month, reading.day) * MICROS_PER_DAY + reading.microsOfDay;
 }
 
+int64_t daysOf(Micros at) {
+  return at >= 0 ? at / MICROS_PER_DAY : (at - MICROS_PER_DAY + 1) / MICROS_PER_DAY;
+}
+
 }  // namespace
+
+ClockReading CaptureClock::reading(Micros at) {
+  const int64_t days = daysOf(at);
+  const Civil date = civilFromDays(days);
+  return {static_cast<int>(date.year), static_cast<int>(date.month), static_cast<int>(date.day),
+          at - days * MICROS_PER_DAY};
+}
+
+Micros CaptureClock::onLine(const ClockReading& reading) {
+  return onTimeLine(reading.year, reading);
+}
 
 Micros CaptureClock::toMicros(const std::optional<ClockReading>& reading) {
   if (!reading) {
@@ -55,12 +70,12 @@ Micros CaptureClock::toMicros(const std::optional<ClockReading>& reading) {
   if (reading->year != 0) {
     sawYear_ = true;
     year_ = reading->year;
-    at = onLine(year_, *reading);
+    at = onTimeLine(year_, *reading);
   } else {
-    at = onLine(year_, *reading);
+    at = onTimeLine(year_, *reading);
     if (last_ != NO_TIME && at < last_ - HALF_YEAR) {
       ++year_;
-      at = onLine(year_, *reading);
+      at = onTimeLine(year_, *reading);
     }
   }
   last_ = at;
@@ -71,7 +86,7 @@ std::string CaptureClock::format(Micros at) const {
   if (at == NO_TIME) {
     return "";
   }
-  const int64_t days = at >= 0 ? at / MICROS_PER_DAY : (at - MICROS_PER_DAY + 1) / MICROS_PER_DAY;
+  const int64_t days = daysOf(at);
   const Micros ofDay = at - days * MICROS_PER_DAY;
   const Civil date = civilFromDays(days);
   const auto seconds = static_cast<long long>(ofDay / 1000000);

@@ -26,6 +26,10 @@ class CaptureClock {
   // "MM-DD HH:MM:SS.mmm", with the year in front when the capture gave one.
   std::string format(Micros at) const;
 
+  // The reading of `at` on the time line, its year included; and back.
+  static ClockReading reading(Micros at);
+  static Micros onLine(const ClockReading& reading);
+
   bool sawYear() const { return sawYear_; }
   // The finest step of the readings seen: a second for the host format,
   // else a millisecond or a microsecond.

@@ -28,6 +28,20 @@ const char* lineEnd(const char* from, const char* to) {
   return found == nullptr ? to : static_cast<const char*>(found);
 }
 
+// The line feeds in [from, to).
+uint64_t lineFeeds(const char* from, const char* to) {
+  uint64_t count = 0;
+  while (from < to) {
+    const void* found = std::memchr(from, '\n', static_cast<std::size_t>(to - from));
+    if (found == nullptr) {
+      break;
+    }
+    ++count;
+    from = static_cast<const char*>(found) + 1;
+  }
+  return count;
+}
+
 const char* lineStart(const char* begin, const char* at) {
   while (at > begin && at[-1] != '\n') {
     --at;
@@ -38,7 +52,7 @@ const char* lineStart(const char* begin, const char* at) {
 // Works through the complete lines of one buffer.
 class Scanner {
  public:
-  explicit Scanner(LineSink& sink) : sink_(sink) {}
+  explicit Scanner(LineSink& sink) : sink_(sink), numbering_(sink.wantsLineNumbers()) {}
 
   // Hands on the wanted lines of [begin, end): `begin` starts a line and
   // the byte before it is a line feed; `end` follows a line feed or ends the
@@ -47,6 +61,7 @@ class Scanner {
     const char* at = begin;
     nextSection_ = nullptr;
     nextNeedle_ = nullptr;
+    counted_ = begin;
     while (at < end) {
       if (sink_.wantsNextLine()) {
         at = handOn(at, end);
@@ -62,9 +77,12 @@ class Scanner {
         continue;
       }
       if (needle == nullptr) {
-        return;
+        break;
       }
       at = handOn(lineStart(at, needle), end);
+    }
+    if (numbering_) {
+      lineFeeds_ += lineFeeds(counted_, end);
     }
   }
 
@@ -74,9 +92,20 @@ class Scanner {
   const char* handOn(const char* start, const char* end) {
     const char* stop = lineEnd(start, end);
     if (inLog_) {
-      sink_.line(std::string_view(start, static_cast<std::size_t>(stop - start)));
+      sink_.line(std::string_view(start, static_cast<std::size_t>(stop - start)), numberOf(start));
     }
     return stop < end ? stop + 1 : end;
+  }
+
+  // The number of the line that starts at `start`: one more than the line
+  // feeds before it; 0 when the sink wants no numbers.
+  uint64_t numberOf(const char* start) {
+    if (!numbering_) {
+      return 0;
+    }
+    lineFeeds_ += lineFeeds(counted_, start);
+    counted_ = start;
+    return lineFeeds_ + 1;
   }
 
   const char* nextNeedle(const char* at, const char* end) {
@@ -110,10 +139,13 @@ class Scanner {
   }
 
   LineSink& sink_;
+  const bool numbering_;
   bool inLog_ = true;
   bool sawSections_ = false;
   const char* nextNeedle_ = nullptr;
   const char* nextSection_ = nullptr;
+  uint64_t lineFeeds_ = 0;         // before `counted_`
+  const char* counted_ = nullptr;  // in the buffer being scanned
 };
 
 }  // namespace

@@ -2,14 +2,14 @@
 
 #include "CaptureReader.h"
 #include "LogMessage.h"
-#include "TraceBuilder.h"
 
 namespace veranda::reachabilityCache::trace {
 
-CaptureTrace traceCapture(int fd, const std::string& name, const std::string& storyEntity) {
+CaptureTrace traceCapture(int fd, const std::string& name, const TraceScope& scope) {
   CaptureTrace result;
-  TraceBuilder builder(storyEntity);
-  MessageAssembler assembler([&builder](const LogMessage& message) { builder.add(message); });
+  TraceBuilder builder(scope);
+  MessageAssembler assembler([&builder](const LogMessage& message) { builder.add(message); },
+                             scope.evidence.any());
   const ReadResult read = readCapture(fd, name, assembler);
   if (!read.ok) {
     result.error = read.error;
@@ -18,6 +18,7 @@ CaptureTrace traceCapture(int fd, const std::string& name, const std::string& st
   builder.addDamaged(assembler.damagedLines());
   result.trace = builder.finish(read.bytes, read.sections);
   if (result.trace.caches.empty()) {
+    result.noCache = true;
     result.error = name + " holds no line of the reachability cache";
     return result;
   }

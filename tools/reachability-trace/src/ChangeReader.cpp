@@ -12,16 +12,17 @@ namespace {
 
 using EndpointState = EntityAnswers::EndpointState;
 
-// The physical line of `message` that holds `text` (a line of a multi-line
-// message), or its first line.
-const std::string& lineHolding(const LogMessage& message, std::string_view text) {
-  for (const std::string& line : message.lines) {
+// The index of the physical line of `message` that holds `text` (a line of
+// a multi-line message), or 0 for its first line.
+std::size_t lineHolding(const LogMessage& message, std::string_view text) {
+  for (std::size_t i = 0; i < message.lines.size(); ++i) {
+    const std::string& line = message.lines[i];
     if (line.size() >= text.size() &&
         line.compare(line.size() - text.size(), text.size(), text.data(), text.size()) == 0) {
-      return line;
+      return i;
     }
   }
-  return message.lines.front();
+  return 0;
 }
 
 // The lines of a summary's details after the first (which is empty).
@@ -37,19 +38,6 @@ std::vector<std::string_view> entryLines(std::string_view details) {
 
 }  // namespace
 
-bool ChangeReader::inStory(std::string_view entityId) const {
-  return !storyEntity_.empty() && entityId == storyEntity_;
-}
-
-std::vector<std::string> ChangeReader::causeOf(const CacheMessage& in,
-                                               std::string_view endpointId) const {
-  if (const CheckRecord* check = checks_.answering(in.cache, in.thread)) {
-    return {check->answerLine};
-  }
-  const std::string* event = events_.lastEventLine(endpointId);
-  return event == nullptr ? std::vector<std::string>{} : std::vector<std::string>{*event};
-}
-
 bool ChangeReader::notification(const CacheMessage& in) {
   const std::optional<std::string_view> endpointId = in.line.get("endpointId");
   const std::optional<std::string_view> entityId = in.line.get("entityId");
@@ -63,9 +51,9 @@ bool ChangeReader::notification(const CacheMessage& in) {
   change.at = in.at;
   change.endpointId = std::string(*endpointId);
   change.reachable = *reachable == "true";
-  if (inStory(*entityId)) {
-    change.evidence = causeOf(in, *endpointId);
-    change.evidence.push_back(in.message.lines.front());
+  if (evidence_.covers(*entityId, in.at)) {
+    change.evidence = causes_.triggerOf(in, *endpointId);
+    change.evidence.push_back(evidence_.line(in));
   }
   const bool confirmed = checks_.answering(in.cache, in.thread) != nullptr;
   notified_ = true;
@@ -79,6 +67,7 @@ bool ChangeReader::notification(const CacheMessage& in) {
                 true);
   notes_[in.thread].push_back(
       {std::string(*endpointId), std::string(*entityId), isReachable, record.changes.size() - 1});
+  causes_.addLine(in, *entityId);
   return true;
 }
 
@@ -98,6 +87,7 @@ void ChangeReader::summary(const CacheMessage& in) {
   }
 
   CheckRecord* answered = checks_.takeSummarised(in, cut, entries.size());
+  causes_.summaryOf(answered);
   if (answered != nullptr) {
     answered->summarised = true;
     answered->reachable = in.line.number("reachable").value_or(0);
@@ -112,9 +102,13 @@ void ChangeReader::summary(const CacheMessage& in) {
   // entry by entry from the states before them, then keep what those lines
   // did to endpoints whose entries the platform cut.
   EntityAnswers::States after = answers_.rollBack(in.thread);
+  std::vector<std::string> eventEndpoints;
   for (const auto& [entry, entryText] : entries) {
     after.erase({std::string(entry.entityId), std::string(entry.endpointId)});
     applyEntry(in, entry, entryText, answered);
+    if (answered == nullptr) {
+      eventEndpoints.emplace_back(entry.endpointId);
+    }
   }
   if (in.message.tid) {
     notes_[in.thread].clear();  // a thread's notifications all come before its summary
@@ -128,6 +122,7 @@ void ChangeReader::summary(const CacheMessage& in) {
     }
     answers_.loseUntold(in, told);
   }
+  causes_.resultApplied(in, eventEndpoints);
 }
 
 void ChangeReader::applyEntry(const CacheMessage& in, const SummaryEntry& entry,
@@ -153,16 +148,18 @@ void ChangeReader::applyEntry(const CacheMessage& in, const SummaryEntry& entry,
                                               : EndpointState::CONFIRMED,
                   false);
   }
+  const std::size_t entryLine = lineHolding(in.message, entryText);
+  causes_.addLine(in, entry.entityId);
+  causes_.addLine(in, entry.entityId, entryLine);
   if (!entry.changed) {
     return;
   }
   ChangeRecord& change = changeOf(in, record, entry);
   change.adapterName = std::string(entry.adapterName);
-  if (inStory(entry.entityId)) {
-    change.evidence.push_back(in.message.lines.front());
-    const std::string& entryLine = lineHolding(in.message, entryText);
-    if (&entryLine != &in.message.lines.front()) {
-      change.evidence.push_back(entryLine);
+  if (evidence_.covers(entry.entityId, in.at)) {
+    change.evidence.push_back(evidence_.line(in));
+    if (entryLine != 0) {
+      change.evidence.push_back(evidence_.line(in, entryLine));
     }
   }
 }
@@ -184,8 +181,8 @@ ChangeRecord& ChangeReader::changeOf(const CacheMessage& in, EntityRecord& recor
   change.at = in.at;
   change.endpointId = std::string(entry.endpointId);
   change.reachable = entry.reachable;
-  if (inStory(entry.entityId)) {
-    change.evidence = causeOf(in, entry.endpointId);
+  if (evidence_.covers(entry.entityId, in.at)) {
+    change.evidence = causes_.triggerOf(in, entry.endpointId);
   }
   return change;
 }

@@ -10,9 +10,10 @@
 #include <vector>
 
 #include "CacheMessage.h"
+#include "CauseReader.h"
 #include "CheckReader.h"
 #include "EntityAnswers.h"
-#include "EventReader.h"
+#include "Evidence.h"
 
 namespace veranda::reachabilityCache::trace {
 
@@ -20,11 +21,10 @@ namespace veranda::reachabilityCache::trace {
 // thread-safe.
 class ChangeReader {
  public:
-  // `storyEntity`, when not empty, names the entity whose changes keep the
-  // log lines that caused them.
-  ChangeReader(const std::string& storyEntity, CheckReader& checks, const EventReader& events,
-               EntityAnswers& answers)
-      : storyEntity_(storyEntity), checks_(checks), events_(events), answers_(answers) {}
+  // The changes of the entities that `evidence` covers keep the log lines
+  // that caused them.
+  ChangeReader(Evidence& evidence, CheckReader& checks, CauseReader& causes, EntityAnswers& answers)
+      : evidence_(evidence), checks_(checks), causes_(causes), answers_(answers) {}
 
   // A "notifyReachabilityListeners" line of the store; false when it lacks
   // a field it must have.
@@ -42,10 +42,6 @@ class ChangeReader {
     std::size_t change;
   };
 
-  bool inStory(std::string_view entityId) const;
-  // The log lines that led to a change of `endpointId` told in `in`: the
-  // check's answer on the same thread, or else the endpoint's last event.
-  std::vector<std::string> causeOf(const CacheMessage& in, std::string_view endpointId) const;
   // Applies one entry of a summary; `answered`: the check it reports, if any.
   void applyEntry(const CacheMessage& in, const SummaryEntry& entry, std::string_view entryText,
                   const CheckRecord* answered);
@@ -53,9 +49,9 @@ class ChangeReader {
   // already, or a new one.
   ChangeRecord& changeOf(const CacheMessage& in, EntityRecord& record, const SummaryEntry& entry);
 
-  const std::string& storyEntity_;
+  Evidence& evidence_;
   CheckReader& checks_;
-  const EventReader& events_;
+  CauseReader& causes_;
   EntityAnswers& answers_;
   std::map<int, std::vector<Note>> notes_;  // thread -> notifications awaiting their summary
   bool notified_ = false;                   // the capture has notification lines

@@ -25,7 +25,7 @@ void CheckReader::updaterLine(const CacheMessage& in) {
     periodicUpdate(in);
   } else if (line.label.empty() && reason == "checkStartFailed") {  // a manual trigger's task
     countProblem(in.cache, CHECK_START_FAILED, in.at);
-    check(in.cache, line.get("requestId").value_or(""), in.at).startFailed = true;
+    check(in, line.get("requestId").value_or("")).startFailed = true;
   }
 }
 
@@ -42,7 +42,7 @@ void CheckReader::periodicUpdate(const CacheMessage& in) {
     in.cache.cycles.push_back(empty);
   } else if (reason == "checkStartFailed") {
     countProblem(in.cache, CHECK_START_FAILED, in.at);
-    check(in.cache, in.line.get("requestId").value_or(""), in.at).startFailed = true;
+    check(in, in.line.get("requestId").value_or("")).startFailed = true;
   } else if (const auto count = in.line.number("endpointCount")) {
     nextEndpointCount_ = count;
   }
@@ -56,20 +56,20 @@ void CheckReader::checkerLine(const CacheMessage& in) {
       const std::string first = "[]: " + std::string(details->substr(0, details->find('\n')));
       const std::optional<LibraryLine> head = parseLibraryLine(first);  // views into `first`
       if (head && head->get("requestId")) {
-        CheckRecord& record = check(in.cache, *head->get("requestId"), in.at);
+        CheckRecord& record = check(in, *head->get("requestId"));
         record.endpointCount = head->number("count");
       }
     } else if (line.has("status", "requestSent")) {
-      check(in.cache, line.get("requestId").value_or(""), in.at).started = true;
+      check(in, line.get("requestId").value_or("")).started = true;
     }
   } else if (line.label == "processDiscoveredDevices") {
     const std::string_view requestId = line.get("requestId").value_or("");
-    CheckRecord& record = check(in.cache, requestId, in.at);
+    CheckRecord& record = check(in, requestId);
     record.answered = true;
     record.answeredAt = in.at;
     record.resultCount = line.number("resultCount");
-    if (keepAnswerLines_) {
-      record.answerLine = in.message.lines.front();
+    if (evidence_.any()) {
+      record.answerLine = evidence_.line(in);
     }
     answers_[in.thread] = checks_.at(std::string(requestId));
   }
@@ -97,7 +97,8 @@ CheckRecord* CheckReader::takeSummarised(const CacheMessage& in, bool cut, std::
   return &record;
 }
 
-CheckRecord& CheckReader::check(CacheRecord& cache, std::string_view requestId, Micros at) {
+CheckRecord& CheckReader::check(const CacheMessage& in, std::string_view requestId) {
+  CacheRecord& cache = in.cache;
   const std::string id(requestId);
   auto found = checks_.find(id);
   if (found == checks_.end()) {
@@ -105,7 +106,10 @@ CheckRecord& CheckReader::check(CacheRecord& cache, std::string_view requestId, 
     std::vector<CheckRecord>& list = periodic ? cache.cycles : cache.manualChecks;
     CheckRecord record;
     record.requestId = id;
-    record.start = at;
+    record.start = in.at;
+    if (evidence_.any()) {
+      record.startLine = evidence_.line(in);
+    }
     if (periodic) {
       record.endpointCount = nextEndpointCount_;
       nextEndpointCount_.reset();

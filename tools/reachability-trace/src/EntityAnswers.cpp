@@ -65,7 +65,7 @@ void EntityAnswers::hold(const CacheMessage& in, std::string_view entityId,
   } else {
     endpoints.erase(std::string(endpointId));
   }
-  noteAnswer(in, entityId);
+  noteAnswer(in, entityId, endpointId);
 }
 
 void EntityAnswers::forgetEntity(const CacheMessage& in, std::string_view entityId) {
@@ -74,7 +74,8 @@ void EntityAnswers::forgetEntity(const CacheMessage& in, std::string_view entity
   noteAnswer(in, entityId);
 }
 
-void EntityAnswers::noteAnswer(const CacheMessage& in, std::string_view entityId) {
+void EntityAnswers::noteAnswer(const CacheMessage& in, std::string_view entityId,
+                               std::string_view endpointId) {
   Answer answer = Answer::ABSENT;
   const auto held = held_.find(std::string(entityId));
   if (uncertain_.count(std::string(entityId)) > 0) {
@@ -85,13 +86,15 @@ void EntityAnswers::noteAnswer(const CacheMessage& in, std::string_view entityId
       answer = endpoint.second == EndpointState::CONFIRMED ? Answer::REACHABLE : answer;
     }
   }
-  std::vector<AnswerRecord>& answers = in.cache.entity(entityId).answers;
+  EntityRecord& entity = in.cache.entity(entityId);
+  std::vector<AnswerRecord>& answers = entity.answers;
   if (!answers.empty() && answers.back().message == in.number) {
     answers.pop_back();  // one message tells one answer: its last
   }
   const Answer last = answers.empty() ? Answer::ABSENT : answers.back().answer;
   if (answer != last) {
-    answers.push_back({in.at, answer, in.number});
+    answers.push_back(
+        {in.at, answer, causes_.noteCause(in, entity, endpointId, answer), in.number});
   }
 }
 
@@ -135,7 +138,7 @@ EntityAnswers::States EntityAnswers::rollBack(int thread) {
 void EntityAnswers::restore(const CacheMessage& in, const States& states) {
   for (const auto& [key, state] : states) {
     setHeld(key.first, key.second, state);
-    noteAnswer(in, key.first);
+    noteAnswer(in, key.first, key.second);
   }
 }
 
@@ -193,7 +196,7 @@ void EntityAnswers::correct(const CacheMessage& in, std::string_view entityId,
       endpoint.second = std::min(endpoint.second, EndpointState::UNCONFIRMED);
     }
   }
-  noteAnswer(in, entityId);
+  noteAnswer(in, entityId, endpointId);
 }
 
 void EntityAnswers::loseUntold(const CacheMessage& in, const std::set<std::string>& told) {

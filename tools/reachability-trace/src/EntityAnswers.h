@@ -12,14 +12,18 @@
 #include <utility>
 
 #include "CacheMessage.h"
+#include "CauseReader.h"
 
 namespace veranda::reachabilityCache::trace {
 
 // The store is followed endpoint by endpoint: an entity is reachable while
 // one of its endpoints is, by a check's answer or the host's own record; an
-// event alone does not make it so. One per cache; not thread-safe.
+// event alone does not make it so. Each answer noted gets its cause from
+// `causes`. One per cache; not thread-safe.
 class EntityAnswers {
  public:
+  explicit EntityAnswers(CauseReader& causes) : causes_(causes) {}
+
   // An endpoint as the store holds it: unreachable, reachable by an event
   // only (no capabilities yet), or reachable by a check or the host.
   enum class EndpointState { UNREACHABLE, UNCONFIRMED, CONFIRMED };
@@ -61,7 +65,9 @@ class EntityAnswers {
   };
 
   void forgetEntity(const CacheMessage& in, std::string_view entityId);
-  void noteAnswer(const CacheMessage& in, std::string_view entityId);
+  // `endpointId`: the endpoint whose line told it, empty when none did.
+  void noteAnswer(const CacheMessage& in, std::string_view entityId,
+                  std::string_view endpointId = "");
   // A query's answer, written by the store (debug): the truth at that moment.
   void observe(const CacheMessage& in);
   std::optional<EndpointState> heldState(const std::string& entityId,
@@ -69,6 +75,7 @@ class EntityAnswers {
   void setHeld(const std::string& entityId, const std::string& endpointId,
                std::optional<EndpointState> state);
 
+  CauseReader& causes_;
   std::unordered_map<std::string, std::map<std::string, EndpointState>> held_;  // entity -> ...
   std::set<std::string> uncertain_;  // entities whose entry a cut summary lost
   std::map<std::pair<std::string, std::string>, Before> before_;  // (entity, endpoint) -> ...

@@ -29,7 +29,8 @@ bool isLibraryTag(std::string_view tag) {
          tag == "ReachabilityCache-ApplianceDriverChecker";
 }
 
-MessageAssembler::MessageAssembler(Handler handler) : handler_(std::move(handler)) {}
+MessageAssembler::MessageAssembler(Handler handler, bool numberLines)
+    : handler_(std::move(handler)), numberLines_(numberLines) {}
 
 bool MessageAssembler::wantsNextLine() const {
   return open_ && current_.format == LineFormat::HOST;
@@ -44,12 +45,13 @@ bool MessageAssembler::continues(const CaptureLine& line) const {
          sameClock(line.clock, current_.clock) && (line.text.empty() || line.text[0] != '[');
 }
 
-void MessageAssembler::line(std::string_view text) {
+void MessageAssembler::line(std::string_view text, uint64_t number) {
   const std::optional<CaptureLine> parsed = parseCaptureLine(text);
   if (!parsed) {
     if (wantsNextLine()) {  // the host format's bare continuation
       current_.text.append(1, '\n').append(text);
       current_.lines.emplace_back(text);
+      current_.lineNumbers.push_back(number);
       return;
     }
     flush();
@@ -61,6 +63,7 @@ void MessageAssembler::line(std::string_view text) {
   if (continues(*parsed)) {
     current_.text.append(1, '\n').append(parsed->text);
     current_.lines.emplace_back(text);
+    current_.lineNumbers.push_back(number);
     return;
   }
   flush();
@@ -81,6 +84,7 @@ void MessageAssembler::line(std::string_view text) {
   current_.text.assign(parsed->text);
   current_.lines.clear();
   current_.lines.emplace_back(text);
+  current_.lineNumbers.assign(1, number);
 }
 
 void MessageAssembler::finish() { flush(); }

@@ -24,8 +24,9 @@ struct LogMessage {
   std::optional<int> tid;
   char priority = '?';
   std::string tag;
-  std::string text;                // the lines of the message joined with line feeds
-  std::vector<std::string> lines;  // as they stand in the capture
+  std::string text;                   // the lines of the message joined with line feeds
+  std::vector<std::string> lines;     // as they stand in the capture
+  std::vector<uint64_t> lineNumbers;  // of `lines` in the capture, from 1; 0 where not counted
 };
 
 // Joins the lines of each message of the library's tags (and of the metric
@@ -37,9 +38,11 @@ class MessageAssembler : public LineSink {
  public:
   using Handler = std::function<void(const LogMessage&)>;
 
-  explicit MessageAssembler(Handler handler);
+  // `numberLines`: the messages carry their lines' numbers.
+  explicit MessageAssembler(Handler handler, bool numberLines = false);
 
-  void line(std::string_view text) override;
+  void line(std::string_view text, uint64_t number) override;
+  bool wantsLineNumbers() const override { return numberLines_; }
   bool wantsNextLine() const override;
   void finish() override;
 
@@ -51,6 +54,7 @@ class MessageAssembler : public LineSink {
   void flush();
 
   Handler handler_;
+  bool numberLines_;
   bool open_ = false;
   LogMessage current_;
   uint64_t damaged_ = 0;

@@ -13,16 +13,47 @@ constexpr std::string_view METRIC_PREFIX = "metricName=ReachabilityCache.";
 
 }  // namespace
 
-TraceBuilder::Readers::Readers(const std::string& storyEntity)
-    : checks(!storyEntity.empty()),
-      events(!storyEntity.empty()),
-      changes(storyEntity, checks, events, answers) {}
+TraceBuilder::Readers::Readers(Evidence& evidence)
+    : checks(evidence),
+      causes(evidence, checks),
+      answers(causes),
+      changes(evidence, checks, causes, answers) {}
 
-TraceBuilder::TraceBuilder(std::string storyEntity) : storyEntity_(std::move(storyEntity)) {}
+TraceBuilder::TraceBuilder(TraceScope scope)
+    : window_(scope.window), inWindow_(!window_.limits()), evidence_(std::move(scope.evidence)) {
+  evidence_.limitTo(window_);
+}
+
+void TraceBuilder::enterWindow(Micros at) {
+  if (inWindow_ || window_.before(at) || at == NO_TIME) {
+    return;
+  }
+  inWindow_ = true;
+  messagesBefore_ = trace_.messages;
+  for (CacheRecord& cache : trace_.caches) {
+    cache.problems.clear();
+    cache.metrics.clear();
+    cache.eventsReceived = 0;
+    cache.eventsApplied = 0;
+    cache.changes = 0;
+  }
+}
+
+void TraceBuilder::pastWindow(const LogMessage& message) {
+  const auto found = current_.find(message.pid.value_or(-1));
+  if (found != current_.end()) {
+    trace_.caches[found->second].lastSeen = window_.to;
+  }
+}
 
 void TraceBuilder::add(const LogMessage& message) {
   const Micros at = trace_.clock.toMicros(message.clock);
   trace_.hasTime = trace_.hasTime || at != NO_TIME;
+  if (window_.after(at)) {
+    pastWindow(message);
+    return;
+  }
+  enterWindow(at);
   const std::size_t metric = message.text.find(METRIC_PREFIX);
   const std::optional<LibraryLine> line =
       metric == std::string::npos ? parseLibraryLine(message.text) : std::nullopt;
@@ -48,6 +79,7 @@ void TraceBuilder::add(const LogMessage& message) {
     return;
   }
   const CacheMessage in{cache, message, read, at, message.tid.value_or(-1), trace_.messages};
+  reading_->causes.message(in);
   if (message.tag == "ReachabilityCache-ReachabilityCache") {
     facade(in);
   } else if (message.tag == "ReachabilityCache-CacheCore") {
@@ -68,7 +100,7 @@ CacheRecord& TraceBuilder::cacheFor(const LogMessage& message, const LibraryLine
     record.pid = message.pid;
     record.firstSeen = at;
     trace_.caches.push_back(std::move(record));
-    readers_.push_back(std::make_unique<Readers>(storyEntity_));
+    readers_.push_back(std::make_unique<Readers>(evidence_));
     found = current_.insert_or_assign(process, trace_.caches.size() - 1).first;
   }
   reading_ = readers_[found->second].get();
@@ -133,6 +165,12 @@ void TraceBuilder::checker(const CacheMessage& in) {
 }
 
 Trace TraceBuilder::finish(uint64_t bytes, bool bugReport) {
+  if (!inWindow_) {
+    trace_.caches.clear();  // the capture ends before the window
+  }
+  clipToWindow(trace_, window_);
+  trace_.messages -= messagesBefore_;
+  trace_.evidenceLostFrom = evidence_.lostFrom();
   for (CacheRecord& cache : trace_.caches) {
     checkRhythm(cache, trace_.clock.resolution());
   }

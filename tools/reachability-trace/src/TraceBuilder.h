@@ -8,15 +8,27 @@
 #include <string>
 #include <vector>
 
+#include "CauseReader.h"
 #include "ChangeReader.h"
 #include "CheckReader.h"
 #include "EntityAnswers.h"
 #include "EventReader.h"
+#include "Evidence.h"
 #include "LibraryLine.h"
 #include "LogMessage.h"
 #include "TraceModel.h"
+#include "TraceWindow.h"
 
 namespace veranda::reachabilityCache::trace {
+
+// What a trace keeps beyond its figures, and the part of the capture it
+// tells about.
+struct TraceScope {
+  EvidenceScope evidence;
+  // The caches are followed from the capture's start, but counted and
+  // recorded only in the window; the page's evidence is kept only there.
+  TraceWindow window;
+};
 
 // Hands each message to the readers of its cache: the cache's life and
 // configuration are read here; its checks, events, changes and answers by
@@ -24,24 +36,24 @@ namespace veranda::reachabilityCache::trace {
 // thread-safe.
 class TraceBuilder {
  public:
-  // `storyEntity`, when not empty, names the entity whose changes keep the
-  // log lines that caused them.
-  explicit TraceBuilder(std::string storyEntity = "");
+  explicit TraceBuilder(TraceScope scope = {});
 
   void add(const LogMessage& message);
   // Counts messages that are the library's but could not be read.
   void addDamaged(uint64_t lines) { trace_.damagedLines += lines; }
 
-  // Ends the capture: checks the cycles' rhythm and returns the result.
+  // Ends the capture: limits the trace to the window, checks the cycles'
+  // rhythm and returns the result.
   Trace finish(uint64_t bytes, bool bugReport);
 
  private:
   // The readers of one cache's lines.
   struct Readers {
-    explicit Readers(const std::string& storyEntity);
+    explicit Readers(Evidence& evidence);
 
     CheckReader checks;
     EventReader events;
+    CauseReader causes;
     EntityAnswers answers;
     ChangeReader changes;
   };
@@ -54,8 +66,17 @@ class TraceBuilder {
   void store(const CacheMessage& in);
   void updater(const CacheMessage& in);
   void checker(const CacheMessage& in);
+  // The message at `at` may open the window: what was counted before it is
+  // forgotten.
+  void enterWindow(Micros at);
+  // A message after the window: its process's cache ran at least until the
+  // window's end.
+  void pastWindow(const LogMessage& message);
 
-  std::string storyEntity_;
+  TraceWindow window_;
+  bool inWindow_ = false;
+  uint64_t messagesBefore_ = 0;  // read before the window opened
+  Evidence evidence_;
   Trace trace_;
   std::map<int, std::size_t> current_;             // process (or -1) -> index of its cache
   std::vector<std::unique_ptr<Readers>> readers_;  // parallel to trace_.caches

@@ -28,6 +28,12 @@ inline constexpr const char* UNKNOWN_ENDPOINT = "unknownEndpointEvent";
 inline constexpr const char* INTERVAL_DRIFT = "intervalDrift";
 inline constexpr const char* SUMMARY_CUT = "summaryCut";
 
+// A line of the capture: its number (the first line is 1) and its text.
+struct EvidenceLine {
+  uint64_t number = 0;
+  std::string text;
+};
+
 // One reachability check: a periodic cycle or a manual trigger.
 struct CheckRecord {
   std::string requestId;  // empty for a cycle whose provider answered nothing
@@ -43,7 +49,10 @@ struct CheckRecord {
   uint64_t reachable = 0;
   uint64_t unreachable = 0;
   uint64_t changed = 0;
-  std::string answerLine;  // kept only for an entity's story
+  // Kept only where evidence is: the first line that named the check, and
+  // its answer's.
+  EvidenceLine startLine;
+  EvidenceLine answerLine;
 };
 
 // A change told to listeners.
@@ -52,7 +61,7 @@ struct ChangeRecord {
   std::string endpointId;
   std::string adapterName;  // where a summary names it
   bool reachable = false;
-  std::vector<std::string> evidence;  // kept only for an entity's story
+  std::vector<EvidenceLine> evidence;  // where evidence is kept, in capture order
 };
 
 // What isEntityReachable answers for an entity from `at` on, as the lines
@@ -62,23 +71,51 @@ struct ChangeRecord {
 // answer is unknown until the next line about it.
 using tools::Answer;
 
+// What made an entity's answer change.
+enum class CauseKind {
+  CHECK,              // the result of a periodic cycle or of a manual check
+  EVENT,              // a connectivity event the driver reported
+  SWEEP,              // a cycle removed the endpoint: the provider no longer named it
+  HOST_RECORD,        // the host's own record of the endpoint (updateEndpoints)
+  HOST_REMOVAL,       // the host removed the entity
+  HOST_INVALIDATION,  // the host emptied the cache (invalidate)
+  QUERY,              // the store's answer to a query, as it logged it
+  SUMMARY_CUT,        // the platform cut a result summary, the entity's entry with it
+};
+
+// A cause with the capture's lines that tell it, in capture order.
+struct AnswerCause {
+  CauseKind kind = CauseKind::HOST_RECORD;
+  std::string requestId;   // the check's, for CHECK
+  std::string endpointId;  // the endpoint whose line told it, if one did
+  std::vector<EvidenceLine> lines;
+};
+
+inline constexpr uint32_t NO_CAUSE = UINT32_MAX;
+
 struct AnswerRecord {
   Micros at = NO_TIME;
   Answer answer = Answer::ABSENT;
-  uint64_t message = 0;  // the number of the message that told it
+  uint32_t cause = NO_CAUSE;  // in the entity's causes, where evidence is kept
+  uint64_t message = 0;       // the number of the message that told it
 };
 
 struct EntityRecord {
   std::string id;
   std::vector<ChangeRecord> changes;
   std::vector<AnswerRecord> answers;  // each change of the answer, in capture order
+  std::vector<AnswerCause> causes;    // of the answers, where evidence is kept
   std::set<std::string> endpoints;
   std::set<std::string> adapters;
 };
 
+// A problem keeps the times of its first MAX_PROBLEM_TIMES occurrences.
+inline constexpr std::size_t MAX_PROBLEM_TIMES = 4096;
+
 struct ProblemRecord {
   uint64_t count = 0;
   Micros first = NO_TIME;
+  std::vector<Micros> times;  // the first occurrences', for marks on the page
 };
 
 struct CacheRecord {
@@ -116,6 +153,18 @@ struct CacheRecord {
   Micros endTime() const { return destructionSeen ? destroyed : lastSeen; }
 };
 
+// A part of a capture's time line. Both ends belong to it; NO_TIME leaves
+// that side open.
+struct TraceWindow {
+  Micros from = NO_TIME;
+  Micros to = NO_TIME;
+
+  bool limits() const { return from != NO_TIME || to != NO_TIME; }
+  bool before(Micros at) const { return from != NO_TIME && at != NO_TIME && at < from; }
+  bool after(Micros at) const { return to != NO_TIME && at != NO_TIME && at > to; }
+  bool contains(Micros at) const { return !before(at) && !after(at); }
+};
+
 struct Trace {
   std::vector<CacheRecord> caches;
   uint64_t messages = 0;      // library and metric messages read
@@ -124,6 +173,9 @@ struct Trace {
   bool bugReport = false;
   bool hasTime = false;  // the format gave clock readings
   CaptureClock clock;
+  // Evidence for every entity is kept up to a budget: none from here on.
+  Micros evidenceLostFrom = NO_TIME;
+  TraceWindow window;  // what the trace tells about; open for the whole capture
 };
 
 }  // namespace veranda::reachabilityCache::trace

@@ -11,7 +11,10 @@ const char* const DESCRIPTION =
     "the changes told to listeners per entity, and its problems.\n\n"
     "FILE is an adb logcat capture (threadtime, time or brief; the uid, year and usec\n"
     "adverbs too), a bug report, or what the host liblog writes on standard error\n"
-    "(such as reachability-sim's); - reads standard input.\n";
+    "(such as reachability-sim's); - reads standard input.\n\n"
+    "TIME is written as the capture writes it: [YYYY-]MM-DD HH:MM[:SS[.fff]], or\n"
+    "HH:MM[:SS[.fff]] alone for the latest such moment of the capture (with --to,\n"
+    "the first after --from). A window reads the capture twice.\n";
 
 const char* const FOOTER =
     "Exit status: 0 after a report; 2 for a bad option, or for a capture that cannot be\n"
@@ -27,11 +30,23 @@ void describe(CLI::App& app, TraceOptions& options) {
       ->check(tools::nonEmptyPath());
   auto* json = app.add_flag("--json", options.json,
                             "writes a JSON document for scripts instead of the\nreport");
-  app.add_option("--entity", options.entityId,
-                 "tells one entity's story instead of the report: each\n"
-                 "change with the log lines that caused it")
-      ->type_name("ID")
-      ->excludes(json);
+  auto* entity = app.add_option("--entity", options.entityId,
+                                "tells one entity's story instead of the report: each\n"
+                                "change with the log lines that caused it")
+                     ->type_name("ID")
+                     ->excludes(json);
+  app.add_option("--at", options.at,
+                 "with --entity: what isEntityReachable answered at that\n"
+                 "moment (or why it is unknown), with the numbered lines\n"
+                 "that made it so, instead of the story")
+      ->type_name("TIME")
+      ->needs(entity);
+  app.add_option("--from", options.from,
+                 "limits the report, the story, the JSON document and\n"
+                 "the pictures to what happened from TIME on")
+      ->type_name("TIME");
+  app.add_option("--to", options.to, "... and up to TIME (both ends belong to the window)")
+      ->type_name("TIME");
   app.add_option("--timeline", options.timelinePath,
                  "also draws the cache's picture as SVG: a row per\n"
                  "entity, the state listeners were told over time")

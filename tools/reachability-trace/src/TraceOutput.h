@@ -21,6 +21,13 @@ void printReport(const Trace& trace, std::ostream& out);
 // caused it. False when no cache knows the entity.
 bool printEntityStory(const Trace& trace, const std::string& entityId, std::ostream& out);
 
+// What a kind of problem means, in words; empty for a kind it does not know.
+const char* problemText(const std::string& kind);
+
+// A line of evidence, indented, with its number in the capture, made safe
+// for a terminal: "    line 128: <the line>".
+void printEvidence(const EvidenceLine& line, std::ostream& out);
+
 // The JSON document (one line, then a line feed).
 std::string traceJson(const Trace& trace);
 

@@ -30,6 +30,15 @@ const std::map<std::string, const char*>& problemTexts() {
   return TEXTS;
 }
 
+}  // namespace
+
+const char* problemText(const std::string& kind) {
+  const auto text = problemTexts().find(kind);
+  return text == problemTexts().end() ? "" : text->second;
+}
+
+namespace {
+
 std::string when(const Trace& trace, Micros at) {
   return at == NO_TIME ? std::string(trace.hasTime ? "unknown time" : "no time in the capture")
                        : trace.clock.format(at);
@@ -93,10 +102,8 @@ void printProblems(const Trace& trace, const CacheRecord& cache, std::ostream& o
   }
   out << "  Problems:\n";
   for (const auto& [kind, problem] : cache.problems) {
-    const auto text = problemTexts().find(kind);
     out << "    " << terminalPadded(kind, 24) << ' ' << std::to_string(problem.count)
-        << " x, first " << when(trace, problem.first) << ": "
-        << (text == problemTexts().end() ? "" : text->second) << '\n';
+        << " x, first " << when(trace, problem.first) << ": " << problemText(kind) << '\n';
   }
 }
 
@@ -188,6 +195,10 @@ void printReport(const Trace& trace, std::ostream& out) {
   }
 }
 
+void printEvidence(const EvidenceLine& line, std::ostream& out) {
+  out << "    line " << line.number << ": " << terminalText(line.text) << '\n';
+}
+
 bool printEntityStory(const Trace& trace, const std::string& entityId, std::ostream& out) {
   bool found = false;
   for (std::size_t i = 0; i < trace.caches.size(); ++i) {
@@ -217,8 +228,8 @@ bool printEntityStory(const Trace& trace, const std::string& entityId, std::ostr
         out << " (" << terminalText(change.adapterName) << ")";
       }
       out << '\n';
-      for (const std::string& line : change.evidence) {
-        out << "    " << terminalText(line) << '\n';
+      for (const EvidenceLine& line : change.evidence) {
+        printEvidence(line, out);
       }
     }
   }

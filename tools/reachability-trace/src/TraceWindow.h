@@ -1,0 +1,18 @@
+// Limits a trace to a window of the capture's time line, so that the
+// report, the story, the JSON document and the pictures tell of it alone.
+#pragma once
+
+#include "TraceModel.h"
+
+namespace veranda::reachabilityCache::trace {
+
+// Keeps what happened in `window` of a trace whose counts began when the
+// window opened and which read nothing after it: the caches alive in it,
+// their checks that started in it, their entities' changes in it and their
+// answers from its start on (the answer at its start first). Caches that
+// began before it are taken as already running at its start. Entities with
+// no change and no answer in the window are left out. The trace notes the
+// window.
+void clipToWindow(Trace& trace, const TraceWindow& window);
+
+}  // namespace veranda::reachabilityCache::trace
