@@ -1,6 +1,7 @@
 // --from and --to: the trace of a window holds what the whole trace holds
 // in it, and counts what the capture's lines in it count.
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include <set>
 #include <sstream>
@@ -9,6 +10,7 @@
 
 #include "CaptureFiles.h"
 #include "CaptureLine.h"
+#include "TraceOutput.h"
 
 namespace veranda::reachabilityCache::trace::testing {
 namespace {
@@ -49,6 +51,15 @@ TEST(TraceWindowTest, HoldsWhatTheWholeTraceHoldsInTheWindow) {
   const CacheRecord& cache = part.trace.caches[0];
   const TraceWindow& window = scope.window;
   EXPECT_EQ(part.trace.window.from, window.from);
+  const std::string from = part.trace.clock.format(window.from);
+  const std::string to = part.trace.clock.format(window.to);
+  std::ostringstream report;
+  printReport(part.trace, report);
+  EXPECT_NE(report.str().find("All that follows is of the window from " + from + " to " + to),
+            std::string::npos)
+      << report.str();
+  EXPECT_EQ(nlohmann::json::parse(traceJson(part.trace))["window"],
+            nlohmann::json({{"from", from}, {"to", to}}));
   EXPECT_FALSE(cache.creationSeen);
   EXPECT_EQ(cache.startTime(), window.from);
   EXPECT_EQ(cache.endTime(), window.to) << "the cache ran on after the window";

@@ -137,11 +137,15 @@ std::string traceJson(const Trace& trace) {
   for (const CacheRecord& cache : trace.caches) {
     caches.push_back(cacheJson(trace, cache));
   }
-  const json document = {{"caches", std::move(caches)},
-                         {"messages", trace.messages},
-                         {"damagedLines", trace.damagedLines},
-                         {"bytes", trace.bytes},
-                         {"bugReport", trace.bugReport}};
+  json document = {{"caches", std::move(caches)},
+                   {"messages", trace.messages},
+                   {"damagedLines", trace.damagedLines},
+                   {"bytes", trace.bytes},
+                   {"bugReport", trace.bugReport}};
+  if (trace.window.limits()) {
+    document["window"] = {{"from", time(trace, trace.window.from)},
+                          {"to", time(trace, trace.window.to)}};
+  }
   // Text from the capture need not be valid UTF-8: replace what is not.
   return document.dump(-1, ' ', false, json::error_handler_t::replace) + "\n";
 }

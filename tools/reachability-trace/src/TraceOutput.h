@@ -21,6 +21,10 @@ void printReport(const Trace& trace, std::ostream& out);
 // caused it. False when no cache knows the entity.
 bool printEntityStory(const Trace& trace, const std::string& entityId, std::ostream& out);
 
+// "the window from <from> to <to>" of a trace limited to one (with "the
+// capture's start" or "end" for an open side); empty for a whole capture.
+std::string windowText(const Trace& trace);
+
 // What a kind of problem means, in words; empty for a kind it does not know.
 const char* problemText(const std::string& kind);
 

@@ -52,6 +52,9 @@ tools::TimelinePicture tracePicture(const Trace& trace, std::size_t cacheIndex,
   if (unknown) {
     picture.note += "; blank where cut summaries leave the answer unknown";
   }
+  if (trace.window.limits()) {
+    picture.note += "; " + windowText(trace);
+  }
   return picture;
 }
 

@@ -185,6 +185,9 @@ void printReport(const Trace& trace, std::ostream& out) {
     out << "; " << trace.damagedLines << " damaged lines skipped";
   }
   out << ".\n";
+  if (trace.window.limits()) {
+    out << "All that follows is of " << windowText(trace) << ".\n";
+  }
   for (std::size_t i = 0; i < trace.caches.size(); ++i) {
     const CacheRecord& cache = trace.caches[i];
     out << '\n';
@@ -195,12 +198,25 @@ void printReport(const Trace& trace, std::ostream& out) {
   }
 }
 
+std::string windowText(const Trace& trace) {
+  const TraceWindow& window = trace.window;
+  if (!window.limits()) {
+    return "";
+  }
+  return "the window from " +
+         (window.from == NO_TIME ? std::string("the capture's start") : when(trace, window.from)) +
+         " to " + (window.to == NO_TIME ? std::string("its end") : when(trace, window.to));
+}
+
 void printEvidence(const EvidenceLine& line, std::ostream& out) {
   out << "    line " << line.number << ": " << terminalText(line.text) << '\n';
 }
 
 bool printEntityStory(const Trace& trace, const std::string& entityId, std::ostream& out) {
   bool found = false;
+  if (trace.window.limits()) {
+    out << "In " << windowText(trace) << ":\n";
+  }
   for (std::size_t i = 0; i < trace.caches.size(); ++i) {
     const CacheRecord& cache = trace.caches[i];
     const auto index = cache.entityIndex.find(entityId);
