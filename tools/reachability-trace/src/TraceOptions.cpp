@@ -52,6 +52,12 @@ void describe(CLI::App& app, TraceOptions& options) {
                  "entity, the state listeners were told over time")
       ->type_name("FILE.svg")
       ->check(tools::nonEmptyPath());
+  app.add_option("--html", options.pagePath,
+                 "also writes the page: one HTML file that any browser\n"
+                 "opens offline, a lane per entity over time, to zoom,\n"
+                 "search and click for the lines behind each change")
+      ->type_name("FILE.html")
+      ->check(tools::nonEmptyPath());
   app.add_option(
          "--cache", options.cache,
          "the cache to draw when the capture holds several\n(1 is the first; default: the last)")

@@ -18,6 +18,7 @@
 #include "TimelineSvg.h"
 #include "TraceOptions.h"
 #include "TraceOutput.h"
+#include "TracePage.h"
 
 namespace {
 
@@ -140,6 +141,10 @@ int draw(const Trace& trace, const TraceOptions& options) {
                                options.timelinePath, error)) {
     return fail(error, 1);
   }
+  if (!options.pagePath.empty() &&
+      !writeTracePage(trace, *index, baseName(options.capturePath), options.pagePath, error)) {
+    return fail(error, 1);
+  }
   return 0;
 }
 
@@ -164,7 +169,8 @@ int tell(const Trace& whole, const Trace& trace, const TraceOptions& options) {
   } else {
     printReport(trace, std::cout);
   }
-  return options.timelinePath.empty() ? 0 : draw(trace, options);
+  const bool pictures = !options.timelinePath.empty() || !options.pagePath.empty();
+  return pictures ? draw(trace, options) : 0;
 }
 
 }  // namespace
@@ -180,8 +186,11 @@ int main(int argc, char** argv) {
   if (!input.error.empty()) {
     return fail(input.error, 2);
   }
+  // A window's page keeps every entity's evidence in the window alone, on
+  // the second reading.
   TraceScope scope;
   scope.evidence.entity = options.entityId;
+  scope.evidence.everyEntity = !options.pagePath.empty() && !windowed;
   if (input.copy != nullptr) {
     ::lseek(input.fd, 0, SEEK_SET);
   }
@@ -198,6 +207,7 @@ int main(int argc, char** argv) {
     return fail(error, 2);
   }
   scope.window = *limits;
+  scope.evidence.everyEntity = !options.pagePath.empty();
   if (::lseek(input.fd, 0, SEEK_SET) != 0) {
     return fail(systemError("cannot read " + input.name + " again"), 2);
   }

@@ -48,19 +48,6 @@ std::string tickLabel(double seconds) {
 
 std::string label(const std::string& text) { return shortened(text, LABEL_CHARS); }
 
-const char* colour(Answer answer) {
-  switch (answer) {
-    case Answer::REACHABLE:
-      return REACHABLE_COLOUR;
-    case Answer::UNREACHABLE:
-      return UNREACHABLE_COLOUR;
-    case Answer::ABSENT:
-    case Answer::UNKNOWN:
-      break;
-  }
-  return ABSENT_COLOUR;
-}
-
 // The answer of `row` at `atMs`: that of the last span starting at or before it.
 Answer answerAt(const TimelineRow& row, int64_t atMs) {
   Answer answer = Answer::ABSENT;
@@ -236,7 +223,7 @@ class Drawing {
         const double from = x(span.fromMs);
         const double width = std::max(x(span.toMs) - from, 1.0);  // short flaps stay visible
         svg_ << "<rect x=\"" << num(from) << "\" y=\"" << num(barTop) << "\" width=\"" << num(width)
-             << "\" height=\"" << num(BAR_HEIGHT) << "\" fill=\"" << colour(span.answer)
+             << "\" height=\"" << num(BAR_HEIGHT) << "\" fill=\"" << answerColour(span.answer)
              << "\"/>\n";
       }
       // A dark tick on the bar at each notification about the entity.
@@ -283,6 +270,19 @@ class Drawing {
 };
 
 }  // namespace
+
+const char* answerColour(Answer answer) {
+  switch (answer) {
+    case Answer::REACHABLE:
+      return REACHABLE_COLOUR;
+    case Answer::UNREACHABLE:
+      return UNREACHABLE_COLOUR;
+    case Answer::ABSENT:
+    case Answer::UNKNOWN:
+      break;
+  }
+  return ABSENT_COLOUR;
+}
 
 std::string timelineSvg(const TimelinePicture& picture) { return Drawing(picture).render(); }
 
