@@ -15,7 +15,7 @@ constexpr std::size_t ELLIPSIS = 3;  // "..."
 void piece(TextCutter& out, std::string_view text) { out.piece(text, text.size()); }
 
 std::string escaped(const char* format, unsigned value) {
-  char text[16];  // room for any unsigned value, as the optimiser checks
+  char text[16];
   std::snprintf(text, sizeof(text), format, value);
   return text;
 }
