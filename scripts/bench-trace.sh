@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Times reachability-trace on a large capture, side by side with
-# `grep -F ReachabilityCache`, and reports its peak memory.
+# `grep -F ReachabilityCache`, and reports its peak memory; then the same
+# for writing the page (--html), with the page's size.
 #
 # The capture: the simulator's log (a flapping generated home, turned into
 # threadtime lines) mixed into other processes' lines until it reaches the
@@ -8,8 +9,8 @@
 # machine is shared: reachability-trace passes within 3 times grep's time.
 #
 # Usage: scripts/bench-trace.sh [megabytes (default 200)]
-# Results (the capture, hyperfine's CSV, the Markdown table) go to
-# build/release/bench-trace/.
+# Results (the capture, hyperfine's CSVs, the page, the Markdown tables) go
+# to build/release/bench-trace/.
 set -euo pipefail
 
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
@@ -97,3 +98,17 @@ awk -F, -v size="$size" -v peak="$peak_kb" -v library="$library" -v total="$tota
       size / 1048576, total, library, trace, grep, ratio, peak / 1024, \
       ratio <= 3 ? "met" : "missed"
   }' "$out/timing.csv" | tee "$out/result.md"
+
+# The page: every entity's lines kept (up to its budget) and written out.
+page="$out/page.html"
+hyperfine --style basic --warmup 1 --runs 5 --export-csv "$out/page-timing.csv" \
+  -n "reachability-trace --html" "$bin/reachability-trace --html $page $capture" \
+  >"$out/page-hyperfine.log"
+page_peak_kb=$(/usr/bin/time -v "$bin/reachability-trace" --html "$page" "$capture" 2>&1 >/dev/null |
+  awk -F': ' '/Maximum resident set size/ { print $2 }')
+awk -F, -v peak="$page_peak_kb" -v page="$(stat -c %s "$page")" '
+  NR == 2 {
+    printf "\n| output | reachability-trace (median) | peak memory | page |\n"
+    printf "|---|---|---|---|\n"
+    printf "| --html | %.3f s | %.1f MB | %.1f MB |\n", $4, peak / 1024, page / 1048576
+  }' "$out/page-timing.csv" | tee -a "$out/result.md"

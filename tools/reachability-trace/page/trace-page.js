@@ -127,9 +127,13 @@
     c.stroke();
     return context.createPattern(tile, 'repeat');
   }
+  // Unknown is hatched where it spans pixels, and flat grey where a single
+  // pixel holds a bit of it, which a hatch could not show.
+  const UNKNOWN_FLAT = '#a9a9b8';
   const fillOf = (context, answer) =>
     answer === UNKNOWN ? (context.unknownFill || (context.unknownFill = hatch(context)))
                        : colours[answer];
+  const flatFillOf = (answer) => (answer === UNKNOWN ? UNKNOWN_FLAT : colours[answer]);
 
   // ---- Canvases ----
   function fit(canvas, width, height) {
@@ -204,21 +208,23 @@
           main = answer;
         }
       }
-      const total = shares[0] + shares[1] + shares[2] + shares[3];
-      context.fillStyle = fillOf(context, main);
-      context.fillRect(pixel, y + BAR_TOP + BAR * (1 - Math.min(1, total)), 1,
-                       BAR * Math.min(1, total));
+      const total = Math.min(1, shares[0] + shares[1] + shares[2] + shares[3]);
+      context.fillStyle = flatFillOf(main);
+      context.fillRect(pixel, y + BAR_TOP + BAR * (1 - total), 1, BAR * total);
       for (const minor of [UNREACHABLE, UNKNOWN]) {
         if (minor !== main && shares[minor] > 0) {
-          context.fillStyle = fillOf(context, minor);
+          context.fillStyle = flatFillOf(minor);
           context.fillRect(pixel, y + BAR_TOP + BAR / 2, 1, BAR / 2);
         }
       }
     });
-    // A tick above the bar where listeners were told, one per pixel.
-    context.fillStyle = '#222';
+    // A tick above the bar where listeners were told, one per pixel; faint
+    // where they crowd.
+    const firstMark = Math.max(0, lastAtOrBefore(lane.markAt, from));
+    const crowded = lastAtOrBefore(lane.markAt, to) - firstMark > width / 8;
+    context.fillStyle = crowded ? 'rgba(0, 0, 0, 0.3)' : '#222';
     let last = -1;
-    for (let i = Math.max(0, lastAtOrBefore(lane.markAt, from)); i < lane.markAt.length; ++i) {
+    for (let i = firstMark; i < lane.markAt.length; ++i) {
       const t = lane.markAt[i];
       if (t > to) {
         break;
@@ -307,6 +313,7 @@
     context.strokeStyle = '#999';
     context.font = '11px system-ui, sans-serif';
     context.beginPath();
+    let free = 0; // where the next label may start
     for (let t = Math.ceil(state.view.from / step) * step; t <= state.view.to; t += step) {
       const x = Math.round(xOf(t, width)) + 0.5;
       context.moveTo(x, 20);
@@ -314,7 +321,11 @@
       const text = formatTime(t);
       const label = step >= 864e5 ? text.slice(0, -13)
                   : step >= 1000 ? text.slice(-12, -4) : text.slice(-12);
-      context.fillText(label, Math.min(x + 3, width - 70), 14);
+      const labelWidth = context.measureText(label).width;
+      if (x + 3 >= free && x + 3 + labelWidth <= width) {
+        context.fillText(label, x + 3, 14);
+        free = x + 3 + labelWidth + 8;
+      }
     }
     context.stroke();
     if (state.brush) {
@@ -329,19 +340,29 @@
     const width = plotWidth();
     const context = fit(canvas, width, 28);
     context.fillStyle = '#c62828';
-    const drawn = new Set();
+    const pixels = new Set();
     for (const problem of state.cache.problems) {
       for (const t of problem.times) {
         const x = Math.round(xOf(t, width));
-        if (x >= 0 && x <= width && !drawn.has(x >> 2)) {
-          drawn.add(x >> 2);
-          context.beginPath();
-          context.moveTo(x, 6);
-          context.lineTo(x - 5, 22);
-          context.lineTo(x + 5, 22);
-          context.closePath();
-          context.fill();
+        if (x >= 0 && x <= width) {
+          pixels.add(x);
         }
+      }
+    }
+    // A triangle each where they stand apart, a tick each where they crowd.
+    const crowded = pixels.size > width / 12;
+    let last = -Infinity;
+    for (const x of Array.from(pixels).sort((a, b) => a - b)) {
+      if (crowded) {
+        context.fillRect(x, 11, 1, 8);
+      } else if (x - last >= 4) {
+        context.beginPath();
+        context.moveTo(x, 6);
+        context.lineTo(x - 5, 22);
+        context.lineTo(x + 5, 22);
+        context.closePath();
+        context.fill();
+        last = x;
       }
     }
   }
@@ -469,7 +490,11 @@
       const answer = lane.answer[span];
       const line = element('p', 'answer');
       line.appendChild(swatch(answer));
-      line.appendChild(document.createTextNode('isEntityReachable answered '));
+      if (answer === UNKNOWN) {
+        line.appendChild(document.createTextNode('What isEntityReachable answered is '));
+      } else {
+        line.appendChild(document.createTextNode('isEntityReachable answered '));
+      }
       line.appendChild(element('strong', '', data.answers[answer].words));
       line.appendChild(document.createTextNode(', since ' + formatTime(lane.at[span])));
       section.appendChild(line);

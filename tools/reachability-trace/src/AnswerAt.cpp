@@ -77,8 +77,12 @@ void printBeforeEvidence(const Trace& trace, const CacheRecord& cache, const Ans
 
 void printAnswer(const Trace& trace, const AnswerAtMoment& answer, std::ostream& out) {
   const CacheRecord& cache = trace.caches[answer.cache];
-  out << "  " << cacheName(cache, answer.cache) << ": isEntityReachable answered "
-      << tools::answerWords(answer.answer);
+  out << "  " << cacheName(cache, answer.cache) << ": ";
+  if (answer.answer == Answer::UNKNOWN) {
+    out << "what isEntityReachable answered is unknown";
+  } else {
+    out << "isEntityReachable answered " << tools::answerWords(answer.answer);
+  }
   if (answer.since != nullptr) {
     out << ", since " << trace.clock.format(answer.since->at);
   }

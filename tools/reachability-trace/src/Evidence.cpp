@@ -16,9 +16,22 @@ bool Evidence::covers(std::string_view entityId, Micros at) {
 }
 
 EvidenceLine Evidence::line(const CacheMessage& in, std::size_t index) {
-  EvidenceLine line{in.message.lineNumbers.at(index), in.message.lines.at(index)};
-  bytes_ += line.text.size();
-  spent_ = spent_ || (scope_.everyEntity && bytes_ > scope_.budgetBytes);
+  if (message_ != in.number || lines_.empty()) {
+    message_ = in.number;
+    lines_.assign(in.message.lines.size(), {});
+  }
+  EvidenceLine& line = lines_.at(index);
+  const bool made = !line.text;
+  if (made) {
+    line = {in.message.lineNumbers.at(index),
+            std::make_shared<const std::string>(in.message.lines[index])};
+  }
+  // Before a window, only the lines of checks and events are kept, a few
+  // per check and per endpoint: the budget is the window's.
+  if (window_.contains(in.at)) {
+    bytes_ += sizeof(EvidenceLine) + (made ? line.text->size() : 0);
+    spent_ = spent_ || (scope_.everyEntity && bytes_ > scope_.budgetBytes);
+  }
   return line;
 }
 

@@ -8,13 +8,15 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "CacheMessage.h"
 #include "TraceWindow.h"
 
 namespace veranda::reachabilityCache::trace {
 
-// The bytes of line text that evidence for every entity may hold.
+// The bytes that evidence for every entity may hold: each line's text once,
+// and each place that shows it.
 inline constexpr std::size_t EVIDENCE_BUDGET_BYTES = std::size_t{32} << 20;
 
 struct EvidenceScope {
@@ -40,7 +42,8 @@ class Evidence {
   // lines. Once the budget for every entity's is spent, nothing more is
   // kept of theirs: `lostFrom()` tells from when.
   bool covers(std::string_view entityId, Micros at);
-  // Line `index` of the message, counted against the budget.
+  // Line `index` of the message, counted against the budget; the lines of
+  // one message are made once, however often they are asked for.
   EvidenceLine line(const CacheMessage& in, std::size_t index = 0);
   // The first moment whose evidence the budget left out; NO_TIME when
   // nothing was.
@@ -52,6 +55,8 @@ class Evidence {
   std::size_t bytes_ = 0;
   Micros lostFrom_ = NO_TIME;
   bool spent_ = false;
+  uint64_t message_ = 0;  // whose lines `lines_` holds
+  std::vector<EvidenceLine> lines_;
 };
 
 }  // namespace veranda::reachabilityCache::trace

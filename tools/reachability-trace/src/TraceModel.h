@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <optional>
 #include <set>
 #include <string>
@@ -28,10 +29,11 @@ inline constexpr const char* UNKNOWN_ENDPOINT = "unknownEndpointEvent";
 inline constexpr const char* INTERVAL_DRIFT = "intervalDrift";
 inline constexpr const char* SUMMARY_CUT = "summaryCut";
 
-// A line of the capture: its number (the first line is 1) and its text.
+// A line of the capture: its number (the first line is 1) and its text,
+// which the causes and changes that show the same line share.
 struct EvidenceLine {
   uint64_t number = 0;
-  std::string text;
+  std::shared_ptr<const std::string> text;
 };
 
 // One reachability check: a periodic cycle or a manual trigger.

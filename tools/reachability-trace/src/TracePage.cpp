@@ -102,7 +102,7 @@ class DataWriter {
     std::string cause = "[" + jsonText(words) + ",[";
     for (std::size_t i = 0; i < lines.size(); ++i) {
       cause += (i == 0 ? "" : ",") + std::to_string(lines[i].number);
-      lines_.emplace(lines[i].number, &lines[i].text);
+      lines_.emplace(lines[i].number, lines[i].text.get());
     }
     causes_.push_back(cause + "]]");
     return static_cast<int64_t>(causes_.size() - 1);

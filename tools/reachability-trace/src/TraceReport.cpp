@@ -209,7 +209,7 @@ std::string windowText(const Trace& trace) {
 }
 
 void printEvidence(const EvidenceLine& line, std::ostream& out) {
-  out << "    line " << line.number << ": " << terminalText(line.text) << '\n';
+  out << "    line " << line.number << ": " << terminalText(*line.text) << '\n';
 }
 
 bool printEntityStory(const Trace& trace, const std::string& entityId, std::ostream& out) {
