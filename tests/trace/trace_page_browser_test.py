@@ -137,6 +137,7 @@ def check_page(driver, page, entities, event_number, event_ms):
     search.clear()
     search.send_keys(" ")  # an input event: every lane again, the change still picked
     wait.until(lambda d: d.find_element(By.ID, "count").text.startswith("%d of" % len(entities)))
+    ActionChains(driver).move_to_element(driver.find_element(By.ID, "title")).perform()
 
 
 def main():
