@@ -2,8 +2,22 @@
 
 #include <CLI/CLI.hpp>
 
+#include "CaptureMoment.h"
+
 namespace veranda::reachabilityCache::trace {
 namespace {
+
+// Refuses a TIME the capture could not name, before the capture is read.
+CLI::Validator moment() {
+  return CLI::Validator(
+      [](std::string& value) -> std::string {
+        return parseCaptureMoment(value)
+                   ? ""
+                   : "no moment: write [YYYY-]MM-DD HH:MM[:SS[.fff]] or HH:MM[:SS[.fff]], got " +
+                         tools::quotedText(value);
+      },
+      "", "");
+}
 
 const char* const DESCRIPTION =
     "Reads a device log capture and tells what the reachability cache believed, when,\n"
@@ -40,13 +54,16 @@ void describe(CLI::App& app, TraceOptions& options) {
                  "moment (or why it is unknown), with the numbered lines\n"
                  "that made it so, instead of the story")
       ->type_name("TIME")
+      ->check(moment())
       ->needs(entity);
   app.add_option("--from", options.from,
                  "limits the report, the story, the JSON document and\n"
                  "the pictures to what happened from TIME on")
-      ->type_name("TIME");
+      ->type_name("TIME")
+      ->check(moment());
   app.add_option("--to", options.to, "... and up to TIME (both ends belong to the window)")
-      ->type_name("TIME");
+      ->type_name("TIME")
+      ->check(moment());
   app.add_option("--timeline", options.timelinePath,
                  "also draws the cache's picture as SVG: a row per\n"
                  "entity, the state listeners were told over time")
