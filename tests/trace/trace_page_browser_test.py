@@ -140,6 +140,19 @@ def check_page(driver, page, entities, event_number, event_ms):
     ActionChains(driver).move_to_element(driver.find_element(By.ID, "title")).perform()
 
 
+def check_window_page(driver, page, start, end):
+    """A page of a window: it opens without an error, says so, and shows the window."""
+    driver.get("file://" + os.path.abspath(page))
+    WebDriverWait(driver, 10).until(lambda d: d.find_element(By.ID, "count").text != "")
+    errors = [entry for entry in driver.get_log("browser") if entry["level"] == "SEVERE"]
+    check(not errors, "console errors on the window's page: %s" % errors)
+    note = driver.find_element(By.ID, "note").text
+    check("the window from 11-22 %s to 11-22 %s" % (start, end) in note, "note: " + note)
+    shown = shown_range(driver)
+    check(shown[1] - shown[0] == millis(TIME.match("11-22 " + end)) -
+          millis(TIME.match("11-22 " + start)), "the window's page shows %s" % (shown,))
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--trace", required=True)
@@ -151,21 +164,30 @@ def main():
     page = os.path.join(args.out, "page.html")
     event_number, event_ms = write_capture(args.capture, capture)
     run([args.trace, "--html", page, capture])
+    window_page = os.path.join(args.out, "window.html")
+    window = ("14:00:33.000", "14:00:37.000")
+    run([args.trace, "--html", window_page, "--from", window[0], "--to", window[1], capture])
     document = json.loads(run([args.trace, "--json", capture]))
     entities = set(document["caches"][-1]["entities"])
     check(set(HOSTILE_IDS) <= entities, "the hostile ids are not in the capture's trace")
 
+    shot = os.path.join(args.out, "page.png")
+    if os.path.exists(shot):
+        os.remove(shot)
     profile = tempfile.mkdtemp(prefix="trace-page-chromium-")
     driver = browser(profile)
     try:
         check_page(driver, page, entities, event_number, event_ms)
-        print("page checked: %d lanes, zoom, the cause of the change at line %d"
+        driver.save_screenshot(shot)
+        check_window_page(driver, window_page, *window)
+        print("page checked: %d lanes, zoom, the cause of the change at line %d, a window"
               % (len(entities), event_number))
     except Failure as failure:
-        print("FAILED: %s" % failure, file=sys.stderr)
+        if not os.path.exists(shot):
+            driver.save_screenshot(shot)
+        print("FAILED: %s (screenshot: %s)" % (failure, shot), file=sys.stderr)
         return 1
     finally:
-        driver.save_screenshot(os.path.join(args.out, "page.png"))
         driver.quit()
         shutil.rmtree(profile, ignore_errors=True)
     return 0

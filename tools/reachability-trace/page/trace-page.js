@@ -424,8 +424,9 @@
       state.cache.name, state.cache.note,
       (state.cache.created ? 'created ' : 'already running at ') + formatTime(state.cache.start),
       (state.cache.destroyed ? 'destroyed ' : 'last line at ') + formatTime(state.cache.end),
-    ].concat(data.window ? ['the window ' + formatTime(data.window[0]) + ' \u2013 ' +
-                            formatTime(data.window[1])] : []).join(' \u00b7 ');
+    ].concat(data.window ? ['the window from ' +
+        (data.window[0] === null ? "the capture's start" : formatTime(data.window[0])) + ' to ' +
+        (data.window[1] === null ? 'its end' : formatTime(data.window[1]))] : []).join(' \u00b7 ');
     clearDetails();
     showLanes();
     setView(state.cache.start, state.cache.end);
@@ -463,7 +464,7 @@
   // Why the lines behind an answer are not on the page.
   function missingLines(section, lane, since) {
     let why;
-    if (data.window && since <= data.window[0]) {
+    if (data.window && data.window[0] !== null && since <= data.window[0]) {
       why = 'It was told before the window of this page.';
     } else if (data.evidenceLostFrom !== null && since >= data.evidenceLostFrom) {
       why = 'The page keeps the lines of changes up to ' + formatTime(data.evidenceLostFrom) +
