@@ -9,14 +9,14 @@ namespace {
 
 // Refuses a TIME the capture could not name, before the capture is read.
 CLI::Validator moment() {
-  return CLI::Validator(
-      [](std::string& value) -> std::string {
-        return parseCaptureMoment(value)
-                   ? ""
-                   : "no moment: write [YYYY-]MM-DD HH:MM[:SS[.fff]] or HH:MM[:SS[.fff]], got " +
-                         tools::quotedText(value);
-      },
-      "", "");
+  return {[](std::string& value) -> std::string {
+            return parseCaptureMoment(value)
+                       ? ""
+                       : "no moment: write [YYYY-]MM-DD HH:MM[:SS[.fff]] or HH:MM[:SS[.fff]], "
+                         "got " +
+                             tools::quotedText(value);
+          },
+          "", ""};
 }
 
 const char* const DESCRIPTION =
