@@ -8,7 +8,8 @@
 #               there (metric recorder, task executor, the clock they share)
 #               and the simulated appliance driver with the stand-ins'
 #               headers. pkg-config: reachabilityCache-simulation.
-#   testing     a host build only: fakes and virtual time for a host's tests.
+#   testing     a host build only: fakes, virtual time and log capture for a
+#               host's tests.
 #               pkg-config: reachabilityCache-testing.
 #
 # On a host the library needs the simulation at run time, since there it is
@@ -46,6 +47,9 @@ install(DIRECTORY "${PROJECT_SOURCE_DIR}/include/reachabilityCache"
   DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}"
   COMPONENT library
   FILES_MATCHING PATTERN "*.h")
+install(FILES "${PROJECT_BINARY_DIR}/include/reachabilityCache/Version.h"
+  DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/reachabilityCache"
+  COMPONENT library)
 install(FILES "${PROJECT_SOURCE_DIR}/LICENSE" "${PROJECT_SOURCE_DIR}/CHANGELOG.md"
   DESTINATION "${CMAKE_INSTALL_DOCDIR}"
   COMPONENT library)

@@ -13,6 +13,8 @@
 #   - clang-tidy over src/, platform/ and testing/, on two cores;
 #   - the fuzzers (clang, AddressSanitizer + UBSan);
 #   - install, host examples against the installed package, exported symbols;
+#   - every installed public header compiled alone under a host's warnings
+#     (-Wshadow, -Wconversion, -Werror...), with g++ and clang++;
 #   - the Android configuration branch, and the arm64 build under qemu.
 # `scripts/run-tests.sh --quick` runs only the formatting check, the normal
 # build's suite and the API reference.
@@ -65,6 +67,7 @@ step "thread-safety analysis" thread_safety
 step "clang-tidy" scripts/ci/clang-tidy.sh
 step "fuzzers" scripts/ci/fuzz.sh
 step "install and host examples" scripts/ci/check-install.sh
+step "public headers under a host's warnings" scripts/ci/check-headers.sh
 step "android configuration" scripts/ci/android-branch-check.sh
 step "arm64 under qemu" scripts/ci/arm64-tests.sh
 echo "All test runs passed in $((SECONDS / 60)) min $((SECONDS % 60)) s."

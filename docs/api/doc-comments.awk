@@ -2,13 +2,13 @@
 # comments in the project's style, and hands Doxygen the same text with
 # those comments that document a declaration marked as documentation:
 #   - the comment at the top of the file documents the file;
-#   - a block of comment lines right above a declaration documents it
-#     (a block followed by a blank line or a preprocessor line is a note and
-#     stays a plain comment);
+#   - a block of comment lines right above a declaration or a #define
+#     documents it (a block followed by a blank line or another preprocessor
+#     line is a note and stays a plain comment);
 #   - a comment after a member or enumerator on its line documents it.
 # Line numbers stay the same, so that warnings point at the header's lines.
 function flush(next_line,    i, doc, text) {
-  doc = next_line !~ /^[ \t]*$/ && next_line !~ /^[ \t]*#/
+  doc = next_line !~ /^[ \t]*$/ && (next_line !~ /^[ \t]*#/ || next_line ~ /^[ \t]*#[ \t]*define[ \t]/)
   for (i = 1; i <= n; i++) {
     text = block[i]
     if (at_top) {

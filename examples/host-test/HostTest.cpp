@@ -1,7 +1,8 @@
 // A host's test of its use of the cache, on virtual time: the fakes of
 // reachabilityCache::testing decide every check result, and VirtualTime
 // decides when the cache's cycles come, so an hour of cycles takes no wall
-// time and nothing depends on timing.
+// time and nothing depends on timing. LogCapture keeps the cache's log lines
+// for the test to read instead of printing them.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -10,6 +11,7 @@
 #include "reachabilityCache/ReachabilityCache.h"
 #include "reachabilityCache/testing/FakeChrProvider.h"
 #include "reachabilityCache/testing/FakeReachabilityChecker.h"
+#include "reachabilityCache/testing/LogCapture.h"
 #include "reachabilityCache/testing/RecordingListener.h"
 #include "reachabilityCache/testing/VirtualTime.h"
 
@@ -21,7 +23,9 @@ using veranda::reachabilityCache::ReachabilityCache;
 using namespace veranda::reachabilityCache::test;
 
 TEST(HostTest, AnHourOfCyclesOnVirtualTime) {
+  LogCapture log;    // before the cache: every line it writes is kept here
   VirtualTime time;  // before the cache: its worker runs on virtual time
+  const auto start = time.now();
   const EndpointInfo lamp("lamp-1", "kitchen-lamp", "PROT_ZIGBEE-ADAPTER",
                           {{"PowerController", ""}});
   FakeChrProvider provider({lamp});
@@ -54,7 +58,10 @@ TEST(HostTest, AnHourOfCyclesOnVirtualTime) {
   EXPECT_EQ(provider.queryCount(), 61u);
   EXPECT_EQ(listener.count(), 61u);  // every change: 1 + 60
   EXPECT_EQ(listener.notifications().back(), (Notification{"lamp-1", "kitchen-lamp", true}));
-  EXPECT_EQ(time.elapsed(), std::chrono::seconds(3601));
+  EXPECT_EQ(time.now() - start, std::chrono::seconds(3601));
+  EXPECT_EQ(time.pendingTasks(), 1u);  // the next cycle
+  // One result summary per change back to reachable: the first and 30 more.
+  EXPECT_EQ(log.countContaining("ReachabilityCache-ReachabilityUpdater", "(becameReachable)"), 31u);
 }
 
 }  // namespace

@@ -11,9 +11,11 @@
 
 namespace veranda::reachabilityCache {
 
+// Capabilities by the driver type that reported them.
 using DriverCapabilities = std::unordered_map<applianceDriver::ApplianceDriverType, CapabilitySet,
                                               applianceDriver::ApplianceDriverTypeHash>;
 
+// An endpoint as the store keeps it, with what each driver type reported.
 struct REACHABILITY_CACHE_EXPORT CachedEndpoint {
   // Files `info.capabilities` (possibly empty) under NO_DRIVER, the type of
   // records that no driver stands behind. Explicit: such a record never makes
@@ -35,9 +37,9 @@ struct REACHABILITY_CACHE_EXPORT CachedEndpoint {
   // This record in external form; which driver reported what is lost.
   EndpointInfo toExternal() const;
 
-  std::string endpointId;
-  std::string entityId;  // once stored, the normalised entity id
-  std::string adapterName;
+  std::string endpointId;   // the endpoint's id in the appliance driver
+  std::string entityId;     // once stored, the normalised entity id
+  std::string adapterName;  // the adapter that reaches it
   // A driver type present with an empty set differs from an absent one: only
   // presence of NATIVE or CONNECTED (0, 1) makes the endpoint reachable.
   DriverCapabilities driverCapabilities;

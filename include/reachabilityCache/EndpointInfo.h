@@ -9,13 +9,15 @@
 
 namespace veranda::reachabilityCache {
 
+// An endpoint with every capability it offers, whichever driver reported it.
 struct EndpointInfo {
-  EndpointInfo(const std::string& endpointId, const std::string& entityId,
-               const std::string& adapterName, CapabilitySet capabilities)
-      : endpointId(endpointId),
-        entityId(entityId),
-        adapterName(adapterName),
-        capabilities(std::move(capabilities)) {}
+  // Each argument fills the member of the same meaning.
+  EndpointInfo(const std::string& endpoint, const std::string& entity, const std::string& adapter,
+               CapabilitySet capabilitySet)
+      : endpointId(endpoint),
+        entityId(entity),
+        adapterName(adapter),
+        capabilities(std::move(capabilitySet)) {}
 
   std::string endpointId;      // the endpoint's id in the appliance driver
   std::string entityId;        // the entity it serves; may carry the entity id prefix

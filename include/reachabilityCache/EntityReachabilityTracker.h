@@ -63,6 +63,7 @@ class TrackerCore;
 // Thread safety: every member may be called from any thread.
 class REACHABILITY_CACHE_EXPORT EntityReachabilityTracker {
  public:
+  // Told each change of an entity's reachability.
   using ChangeCallback = std::function<void(const std::string& entityId, bool reachable)>;
 
   // `callback` must be callable. `cache` is borrowed.
@@ -81,7 +82,9 @@ class REACHABILITY_CACHE_EXPORT EntityReachabilityTracker {
   // The cache's updateEndpoints(), removeEntity() and invalidate(), followed
   // by a settle point. After close() they only change the cache.
   void updateEndpoints(const std::vector<CachedEndpoint>& endpoints);
+  // The cache's removeEntity(), then a settle point.
   bool removeEntity(const std::string& entityId);
+  // The cache's invalidate(), then a settle point.
   void invalidate();
 
   // ---- The tracker's view ----

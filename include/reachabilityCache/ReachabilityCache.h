@@ -75,11 +75,15 @@ class REACHABILITY_CACHE_EXPORT ReachabilityCache {
     std::shared_ptr<IReachabilityChecker> reachabilityChecker;  // null: no check ever starts
   };
 
+  // Told of a change of an endpoint's reachability; see registerReachabilityListener().
   using ReachabilityListener = std::function<void(const std::string& endpointId,
                                                   const std::string& entityId, bool isReachable)>;
 
   // `chrProvider` is borrowed and may be null (then periodic cycles stop at the
-  // first one). `config` is copied; later changes to it have no effect.
+  // first one). `config` is copied; later changes to it have no effect. A
+  // ReachabilityCheckerGuard as the checker serves this cache only: one that
+  // serves another cache already, or is closed, refuses it by throwing
+  // std::logic_error from here, before anything is logged or started.
   ReachabilityCache(ICHRProvider* chrProvider, const Config& config);
   virtual ~ReachabilityCache();
 

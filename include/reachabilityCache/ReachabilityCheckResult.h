@@ -9,24 +9,26 @@
 
 namespace veranda::reachabilityCache {
 
+// Whether one endpoint is reachable, with what it offers through the driver
+// that answered.
 struct ReachabilityCheckResult {
-  ReachabilityCheckResult(const std::string& endpointId, const std::string& entityId,
-                          const std::string& adapterName, bool isReachable,
-                          CapabilitySet capabilities,
-                          applianceDriver::ApplianceDriverType driverType)
-      : endpointId(endpointId),
-        entityId(entityId),
-        adapterName(adapterName),
-        isReachable(isReachable),
-        capabilities(std::move(capabilities)),
-        driverType(driverType) {}
+  // Each argument fills the member of the same meaning.
+  ReachabilityCheckResult(const std::string& endpoint, const std::string& entity,
+                          const std::string& adapter, bool reachable, CapabilitySet capabilitySet,
+                          applianceDriver::ApplianceDriverType driver)
+      : endpointId(endpoint),
+        entityId(entity),
+        adapterName(adapter),
+        isReachable(reachable),
+        capabilities(std::move(capabilitySet)),
+        driverType(driver) {}
 
-  std::string endpointId;   // matches the result to the requested endpoint
-  std::string entityId;     // may be empty (state-change results leave it empty)
-  std::string adapterName;  // may be empty
-  bool isReachable;
+  std::string endpointId;      // matches the result to the requested endpoint
+  std::string entityId;        // may be empty (state-change results leave it empty)
+  std::string adapterName;     // may be empty
+  bool isReachable;            // whether the checker reaches the endpoint now
   CapabilitySet capabilities;  // what the endpoint offers through this driver
-  applianceDriver::ApplianceDriverType driverType;
+  applianceDriver::ApplianceDriverType driverType;  // the driver that answered
 };
 
 }  // namespace veranda::reachabilityCache

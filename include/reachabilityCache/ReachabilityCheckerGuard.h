@@ -26,6 +26,13 @@ namespace veranda::reachabilityCache {
 //   guard->close();  // no callback of the cache runs after this
 //   cache.reset();   // then the guard, the checker and the provider may go too
 //
+// One guard serves one cache: the first cache made with the guard as its
+// checker. A second cache made with it, while the first lives or after, and a
+// cache made with a closed guard, would hear nothing once the guard is closed;
+// instead the guard refuses it: std::logic_error leaves the cache's
+// constructor before the cache has logged or started anything, with a message
+// that says so. (A guard wrapped in another checker is not recognised.)
+//
 // While open, the guard changes nothing: each call reaches the wrapped checker
 // with the same endpoints and ids and its result comes back unchanged; each
 // completion and event reaches the cache with the same results, on the
@@ -67,17 +74,23 @@ class REACHABILITY_CACHE_EXPORT ReachabilityCheckerGuard : public IReachabilityC
   // Cuts the cache off: every completion and event that arrives later is
   // dropped without reaching the cache, and observers hear nothing more.
   // After it returns, no callback of the cache is running on another thread
-  // and none will start; called from inside a callback, it does not wait for
-  // itself. Call it before destroying the cache, and not while holding a lock
-  // that a listener of the cache takes. Idempotent.
+  // and none will start, and no check or subscription reaches the wrapped
+  // checker any more: one being handed on when close() begins is either
+  // dropped or waited for. Called from inside a callback or an observer, it
+  // does not wait for itself, nor for callbacks on other threads that are
+  // themselves inside close(), so that callbacks closing the guard at the same
+  // time never wait for one another. Call it before destroying the cache, and
+  // not while holding a lock that a listener of the cache takes. Idempotent.
   //
   // After close(), checkReachability() starts nothing and answers true (the
   // check counts as started, so a periodic cycle that still runs before the
-  // cache is destroyed records no failure); its callback is never called.
+  // cache is destroyed records no failure); its callback is never called. The
+  // same holds for a check whose onCheckStarting() observer closes the guard.
   // registerReachabilityUpdateCallback() answers false and subscribes
   // nothing. unregisterReachabilityUpdateCallback() is still forwarded, so
   // that the cache's teardown cancels its subscription.
   void close();
+  // Whether close() has been called (it may still be waiting).
   bool isClosed() const;
 
   // Adds an observer; it hears the events from the next one on. Adding the
@@ -89,6 +102,7 @@ class REACHABILITY_CACHE_EXPORT ReachabilityCheckerGuard : public IReachabilityC
 
   // ---- IReachabilityChecker ----
 
+  // Hands the check on to the wrapped checker, unless closed (see close()).
   bool checkReachability(const std::vector<EndpointInfo>& endpoints, const std::string& requestId,
                          ResultsCallback callback) override;
   bool registerReachabilityUpdateCallback(const std::string& callbackId,
@@ -96,6 +110,13 @@ class REACHABILITY_CACHE_EXPORT ReachabilityCheckerGuard : public IReachabilityC
   bool unregisterReachabilityUpdateCallback(const std::string& callbackId) override;
 
  private:
+  friend class ReachabilityCache;
+
+  // Called by a cache's constructor when the guard is its checker: throws
+  // std::logic_error when the guard serves another cache already or is
+  // closed (see above).
+  REACHABILITY_CACHE_NO_EXPORT void claimForCache();
+
   class Shared;
   // What the wrapped callbacks need after the guard is gone: the gate and the
   // observers.

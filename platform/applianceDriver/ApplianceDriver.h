@@ -29,6 +29,7 @@ enum class ApplianceDriverType : int32_t {
 
 // Identity hash: a driver type hashes to its numeric value.
 struct ApplianceDriverTypeHash {
+  // The type's numeric value.
   std::size_t operator()(ApplianceDriverType type) const noexcept {
     return static_cast<std::size_t>(type);
   }
@@ -37,7 +38,9 @@ struct ApplianceDriverTypeHash {
 // One capability of a device: (name, qualifier).
 using DeviceCapability = std::pair<std::string, std::string>;
 
+// Hash of both parts of a capability; swapping them gives a different hash.
 struct DeviceCapabilityHash {
+  // Combines the hashes of name and qualifier.
   std::size_t operator()(const DeviceCapability& capability) const noexcept {
     return std::hash<std::string>{}(capability.first) ^
            (std::hash<std::string>{}(capability.second) << 1);
@@ -46,23 +49,24 @@ struct DeviceCapabilityHash {
 
 // A device that the driver found.
 struct DiscoveredDevice {
-  std::string endpointId;
-  std::string entityId;
-  std::string adapterName;
+  std::string endpointId;    // the endpoint's id in the driver
+  std::string entityId;      // the entity it serves, as the driver knows it
+  std::string adapterName;   // the adapter that reaches it
   std::string friendlyName;  // not read by the cache
-  bool isReachable = false;
+  bool isReachable = false;  // whether the driver reaches it now
+  // What the device offers through this driver.
   std::unordered_set<DeviceCapability, DeviceCapabilityHash> capabilities;
-  ApplianceDriverType driverType = ApplianceDriverType::NO_DRIVER;
+  ApplianceDriverType driverType = ApplianceDriverType::NO_DRIVER;  // the driver that found it
 };
 
 // A change of one property of one endpoint.
 struct StateChangeEvent {
-  std::string endpointId;
+  std::string endpointId;  // the endpoint whose property changed
   // The interface namespace; the driver library's name for the field.
-  std::string namespace_;  // NOLINT(readability-identifier-naming)
-  std::string instance;    // not read by the cache
-  std::string propertyName;
-  std::string value;
+  std::string namespace_;    // NOLINT(readability-identifier-naming)
+  std::string instance;      // not read by the cache
+  std::string propertyName;  // the property within the namespace
+  std::string value;         // the new value, as text
 };
 
 // The driver. Callbacks run on the driver's own threads.
@@ -87,6 +91,7 @@ class IUnifiedApplianceDriver {
                               const std::string& /*propertyName*/, const std::string& /*value*/) {
     return false;
   }
+  // Asks the driver to read one device's state again.
   virtual bool refreshDevice(const std::string& /*endpointId*/) { return false; }
 
   // Subscribes to property changes of `endpointIds` (all endpoints when the

@@ -92,6 +92,21 @@ class SimulatedApplianceDriver::Engine : public std::enable_shared_from_this<Eng
     random_.seed(seed);
   }
 
+  void setHoldAnswers(bool hold) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    holdAnswers_ = hold;
+  }
+
+  std::size_t releaseHeldAnswers() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    const std::size_t released = held_.size();
+    for (DevicesCallback& onDevices : held_) {
+      queueAnswerLocked(std::move(onDevices), std::chrono::milliseconds::zero());
+    }
+    held_.clear();
+    return released;
+  }
+
   void setRefuseRequests(bool refuse) {
     std::lock_guard<std::mutex> lock(mutex_);
     refuseRequests_ = refuse;
@@ -126,22 +141,25 @@ class SimulatedApplianceDriver::Engine : public std::enable_shared_from_this<Eng
   // callback, unless called on the driver's thread. Safe to call repeatedly
   // and from several threads.
   void shutdown() {
-    std::vector<Task> dropped;  // destroyed after the lock is released
+    std::vector<Task> dropped;  // both destroyed after the lock is released
+    std::vector<DevicesCallback> droppedHeld;
     {
       std::lock_guard<std::mutex> lock(mutex_);
       shutDown_ = true;
       dropped = queue_.takePending();
+      droppedHeld.swap(held_);
       queuedAnswers_ = 0;
       queuedEvents_ = 0;
       idle_.notify_all();
     }
     dropped.clear();
+    droppedHeld.clear();
     queue_.stop();
   }
 
   std::size_t pendingAnswers() const {
     std::lock_guard<std::mutex> lock(mutex_);
-    return queuedAnswers_ + (deliveringAnswer_ ? 1 : 0);
+    return queuedAnswers_ + held_.size() + (deliveringAnswer_ ? 1 : 0);
   }
 
   uint64_t acceptedRequests() const {
@@ -159,12 +177,13 @@ class SimulatedApplianceDriver::Engine : public std::enable_shared_from_this<Eng
     if (shutDown_ || refuseRequests_ || !onDevices) {
       return false;
     }
-    std::uniform_int_distribution<int64_t> draw(latencyMinimum_.count(), latencyMaximum_.count());
-    queue_.post([self = shared_from_this(),
-                 onDevices = std::move(onDevices)] { self->deliverAnswer(onDevices); },
-                std::chrono::milliseconds(draw(random_)));
-    ++queuedAnswers_;
     ++acceptedRequests_;
+    if (holdAnswers_) {
+      held_.push_back(std::move(onDevices));
+      return true;
+    }
+    std::uniform_int_distribution<int64_t> draw(latencyMinimum_.count(), latencyMaximum_.count());
+    queueAnswerLocked(std::move(onDevices), std::chrono::milliseconds(draw(random_)));
     return true;
   }
 
@@ -211,6 +230,13 @@ class SimulatedApplianceDriver::Engine : public std::enable_shared_from_this<Eng
       snapshot.push_back(entry.second);
     }
     return snapshot;
+  }
+
+  void queueAnswerLocked(DevicesCallback onDevices, std::chrono::milliseconds delay) {
+    queue_.post([self = shared_from_this(),
+                 onDevices = std::move(onDevices)] { self->deliverAnswer(onDevices); },
+                delay);
+    ++queuedAnswers_;
   }
 
   void announceLocked(const DiscoveredDevice& device) {
@@ -289,6 +315,8 @@ class SimulatedApplianceDriver::Engine : public std::enable_shared_from_this<Eng
   bool refuseSubscriptions_ = false;
   bool refuseUnsubscriptions_ = false;
   bool jsonConnectivityValues_ = false;
+  bool holdAnswers_ = false;
+  std::vector<DevicesCallback> held_;  // accepted while holding, in that order
 
   bool shutDown_ = false;
   bool deliveringAnswer_ = false;
@@ -334,6 +362,10 @@ void SimulatedApplianceDriver::setAnswerLatency(std::chrono::milliseconds minimu
 }
 
 void SimulatedApplianceDriver::setRandomSeed(uint32_t seed) { engine_->setRandomSeed(seed); }
+
+void SimulatedApplianceDriver::setHoldAnswers(bool hold) { engine_->setHoldAnswers(hold); }
+
+std::size_t SimulatedApplianceDriver::releaseHeldAnswers() { return engine_->releaseHeldAnswers(); }
 
 void SimulatedApplianceDriver::setRefuseRequests(bool refuse) {
   engine_->setRefuseRequests(refuse);

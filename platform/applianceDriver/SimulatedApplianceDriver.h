@@ -63,14 +63,28 @@ class SimulatedApplianceDriver : public IUnifiedApplianceDriver {
   // range lasts as long as it can. Answers are delivered by due time, equal
   // due times in the order accepted; events go ahead of every answer.
   void setAnswerLatency(std::chrono::milliseconds minimum, std::chrono::milliseconds maximum);
+  // Each answer waits exactly `latency`.
   void setAnswerLatency(std::chrono::milliseconds latency) { setAnswerLatency(latency, latency); }
+
+  // While `hold` is true, every answer accepted is kept instead of
+  // delivered, until releaseHeldAnswers(): a driver that answers late, after
+  // the cache is gone, or never, as the test chooses. Held answers count in
+  // pendingAnswers() but keep neither waitUntilIdle() nor virtual time
+  // waiting; shutdown() drops them.
+  void setHoldAnswers(bool hold);
+  // Delivers every held answer on the driver's thread, at once and in the
+  // order accepted, each with the home as it stands at delivery. Returns how
+  // many there were.
+  std::size_t releaseHeldAnswers();
 
   // Seeds the latency draws, for replayable runs.
   void setRandomSeed(uint32_t seed);
 
-  // Makes the driver refuse (answer false to) the respective requests.
+  // Makes the driver refuse (answer false to) getReachableDevices().
   void setRefuseRequests(bool refuse);
+  // Makes the driver refuse subscribeStateChanges().
   void setRefuseSubscriptions(bool refuse);
+  // Makes the driver refuse unsubscribeStateChanges(); the subscription stays.
   void setRefuseUnsubscriptions(bool refuse);
 
   // Writes connectivity values as JSON text ("OK" in double quotes).

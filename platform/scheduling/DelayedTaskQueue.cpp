@@ -15,7 +15,8 @@ using TimePoint = TimeSource::TimePoint;
 // What the calling thread runs now, when it is a queue's worker inside a task.
 struct RunningTask {
   const void* worker = nullptr;
-  unsigned chain = 0;  // tasks before it in a row that posted one another without delay
+  unsigned chain = 0;              // tasks before it in a row that posted one another without delay
+  std::weak_ptr<const void> life;  // the queue's, expired once it is stopped
 };
 thread_local RunningTask tRunning;
 
@@ -28,7 +29,7 @@ constexpr std::chrono::hours LONGEST_WAIT{1};
 // so that a thread left to finish a task on its own still has them.
 class DelayedTaskQueue::Worker final : public TimeSource::Queue {
  public:
-  explicit Worker(TimeSource& time) : time_(time) {}
+  explicit Worker(TimeSource& time) : time_(time), life_(std::make_shared<int>(0)) {}
 
   // Takes the clock's mode that attaching to it returned, unless the clock
   // has told of a later change meanwhile.
@@ -80,6 +81,7 @@ class DelayedTaskQueue::Worker final : public TimeSource::Queue {
     Tasks dropped;
     std::unique_lock<std::mutex> lock(mutex_);
     stopping_ = true;
+    life_.reset();
     dropped.swap(tasks_);
     refreshLocked();
     wake_.notify_one();
@@ -113,8 +115,12 @@ class DelayedTaskQueue::Worker final : public TimeSource::Queue {
       tasks_.erase(tasks_.begin());
       running_ = true;
       refreshLocked();
+      if (virtual_) {
+        time_.countTask();
+      }
+      std::weak_ptr<const void> life = life_;
       lock.unlock();
-      runTask(entry);
+      runTask(entry, std::move(life));
       lock.lock();
       running_ = false;
       refreshLocked();
@@ -155,6 +161,11 @@ class DelayedTaskQueue::Worker final : public TimeSource::Queue {
     return true;
   }
 
+  std::size_t pendingCount() const override {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return tasks_.size();
+  }
+
  private:
   using Key = std::pair<TimePoint, uint64_t>;  // due time, posting order
   struct Entry {
@@ -184,8 +195,8 @@ class DelayedTaskQueue::Worker final : public TimeSource::Queue {
     return chain;
   }
 
-  void runTask(Entry& entry) {
-    tRunning = {this, entry.chain};
+  void runTask(Entry& entry, std::weak_ptr<const void> life) {
+    tRunning = {this, entry.chain, std::move(life)};
     entry.task();
     entry.task = nullptr;  // what it holds goes while it still counts as running
     tRunning = {};
@@ -213,6 +224,7 @@ class DelayedTaskQueue::Worker final : public TimeSource::Queue {
   bool stopping_ = false;
   bool running_ = false;
   bool busyReported_ = false;
+  std::shared_ptr<const int> life_;  // reset by stop()
 };
 
 DelayedTaskQueue::DelayedTaskQueue() : worker_(std::make_shared<Worker>(TimeSource::instance())) {
@@ -256,5 +268,7 @@ void DelayedTaskQueue::stop() {
 bool DelayedTaskQueue::onWorker() const { return std::this_thread::get_id() == workerId_; }
 
 bool DelayedTaskQueue::inTask() { return tRunning.worker != nullptr; }
+
+std::weak_ptr<const void> DelayedTaskQueue::runningTaskQueue() { return tRunning.life; }
 
 }  // namespace veranda::scheduling

@@ -58,6 +58,10 @@ class DelayedTaskQueue {
   bool onWorker() const;
   // True on the worker thread of any queue while it runs a task.
   static bool inTask();
+  // On the worker thread of a queue while it runs a task: a token of that
+  // queue that expires once the queue is stopped (destroyed). Elsewhere an
+  // empty token. Tells whoever a task called whether its caller is gone.
+  static std::weak_ptr<const void> runningTaskQueue();
 
   static constexpr unsigned LONGEST_CHAIN = 10000;
 

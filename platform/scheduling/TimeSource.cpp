@@ -18,6 +18,27 @@ constexpr int64_t EARLIEST = std::numeric_limits<int64_t>::min();
 // A wait for the queues that lasts this long in real time is taken for a hang.
 constexpr std::chrono::seconds LONGEST_SETTLE{60};
 
+// The latest reading of virtual time: TimePoint::max() is "never".
+constexpr TimeSource::TimePoint LATEST_REACHABLE = TimeSource::TimePoint::max() - nanoseconds(1);
+
+// Set while the calling thread moves time, so that a condition that tries to
+// move it too is told instead of deadlocking.
+thread_local bool tMovingTime = false;
+
+class MovingTime {
+ public:
+  MovingTime() { tMovingTime = true; }
+  ~MovingTime() { tMovingTime = false; }
+  MovingTime(const MovingTime&) = delete;
+  MovingTime& operator=(const MovingTime&) = delete;
+};
+
+std::string secondsText(nanoseconds duration) {
+  char text[64];
+  std::snprintf(text, sizeof text, "%.3f s", std::chrono::duration<double>(duration).count());
+  return text;
+}
+
 }  // namespace
 
 TimeSource& TimeSource::instance() {
@@ -87,20 +108,64 @@ void TimeSource::endVirtualTime() {
 void TimeSource::advanceTo(TimePoint target) {
   checkCanWait("advance()");
   std::lock_guard<std::mutex> control(controlMutex_);
-  waitUntilIdle("advance()");
+  const MovingTime moving;
+  moveStepByStepLocked(target, NO_TASK_LIMIT, nullptr, "advance()");
+}
+
+bool TimeSource::advanceBy(std::chrono::milliseconds delta, uint64_t taskLimit,
+                           const std::function<bool()>& stopWhen, const char* operation) {
+  checkCanWait(operation);
+  std::lock_guard<std::mutex> control(controlMutex_);
+  const MovingTime moving;
+  return moveStepByStepLocked(plus(virtualNow(), delta), taskLimit, stopWhen, operation);
+}
+
+bool TimeSource::moveStepByStepLocked(TimePoint target, uint64_t taskLimit,
+                                      const std::function<bool()>& stopWhen,
+                                      const char* operation) {
+  target = std::min(target, LATEST_REACHABLE);
+  const TimePoint from = virtualNow();
+  const uint64_t tasksBefore = tasksRun_.load();
+  const auto stepDone = [&] {
+    waitUntilIdle(operation);
+    const uint64_t ran = tasksRun_.load() - tasksBefore;
+    if (ran > taskLimit) {
+      fail(std::string(operation) + " has run more than " + std::to_string(taskLimit) +
+           " tasks (its limit) and reached " + secondsText(virtualNow() - from) + " of the " +
+           secondsText(target - from) +
+           " asked for: a periodic task over a long advance? Advance less at a time, or raise "
+           "the limit");
+    }
+    return stopWhen && stopWhen();
+  };
+  if (stepDone()) {
+    return true;
+  }
   TimePoint due;
   while (earliestDue(due) && due <= target) {
     moveTo(due);
-    waitUntilIdle("advance()");
+    if (stepDone()) {
+      return true;
+    }
   }
   moveTo(target);
-  waitUntilIdle("advance()");
+  return stepDone();
 }
 
 void TimeSource::runUntilIdle() {
   checkCanWait("runUntilIdle()");
   std::lock_guard<std::mutex> control(controlMutex_);
+  const MovingTime moving;
   waitUntilIdle("runUntilIdle()");
+}
+
+std::size_t TimeSource::pendingTasks() const {
+  std::lock_guard<std::mutex> lock(queuesMutex_);
+  std::size_t pending = 0;
+  for (const Queue* queue : queues_) {
+    pending += queue->pendingCount();
+  }
+  return pending;
 }
 
 void TimeSource::fail(const std::string& message) {
@@ -128,7 +193,13 @@ void TimeSource::setBusy(bool busy) {
   }
 }
 
+void TimeSource::countTask() { tasksRun_.fetch_add(1, std::memory_order_relaxed); }
+
 void TimeSource::checkCanWait(const char* operation) const {
+  if (tMovingTime) {
+    fail(std::string(operation) + " called from inside a condition of advanceUntil(): it would " +
+         "wait for itself");
+  }
   if (!isVirtual()) {
     fail(std::string(operation) + " needs virtual time, and no VirtualTime lives");
   }

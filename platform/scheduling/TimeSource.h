@@ -7,7 +7,10 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstddef>
 #include <cstdint>
+#include <functional>
+#include <limits>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -17,11 +20,13 @@ namespace veranda::scheduling {
 // Thread safety: every member may be called from any thread.
 //
 // Virtual time: between beginVirtualTime() and endVirtualTime() now() moves
-// only through advanceTo(). Queues run what is due on their own threads as
-// always; advanceTo() and runUntilIdle() wait until every queue is idle, that
-// is until no task runs and none is due. Virtual time starts at the steady
-// clock's reading; when it ends, the clock is the steady clock again and tasks
-// still pending keep the delay they had left.
+// only through advanceTo() and advanceBy(). Queues run what is due on their
+// own threads as always; moving time and runUntilIdle() wait until every
+// queue is idle, that is until no task runs and none is due. Virtual time
+// starts at the steady clock's reading and never reaches TimePoint::max(),
+// which stands for "never": a task due then never runs. When virtual time
+// ends, the clock is the steady clock again and tasks still pending keep the
+// delay they had left.
 class TimeSource {
  public:
   using TimePoint = std::chrono::steady_clock::time_point;
@@ -35,6 +40,8 @@ class TimeSource {
     virtual void timeChanged(bool virtualTime, std::chrono::nanoseconds shift) = 0;
     // The earliest due time of a task not yet started; false when none.
     virtual bool nextDue(TimePoint& due) const = 0;
+    // Tasks not yet started, whenever due.
+    virtual std::size_t pendingCount() const = 0;
 
    protected:
     ~Queue() = default;
@@ -64,14 +71,28 @@ class TimeSource {
   // virtual time is on already.
   void beginVirtualTime();
   void endVirtualTime();
+  // No limit of tasks for advanceBy().
+  static constexpr uint64_t NO_TASK_LIMIT = std::numeric_limits<uint64_t>::max();
+
   // Moves the clock to `target` one due time after another, and at each
   // waits until every queue is idle. Ends the process with a message when
   // called from a queue's task (it would wait for itself), outside virtual
   // time, or when a task keeps it waiting a minute of real time.
   void advanceTo(TimePoint target);
+  // Moves the clock by `delta` from where it stands when this caller's turn
+  // comes (callers that move time take turns), as advanceTo() does. Stops
+  // early at the first of those moments, the start included, at which
+  // `stopWhen` (unless empty; run on this thread, it must not move time)
+  // answers true, and returns true then. Ends the process as advanceTo(), and
+  // when more than `taskLimit` tasks run during the call. `operation` names
+  // the call in messages.
+  bool advanceBy(std::chrono::milliseconds delta, uint64_t taskLimit,
+                 const std::function<bool()>& stopWhen, const char* operation);
   // Waits until every queue is idle at the current time. Ends the process like
   // advanceTo().
   void runUntilIdle();
+  // Tasks of every queue not yet started, whenever due.
+  std::size_t pendingTasks() const;
 
   // Writes "virtual time: <message>" to standard error and aborts.
   [[noreturn]] static void fail(const std::string& message);
@@ -84,6 +105,8 @@ class TimeSource {
   // A queue reports when it becomes busy in virtual time (a task running or
   // due) and when it stops being so.
   void setBusy(bool busy);
+  // A queue reports each task it starts in virtual time.
+  void countTask();
 
  private:
   TimeSource() = default;
@@ -91,6 +114,9 @@ class TimeSource {
   void checkCanWait(const char* operation) const;
   // Tells every queue; called with queuesMutex_ held.
   void notifyQueuesLocked(bool virtualTime, std::chrono::nanoseconds shift);
+  // The steps of advanceTo() and advanceBy(); called with controlMutex_ held.
+  bool moveStepByStepLocked(TimePoint target, uint64_t taskLimit,
+                            const std::function<bool()>& stopWhen, const char* operation);
   void moveTo(TimePoint time);
   bool earliestDue(TimePoint& due) const;
   void waitUntilIdle(const char* operation);
@@ -100,6 +126,7 @@ class TimeSource {
   std::atomic<int64_t> virtualNanos_{0};
 
   std::mutex controlMutex_;  // one caller changes the clock at a time
+  std::atomic<uint64_t> tasksRun_{0};
   mutable std::mutex queuesMutex_;
   std::vector<Queue*> queues_;  // guarded by queuesMutex_
 

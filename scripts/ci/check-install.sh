@@ -51,7 +51,7 @@ for file in lib/cmake/reachabilityCache/reachabilityCacheSimulationTargets.cmake
   lib/cmake/reachabilityCache/reachabilityCacheTestingTargets.cmake \
   lib/pkgconfig/reachabilityCache.pc lib/pkgconfig/reachabilityCache-simulation.pc \
   lib/pkgconfig/reachabilityCache-testing.pc lib/libreachabilityCacheTesting.a \
-  include/reachabilityCache/testing/VirtualTime.h \
+  include/reachabilityCache/testing/VirtualTime.h include/reachabilityCache/Version.h \
   include/reachabilityCache/simulation/applianceDriver/SimulatedApplianceDriver.h \
   share/doc/reachabilityCache/LICENSE share/doc/reachabilityCache/CHANGELOG.md; do
   [ -e "${prefix}/${file}" ] || fail "${file} was not installed"

@@ -5,8 +5,11 @@
 
 #include "diagnostics/ComponentLog.h"
 #include "diagnostics/LogBuilder.h"
+#include "diagnostics/LogSchema.h"
 
 namespace veranda::reachabilityCache {
+
+using namespace logSchema;
 
 using applianceDriver::ApplianceDriverType;
 using applianceDriver::DiscoveredDevice;
@@ -21,9 +24,9 @@ namespace {
 constexpr const char* QUOTED_OK_VALUE = "\"OK\"";
 
 void logInitialized(bool usingSingleton) {
-  logChecker(LogPriority::INFO, LogBuilder("ApplianceDriverReachabilityChecker", nullptr)
-                                    .d("status", "initialized")
-                                    .d("usingSingleton", boolText(usingSingleton)));
+  logChecker(LogPriority::INFO, LogBuilder(label::APPLIANCE_DRIVER_REACHABILITY_CHECKER, nullptr)
+                                    .d(key::STATUS, status::INITIALIZED)
+                                    .d(key::USING_SINGLETON, boolText(usingSingleton)));
 }
 
 // The device's capabilities as capability keys; entries that make an equal key
@@ -56,11 +59,17 @@ ReachabilityCheckResult completedResult(std::string endpointId, ReachabilityChec
 
 std::string describeRequest(const std::vector<EndpointInfo>& endpoints,
                             const std::string& requestId) {
-  std::string details = "requestId=" + requestId + " count=" + std::to_string(endpoints.size());
+  std::string details = key::REQUEST_ID;
+  details += '=';
+  details += requestId;
+  details += ' ';
+  details += key::COUNT;
+  details += '=';
+  details += std::to_string(endpoints.size());
   for (const EndpointInfo& endpoint : endpoints) {
-    details += "\n   ";
+    details += request::ENTRY_START;
     details += endpoint.endpointId;
-    details += " -> ";
+    details += request::MAPS_TO;
     details += endpoint.entityId;
   }
   return details;
@@ -97,11 +106,11 @@ bool ApplianceDriverReachabilityChecker::checkReachability(
     ResultsCallback callback) {
   const std::string details = describeRequest(endpoints, requestId);
   logChecker(LogPriority::DEBUG,
-             LogBuilder("checkReachability", nullptr).d("details", details.c_str()));
+             LogBuilder(label::CHECK_REACHABILITY, nullptr).d(key::DETAILS, details.c_str()));
 
   if (endpoints.empty()) {
-    logChecker(LogPriority::DEBUG,
-               LogBuilder("checkReachability", nullptr).d("reason", "noEndpointsToCheck"));
+    logChecker(LogPriority::DEBUG, LogBuilder(label::CHECK_REACHABILITY, nullptr)
+                                       .d(key::REASON, reason::NO_ENDPOINTS_TO_CHECK));
     callback({});
     return true;
   }
@@ -115,14 +124,14 @@ bool ApplianceDriverReachabilityChecker::checkReachability(
   };
 
   if (!driver.getReachableDevices(requestId, std::move(completion))) {
-    logChecker(LogPriority::ERROR, LogBuilder("checkReachability", nullptr)
-                                       .d("requestId", requestId.c_str())
-                                       .d("reason", "getReachableDevicesFailed"));
+    logChecker(LogPriority::ERROR, LogBuilder(label::CHECK_REACHABILITY, nullptr)
+                                       .d(key::REQUEST_ID, requestId.c_str())
+                                       .d(key::REASON, reason::GET_REACHABLE_DEVICES_FAILED));
     return false;
   }
-  logChecker(LogPriority::INFO, LogBuilder("checkReachability", nullptr)
-                                    .d("requestId", requestId.c_str())
-                                    .d("status", "requestSent"));
+  logChecker(LogPriority::INFO, LogBuilder(label::CHECK_REACHABILITY, nullptr)
+                                    .d(key::REQUEST_ID, requestId.c_str())
+                                    .d(key::STATUS, status::REQUEST_SENT));
   return true;
 }
 
@@ -158,10 +167,10 @@ std::vector<ReachabilityCheckResult> ApplianceDriverReachabilityChecker::process
     results.push_back(
         completedResult(std::move(entry.key()), std::move(entry.mapped()), requested));
   }
-  logChecker(LogPriority::INFO, LogBuilder("processDiscoveredDevices", nullptr)
-                                    .d("requestId", requestId.c_str())
-                                    .d("deviceCount", devices.size())
-                                    .d("resultCount", results.size()));
+  logChecker(LogPriority::INFO, LogBuilder(label::PROCESS_DISCOVERED_DEVICES, nullptr)
+                                    .d(key::REQUEST_ID, requestId.c_str())
+                                    .d(key::DEVICE_COUNT, devices.size())
+                                    .d(key::RESULT_COUNT, results.size()));
   return results;
 }
 
@@ -173,10 +182,10 @@ void ApplianceDriverReachabilityChecker::updateResultWithDiscoveredDevice(
     return;
   }
   if (!isSupportedAdapter(device.adapterName)) {
-    logChecker(LogPriority::DEBUG, LogBuilder("updateResultWithDiscoveredDevice", nullptr)
-                                       .d("endpointId", device.endpointId.c_str())
-                                       .d("adapterName", device.adapterName.c_str())
-                                       .d("reason", "unsupportedAdapter"));
+    logChecker(LogPriority::DEBUG, LogBuilder(label::UPDATE_RESULT_WITH_DISCOVERED_DEVICE, nullptr)
+                                       .d(key::ENDPOINT_ID, device.endpointId.c_str())
+                                       .d(key::ADAPTER_NAME, device.adapterName.c_str())
+                                       .d(key::REASON, reason::UNSUPPORTED_ADAPTER));
     return;
   }
 
@@ -201,13 +210,14 @@ bool ApplianceDriverReachabilityChecker::isSupportedAdapter(const std::string& a
 bool ApplianceDriverReachabilityChecker::validateCallbackParams(
     const std::string& callbackId, const UpdateCallback& callback) const {
   if (callbackId.empty()) {
-    logChecker(LogPriority::ERROR,
-               LogBuilder("validateCallbackParams", nullptr).d("reason", "emptyCallbackId"));
+    logChecker(LogPriority::ERROR, LogBuilder(label::VALIDATE_CALLBACK_PARAMS, nullptr)
+                                       .d(key::REASON, reason::EMPTY_CALLBACK_ID));
     return false;
   }
   if (!callback) {
-    logChecker(LogPriority::ERROR,
-               LogBuilder("validateCallbackParams", nullptr).d("reason", "nullCallback"));
+    logChecker(
+        LogPriority::ERROR,
+        LogBuilder(label::VALIDATE_CALLBACK_PARAMS, nullptr).d(key::REASON, reason::NULL_CALLBACK));
     return false;
   }
   return true;
@@ -221,14 +231,14 @@ bool ApplianceDriverReachabilityChecker::isCallbackIdRegistered(
 
 bool ApplianceDriverReachabilityChecker::registerReachabilityUpdateCallback(
     const std::string& callbackId, UpdateCallback callback) {
-  logChecker(LogPriority::DEBUG, LogBuilder("registerReachabilityUpdateCallback", nullptr)
-                                     .d("callbackId", callbackId.c_str()));
+  logChecker(LogPriority::DEBUG, LogBuilder(label::REGISTER_REACHABILITY_UPDATE_CALLBACK, nullptr)
+                                     .d(key::CALLBACK_ID, callbackId.c_str()));
   if (!validateCallbackParams(callbackId, callback)) {
     return false;
   }
   if (isCallbackIdRegistered(callbackId)) {
-    logChecker(LogPriority::WARN, LogBuilder("registerReachabilityUpdateCallback", nullptr)
-                                      .d("reason", "duplicateCallbackId"));
+    logChecker(LogPriority::WARN, LogBuilder(label::REGISTER_REACHABILITY_UPDATE_CALLBACK, nullptr)
+                                      .d(key::REASON, reason::DUPLICATE_CALLBACK_ID));
     return false;
   }
 
@@ -236,51 +246,53 @@ bool ApplianceDriverReachabilityChecker::registerReachabilityUpdateCallback(
   // both reach it, and the set then holds the id once.
   if (!driver.subscribeStateChanges(
           {}, callbackId, createStateChangeCallbackWrapper(std::move(callback)), nullptr)) {
-    logChecker(LogPriority::ERROR, LogBuilder("registerReachabilityUpdateCallback", nullptr)
-                                       .d("callbackId", callbackId.c_str())
-                                       .d("reason", "subscriptionFailed"));
+    logChecker(LogPriority::ERROR, LogBuilder(label::REGISTER_REACHABILITY_UPDATE_CALLBACK, nullptr)
+                                       .d(key::CALLBACK_ID, callbackId.c_str())
+                                       .d(key::REASON, reason::SUBSCRIPTION_FAILED));
     return false;
   }
 
   const std::lock_guard<std::mutex> lock(callbackMutex);
   registeredCallbackIds.insert(callbackId);
-  logChecker(LogPriority::INFO, LogBuilder("registerReachabilityUpdateCallback", nullptr)
-                                    .d("callbackId", callbackId.c_str())
-                                    .d("status", "registered"));
+  logChecker(LogPriority::INFO, LogBuilder(label::REGISTER_REACHABILITY_UPDATE_CALLBACK, nullptr)
+                                    .d(key::CALLBACK_ID, callbackId.c_str())
+                                    .d(key::STATUS, status::REGISTERED));
   return true;
 }
 
 bool ApplianceDriverReachabilityChecker::unregisterReachabilityUpdateCallback(
     const std::string& callbackId) {
-  logChecker(LogPriority::DEBUG, LogBuilder("unregisterReachabilityUpdateCallback", nullptr)
-                                     .d("callbackId", callbackId.c_str()));
+  logChecker(LogPriority::DEBUG, LogBuilder(label::UNREGISTER_REACHABILITY_UPDATE_CALLBACK, nullptr)
+                                     .d(key::CALLBACK_ID, callbackId.c_str()));
   if (callbackId.empty()) {
-    logChecker(
-        LogPriority::ERROR,
-        LogBuilder("unregisterReachabilityUpdateCallback", nullptr).d("reason", "emptyCallbackId"));
+    logChecker(LogPriority::ERROR,
+               LogBuilder(label::UNREGISTER_REACHABILITY_UPDATE_CALLBACK, nullptr)
+                   .d(key::REASON, reason::EMPTY_CALLBACK_ID));
     return false;
   }
   if (!isCallbackIdRegistered(callbackId)) {
-    logChecker(LogPriority::WARN, LogBuilder("unregisterReachabilityUpdateCallback", nullptr)
-                                      .d("reason", "callbackNotFound")
-                                      .d("callbackId", callbackId.c_str()));
+    logChecker(LogPriority::WARN,
+               LogBuilder(label::UNREGISTER_REACHABILITY_UPDATE_CALLBACK, nullptr)
+                   .d(key::REASON, reason::CALLBACK_NOT_FOUND)
+                   .d(key::CALLBACK_ID, callbackId.c_str()));
     return false;
   }
 
   // A refused cancellation keeps the id registered so that the caller may
   // try again.
   if (!driver.unsubscribeStateChanges(callbackId)) {
-    logChecker(LogPriority::WARN, LogBuilder("unregisterReachabilityUpdateCallback", nullptr)
-                                      .d("callbackId", callbackId.c_str())
-                                      .d("reason", "unsubscriptionFailed"));
+    logChecker(LogPriority::WARN,
+               LogBuilder(label::UNREGISTER_REACHABILITY_UPDATE_CALLBACK, nullptr)
+                   .d(key::CALLBACK_ID, callbackId.c_str())
+                   .d(key::REASON, reason::UNSUBSCRIPTION_FAILED));
     return false;
   }
 
   const std::lock_guard<std::mutex> lock(callbackMutex);
   registeredCallbackIds.erase(callbackId);
-  logChecker(LogPriority::INFO, LogBuilder("unregisterReachabilityUpdateCallback", nullptr)
-                                    .d("callbackId", callbackId.c_str())
-                                    .d("status", "unregistered"));
+  logChecker(LogPriority::INFO, LogBuilder(label::UNREGISTER_REACHABILITY_UPDATE_CALLBACK, nullptr)
+                                    .d(key::CALLBACK_ID, callbackId.c_str())
+                                    .d(key::STATUS, status::UNREGISTERED));
   return true;
 }
 
@@ -289,16 +301,15 @@ ApplianceDriverReachabilityChecker::createStateChangeCallbackWrapper(
     UpdateCallback callback) const {
   // Runs on the driver's thread; it touches no checker state and takes no lock.
   return [callback = std::move(callback)](const StateChangeEvent& event) {
-    logChecker(LogPriority::DEBUG, LogBuilder("operator()", "stateChangeCallback")
-                                       .d("endpointId", event.endpointId.c_str())
-                                       .d("namespace", event.namespace_.c_str())
-                                       .d("propertyName", event.propertyName.c_str())
-                                       .d("value", event.value.c_str()));
+    logChecker(LogPriority::DEBUG, LogBuilder(LAMBDA_FUNCTION, label::STATE_CHANGE_CALLBACK)
+                                       .d(key::ENDPOINT_ID, event.endpointId.c_str())
+                                       .d(key::NAMESPACE, event.namespace_.c_str())
+                                       .d(key::PROPERTY_NAME, event.propertyName.c_str())
+                                       .d(key::VALUE, event.value.c_str()));
     if (event.namespace_ != ENDPOINT_HEALTH_NAMESPACE ||
         event.propertyName != CONNECTIVITY_PROPERTY) {
-      logChecker(
-          LogPriority::DEBUG,
-          LogBuilder("operator()", "stateChangeCallback").d("reason", "notConnectivityEvent"));
+      logChecker(LogPriority::DEBUG, LogBuilder(LAMBDA_FUNCTION, label::STATE_CHANGE_CALLBACK)
+                                         .d(key::REASON, reason::NOT_CONNECTIVITY_EVENT));
       return;
     }
 
@@ -307,10 +318,10 @@ ApplianceDriverReachabilityChecker::createStateChangeCallbackWrapper(
                            event.value.find(QUOTED_OK_VALUE) != std::string::npos;
     const ReachabilityCheckResult result(event.endpointId, "", "", reachable, CapabilitySet(),
                                          ApplianceDriverType::NO_DRIVER);
-    logChecker(LogPriority::INFO, LogBuilder("operator()", "stateChangeCallback")
-                                      .d("endpointId", event.endpointId.c_str())
-                                      .d("isReachable", boolText(reachable))
-                                      .d("action", "invokingCallback"));
+    logChecker(LogPriority::INFO, LogBuilder(LAMBDA_FUNCTION, label::STATE_CHANGE_CALLBACK)
+                                      .d(key::ENDPOINT_ID, event.endpointId.c_str())
+                                      .d(key::IS_REACHABLE, boolText(reachable))
+                                      .d(key::ACTION, action::INVOKING_CALLBACK));
     callback(result);
   };
 }

@@ -1,30 +1,30 @@
 #include "diagnostics/ComponentLog.h"
 
-#include <android/log.h>
+#include "diagnostics/LogSink.h"
 
 namespace veranda::reachabilityCache {
 namespace {
 
 void write(LogPriority priority, const char* tag, const commonLog::LogBuilder& line) {
-  __android_log_print(static_cast<int>(priority), tag, "%s", line.text());
+  writeLogLine(static_cast<int>(priority), tag, line.text());
 }
 
 }  // namespace
 
 void logFacade(LogPriority priority, const commonLog::LogBuilder& line) {
-  write(priority, "ReachabilityCache-ReachabilityCache", line);
+  write(priority, logSchema::tag::FACADE, line);
 }
 
 void logStore(LogPriority priority, const commonLog::LogBuilder& line) {
-  write(priority, "ReachabilityCache-CacheCore", line);
+  write(priority, logSchema::tag::STORE, line);
 }
 
 void logUpdater(LogPriority priority, const commonLog::LogBuilder& line) {
-  write(priority, "ReachabilityCache-ReachabilityUpdater", line);
+  write(priority, logSchema::tag::UPDATER, line);
 }
 
 void logChecker(LogPriority priority, const commonLog::LogBuilder& line) {
-  write(priority, "ReachabilityCache-ApplianceDriverChecker", line);
+  write(priority, logSchema::tag::CHECKER, line);
 }
 
 }  // namespace veranda::reachabilityCache

@@ -2,6 +2,7 @@
 
 #include <vector>
 
+#include "diagnostics/LogSchema.h"
 #include "metrics/Metric.h"
 
 namespace veranda::reachabilityCache {
@@ -9,8 +10,6 @@ namespace {
 
 constexpr uint32_t TEXT_DIMENSION = 2;
 constexpr uint32_t INTEGER_DIMENSION = 4;
-constexpr const char* PROGRAM_ID = "762veg6l";
-constexpr const char* SOURCE_ID = "nlef/2/03330473";
 
 Dimension textDimension(const std::string& name, const std::string& value) {
   Dimension dimension;
@@ -29,42 +28,45 @@ Dimension integerDimension(const std::string& name, int64_t value) {
 }
 
 void record(const std::vector<Dimension>& dimensions) {
-  const Metric metric(dimensions, PROGRAM_ID, SOURCE_ID, true);
+  const Metric metric(dimensions, logSchema::metric::PROGRAM_ID, logSchema::metric::SOURCE_ID,
+                      true);
 }
 
 }  // namespace
 
-const std::string ReachabilityCacheMetrics::METRIC_CACHE_FULL = "ReachabilityCache.CacheFull";
-const std::string ReachabilityCacheMetrics::METRIC_INSERT_FAILED = "ReachabilityCache.InsertFailed";
-const std::string ReachabilityCacheMetrics::METRIC_CHECK_FAILED = "ReachabilityCache.CheckFailed";
+const std::string ReachabilityCacheMetrics::METRIC_CACHE_FULL = logSchema::metric::CACHE_FULL;
+const std::string ReachabilityCacheMetrics::METRIC_INSERT_FAILED = logSchema::metric::INSERT_FAILED;
+const std::string ReachabilityCacheMetrics::METRIC_CHECK_FAILED = logSchema::metric::CHECK_FAILED;
 const std::string ReachabilityCacheMetrics::METRIC_SUBSCRIBE_FAILED =
-    "ReachabilityCache.SubscribeFailed";
-const std::string ReachabilityCacheMetrics::DIM_METRIC_NAME = "metricName";
-const std::string ReachabilityCacheMetrics::DIM_MAX_SIZE = "maxSize";
-const std::string ReachabilityCacheMetrics::DIM_REASON = "reason";
-const std::string ReachabilityCacheMetrics::DIM_UPDATE_TYPE = "updateType";
-const std::string ReachabilityCacheMetrics::DIM_ACTION = "action";
+    logSchema::metric::SUBSCRIBE_FAILED;
+const std::string ReachabilityCacheMetrics::DIM_METRIC_NAME =
+    logSchema::metric::DIMENSION_METRIC_NAME;
+const std::string ReachabilityCacheMetrics::DIM_MAX_SIZE = logSchema::metric::DIMENSION_MAX_SIZE;
+const std::string ReachabilityCacheMetrics::DIM_REASON = logSchema::metric::DIMENSION_REASON;
+const std::string ReachabilityCacheMetrics::DIM_UPDATE_TYPE =
+    logSchema::metric::DIMENSION_UPDATE_TYPE;
+const std::string ReachabilityCacheMetrics::DIM_ACTION = logSchema::metric::DIMENSION_ACTION;
 
 std::string ReachabilityCacheMetrics::updateTypeToString(UpdateType updateType) {
   switch (updateType) {
     case UpdateType::PERIODIC:
-      return "periodic";
+      return logSchema::metric::UPDATE_TYPE_PERIODIC;
     case UpdateType::EVENT:
-      return "event";
+      return logSchema::metric::UPDATE_TYPE_EVENT;
     case UpdateType::MANUAL:
-      return "manual";
+      return logSchema::metric::UPDATE_TYPE_MANUAL;
   }
-  return "unknown";
+  return logSchema::metric::UNKNOWN;
 }
 
 std::string ReachabilityCacheMetrics::subscribeActionToString(SubscribeAction action) {
   switch (action) {
     case SubscribeAction::ENABLE:
-      return "enable";
+      return logSchema::metric::ACTION_ENABLE;
     case SubscribeAction::DISABLE:
-      return "disable";
+      return logSchema::metric::ACTION_DISABLE;
   }
-  return "unknown";
+  return logSchema::metric::UNKNOWN;
 }
 
 void ReachabilityCacheMetrics::emitCacheFull(std::size_t maxSize) {

@@ -14,19 +14,20 @@ class ReachabilityCacheMetrics {
   enum class UpdateType : int32_t { PERIODIC = 0, EVENT = 1, MANUAL = 2 };
   enum class SubscribeAction : int32_t { ENABLE = 0, DISABLE = 1 };
 
-  static const std::string METRIC_CACHE_FULL;        // "ReachabilityCache.CacheFull"
-  static const std::string METRIC_INSERT_FAILED;     // "ReachabilityCache.InsertFailed"
-  static const std::string METRIC_CHECK_FAILED;      // "ReachabilityCache.CheckFailed"
-  static const std::string METRIC_SUBSCRIBE_FAILED;  // "ReachabilityCache.SubscribeFailed"
+  // The names and texts of logSchema::metric.
+  static const std::string METRIC_CACHE_FULL;
+  static const std::string METRIC_INSERT_FAILED;
+  static const std::string METRIC_CHECK_FAILED;
+  static const std::string METRIC_SUBSCRIBE_FAILED;
   static const std::string DIM_METRIC_NAME;
   static const std::string DIM_MAX_SIZE;
   static const std::string DIM_REASON;
   static const std::string DIM_UPDATE_TYPE;
   static const std::string DIM_ACTION;
 
-  // "periodic", "event", "manual"; "unknown" for any other value.
+  // The text of each value; "unknown" for any other value.
   static std::string updateTypeToString(UpdateType updateType);
-  // "enable", "disable"; "unknown" for any other value.
+  // The text of each value; "unknown" for any other value.
   static std::string subscribeActionToString(SubscribeAction action);
 
   // The store refused a new entity because it holds `maxSize` entities.

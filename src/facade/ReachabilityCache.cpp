@@ -5,10 +5,14 @@
 
 #include "diagnostics/ComponentLog.h"
 #include "diagnostics/LogBuilder.h"
+#include "diagnostics/LogSchema.h"
+#include "reachabilityCache/ReachabilityCheckerGuard.h"
 #include "store/CacheCore.h"
 #include "updater/ReachabilityUpdater.h"
 
 namespace veranda::reachabilityCache {
+
+using namespace logSchema;
 namespace {
 
 using commonLog::LogBuilder;
@@ -25,10 +29,15 @@ unsigned int storeCapacity(std::size_t maxCacheSize) {
 
 ReachabilityCache::ReachabilityCache(ICHRProvider* chrProvider, const Config& config)
     : chrProvider(chrProvider), config(config) {
-  logFacade(LogPriority::INFO, LogBuilder("ReachabilityCache", nullptr)
-                                   .d("event", "cacheCreated")
-                                   .d("maxCacheSize", config.maxCacheSize)
-                                   .d("periodicUpdates", boolText(config.enablePeriodicUpdates)));
+  // A guard refuses a second cache before this one logs or starts anything.
+  if (auto* guard = dynamic_cast<ReachabilityCheckerGuard*>(config.reachabilityChecker.get())) {
+    guard->claimForCache();
+  }
+  logFacade(LogPriority::INFO,
+            LogBuilder(label::REACHABILITY_CACHE, nullptr)
+                .d(key::EVENT, event::CACHE_CREATED)
+                .d(key::MAX_CACHE_SIZE, config.maxCacheSize)
+                .d(key::PERIODIC_UPDATES, boolText(config.enablePeriodicUpdates)));
   cacheCore = std::make_shared<CacheCore>(storeCapacity(config.maxCacheSize));
   // The updater gets the facade's own copy of the provider pointer.
   updater = std::make_unique<ReachabilityUpdater>(cacheCore, config.reachabilityChecker,
@@ -40,9 +49,9 @@ ReachabilityCache::ReachabilityCache(ICHRProvider* chrProvider, const Config& co
 }
 
 ReachabilityCache::~ReachabilityCache() {
-  logFacade(LogPriority::INFO, LogBuilder("~ReachabilityCache", nullptr)
-                                   .d("event", "cacheDestroyed")
-                                   .d("cacheSize", cacheCore->size()));
+  logFacade(LogPriority::INFO, LogBuilder(label::REACHABILITY_CACHE_DESTRUCTOR, nullptr)
+                                   .d(key::EVENT, event::CACHE_DESTROYED)
+                                   .d(key::CACHE_SIZE, cacheCore->size()));
   if (updater) {
     updater->stopPeriodicUpdates();
   }
@@ -85,10 +94,10 @@ EndpointInfo ReachabilityCache::getPreferredEndpoint(const std::string& entityId
                                                      const std::string& preferredAdapter) const {
   std::vector<EndpointInfo> endpoints = cacheCore->getEndpointsForEntity(entityId);
   if (endpoints.empty()) {
-    logFacade(LogPriority::WARN, LogBuilder("getPreferredEndpoint", nullptr)
-                                     .d("action", "getPreferredEndpoint")
-                                     .d("entityId", entityId.c_str())
-                                     .d("reason", "noEndpointsFound"));
+    logFacade(LogPriority::WARN, LogBuilder(label::GET_PREFERRED_ENDPOINT, nullptr)
+                                     .d(key::ACTION, action::GET_PREFERRED_ENDPOINT)
+                                     .d(key::ENTITY_ID, entityId.c_str())
+                                     .d(key::REASON, reason::NO_ENDPOINTS_FOUND));
     return {"", "", "", {}};
   }
   for (EndpointInfo& endpoint : endpoints) {

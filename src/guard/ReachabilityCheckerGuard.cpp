@@ -1,6 +1,7 @@
 #include "reachabilityCache/ReachabilityCheckerGuard.h"
 
 #include <algorithm>
+#include <stdexcept>
 #include <utility>
 
 #include "guard/CallbackGate.h"
@@ -37,9 +38,18 @@ class ReachabilityCheckerGuard::Shared {
     return observers_;
   }
 
+  // True the first time only.
+  bool claim() RC_EXCLUDES(mutex_) {
+    MutexLock lock(mutex_);
+    const bool first = !claimed_;
+    claimed_ = true;
+    return first;
+  }
+
  private:
   mutable Mutex mutex_;
   Observers observers_ RC_GUARDED_BY(mutex_);
+  bool claimed_ RC_GUARDED_BY(mutex_) = false;
 };
 
 ReachabilityCheckerGuard::ReachabilityCheckerGuard(std::shared_ptr<IReachabilityChecker> checker)
@@ -59,20 +69,37 @@ void ReachabilityCheckerGuard::removeObserver(const Observer* observer) {
   shared_->remove(observer);
 }
 
+void ReachabilityCheckerGuard::claimForCache() {
+  if (!shared_->claim()) {
+    throw std::logic_error(
+        "ReachabilityCheckerGuard: this guard serves another cache already; give each cache a "
+        "guard of its own (closing a guard shared by two caches cuts both off)");
+  }
+  if (isClosed()) {
+    throw std::logic_error(
+        "ReachabilityCheckerGuard: this guard is closed and can serve no cache; give the new "
+        "cache a guard of its own");
+  }
+}
+
+// The pass is held until the check has been handed on, so that close() on
+// another thread waits for it; close() called meanwhile on this thread (by an
+// observer) is seen before the check is handed on.
 bool ReachabilityCheckerGuard::checkReachability(const std::vector<EndpointInfo>& endpoints,
                                                  const std::string& requestId,
                                                  ResultsCallback callback) {
   if (checker_ == nullptr) {
     return false;
   }
-  {
-    const CallbackGate::Pass pass(shared_->gate);
-    if (!pass) {
-      return true;  // accepted and dropped: see close()
-    }
-    for (const auto& observer : shared_->observers()) {
-      observer->onCheckStarting();
-    }
+  const CallbackGate::Pass pass(shared_->gate);
+  if (!pass) {
+    return true;  // accepted and dropped: see close()
+  }
+  for (const auto& observer : shared_->observers()) {
+    observer->onCheckStarting();
+  }
+  if (shared_->gate.isClosed()) {
+    return true;  // closed meanwhile: dropped as after close()
   }
   // The completion holds the wrapped checker: a late answer still needs it.
   auto guarded = [shared = shared_, checker = checker_, callback = std::move(callback)](
@@ -85,6 +112,9 @@ bool ReachabilityCheckerGuard::checkReachability(const std::vector<EndpointInfo>
     for (const auto& observer : observers) {
       observer->onResultsArriving(results);
     }
+    if (shared->gate.isClosed()) {
+      return;  // closed meanwhile: the cache hears nothing more
+    }
     callback(results);
     for (const auto& observer : observers) {
       observer->onResultsApplied(results);
@@ -95,7 +125,11 @@ bool ReachabilityCheckerGuard::checkReachability(const std::vector<EndpointInfo>
 
 bool ReachabilityCheckerGuard::registerReachabilityUpdateCallback(const std::string& callbackId,
                                                                   UpdateCallback callback) {
-  if (checker_ == nullptr || shared_->gate.isClosed()) {
+  if (checker_ == nullptr) {
+    return false;
+  }
+  const CallbackGate::Pass pass(shared_->gate);  // held until the subscription is made
+  if (!pass) {
     return false;
   }
   // An empty callback stays empty, so that the checker refuses it as usual.

@@ -8,10 +8,13 @@
 
 #include "diagnostics/ComponentLog.h"
 #include "diagnostics/LogBuilder.h"
+#include "diagnostics/LogSchema.h"
 #include "diagnostics/ReachabilityCacheMetrics.h"
 #include "store/DriverCapabilities.h"
 
 namespace veranda::reachabilityCache {
+
+using namespace logSchema;
 namespace {
 
 using applianceDriver::ApplianceDriverType;
@@ -23,26 +26,26 @@ constexpr std::string_view ENTITY_ID_PREFIX = "orbt1.veyra.endpoint.";
 void logEndpointAction(LogPriority priority, const char* function, const char* action,
                        const std::string& entityId, const std::string& endpointId) {
   logStore(priority, LogBuilder(function, nullptr)
-                         .d("action", action)
-                         .d("entityId", entityId.c_str())
-                         .d("endpointId", endpointId.c_str()));
+                         .d(key::ACTION, action)
+                         .d(key::ENTITY_ID, entityId.c_str())
+                         .d(key::ENDPOINT_ID, endpointId.c_str()));
 }
 
 // Logs and records the refusal of a record with an empty entity or endpoint
 // id; false when both ids are set.
 bool refusedForEmptyId(const CachedEndpoint& endpoint) {
   if (endpoint.entityId.empty()) {
-    logStore(LogPriority::WARN, LogBuilder("insertEndpoint", nullptr)
-                                    .d("reason", "emptyEntityId")
-                                    .d("endpointId", endpoint.endpointId.c_str()));
-    ReachabilityCacheMetrics::emitInsertFailed("emptyEntityId");
+    logStore(LogPriority::WARN, LogBuilder(label::INSERT_ENDPOINT, nullptr)
+                                    .d(key::REASON, reason::EMPTY_ENTITY_ID)
+                                    .d(key::ENDPOINT_ID, endpoint.endpointId.c_str()));
+    ReachabilityCacheMetrics::emitInsertFailed(reason::EMPTY_ENTITY_ID);
     return true;
   }
   if (endpoint.endpointId.empty()) {
-    logStore(LogPriority::WARN, LogBuilder("insertEndpoint", nullptr)
-                                    .d("reason", "emptyEndpointId")
-                                    .d("entityId", endpoint.entityId.c_str()));
-    ReachabilityCacheMetrics::emitInsertFailed("emptyEndpointId");
+    logStore(LogPriority::WARN, LogBuilder(label::INSERT_ENDPOINT, nullptr)
+                                    .d(key::REASON, reason::EMPTY_ENDPOINT_ID)
+                                    .d(key::ENTITY_ID, endpoint.entityId.c_str()));
+    ReachabilityCacheMetrics::emitInsertFailed(reason::EMPTY_ENDPOINT_ID);
     return true;
   }
   return false;
@@ -87,7 +90,7 @@ const std::string& CacheCore::normalizeEntityId(const std::string& entityId) {
 }
 
 CacheCore::CacheCore(unsigned int maxSize) : maxSize_(maxSize) {
-  logStore(LogPriority::INFO, LogBuilder("CacheCore", nullptr).d("maxSize", maxSize));
+  logStore(LogPriority::INFO, LogBuilder(label::CACHE_CORE, nullptr).d(key::MAX_SIZE, maxSize));
 }
 
 CacheCore::~CacheCore() = default;
@@ -109,10 +112,10 @@ bool CacheCore::insertRecord(Record&& endpoint) {
   }
   const bool entityKnown = entityIndex.count(entityId) != 0;
   if (!entityKnown && entityIndex.size() >= maxSize_) {
-    logStore(LogPriority::WARN, LogBuilder("insertEndpoint", nullptr)
-                                    .d("reason", "cacheFull")
-                                    .d("entityId", entityId.c_str())
-                                    .d("endpointId", endpoint.endpointId.c_str()));
+    logStore(LogPriority::WARN, LogBuilder(label::INSERT_ENDPOINT, nullptr)
+                                    .d(key::REASON, reason::CACHE_FULL)
+                                    .d(key::ENTITY_ID, entityId.c_str())
+                                    .d(key::ENDPOINT_ID, endpoint.endpointId.c_str()));
     ReachabilityCacheMetrics::emitCacheFull(maxSize_);
     return false;
   }
@@ -124,15 +127,16 @@ bool CacheCore::insertRecord(Record&& endpoint) {
     // A fresh string: assigned in place, the stored id would keep the
     // capacity of the id as passed, prefix included.
     stored->entityId = std::string(entityId);
-    logEndpointAction(entityKnown ? LogPriority::DEBUG : LogPriority::INFO, "insertEndpoint",
-                      entityKnown ? "appended" : "newEntity", entityId, stored->endpointId);
+    logEndpointAction(entityKnown ? LogPriority::DEBUG : LogPriority::INFO, label::INSERT_ENDPOINT,
+                      entityKnown ? action::APPENDED : action::NEW_ENTITY, entityId,
+                      stored->endpointId);
   } else {
     mergeInto(*stored, std::forward<Record>(endpoint));
-    logStore(LogPriority::DEBUG, LogBuilder("insertEndpoint", nullptr)
-                                     .d("action", "merged")
-                                     .d("entityId", entityId.c_str())
-                                     .d("endpointId", stored->endpointId.c_str())
-                                     .d("driverCount", stored->driverCapabilities.size()));
+    logStore(LogPriority::DEBUG, LogBuilder(label::INSERT_ENDPOINT, nullptr)
+                                     .d(key::ACTION, action::MERGED)
+                                     .d(key::ENTITY_ID, entityId.c_str())
+                                     .d(key::ENDPOINT_ID, stored->endpointId.c_str())
+                                     .d(key::DRIVER_COUNT, stored->driverCapabilities.size()));
   }
   endpointIndex[stored->endpointId] = entityId;
   return true;
@@ -147,22 +151,25 @@ bool CacheCore::removeEndpoint(const std::string& entityId, const std::string& e
   MutexLock lock(storeMutex);
   std::vector<CachedEndpoint>* endpoints = findEndpointsMutableLocked(id);
   if (endpoints == nullptr) {
-    logEndpointAction(LogPriority::DEBUG, "removeEndpoint", "notFound", id, endpointId);
+    logEndpointAction(LogPriority::DEBUG, label::REMOVE_ENDPOINT, action::NOT_FOUND, id,
+                      endpointId);
     return false;
   }
   const auto record = findEndpointInVector(*endpoints, endpointId);
   if (record == endpoints->end()) {
-    logEndpointAction(LogPriority::DEBUG, "removeEndpoint", "endpointNotFound", id, endpointId);
+    logEndpointAction(LogPriority::DEBUG, label::REMOVE_ENDPOINT, action::ENDPOINT_NOT_FOUND, id,
+                      endpointId);
     return false;
   }
   endpoints->erase(record);
   endpointIndex.erase(endpointId);
   if (!endpoints->empty()) {
-    logEndpointAction(LogPriority::DEBUG, "removeEndpoint", "removedEndpoint", id, endpointId);
+    logEndpointAction(LogPriority::DEBUG, label::REMOVE_ENDPOINT, action::REMOVED_ENDPOINT, id,
+                      endpointId);
   } else {
     entityIndex.erase(id);
-    logEndpointAction(LogPriority::INFO, "removeEndpoint", "removedEndpointAndEntity", id,
-                      endpointId);
+    logEndpointAction(LogPriority::INFO, label::REMOVE_ENDPOINT,
+                      action::REMOVED_ENDPOINT_AND_ENTITY, id, endpointId);
   }
   return true;
 }
@@ -173,8 +180,9 @@ bool CacheCore::removeEntity(const std::string& entityId) {
   const auto entity = entityIndex.find(id);
   if (entity == entityIndex.end()) {
     // The one store line keyed "event" rather than "action"; readers match on it.
-    logStore(LogPriority::DEBUG,
-             LogBuilder("removeEntity", nullptr).d("event", "notFound").d("entityId", id.c_str()));
+    logStore(LogPriority::DEBUG, LogBuilder(label::REMOVE_ENTITY, nullptr)
+                                     .d(key::EVENT, event::NOT_FOUND)
+                                     .d(key::ENTITY_ID, id.c_str()));
     return false;
   }
   const std::size_t endpointCount = entity->second.size();
@@ -182,10 +190,10 @@ bool CacheCore::removeEntity(const std::string& entityId) {
     endpointIndex.erase(endpoint.endpointId);
   }
   entityIndex.erase(entity);
-  logStore(LogPriority::INFO, LogBuilder("removeEntity", nullptr)
-                                  .d("action", "removedEntity")
-                                  .d("entityId", id.c_str())
-                                  .d("endpointCount", endpointCount));
+  logStore(LogPriority::INFO, LogBuilder(label::REMOVE_ENTITY, nullptr)
+                                  .d(key::ACTION, action::REMOVED_ENTITY)
+                                  .d(key::ENTITY_ID, id.c_str())
+                                  .d(key::ENDPOINT_COUNT, endpointCount));
   return true;
 }
 
@@ -194,8 +202,9 @@ void CacheCore::clear() {
   const std::size_t previousSize = entityIndex.size();
   entityIndex.clear();
   endpointIndex.clear();
-  logStore(LogPriority::INFO,
-           LogBuilder("clear", nullptr).d("action", "cleared").d("previousSize", previousSize));
+  logStore(LogPriority::INFO, LogBuilder(label::CLEAR, nullptr)
+                                  .d(key::ACTION, action::CLEARED)
+                                  .d(key::PREVIOUS_SIZE, previousSize));
 }
 
 bool CacheCore::clearEndpointCapabilities(const std::string& entityId,
@@ -204,18 +213,19 @@ bool CacheCore::clearEndpointCapabilities(const std::string& entityId,
   MutexLock lock(storeMutex);
   std::vector<CachedEndpoint>* endpoints = findEndpointsMutableLocked(id);
   if (endpoints == nullptr) {
-    logEndpointAction(LogPriority::DEBUG, "clearEndpointCapabilities", "notFound", id, endpointId);
+    logEndpointAction(LogPriority::DEBUG, label::CLEAR_ENDPOINT_CAPABILITIES, action::NOT_FOUND, id,
+                      endpointId);
     return false;
   }
   const auto record = findEndpointInVector(*endpoints, endpointId);
   if (record == endpoints->end()) {
-    logEndpointAction(LogPriority::DEBUG, "clearEndpointCapabilities", "endpointNotFound", id,
-                      endpointId);
+    logEndpointAction(LogPriority::DEBUG, label::CLEAR_ENDPOINT_CAPABILITIES,
+                      action::ENDPOINT_NOT_FOUND, id, endpointId);
     return false;
   }
   record->driverCapabilities.clear();
-  logEndpointAction(LogPriority::DEBUG, "clearEndpointCapabilities", "clearedCapabilities", id,
-                    endpointId);
+  logEndpointAction(LogPriority::DEBUG, label::CLEAR_ENDPOINT_CAPABILITIES,
+                    action::CLEARED_CAPABILITIES, id, endpointId);
   return true;
 }
 
@@ -237,29 +247,32 @@ bool CacheCore::isEntityPresent(const std::string& entityId) const {
   const std::string& id = normalizeEntityId(entityId);
   MutexLock lock(storeMutex);
   const bool present = findEndpointsLocked(id) != nullptr;
-  logStore(LogPriority::DEBUG, LogBuilder("isEntityPresent", nullptr)
-                                   .d("entityId", id.c_str())
-                                   .d("present", boolText(present)));
+  logStore(LogPriority::DEBUG, LogBuilder(label::IS_ENTITY_PRESENT, nullptr)
+                                   .d(key::ENTITY_ID, id.c_str())
+                                   .d(key::PRESENT, boolText(present)));
   return present;
 }
 
 bool CacheCore::isEntityReachable(const std::string& entityId) const {
   const std::string& id = normalizeEntityId(entityId);
   MutexLock lock(storeMutex);
-  LogBuilder line("isEntityReachable", nullptr);
-  line.d("entityId", id.c_str());
+  LogBuilder line(label::IS_ENTITY_REACHABLE, nullptr);
+  line.d(key::ENTITY_ID, id.c_str());
   const std::vector<CachedEndpoint>* endpoints = findEndpointsLocked(id);
   if (endpoints == nullptr) {
-    logStore(LogPriority::DEBUG, line.d("reachable", "false").d("reason", "notInCache"));
+    logStore(LogPriority::DEBUG,
+             line.d(key::REACHABLE, value::FALSE_TEXT).d(key::REASON, reason::NOT_IN_CACHE));
     return false;
   }
   for (const CachedEndpoint& endpoint : *endpoints) {
     if (reachedByDriver(endpoint)) {
-      logStore(LogPriority::DEBUG, line.d("reachable", "true"));
+      logStore(LogPriority::DEBUG, line.d(key::REACHABLE, value::TRUE_TEXT));
       return true;
     }
   }
-  logStore(LogPriority::DEBUG, line.d("reachable", "false").d("reason", "noDriverCapabilities"));
+  logStore(
+      LogPriority::DEBUG,
+      line.d(key::REACHABLE, value::FALSE_TEXT).d(key::REASON, reason::NO_DRIVER_CAPABILITIES));
   return false;
 }
 
@@ -267,25 +280,26 @@ bool CacheCore::isCapabilityReachable(const std::string& entityId,
                                       const CapabilityKey& capabilityKey) const {
   const std::string& id = normalizeEntityId(entityId);
   MutexLock lock(storeMutex);
-  LogBuilder line("isCapabilityReachable", nullptr);
-  line.d("entityId", id.c_str()).d("capability", capabilityKey.capability.c_str());
+  LogBuilder line(label::IS_CAPABILITY_REACHABLE, nullptr);
+  line.d(key::ENTITY_ID, id.c_str()).d(key::CAPABILITY, capabilityKey.capability.c_str());
   const std::vector<CachedEndpoint>* endpoints = findEndpointsLocked(id);
   if (endpoints == nullptr) {
-    logStore(LogPriority::DEBUG, line.d("reachable", "false").d("reason", "entityNotFound"));
+    logStore(LogPriority::DEBUG,
+             line.d(key::REACHABLE, value::FALSE_TEXT).d(key::REASON, reason::ENTITY_NOT_FOUND));
     return false;
   }
   for (const CachedEndpoint& endpoint : *endpoints) {
     for (const auto& entry : endpoint.driverCapabilities) {
       if (entry.second.count(capabilityKey) != 0) {
-        logStore(LogPriority::DEBUG,
-                 line.d("endpointId", endpoint.endpointId.c_str()).d("reachable", "true"));
+        logStore(LogPriority::DEBUG, line.d(key::ENDPOINT_ID, endpoint.endpointId.c_str())
+                                         .d(key::REACHABLE, value::TRUE_TEXT));
         return true;
       }
     }
   }
-  logStore(LogPriority::DEBUG, line.d("reachable", "false")
-                                   .d("reason", "capabilityNotFound")
-                                   .d("endpointCount", endpoints->size()));
+  logStore(LogPriority::DEBUG, line.d(key::REACHABLE, value::FALSE_TEXT)
+                                   .d(key::REASON, reason::CAPABILITY_NOT_FOUND)
+                                   .d(key::ENDPOINT_COUNT, endpoints->size()));
   return false;
 }
 
@@ -294,24 +308,25 @@ bool CacheCore::isCapabilityReachableByDriver(const std::string& entityId,
                                               ApplianceDriverType driverType) const {
   const std::string& id = normalizeEntityId(entityId);
   MutexLock lock(storeMutex);
-  LogBuilder line("isCapabilityReachableByDriver", nullptr);
-  line.d("entityId", id.c_str())
-      .d("capability", capabilityKey.capability.c_str())
-      .d("driverType", static_cast<int32_t>(driverType));
+  LogBuilder line(label::IS_CAPABILITY_REACHABLE_BY_DRIVER, nullptr);
+  line.d(key::ENTITY_ID, id.c_str())
+      .d(key::CAPABILITY, capabilityKey.capability.c_str())
+      .d(key::DRIVER_TYPE, static_cast<int32_t>(driverType));
   const std::vector<CachedEndpoint>* endpoints = findEndpointsLocked(id);
   if (endpoints == nullptr) {
-    logStore(LogPriority::DEBUG, line.d("reachable", "false").d("reason", "entityNotFound"));
+    logStore(LogPriority::DEBUG,
+             line.d(key::REACHABLE, value::FALSE_TEXT).d(key::REASON, reason::ENTITY_NOT_FOUND));
     return false;
   }
   for (const CachedEndpoint& endpoint : *endpoints) {
     if (endpoint.hasCapabilityFromDriver(capabilityKey, driverType)) {
-      logStore(LogPriority::DEBUG,
-               line.d("endpointId", endpoint.endpointId.c_str()).d("reachable", "true"));
+      logStore(LogPriority::DEBUG, line.d(key::ENDPOINT_ID, endpoint.endpointId.c_str())
+                                       .d(key::REACHABLE, value::TRUE_TEXT));
       return true;
     }
   }
-  logStore(LogPriority::DEBUG,
-           line.d("reachable", "false").d("reason", "capabilityNotFoundForDriver"));
+  logStore(LogPriority::DEBUG, line.d(key::REACHABLE, value::FALSE_TEXT)
+                                   .d(key::REASON, reason::CAPABILITY_NOT_FOUND_FOR_DRIVER));
   return false;
 }
 
@@ -321,9 +336,9 @@ std::string CacheCore::getEndpointIdForEntity(const std::string& entityId) const
   const std::vector<CachedEndpoint>* endpoints = findEndpointsLocked(id);
   std::string endpointId = endpoints == nullptr ? "" : endpoints->front().endpointId;
   logStore(LogPriority::DEBUG,
-           LogBuilder("getEndpointIdForEntity", nullptr)
-               .d("entityId", id.c_str())
-               .d("endpointId", endpoints == nullptr ? "notFound" : endpointId.c_str()));
+           LogBuilder(label::GET_ENDPOINT_ID_FOR_ENTITY, nullptr)
+               .d(key::ENTITY_ID, id.c_str())
+               .d(key::ENDPOINT_ID, endpoints == nullptr ? value::NOT_FOUND : endpointId.c_str()));
   return endpointId;
 }
 
@@ -331,10 +346,11 @@ std::string CacheCore::getEntityIdForEndpoint(const std::string& endpointId) con
   MutexLock lock(storeMutex);
   const auto found = endpointIndex.find(endpointId);
   std::string entityId = found == endpointIndex.end() ? "" : found->second;
-  logStore(LogPriority::DEBUG,
-           LogBuilder("getEntityIdForEndpoint", nullptr)
-               .d("endpointId", endpointId.c_str())
-               .d("entityId", found == endpointIndex.end() ? "notFound" : entityId.c_str()));
+  logStore(
+      LogPriority::DEBUG,
+      LogBuilder(label::GET_ENTITY_ID_FOR_ENDPOINT, nullptr)
+          .d(key::ENDPOINT_ID, endpointId.c_str())
+          .d(key::ENTITY_ID, found == endpointIndex.end() ? value::NOT_FOUND : entityId.c_str()));
   return entityId;
 }
 

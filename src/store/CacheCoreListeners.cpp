@@ -5,8 +5,11 @@
 
 #include "diagnostics/ComponentLog.h"
 #include "diagnostics/LogBuilder.h"
+#include "diagnostics/LogSchema.h"
 
 namespace veranda::reachabilityCache {
+
+using namespace logSchema;
 
 using commonLog::LogBuilder;
 
@@ -17,17 +20,17 @@ bool CacheCore::registerReachabilityListener(
   MutexLock lock(listenerMutex);
   // try_emplace leaves `callback` untouched when the id is taken.
   if (!listeners.try_emplace(listenerId, std::move(callback)).second) {
-    logStore(LogPriority::WARN, LogBuilder("registerReachabilityListener", nullptr)
-                                    .d("action", "registerReachabilityListener")
-                                    .d("listenerId", listenerId.c_str())
-                                    .d("result", "alreadyExists"));
+    logStore(LogPriority::WARN, LogBuilder(label::REGISTER_REACHABILITY_LISTENER, nullptr)
+                                    .d(key::ACTION, action::REGISTER_REACHABILITY_LISTENER)
+                                    .d(key::LISTENER_ID, listenerId.c_str())
+                                    .d(key::RESULT, result::ALREADY_EXISTS));
     return false;
   }
-  logStore(LogPriority::INFO, LogBuilder("registerReachabilityListener", nullptr)
-                                  .d("action", "registerReachabilityListener")
-                                  .d("listenerId", listenerId.c_str())
-                                  .d("result", "success")
-                                  .d("totalListeners", listeners.size()));
+  logStore(LogPriority::INFO, LogBuilder(label::REGISTER_REACHABILITY_LISTENER, nullptr)
+                                  .d(key::ACTION, action::REGISTER_REACHABILITY_LISTENER)
+                                  .d(key::LISTENER_ID, listenerId.c_str())
+                                  .d(key::RESULT, result::SUCCESS)
+                                  .d(key::TOTAL_LISTENERS, listeners.size()));
   return true;
 }
 
@@ -38,18 +41,18 @@ bool CacheCore::unregisterReachabilityListener(const std::string& listenerId) {
   MutexLock lock(listenerMutex);
   const auto found = listeners.find(listenerId);
   if (found == listeners.end()) {
-    logStore(LogPriority::WARN, LogBuilder("unregisterReachabilityListener", nullptr)
-                                    .d("action", "unregisterReachabilityListener")
-                                    .d("listenerId", listenerId.c_str())
-                                    .d("result", "notFound"));
+    logStore(LogPriority::WARN, LogBuilder(label::UNREGISTER_REACHABILITY_LISTENER, nullptr)
+                                    .d(key::ACTION, action::UNREGISTER_REACHABILITY_LISTENER)
+                                    .d(key::LISTENER_ID, listenerId.c_str())
+                                    .d(key::RESULT, result::NOT_FOUND));
     return false;
   }
   removed = listeners.extract(found);
-  logStore(LogPriority::INFO, LogBuilder("unregisterReachabilityListener", nullptr)
-                                  .d("action", "unregisterReachabilityListener")
-                                  .d("listenerId", listenerId.c_str())
-                                  .d("result", "success")
-                                  .d("totalListeners", listeners.size()));
+  logStore(LogPriority::INFO, LogBuilder(label::UNREGISTER_REACHABILITY_LISTENER, nullptr)
+                                  .d(key::ACTION, action::UNREGISTER_REACHABILITY_LISTENER)
+                                  .d(key::LISTENER_ID, listenerId.c_str())
+                                  .d(key::RESULT, result::SUCCESS)
+                                  .d(key::TOTAL_LISTENERS, listeners.size()));
   return true;
 }
 
@@ -63,12 +66,12 @@ void CacheCore::notifyReachabilityListeners(const std::string& endpointId,
   if (snapshot.empty()) {
     return;
   }
-  logStore(LogPriority::DEBUG, LogBuilder("notifyReachabilityListeners", nullptr)
-                                   .d("action", "notifyReachabilityListeners")
-                                   .d("endpointId", endpointId.c_str())
-                                   .d("entityId", entityId.c_str())
-                                   .d("isReachable", boolText(isReachable))
-                                   .d("listenerCount", snapshot.size()));
+  logStore(LogPriority::DEBUG, LogBuilder(label::NOTIFY_REACHABILITY_LISTENERS, nullptr)
+                                   .d(key::ACTION, action::NOTIFY_REACHABILITY_LISTENERS)
+                                   .d(key::ENDPOINT_ID, endpointId.c_str())
+                                   .d(key::ENTITY_ID, entityId.c_str())
+                                   .d(key::IS_REACHABLE, boolText(isReachable))
+                                   .d(key::LISTENER_COUNT, snapshot.size()));
   for (const auto& entry : snapshot) {
     entry.second(endpointId, entityId, isReachable);
   }

@@ -20,36 +20,39 @@
 
 #include "diagnostics/ComponentLog.h"
 #include "diagnostics/LogBuilder.h"
+#include "diagnostics/LogSchema.h"
 #include "diagnostics/ReachabilityCacheMetrics.h"
 #include "reachabilityCache/CachedEndpoint.h"
 #include "taskExecutor/Message.h"
 
 namespace veranda::reachabilityCache {
+
+using namespace logSchema;
 namespace {
 
 using commonLog::LogBuilder;
 
-constexpr const char* PERIODIC_PREFIX = "periodic_";
-constexpr const char* MANUAL_PREFIX = "manual_";
-constexpr const char* PROACTIVE_PREFIX = "reachability_updater_";
-
 const char* statusText(bool reachable, bool applied, bool wasReachable) {
   if (!applied) {
-    return reachable ? "reachable (insertFailed)" : "unreachable (insertFailed)";
+    return reachable ? summary::REACHABLE_INSERT_FAILED : summary::UNREACHABLE_INSERT_FAILED;
   }
   if (reachable) {
-    return wasReachable ? "reachable" : "reachable (becameReachable)";
+    return wasReachable ? summary::REACHABLE : summary::BECAME_REACHABLE;
   }
-  return wasReachable ? "unreachable (becameUnreachable)" : "unreachable (alreadyUnreachable)";
+  return wasReachable ? summary::BECAME_UNREACHABLE : summary::ALREADY_UNREACHABLE;
 }
 
 void appendDetail(std::string& details, const ReachabilityCheckResult& result, const char* status) {
-  details += "\n    ";
+  details += summary::ENTRY_START;
   details += result.endpointId;
-  details += " (entityId=";
+  details += " (";
+  details += key::ENTITY_ID;
+  details += '=';
   details += result.entityId;
   if (!result.adapterName.empty()) {
-    details += ", adapter=";
+    details += ", ";
+    details += key::ADAPTER;
+    details += '=';
     details += result.adapterName;
   }
   details += "): ";
@@ -75,12 +78,12 @@ ReachabilityUpdater::ReachabilityUpdater(std::shared_ptr<CacheCore> cache,
                                          std::shared_ptr<IReachabilityChecker> checker,
                                          ICHRProvider* chrProvider)
     : cache(std::move(cache)), checker(std::move(checker)), chrProvider(chrProvider) {
-  logUpdater(LogPriority::INFO, LogBuilder("ReachabilityUpdater", nullptr));
+  logUpdater(LogPriority::INFO, LogBuilder(label::REACHABILITY_UPDATER, nullptr));
   taskExecutor = TaskExecutor::create([](std::unique_ptr<Message> /*unused*/) {}, nullptr);
 }
 
 ReachabilityUpdater::~ReachabilityUpdater() {
-  logUpdater(LogPriority::INFO, LogBuilder("~ReachabilityUpdater", nullptr));
+  logUpdater(LogPriority::INFO, LogBuilder(label::REACHABILITY_UPDATER_DESTRUCTOR, nullptr));
   stopPeriodicUpdates();
   disableProactiveUpdates();
 }
@@ -90,9 +93,9 @@ ReachabilityUpdater::~ReachabilityUpdater() {
 void ReachabilityUpdater::startPeriodicUpdates(std::chrono::seconds interval,
                                                std::chrono::milliseconds initialDelay) {
   logUpdater(LogPriority::INFO,
-             LogBuilder("startPeriodicUpdates", nullptr)
-                 .d("intervalSeconds", static_cast<long long>(interval.count()))
-                 .d("initialDelayMs", static_cast<long long>(initialDelay.count())));
+             LogBuilder(label::START_PERIODIC_UPDATES, nullptr)
+                 .d(key::INTERVAL_SECONDS, static_cast<long long>(interval.count()))
+                 .d(key::INITIAL_DELAY_MS, static_cast<long long>(initialDelay.count())));
   updateInterval = interval.count();
   periodicUpdatesRunning = true;
   auto cycle = [this] { performPeriodicUpdate(); };
@@ -104,7 +107,7 @@ void ReachabilityUpdater::startPeriodicUpdates(std::chrono::seconds interval,
 }
 
 void ReachabilityUpdater::stopPeriodicUpdates() {
-  logUpdater(LogPriority::INFO, LogBuilder("stopPeriodicUpdates", nullptr));
+  logUpdater(LogPriority::INFO, LogBuilder(label::STOP_PERIODIC_UPDATES, nullptr));
   periodicUpdatesRunning = false;
   taskExecutor->removeCallbacksAndMessages();
 }
@@ -126,25 +129,26 @@ std::string ReachabilityUpdater::generateRequestId() {
 
 void ReachabilityUpdater::performPeriodicUpdate() {
   if (!periodicUpdatesRunning) {
-    logUpdater(LogPriority::DEBUG,
-               LogBuilder("performPeriodicUpdate", nullptr).d("reason", "periodicUpdatesDisabled"));
+    logUpdater(LogPriority::DEBUG, LogBuilder(label::PERFORM_PERIODIC_UPDATE, nullptr)
+                                       .d(key::REASON, reason::PERIODIC_UPDATES_DISABLED));
     return;
   }
   if (chrProvider == nullptr) {
-    logUpdater(LogPriority::ERROR,
-               LogBuilder("performPeriodicUpdate", nullptr).d("reason", "chrProviderNull"));
+    logUpdater(LogPriority::ERROR, LogBuilder(label::PERFORM_PERIODIC_UPDATE, nullptr)
+                                       .d(key::REASON, reason::CHR_PROVIDER_NULL));
     return;
   }
   const std::vector<EndpointInfo> endpoints = chrProvider->queryEndpoints();
   if (endpoints.empty()) {
-    logUpdater(LogPriority::WARN,
-               LogBuilder("performPeriodicUpdate", nullptr).d("reason", "chrQueryReturnedEmpty"));
+    logUpdater(LogPriority::WARN, LogBuilder(label::PERFORM_PERIODIC_UPDATE, nullptr)
+                                      .d(key::REASON, reason::CHR_QUERY_RETURNED_EMPTY));
     rearmPeriodicUpdate();
     return;
   }
-  logUpdater(LogPriority::DEBUG,
-             LogBuilder("performPeriodicUpdate", nullptr).d("endpointCount", endpoints.size()));
-  const std::string requestId = PERIODIC_PREFIX + generateRequestId();
+  logUpdater(
+      LogPriority::DEBUG,
+      LogBuilder(label::PERFORM_PERIODIC_UPDATE, nullptr).d(key::ENDPOINT_COUNT, endpoints.size()));
+  const std::string requestId = requestIdPrefix::PERIODIC + generateRequestId();
 
   // Views of the provider's ids: `endpoints` outlives the sweep.
   std::unordered_set<std::string_view> currentEndpointIds;
@@ -155,11 +159,11 @@ void ReachabilityUpdater::performPeriodicUpdate() {
   removeStaleEntries(currentEndpointIds);
 
   if (!startCheck(endpoints, requestId)) {
-    logUpdater(LogPriority::ERROR, LogBuilder("performPeriodicUpdate", nullptr)
-                                       .d("requestId", requestId.c_str())
-                                       .d("reason", "checkStartFailed"));
+    logUpdater(LogPriority::ERROR, LogBuilder(label::PERFORM_PERIODIC_UPDATE, nullptr)
+                                       .d(key::REQUEST_ID, requestId.c_str())
+                                       .d(key::REASON, reason::CHECK_START_FAILED));
     ReachabilityCacheMetrics::emitCheckFailed(ReachabilityCacheMetrics::UpdateType::PERIODIC,
-                                              "checkStartFailed");
+                                              reason::CHECK_START_FAILED);
   }
   rearmPeriodicUpdate();
 }
@@ -181,16 +185,18 @@ void ReachabilityUpdater::triggerUpdate(const std::vector<EndpointInfo>& endpoin
 
 void ReachabilityUpdater::performManualUpdate(const std::vector<EndpointInfo>& endpoints) {
   if (endpoints.empty()) {
-    logUpdater(LogPriority::DEBUG, LogBuilder("operator()", nullptr).d("reason", "noEndpoints"));
+    logUpdater(
+        LogPriority::DEBUG,
+        LogBuilder(LAMBDA_FUNCTION, label::MANUAL_TRIGGER).d(key::REASON, reason::NO_ENDPOINTS));
     return;
   }
-  const std::string requestId = MANUAL_PREFIX + generateRequestId();
+  const std::string requestId = requestIdPrefix::MANUAL + generateRequestId();
   if (!startCheck(endpoints, requestId)) {
-    logUpdater(LogPriority::ERROR, LogBuilder("operator()", nullptr)
-                                       .d("requestId", requestId.c_str())
-                                       .d("reason", "checkStartFailed"));
+    logUpdater(LogPriority::ERROR, LogBuilder(LAMBDA_FUNCTION, label::MANUAL_TRIGGER)
+                                       .d(key::REQUEST_ID, requestId.c_str())
+                                       .d(key::REASON, reason::CHECK_START_FAILED));
     ReachabilityCacheMetrics::emitCheckFailed(ReachabilityCacheMetrics::UpdateType::MANUAL,
-                                              "checkStartFailed");
+                                              reason::CHECK_START_FAILED);
   }
 }
 
@@ -227,11 +233,11 @@ void ReachabilityUpdater::processReachabilityResults(
     appendDetail(details, result, statusText(result.isReachable, applied, wasReachable));
   }
   logUpdater(LogPriority::INFO,
-             LogBuilder("processReachabilityResults", "processReachabilityResults")
-                 .d("reachable", reachableCount)
-                 .d("unreachable", unreachableCount)
-                 .d("changed", changedCount)
-                 .d("details", details.c_str()));
+             LogBuilder(label::PROCESS_REACHABILITY_RESULTS, label::PROCESS_REACHABILITY_RESULTS)
+                 .d(key::REACHABLE, reachableCount)
+                 .d(key::UNREACHABLE, unreachableCount)
+                 .d(key::CHANGED, changedCount)
+                 .d(key::DETAILS, details.c_str()));
 }
 
 bool ReachabilityUpdater::processReachableEndpoint(const ReachabilityCheckResult& result,
@@ -262,12 +268,12 @@ bool ReachabilityUpdater::processUnreachableEndpoint(const ReachabilityCheckResu
 bool ReachabilityUpdater::enableProactiveUpdates() {
   MutexLock lock(mutex);
   if (proactiveUpdatesEnabled) {
-    logUpdater(LogPriority::DEBUG, LogBuilder("enableProactiveUpdates", nullptr)
-                                       .d("action", "enableProactiveUpdates")
-                                       .d("reason", "alreadyEnabled"));
+    logUpdater(LogPriority::DEBUG, LogBuilder(label::ENABLE_PROACTIVE_UPDATES, nullptr)
+                                       .d(key::ACTION, action::ENABLE_PROACTIVE_UPDATES)
+                                       .d(key::REASON, reason::ALREADY_ENABLED));
     return true;
   }
-  proactiveCallbackId = PROACTIVE_PREFIX + generateRequestId();
+  proactiveCallbackId = requestIdPrefix::PROACTIVE + generateRequestId();
   const bool registered =
       checker != nullptr &&
       checker->registerReachabilityUpdateCallback(
@@ -275,34 +281,34 @@ bool ReachabilityUpdater::enableProactiveUpdates() {
             taskExecutor->post([this, result] { handleProactiveUpdate(result); });
           });
   if (!registered) {
-    logUpdater(LogPriority::ERROR, LogBuilder("enableProactiveUpdates", nullptr)
-                                       .d("action", "enableProactiveUpdates")
-                                       .d("reason", "registrationFailed"));
+    logUpdater(LogPriority::ERROR, LogBuilder(label::ENABLE_PROACTIVE_UPDATES, nullptr)
+                                       .d(key::ACTION, action::ENABLE_PROACTIVE_UPDATES)
+                                       .d(key::REASON, reason::REGISTRATION_FAILED));
     ReachabilityCacheMetrics::emitSubscribeFailed(ReachabilityCacheMetrics::SubscribeAction::ENABLE,
-                                                  "registrationFailed");
+                                                  reason::REGISTRATION_FAILED);
     return false;
   }
   proactiveUpdatesEnabled = true;
-  logUpdater(LogPriority::INFO, LogBuilder("enableProactiveUpdates", nullptr)
-                                    .d("action", "enableProactiveUpdates")
-                                    .d("callbackId", proactiveCallbackId.c_str()));
+  logUpdater(LogPriority::INFO, LogBuilder(label::ENABLE_PROACTIVE_UPDATES, nullptr)
+                                    .d(key::ACTION, action::ENABLE_PROACTIVE_UPDATES)
+                                    .d(key::CALLBACK_ID, proactiveCallbackId.c_str()));
   return true;
 }
 
 void ReachabilityUpdater::disableProactiveUpdates() {
   MutexLock lock(mutex);
   if (!proactiveUpdatesEnabled) {
-    logUpdater(LogPriority::DEBUG, LogBuilder("disableProactiveUpdates", nullptr)
-                                       .d("action", "disableProactiveUpdates")
-                                       .d("reason", "alreadyDisabled"));
+    logUpdater(LogPriority::DEBUG, LogBuilder(label::DISABLE_PROACTIVE_UPDATES, nullptr)
+                                       .d(key::ACTION, action::DISABLE_PROACTIVE_UPDATES)
+                                       .d(key::REASON, reason::ALREADY_DISABLED));
     return;
   }
   checker->unregisterReachabilityUpdateCallback(proactiveCallbackId);
   proactiveUpdatesEnabled = false;
   proactiveCallbackId.clear();
-  logUpdater(LogPriority::INFO, LogBuilder("disableProactiveUpdates", nullptr)
-                                    .d("action", "disableProactiveUpdates")
-                                    .d("status", "disabled"));
+  logUpdater(LogPriority::INFO, LogBuilder(label::DISABLE_PROACTIVE_UPDATES, nullptr)
+                                    .d(key::ACTION, action::DISABLE_PROACTIVE_UPDATES)
+                                    .d(key::STATUS, status::DISABLED));
 }
 
 bool ReachabilityUpdater::isProactiveUpdatesEnabled() const { return proactiveUpdatesEnabled; }

@@ -5,6 +5,8 @@
 #include <unordered_set>
 #include <utility>
 
+#include "scheduling/DelayedTaskQueue.h"
+
 namespace veranda::reachabilityCache::test {
 
 using applianceDriver::ApplianceDriverType;
@@ -58,12 +60,10 @@ bool FakeReachabilityChecker::takeNextPending(PendingCheck& check) {
   check = std::move(pending_.front());
   pending_.pop_front();
   changed_.notify_all();
-  if (hasEndedLocked(check.owner)) {
+  if (check.fromTask && check.starter.expired()) {
     throw std::logic_error("FakeReachabilityChecker: check \"" + check.requestId +
-                           "\" belongs to a cache that is gone (it cancelled its update "
-                           "callback \"" +
-                           check.owner.callbackId +
-                           "\"); completing it would call into freed memory");
+                           "\" belongs to a cache that is gone (the task executor that started "
+                           "it has been destroyed); completing it would call into freed memory");
   }
   return true;
 }
@@ -181,7 +181,9 @@ bool FakeReachabilityChecker::checkReachability(const std::vector<EndpointInfo>&
       return false;
     }
     if (!responder_) {
-      pending_.push_back({endpoints, std::move(callback), requestId, ownerOfNewCheckLocked()});
+      std::weak_ptr<const void> starter = scheduling::DelayedTaskQueue::runningTaskQueue();
+      const bool fromTask = scheduling::DelayedTaskQueue::inTask();
+      pending_.push_back({endpoints, std::move(callback), requestId, std::move(starter), fromTask});
       changed_.notify_all();
       return true;
     }
@@ -212,7 +214,6 @@ bool FakeReachabilityChecker::unregisterReachabilityUpdateCallback(const std::st
     return false;
   }
   const uint64_t token = found->second.token;
-  lastCancelled_ = {token, callbackId};
   if (refuseUnregistrations_) {
     found->second.cancelled = true;
     return false;
@@ -221,31 +222,6 @@ bool FakeReachabilityChecker::unregisterReachabilityUpdateCallback(const std::st
   subscriptions_.erase(found);
   changed_.wait(lock, [&] { return !deliveringElsewhereLocked(token); });
   return true;
-}
-
-// The only live registration, else the last one cancelled when none is live.
-FakeReachabilityChecker::Owner FakeReachabilityChecker::ownerOfNewCheckLocked() const {
-  Owner owner;
-  std::size_t live = 0;
-  for (const auto& [id, subscription] : subscriptions_) {
-    if (!subscription.cancelled) {
-      owner = {subscription.token, id};
-      ++live;
-    }
-  }
-  if (live == 0) {
-    return lastCancelled_;
-  }
-  return live == 1 ? owner : Owner{};
-}
-
-bool FakeReachabilityChecker::hasEndedLocked(const Owner& owner) const {
-  if (owner.token == 0) {
-    return false;
-  }
-  auto found = subscriptions_.find(owner.callbackId);
-  return found == subscriptions_.end() || found->second.token != owner.token ||
-         found->second.cancelled;
 }
 
 bool FakeReachabilityChecker::deliveringElsewhereLocked(uint64_t token) const {

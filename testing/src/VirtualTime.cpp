@@ -14,15 +14,27 @@ VirtualTime::VirtualTime() {
 VirtualTime::~VirtualTime() { TimeSource::instance().endVirtualTime(); }
 
 void VirtualTime::advance(std::chrono::milliseconds delta) {
-  TimeSource& time = TimeSource::instance();
-  time.advanceTo(TimeSource::plus(time.virtualNow(), delta));
+  TimeSource::instance().advanceBy(delta, taskLimit_, nullptr, "advance()");
+}
+
+bool VirtualTime::advanceUntil(const std::function<bool()>& condition,
+                               std::chrono::milliseconds limit) {
+  return TimeSource::instance().advanceBy(limit, taskLimit_, condition, "advanceUntil()");
 }
 
 void VirtualTime::runUntilIdle() { TimeSource::instance().runUntilIdle(); }
+
+void VirtualTime::setTaskLimit(std::uint64_t limit) { taskLimit_ = limit; }
+
+std::chrono::steady_clock::time_point VirtualTime::now() const {
+  return TimeSource::instance().virtualNow();
+}
 
 std::chrono::milliseconds VirtualTime::elapsed() const {
   return std::chrono::duration_cast<std::chrono::milliseconds>(TimeSource::instance().virtualNow() -
                                                                start_);
 }
+
+std::size_t VirtualTime::pendingTasks() const { return TimeSource::instance().pendingTasks(); }
 
 }  // namespace veranda::reachabilityCache::test

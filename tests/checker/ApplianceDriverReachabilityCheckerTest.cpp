@@ -228,7 +228,7 @@ TEST_F(CheckerTest, DefaultCheckerPassesOnlyConnectivityEventsWhileOtherIdsComeA
                                 line(3, label + "reason=notConnectivityEvent")}));
 
   // Other ids come and go on two threads while the driver's thread delivers.
-  LogRecorder::instance().setDiscard(true);
+  LogRecorder::instance().setMode(test::LogCapture::Mode::SILENCE);
   auto churn = [&](const std::string& prefix) {
     for (int i = 0; i < 200; ++i) {
       const std::string id = prefix + std::to_string(i);
@@ -244,7 +244,7 @@ TEST_F(CheckerTest, DefaultCheckerPassesOnlyConnectivityEventsWhileOtherIdsComeA
   churn("b");
   other.join();
   EXPECT_TRUE(driver.waitUntilIdle(std::chrono::seconds(5)));
-  LogRecorder::instance().setDiscard(false);
+  LogRecorder::instance().setMode(test::LogCapture::Mode::COLLECT);
   EXPECT_EQ(driver.subscriptionCount(), 1U);
   EXPECT_FALSE(Peer::holds(processWide, "b199"));
   EXPECT_TRUE(processWide.unregisterReachabilityUpdateCallback("cb"));

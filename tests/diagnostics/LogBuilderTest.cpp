@@ -84,17 +84,17 @@ TEST(LogBuilderTest, EachThreadHasItsOwnLabelBuffer) {
 }
 
 TEST(ComponentLogTest, EachComponentWritesUnderItsTagWithPercentSignsIntact) {
-  LogRecorder& recorder = LogRecorder::instance();
+  test::LogCapture& recorder = LogRecorder::instance();
   recorder.clear();
   logFacade(LogPriority::INFO, LogBuilder("a", nullptr).d("v", "100%s"));
   logStore(LogPriority::DEBUG, LogBuilder("b", nullptr));
   logUpdater(LogPriority::WARN, LogBuilder("c", nullptr));
   logChecker(LogPriority::ERROR, LogBuilder("d", nullptr));
   const std::vector<LogLine> expected = {
-      {4, "ReachabilityCache-ReachabilityCache", "[a]: v=100%s"},
-      {3, "ReachabilityCache-CacheCore", "[b]"},
-      {5, "ReachabilityCache-ReachabilityUpdater", "[c]"},
-      {6, "ReachabilityCache-ApplianceDriverChecker", "[d]"},
+      {4, test::FACADE_TAG, "[a]: v=100%s"},
+      {3, test::STORE_TAG, "[b]"},
+      {5, test::UPDATER_TAG, "[c]"},
+      {6, test::CHECKER_TAG, "[d]"},
   };
   EXPECT_EQ(recorder.lines(), expected);
 }

@@ -37,14 +37,14 @@ TEST_F(ReachabilityCacheMetricsTest, EachEmitRecordsExactlyOneMetricWithItsDimen
   Metrics::emitSubscribeFailed(Metrics::SubscribeAction::ENABLE, "registrationFailed");
   const std::string routing = " program=762veg6l source=nlef/2/03330473";
   const std::vector<LogLine> expected = {
-      {4, "Veranda-Metric", "[Metric]: metricName=ReachabilityCache.CacheFull maxSize=0" + routing},
-      {4, "Veranda-Metric",
+      {4, test::METRIC_TAG, "[Metric]: metricName=ReachabilityCache.CacheFull maxSize=0" + routing},
+      {4, test::METRIC_TAG,
        "[Metric]: metricName=ReachabilityCache.InsertFailed reason=" + routing},
-      {4, "Veranda-Metric",
+      {4, test::METRIC_TAG,
        "[Metric]: metricName=ReachabilityCache.CheckFailed updateType=manual "
        "reason=checkStartFailed" +
            routing},
-      {4, "Veranda-Metric",
+      {4, test::METRIC_TAG,
        "[Metric]: metricName=ReachabilityCache.SubscribeFailed action=enable "
        "reason=registrationFailed" +
            routing},

@@ -5,11 +5,18 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <future>
+#include <memory>
 #include <mutex>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "reachabilityCache/ReachabilityCache.h"
+#include "reachabilityCache/testing/FakeChrProvider.h"
+#include "reachabilityCache/testing/VirtualTime.h"
 
 namespace veranda::reachabilityCache {
 namespace {
@@ -54,6 +61,40 @@ TEST(FakeReachabilityCheckerTest, AfterUnregisterNoCallbackRunsElsewhereOrStarts
   }));
   EXPECT_EQ(checker.deliverEvent(OFFLINE), 1U);
   EXPECT_EQ(heard.back(), "c left");
+}
+
+// Completing a check of a cache that is gone throws instead of calling into
+// freed memory, however the cache's subscription went: refused by the fake,
+// or refused because another cache holds the same id.
+TEST(FakeReachabilityCheckerTest, AChecksCacheIsKnownWhateverBecameOfItsSubscription) {
+  using std::chrono::milliseconds;
+  test::VirtualTime time;
+  test::FakeChrProvider provider({EndpointInfo("ep1", "e1", "PROT_ZIGBEE-ADAPTER", {})});
+  const auto online = [](const EndpointInfo& endpoint) { return test::makeResult(endpoint, true); };
+  auto checker = std::make_shared<FakeReachabilityChecker>();
+  const ReachabilityCache::Config config{10, std::chrono::seconds(60), true, checker};
+
+  checker->setRefuseRegistrations(true);
+  auto unsubscribed = std::make_unique<ReachabilityCache>(&provider, config);
+  time.advance(milliseconds(1000));
+  ASSERT_EQ(checker->pendingChecks(), 1U);
+  unsubscribed.reset();
+  EXPECT_THROW(checker->completeNextCheck(online), std::logic_error);
+  checker->setRefuseRegistrations(false);
+
+  // Both caches draw the update callback id reachability_updater_0: the second
+  // is refused it and keeps checking. Its first check comes 500 ms after the
+  // first cache's.
+  auto first = std::make_unique<ReachabilityCache>(&provider, config);
+  time.advance(milliseconds(500));
+  auto second = std::make_unique<ReachabilityCache>(&provider, config);
+  time.advance(milliseconds(1000));
+  ASSERT_EQ(checker->pendingChecks(), 2U);
+  second.reset();
+  EXPECT_TRUE(checker->completeNextCheck(online));
+  EXPECT_TRUE(first->isEntityReachable("e1"));
+  EXPECT_THROW(checker->completeNextCheck(online), std::logic_error);
+  EXPECT_EQ(checker->pendingChecks(), 0U);
 }
 
 }  // namespace

@@ -75,6 +75,39 @@ TEST(SimulatedApplianceDriverTest, AnswersComeByDueTimeWithTheHomeAtDeliveryUnti
   EXPECT_EQ(journal.text(), "held:b- go fast:b+ slow:b+ same:b+");
 }
 
+// Held answers come when the test releases them (late, after the cache is
+// gone, or never), and keep neither the driver nor virtual time busy.
+TEST(SimulatedApplianceDriverTest, HeldAnswersComeWhenReleasedOrNever) {
+  reachabilityCache::test::VirtualTime time;
+  Journal journal;
+  SimulatedApplianceDriver driver;
+  driver.upsertDevice(device("a", true));
+  driver.setHoldAnswers(true);
+  ASSERT_TRUE(driver.getReachableDevices("r", answer(journal, "first")));
+  driver.setAnswerLatency(milliseconds(50));
+  ASSERT_TRUE(driver.getReachableDevices("r", answer(journal, "second")));
+  driver.setHoldAnswers(false);
+  ASSERT_TRUE(driver.getReachableDevices("r", answer(journal, "unheld")));
+  time.advance(std::chrono::hours(1));
+  EXPECT_EQ(journal.text(), "unheld:a+");
+  EXPECT_EQ(driver.pendingAnswers(), 2U);
+  EXPECT_TRUE(driver.waitUntilIdle(milliseconds(0)));
+  EXPECT_EQ(time.pendingTasks(), 0U);
+
+  EXPECT_TRUE(driver.setReachable("a", false));
+  EXPECT_EQ(driver.releaseHeldAnswers(), 2U);  // at once, in the order accepted
+  time.runUntilIdle();
+  EXPECT_EQ(journal.text(), "unheld:a+ first:a- second:a-");
+  EXPECT_EQ(driver.pendingAnswers(), 0U);
+
+  driver.setHoldAnswers(true);
+  ASSERT_TRUE(driver.getReachableDevices("r", answer(journal, "never")));
+  driver.shutdown();  // drops it
+  EXPECT_EQ(driver.pendingAnswers(), 0U);
+  EXPECT_EQ(driver.releaseHeldAnswers(), 0U);
+  EXPECT_EQ(driver.acceptedRequests(), 4U);
+}
+
 TEST(SimulatedApplianceDriverTest, ChangesReachSubscriptionsThatMayReenterTheDriverOrLeave) {
   Journal journal;
   Journal answers;

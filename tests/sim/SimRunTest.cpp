@@ -66,7 +66,8 @@ struct Played {
 };
 
 Played play(const Scenario& scenario, bool fast, bool tracker = true) {
-  test::LogRecorder::instance().setDiscard(true);  // the run's log lines are not asserted
+  test::LogRecorder::instance().setMode(
+      test::LogCapture::Mode::SILENCE);  // the run's log lines are not asserted
   std::ostringstream timeline;
   Played played;
   played.report = runScenario(scenario, {&timeline, 1, fast, tracker});

@@ -77,6 +77,16 @@ TEST(SimInputsTest, BadScenariosAndCommandLinesAreRefusedWithOneLine) {
        "--duration: must be at least 0.001 seconds (the simulator plays whole milliseconds), "
        "got 0.0004"},
       {"--seed", "--seed needs a value"},
+      // An empty value is not taken from the next argument.
+      {"--timeline= --fast", "--timeline needs a value, got an empty text"},
+      {"--seed= 5", "--seed needs a value, got an empty text"},
+      // Numbers are plain decimals.
+      {"--duration 0x10", "--duration: expects a number of seconds, got '0x10'"},
+      {"--duration 1e1", "--duration: expects a number of seconds, got '1e1'"},
+      {"--duration 2.5.1", "--duration: expects a number of seconds, got '2.5.1'"},
+      {"--interval 0x3c", "--interval: expects a number, got '0x3c'"},
+      {"--devices +5", "--devices: expects a number, got '+5'"},
+      {"--seed 1-2", "--seed: expects a number, got '1-2'"},
       {"--devices 5 --scenario a.json",
        "--devices and --scenario cannot be combined: pick a generated or a scenario home"},
       {"--flap-rate 3", "--flap-rate applies only to a generated home (--devices N)"},

@@ -198,7 +198,7 @@ TEST(CacheStressTest, RefreshHostLoadAndTeardownKeepTheCacheConsistent) {
       std::abort();
     }
   });
-  test::LogRecorder::instance().setDiscard(true);
+  test::LogRecorder::instance().setMode(test::LogCapture::Mode::SILENCE);
 
   test::RecordingListener ledger;                    // before the store: it listens to the end
   applianceDriver::SimulatedApplianceDriver driver;  // a device per driver entity
@@ -268,7 +268,7 @@ TEST(CacheStressTest, RefreshHostLoadAndTeardownKeepTheCacheConsistent) {
   checkLedger(ledger.notifications(), *store);
   checkIndexes(*store);
   checkIndexes(facade);
-  test::LogRecorder::instance().setDiscard(false);
+  test::LogRecorder::instance().setMode(test::LogCapture::Mode::COLLECT);
   finished.set_value();
   watchdog.join();
 }

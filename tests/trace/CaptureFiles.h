@@ -8,13 +8,15 @@
 #include <vector>
 
 #include "CaptureTrace.h"
+#include "diagnostics/LogSchema.h"
 
 namespace veranda::reachabilityCache::trace::testing {
 
-inline constexpr const char* FACADE = "ReachabilityCache-ReachabilityCache";
-inline constexpr const char* STORE = "ReachabilityCache-CacheCore";
-inline constexpr const char* UPDATER = "ReachabilityCache-ReachabilityUpdater";
-inline constexpr const char* CHECKER = "ReachabilityCache-ApplianceDriverChecker";
+inline constexpr const char* FACADE = logSchema::tag::FACADE;
+inline constexpr const char* STORE = logSchema::tag::STORE;
+inline constexpr const char* UPDATER = logSchema::tag::UPDATER;
+inline constexpr const char* CHECKER = logSchema::tag::CHECKER;
+inline constexpr const char* METRIC = logSchema::tag::METRIC;
 
 // One message of the library (or another process).
 struct Message {

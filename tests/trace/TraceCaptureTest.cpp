@@ -192,7 +192,7 @@ TEST(TraceCaptureTest, SeparatesCachesAcrossRestartsProcessesAndTheNewYear) {
            "[insertEndpoint]: reason=cacheFull entityId=a endpointId=b") +  // not the library
       line("01-01 00:00:01.000", 200, 'W', STORE,
            "[insertEndpoint]: reason=cacheFull entityId=a endpointId=b") +
-      line("01-01 00:00:01.000", 200, 'I', "Veranda-Metric",
+      line("01-01 00:00:01.000", 200, 'I', METRIC,
            "[Metric]: metricName=ReachabilityCache.CacheFull maxSize=20 program=p source=s") +
       line("01-01 00:00:02.000", 200, 'W', STORE,
            "[insertEndpoint]: reason=emptyEntityId endpointId=b") +

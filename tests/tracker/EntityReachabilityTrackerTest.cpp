@@ -59,7 +59,7 @@ class TrackerTest : public ::testing::Test {
   void SetUp() override { test::LogRecorder::instance().clear(); }
 
   void TearDown() override {
-    test::LogRecorder::instance().setDiscard(false);
+    test::LogRecorder::instance().setMode(test::LogCapture::Mode::COLLECT);
     if (tracker) {
       tracker->close();
     }
@@ -183,7 +183,8 @@ TEST_F(TrackerTest, RacingChangesAreHeardInOrderPerEntityAndEndInTheCachesState)
   const std::vector<std::string> entities = {"e0", "e1", "e2"};
   provider.setEndpoints(
       {endpoint("ep-e0", "e0"), endpoint("ep-e1", "e1"), endpoint("ep-e2", "e2")});
-  test::LogRecorder::instance().setDiscard(true);  // cycles run back to back
+  test::LogRecorder::instance().setMode(
+      test::LogCapture::Mode::SILENCE);  // cycles run back to back
   fake->setResponder([](const EndpointInfo& e) {
     static thread_local std::mt19937 random(7);
     return test::makeResult(e, random() % 2 == 0);

@@ -17,8 +17,26 @@ constexpr double MAX_SECONDS = 86400;
 // The simulator plays whole milliseconds: nothing shorter can run.
 constexpr double MIN_SECONDS = 0.001;
 
+// Digits with at most one decimal point, after an optional minus sign: no
+// blanks, no plus sign, no exponent, no hexadecimal, no "inf" or "nan".
+bool isPlainDecimal(const std::string& text, bool fraction) {
+  std::size_t digits = 0;
+  std::size_t points = 0;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const char c = text[i];
+    if (c >= '0' && c <= '9') {
+      ++digits;
+    } else if (c == '.' && fraction) {
+      ++points;
+    } else if (c != '-' || i != 0) {
+      return false;
+    }
+  }
+  return digits > 0 && points <= 1;
+}
+
 bool parseNumber(const std::string& text, double& out) {
-  if (text.empty()) {
+  if (!isPlainDecimal(text, true)) {
     return false;
   }
   char* end = nullptr;
@@ -28,7 +46,7 @@ bool parseNumber(const std::string& text, double& out) {
 }
 
 bool parseWhole(const std::string& text, int64_t& out) {
-  if (text.empty()) {
+  if (!isPlainDecimal(text, false)) {
     return false;
   }
   char* end = nullptr;
@@ -264,6 +282,22 @@ std::string checkCombination(const Options& options) {
   return "";
 }
 
+// "--name=" with nothing after the sign, for an option of `app`: CLI11 would
+// take the next argument as the value. Returns the refusal, or an empty text.
+std::string emptyValue(const CLI::App& app, const std::vector<std::string>& arguments) {
+  for (const std::string& argument : arguments) {
+    const std::size_t sign = argument.find('=');
+    if (argument.rfind("--", 0) != 0 || sign != argument.size() - 1) {
+      continue;
+    }
+    const std::string name = argument.substr(0, sign);
+    if (app.get_option_no_throw(name) != nullptr) {
+      return name + " needs a value, got an empty text";
+    }
+  }
+  return "";
+}
+
 }  // namespace
 
 OptionsResult parseOptions(const std::vector<std::string>& arguments) {
@@ -271,6 +305,10 @@ OptionsResult parseOptions(const std::vector<std::string>& arguments) {
   RawOptions raw;
   CLI::App app("", "reachability-sim");
   describe(app, result.options, raw);
+  result.error = emptyValue(app, arguments);
+  if (!result.error.empty()) {
+    return result;
+  }
   static_cast<tools::CommandLineResult&>(result) = tools::parseCommandLine(app, arguments);
   if (!result.ok || result.help) {
     return result;

@@ -15,7 +15,9 @@ namespace veranda::reachabilityCache::test {
 // Thread safety: every member may be called from any thread.
 class FakeChrProvider : public ICHRProvider {
  public:
+  // Answers with no endpoints until setEndpoints().
   FakeChrProvider() = default;
+  // Answers with `endpoints` until setEndpoints().
   explicit FakeChrProvider(std::vector<EndpointInfo> endpoints);
 
   // The list that the next queries return.

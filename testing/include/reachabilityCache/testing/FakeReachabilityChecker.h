@@ -28,25 +28,25 @@ namespace veranda::reachabilityCache::test {
 // promise: after true no call of that callback runs on another thread or
 // starts.
 //
-// A cache's teardown: the fake serves one cache at a time. It takes the
-// cancellation of an update callback, accepted or refused, as the end of the
-// cache that registered it (a cache with refresh registers
-// "reachability_updater_N" and cancels it when destroyed). A check started
-// while that callback was the only one registered, or after its cancellation
-// while no other is registered, belongs to that cache: completing it once the
-// cache has ended throws std::logic_error instead of calling into freed
-// memory. deliverEvent() throws likewise while a callback whose cancellation
-// was refused is still registered. Checks started while no callback was ever
-// registered, or while several are, are not judged.
+// A cache's teardown: the fake never calls into a cache that is gone. A cache
+// starts its checks on a task executor of its own, which goes with the cache;
+// completing a check whose executor has been destroyed throws
+// std::logic_error instead of calling into freed memory, whatever became of
+// the cache's update callback, and with any number of caches on one fake.
+// (Checks started on a thread that is no executor's, such as a test's own
+// calls, are not judged.) A cache cancels its update callback when destroyed:
+// deliverEvent() throws likewise while a callback whose cancellation was
+// refused is still registered.
 class FakeReachabilityChecker : public IReachabilityChecker {
  public:
   // Decides one requested endpoint's result.
   using Responder = std::function<ReachabilityCheckResult(const EndpointInfo&)>;
 
+  // One call of checkReachability().
   struct CheckRequest {
-    std::vector<EndpointInfo> endpoints;
-    std::string requestId;
-    bool accepted;
+    std::vector<EndpointInfo> endpoints;  // as the cache asked, in its order
+    std::string requestId;                // as the cache named it
+    bool accepted;                        // false when refused (setRefuseChecks())
   };
 
   FakeReachabilityChecker() = default;
@@ -59,7 +59,9 @@ class FakeReachabilityChecker : public IReachabilityChecker {
 
   // Refused checks answer false and are never completed.
   void setRefuseChecks(bool refuse);
+  // Refused registrations answer false and register nothing.
   void setRefuseRegistrations(bool refuse);
+  // Refused cancellations answer false and leave the callback registered.
   void setRefuseUnregistrations(bool refuse);
   // With a responder, every accepted check is answered at once, on the calling
   // thread, with one result per distinct endpoint id; without one (the
@@ -90,7 +92,9 @@ class FakeReachabilityChecker : public IReachabilityChecker {
   std::vector<CheckRequest> checkRequests() const;
   // The same, forgotten by the fake: a long test keeps only what it takes.
   std::vector<CheckRequest> takeCheckRequests();
+  // Accepted checks not yet completed or dropped.
   std::size_t pendingChecks() const;
+  // The ids of the update callbacks registered now, sorted.
   std::vector<std::string> registeredCallbackIds() const;
   // Waits until at least `count` checks were requested in all (accepted or
   // not, taken or not).
@@ -107,15 +111,12 @@ class FakeReachabilityChecker : public IReachabilityChecker {
   bool unregisterReachabilityUpdateCallback(const std::string& callbackId) override;
 
  private:
-  struct Owner {
-    uint64_t token = 0;  // 0: none
-    std::string callbackId;
-  };
   struct PendingCheck {
     std::vector<EndpointInfo> endpoints;
     ResultsCallback callback;
     std::string requestId;
-    Owner owner;  // the cache that started it, as far as the fake can tell
+    std::weak_ptr<const void> starter;  // the executor that started it, when fromTask
+    bool fromTask = false;
   };
   struct Subscription {
     uint64_t token;  // tells a registration from a later one under the same id
@@ -126,8 +127,6 @@ class FakeReachabilityChecker : public IReachabilityChecker {
   static std::vector<ReachabilityCheckResult> answer(const std::vector<EndpointInfo>& endpoints,
                                                      const Responder& responder);
   bool takeNextPending(PendingCheck& check);
-  Owner ownerOfNewCheckLocked() const;
-  bool hasEndedLocked(const Owner& owner) const;
   bool deliveringElsewhereLocked(uint64_t token) const;
 
   mutable std::mutex mutex_;
@@ -141,7 +140,6 @@ class FakeReachabilityChecker : public IReachabilityChecker {
   std::deque<PendingCheck> pending_;
   std::map<std::string, Subscription> subscriptions_;
   uint64_t nextToken_ = 1;
-  Owner lastCancelled_;
   // Deliveries running now: the subscription's token and the delivering thread.
   std::vector<std::pair<uint64_t, std::thread::id>> delivering_;
 };

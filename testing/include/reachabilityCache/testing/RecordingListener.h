@@ -13,17 +13,20 @@
 
 namespace veranda::reachabilityCache::test {
 
+// One call of a listener.
 struct Notification {
-  std::string endpointId;
-  std::string entityId;
-  bool isReachable;
+  std::string endpointId;  // the endpoint the cache named
+  std::string entityId;    // its entity
+  bool isReachable;        // the state the cache announced
 
+  // Equal when every field is.
   bool operator==(const Notification& other) const {
     return endpointId == other.endpointId && entityId == other.entityId &&
            isReachable == other.isReachable;
   }
 };
 
+// "{endpoint, entity, reachable}", for test failure messages.
 inline std::ostream& operator<<(std::ostream& out, const Notification& notification) {
   return out << "{" << notification.endpointId << ", " << notification.entityId << ", "
              << (notification.isReachable ? "reachable" : "unreachable") << "}";
@@ -36,10 +39,13 @@ class RecordingListener {
   // The function to register with the cache.
   ReachabilityCache::ReachabilityListener callback();
 
+  // Every notification so far, in the order heard.
   std::vector<Notification> notifications() const;
+  // How many notifications were heard.
   std::size_t count() const;
   // Waits until at least `count` notifications arrived.
   bool waitForCount(std::size_t count, std::chrono::milliseconds timeout) const;
+  // Forgets every notification heard so far.
   void clear();
 
  private:
