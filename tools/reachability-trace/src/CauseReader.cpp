@@ -1,7 +1,12 @@
 #include "CauseReader.h"
 
+#include "diagnostics/LogSchema.h"
+
 namespace veranda::reachabilityCache::trace {
 namespace {
+
+namespace label = logSchema::label;
+namespace key = logSchema::key;
 
 // An event waits this many deep per endpoint at most: one whose summary was
 // cut away is never applied.
@@ -20,12 +25,14 @@ void CauseReader::message(const CacheMessage& in) {
     return;
   }
   const LibraryLine& line = in.line;
-  if (line.label == "performPeriodicUpdate" && line.get("endpointCount")) {
+  if (line.label == label::PERFORM_PERIODIC_UPDATE && line.get(key::ENDPOINT_COUNT)) {
     sweeping_[in.thread] = evidence_.line(in);
-  } else if (line.label == "checkReachability") {
+  } else if (line.label == label::CHECK_REACHABILITY) {
     sweeping_.erase(in.thread);
-  } else if (line.label == "stateChangeCallback" && line.has("action", "invokingCallback")) {
-    std::deque<EvidenceLine>& waiting = events_[std::string(line.get("endpointId").value_or(""))];
+  } else if (line.label == label::STATE_CHANGE_CALLBACK &&
+             line.has(key::ACTION, logSchema::action::INVOKING_CALLBACK)) {
+    std::deque<EvidenceLine>& waiting =
+        events_[std::string(line.get(key::ENDPOINT_ID).value_or(""))];
     if (waiting.size() == MAX_WAITING_EVENTS) {
       waiting.pop_front();
     }
@@ -34,8 +41,9 @@ void CauseReader::message(const CacheMessage& in) {
 }
 
 const CheckRecord* CauseReader::checkOf(const CacheMessage& in) const {
-  return in.line.label == "processReachabilityResults" ? summarised_
-                                                       : checks_.answering(in.cache, in.thread);
+  return in.line.label == label::PROCESS_REACHABILITY_RESULTS
+             ? summarised_
+             : checks_.answering(in.cache, in.thread);
 }
 
 const EvidenceLine* CauseReader::pendingEvent(std::string_view endpointId) const {
@@ -62,17 +70,17 @@ uint32_t CauseReader::noteCause(const CacheMessage& in, EntityRecord& entity,
   }
   AnswerCause cause;
   cause.endpointId = std::string(endpointId);
-  const std::string_view label = in.line.label;
+  const std::string_view lineLabel = in.line.label;
   bool awaitsSummary = false;
   if (answer == Answer::UNKNOWN) {
     cause.kind = CauseKind::SUMMARY_CUT;
-  } else if (label == "isEntityReachable") {
+  } else if (lineLabel == label::IS_ENTITY_REACHABLE) {
     cause.kind = CauseKind::QUERY;
-  } else if (label == "removeEntity") {
+  } else if (lineLabel == label::REMOVE_ENTITY) {
     cause.kind = CauseKind::HOST_REMOVAL;
-  } else if (label == "clear") {
+  } else if (lineLabel == label::CLEAR) {
     cause.kind = CauseKind::HOST_INVALIDATION;
-  } else if (label == "removeEndpoint") {
+  } else if (lineLabel == label::REMOVE_ENDPOINT) {
     cause.kind = CauseKind::SWEEP;
     const auto cycle = sweeping_.find(in.thread);
     if (cycle != sweeping_.end()) {
@@ -83,7 +91,7 @@ uint32_t CauseReader::noteCause(const CacheMessage& in, EntityRecord& entity,
     cause.requestId = check->requestId;
     cause.lines = triggerOf(in, endpointId);
     awaitsSummary = true;
-  } else if (pendingEvent(endpointId) != nullptr || label != "insertEndpoint") {
+  } else if (pendingEvent(endpointId) != nullptr || lineLabel != label::INSERT_ENDPOINT) {
     // Outside the host's calls, only results change the store: without a
     // check, an event's.
     cause.kind = CauseKind::EVENT;
