@@ -32,8 +32,9 @@ const char* const DESCRIPTION =
 
 const char* const FOOTER =
     "Exit status: 0 after a report; 2 for a bad option, or for a capture that cannot be\n"
-    "read, is binary or empty, or holds no line of the cache (one line on standard\n"
-    "error); 1 when the picture cannot be written.\n";
+    "read, is binary or empty, or holds no line of the cache, an entity no cache knows\n"
+    "or a window in which no cache ran (one line on standard error); 1 when the\n"
+    "picture or the page cannot be written.\n";
 
 void describe(CLI::App& app, TraceOptions& options) {
   app.description(DESCRIPTION);
@@ -77,7 +78,8 @@ void describe(CLI::App& app, TraceOptions& options) {
       ->check(tools::nonEmptyPath());
   app.add_option(
          "--cache", options.cache,
-         "the cache to draw when the capture holds several\n(1 is the first; default: the last)")
+         "the cache to draw (and the page's first) when the\ncapture holds several (1 is the "
+         "first; default: the\nlast)")
       ->type_name("N")
       ->check(CLI::Validator(
           [](std::string& value) -> std::string {
