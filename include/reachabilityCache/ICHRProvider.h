@@ -9,6 +9,10 @@ namespace veranda::reachabilityCache {
 
 // Implemented by the host. Called once per periodic cycle on the cache's
 // worker thread; the host keeps the provider alive while the cache exists.
+// It must not throw: the cache catches nothing, and an exception escapes into
+// its worker, where it ends the process (std::terminate) unless the platform's
+// executor catches it; then the cycle stops there without a log line and no
+// further cycle is scheduled.
 class ICHRProvider {
  public:
   virtual ~ICHRProvider() = default;

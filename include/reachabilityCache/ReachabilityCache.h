@@ -55,6 +55,17 @@ class ReachabilityUpdater;
 // Unregistering does not wait for a notification under way on another thread:
 // the listener may still be running, or be called once more by it.
 //
+// Exceptions: the cache catches nothing that the provider or a listener
+// throws. The exception escapes into the thread that called them (the
+// cache's worker, or the checker's thread for a check's answer): with the
+// library's platform stand-ins, and with any executor or driver that does not
+// catch it, the process ends (std::terminate). A thread that catches it
+// leaves the cycle or the answer half applied, with no log line about it; a
+// provider's exception also ends the chain of periodic cycles, and a
+// listener's during an answer stops an EntityReachabilityTracker of this
+// cache from reporting that answer's entities. Providers and listeners must
+// not throw.
+//
 // Teardown: checks handed to the checker are not cancelled, and their
 // completions refer to the cache. Put a ReachabilityCheckerGuard between the
 // cache and its checker, and call its close() before destroying the cache:
@@ -135,7 +146,8 @@ class REACHABILITY_CACHE_EXPORT ReachabilityCache {
   virtual bool unregisterReachabilityListener(const std::string& listenerId);
 
  private:
-  // Reads the store without the query log lines.
+  // Reads the store without the query log lines, and checks that its guard
+  // is this cache's checker.
   friend class EntityReachabilityTracker;
 
   ICHRProvider* chrProvider;

@@ -27,4 +27,8 @@ void logChecker(LogPriority priority, const commonLog::LogBuilder& line) {
   write(priority, logSchema::tag::CHECKER, line);
 }
 
+void logTracker(LogPriority priority, const commonLog::LogBuilder& line) {
+  write(priority, logSchema::tag::TRACKER, line);
+}
+
 }  // namespace veranda::reachabilityCache

@@ -18,6 +18,8 @@ void logStore(LogPriority priority, const commonLog::LogBuilder& line);
 void logUpdater(LogPriority priority, const commonLog::LogBuilder& line);
 // Tag logSchema::tag::CHECKER.
 void logChecker(LogPriority priority, const commonLog::LogBuilder& line);
+// Tag logSchema::tag::TRACKER.
+void logTracker(LogPriority priority, const commonLog::LogBuilder& line);
 
 // "true" or "false", for boolean log values.
 inline const char* boolText(bool value) {

@@ -19,7 +19,8 @@ inline constexpr const char* FACADE = "ReachabilityCache-ReachabilityCache";
 inline constexpr const char* STORE = "ReachabilityCache-CacheCore";
 inline constexpr const char* UPDATER = "ReachabilityCache-ReachabilityUpdater";
 inline constexpr const char* CHECKER = "ReachabilityCache-ApplianceDriverChecker";
-inline constexpr const char* ALL[] = {FACADE, STORE, UPDATER, CHECKER};
+inline constexpr const char* TRACKER = "ReachabilityCache-EntityReachabilityTracker";
+inline constexpr const char* ALL[] = {FACADE, STORE, UPDATER, CHECKER, TRACKER};
 
 // The platform's metric recorder, which writes the cache's metrics (see
 // metric below) under its own tag. Not in ALL: the library never writes it.
@@ -79,6 +80,8 @@ inline constexpr const char* UNREGISTER_REACHABILITY_UPDATE_CALLBACK =
     "unregisterReachabilityUpdateCallback";
 // The driver's state-change callback, a lambda with this context.
 inline constexpr const char* STATE_CHANGE_CALLBACK = "stateChangeCallback";
+// The entity tracker.
+inline constexpr const char* DELIVER = "deliver";
 
 inline constexpr const char* ALL[] = {
     REACHABILITY_CACHE,
@@ -116,6 +119,7 @@ inline constexpr const char* ALL[] = {
     REGISTER_REACHABILITY_UPDATE_CALLBACK,
     UNREGISTER_REACHABILITY_UPDATE_CALLBACK,
     STATE_CHANGE_CALLBACK,
+    DELIVER,
 };
 }  // namespace label
 
@@ -167,6 +171,9 @@ inline constexpr const char* VALUE = "value";
 // A text of several lines that runs to the end of the line (see summary and
 // request).
 inline constexpr const char* DETAILS = "details";
+// A host callback that threw: which one (see value), and what it threw.
+inline constexpr const char* CALLBACK = "callback";
+inline constexpr const char* WHAT = "what";
 
 inline constexpr const char* ALL[] = {
     EVENT,           ACTION,       STATUS,         REASON,           RESULT,
@@ -176,7 +183,7 @@ inline constexpr const char* ALL[] = {
     USING_SINGLETON, DRIVER_COUNT, ENDPOINT_COUNT, TOTAL_LISTENERS,  LISTENER_COUNT,
     DEVICE_COUNT,    RESULT_COUNT, REACHABLE,      UNREACHABLE,      CHANGED,
     PRESENT,         IS_REACHABLE, NAMESPACE,      PROPERTY_NAME,    VALUE,
-    DETAILS,
+    DETAILS,         CALLBACK,     WHAT,
 };
 
 // Keys inside a details text only (see summary and request).
@@ -189,7 +196,8 @@ namespace event {
 inline constexpr const char* CACHE_CREATED = "cacheCreated";
 inline constexpr const char* CACHE_DESTROYED = "cacheDestroyed";
 inline constexpr const char* NOT_FOUND = "notFound";  // removeEntity's, for an unknown entity
-inline constexpr const char* ALL[] = {CACHE_CREATED, CACHE_DESTROYED, NOT_FOUND};
+inline constexpr const char* CALLBACK_THREW = "callbackThrew";  // a tracker's host callback
+inline constexpr const char* ALL[] = {CACHE_CREATED, CACHE_DESTROYED, NOT_FOUND, CALLBACK_THREW};
 }  // namespace event
 
 // Values of key::ACTION. Some name the operation that writes the line.
@@ -324,6 +332,11 @@ inline constexpr const char* TRUE_TEXT = "true";
 inline constexpr const char* FALSE_TEXT = "false";
 // The endpoint or entity id that a lookup answers when it finds none.
 inline constexpr const char* NOT_FOUND = "notFound";
+// The tracker's callbacks (key::CALLBACK), and what it writes as key::WHAT
+// for an exception that is not a std::exception.
+inline constexpr const char* ON_CHANGE = "onChange";
+inline constexpr const char* ON_STATE_CHANGE = "onStateChange";
+inline constexpr const char* NOT_A_STD_EXCEPTION = "(not a std::exception)";
 }  // namespace value
 
 // The prefixes of request ids; the updater's counter follows in decimal.

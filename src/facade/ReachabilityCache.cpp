@@ -52,6 +52,9 @@ ReachabilityCache::~ReachabilityCache() {
   logFacade(LogPriority::INFO, LogBuilder(label::REACHABILITY_CACHE_DESTRUCTOR, nullptr)
                                    .d(key::EVENT, event::CACHE_DESTROYED)
                                    .d(key::CACHE_SIZE, cacheCore->size()));
+  // Trackers still attached close now: later calls of theirs must not reach
+  // this object.
+  cacheCore->changeFeed().cacheDestroyed();
   if (updater) {
     updater->stopPeriodicUpdates();
   }

@@ -139,6 +139,7 @@ bool CacheCore::insertRecord(Record&& endpoint) {
                                      .d(key::DRIVER_COUNT, stored->driverCapabilities.size()));
   }
   endpointIndex[stored->endpointId] = entityId;
+  changeFeed_.record(entityId);
   return true;
 }
 
@@ -163,6 +164,7 @@ bool CacheCore::removeEndpoint(const std::string& entityId, const std::string& e
   }
   endpoints->erase(record);
   endpointIndex.erase(endpointId);
+  changeFeed_.record(id);
   if (!endpoints->empty()) {
     logEndpointAction(LogPriority::DEBUG, label::REMOVE_ENDPOINT, action::REMOVED_ENDPOINT, id,
                       endpointId);
@@ -190,6 +192,7 @@ bool CacheCore::removeEntity(const std::string& entityId) {
     endpointIndex.erase(endpoint.endpointId);
   }
   entityIndex.erase(entity);
+  changeFeed_.record(id);
   logStore(LogPriority::INFO, LogBuilder(label::REMOVE_ENTITY, nullptr)
                                   .d(key::ACTION, action::REMOVED_ENTITY)
                                   .d(key::ENTITY_ID, id.c_str())
@@ -200,6 +203,9 @@ bool CacheCore::removeEntity(const std::string& entityId) {
 void CacheCore::clear() {
   MutexLock lock(storeMutex);
   const std::size_t previousSize = entityIndex.size();
+  for (const auto& entity : entityIndex) {
+    changeFeed_.record(entity.first);
+  }
   entityIndex.clear();
   endpointIndex.clear();
   logStore(LogPriority::INFO, LogBuilder(label::CLEAR, nullptr)
@@ -224,6 +230,7 @@ bool CacheCore::clearEndpointCapabilities(const std::string& entityId,
     return false;
   }
   record->driverCapabilities.clear();
+  changeFeed_.record(id);
   logEndpointAction(LogPriority::DEBUG, label::CLEAR_ENDPOINT_CAPABILITIES,
                     action::CLEARED_CAPABILITIES, id, endpointId);
   return true;
@@ -408,6 +415,13 @@ std::unordered_set<std::string> CacheCore::getReachableEntityIds() const {
     }
   }
   return reachable;
+}
+
+bool CacheCore::isEntityReachableUnlogged(const std::string& entityId) const {
+  const std::string& id = normalizeEntityId(entityId);
+  MutexLock lock(storeMutex);
+  const std::vector<CachedEndpoint>* endpoints = findEndpointsLocked(id);
+  return endpoints != nullptr && std::any_of(endpoints->begin(), endpoints->end(), reachedByDriver);
 }
 
 // ---- Lookups under the store mutex ----

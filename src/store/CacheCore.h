@@ -14,6 +14,7 @@
 #include "reachabilityCache/CapabilityKey.h"
 #include "reachabilityCache/EndpointInfo.h"
 #include "reachabilityCache/ReachabilityCache.h"
+#include "store/ChangeFeed.h"
 #include "sync/Mutex.h"
 
 namespace veranda::reachabilityCache {
@@ -29,6 +30,8 @@ namespace veranda::reachabilityCache {
 // take a separate listener mutex; the two are never held together, and
 // listeners are called outside both. Changing the store never notifies: the
 // caller that decides a change happened calls notifyReachabilityListeners().
+// Every change records the entities it touched in the change feed, with the
+// store mutex held.
 class CacheCore {
  public:
   using ReachabilityListener = ReachabilityCache::ReachabilityListener;
@@ -106,6 +109,13 @@ class CacheCore {
   std::unordered_map<std::string, std::string> getCachedEndpointIds() const RC_EXCLUDES(storeMutex);
   // Not logged. Every entity that isEntityReachable() answers true for.
   std::unordered_set<std::string> getReachableEntityIds() const RC_EXCLUDES(storeMutex);
+  // Not logged. What isEntityReachable() answers.
+  bool isEntityReachableUnlogged(const std::string& entityId) const RC_EXCLUDES(storeMutex);
+
+  // ---- Followers ----
+
+  // The entities each change touched, for followers of the store.
+  ChangeFeed& changeFeed() { return changeFeed_; }
 
   // ---- Listeners ----
 
@@ -144,6 +154,7 @@ class CacheCore {
   mutable Mutex storeMutex;
   std::unordered_map<std::string, ReachabilityListener> listeners RC_GUARDED_BY(listenerMutex);
   mutable Mutex listenerMutex;
+  ChangeFeed changeFeed_;
 };
 
 }  // namespace veranda::reachabilityCache

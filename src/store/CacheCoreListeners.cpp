@@ -72,6 +72,9 @@ void CacheCore::notifyReachabilityListeners(const std::string& endpointId,
                                    .d(key::ENTITY_ID, entityId.c_str())
                                    .d(key::IS_REACHABLE, boolText(isReachable))
                                    .d(key::LISTENER_COUNT, snapshot.size()));
+  // What a listener changes is the listener's own doing, whatever caused the
+  // notification.
+  const ChangeOriginScope origin(ChangeOrigin::HOST);
   for (const auto& entry : snapshot) {
     entry.second(endpointId, entityId, isReachable);
   }

@@ -1,11 +1,17 @@
 #include "tracker/TrackerCore.h"
 
 #include <algorithm>
+#include <exception>
+#include <utility>
 
+#include "diagnostics/ComponentLog.h"
+#include "diagnostics/LogBuilder.h"
 #include "taskExecutor/Message.h"
 
 namespace veranda::reachabilityCache {
 namespace {
+
+using commonLog::LogBuilder;
 
 std::shared_ptr<TaskExecutor> makeTimer(std::chrono::milliseconds holdDown) {
   if (holdDown <= std::chrono::milliseconds::zero()) {
@@ -14,14 +20,87 @@ std::shared_ptr<TaskExecutor> makeTimer(std::chrono::milliseconds holdDown) {
   return TaskExecutor::create([](std::unique_ptr<Message> /*unused*/) {}, nullptr);
 }
 
+TrackerCore::Options withDefaultClock(TrackerCore::Options options) {
+  if (!options.clock) {
+    options.clock = [] { return std::chrono::system_clock::now(); };
+  }
+  return options;
+}
+
+ReachabilityCause causeOf(ChangeOrigin origin) {
+  switch (origin) {
+    case ChangeOrigin::HOST:
+      return ReachabilityCause::HOST_CHANGE;
+    case ChangeOrigin::PERIODIC_CHECK:
+      return ReachabilityCause::CYCLE_RESULT;
+    case ChangeOrigin::MANUAL_CHECK:
+      return ReachabilityCause::MANUAL_CHECK_RESULT;
+    case ChangeOrigin::CONNECTIVITY_EVENT:
+      return ReachabilityCause::CONNECTIVITY_EVENT;
+    case ChangeOrigin::SWEEP:
+      return ReachabilityCause::DROPPED_BY_PROVIDER;
+  }
+  return ReachabilityCause::HOST_CHANGE;
+}
+
+// Runs one host callback; what it throws is logged and dropped, so that the
+// tracker goes on delivering.
+template <typename Call>
+void runContained(const char* callback, const std::string& entityId, const Call& call) {
+  const char* what = nullptr;
+  std::string message;
+  try {
+    call();
+    return;
+  } catch (const std::exception& exception) {
+    message = exception.what();
+    what = message.c_str();
+  } catch (...) {
+    what = logSchema::value::NOT_A_STD_EXCEPTION;
+  }
+  logTracker(LogPriority::ERROR, LogBuilder(logSchema::label::DELIVER, nullptr)
+                                     .d(logSchema::key::EVENT, logSchema::event::CALLBACK_THREW)
+                                     .d(logSchema::key::CALLBACK, callback)
+                                     .d(logSchema::key::ENTITY_ID, entityId.c_str())
+                                     .d(logSchema::key::WHAT, what));
+}
+
 }  // namespace
 
-TrackerCore::TrackerCore(std::shared_ptr<CacheCore> store, ChangeCallback callback,
-                         std::chrono::milliseconds unreachableHoldDown)
+TrackerCore::TrackerCore(std::shared_ptr<CacheCore> store, Options options)
     : store_(std::move(store)),
-      callback_(std::move(callback)),
-      holdDown_(unreachableHoldDown),
-      timer_(makeTimer(unreachableHoldDown)) {}
+      options_(withDefaultClock(std::move(options))),
+      started_(options_.clock()),
+      timer_(makeTimer(options_.unreachableHoldDown)) {}
+
+TrackerCore::~TrackerCore() { close(); }
+
+void TrackerCore::subscribe() {
+  const ChangeFeed::SubscriberId id = store_->changeFeed().subscribe([core = weak_from_this()] {
+    if (const auto alive = core.lock()) {
+      alive->onCacheDestroyed();
+    }
+  });
+  MutexLock lock(mutex_);
+  subscription_ = id;
+}
+
+void TrackerCore::judgeEverything() {
+  const CallbackGate::Pass pass(gate_);
+  if (!pass) {
+    return;
+  }
+  {
+    std::vector<Judgement> due;
+    for (const auto& entity : store_->getReachableEndpointsMap()) {
+      due.emplace_back(entity.first, ReachabilityCause::TRACKING_STARTED);
+    }
+    MutexLock lock(mutex_);
+    takeTouchesLocked(due);
+    judgeLocked(due);
+  }
+  deliver();
+}
 
 void TrackerCore::settle() {
   const CallbackGate::Pass pass(gate_);
@@ -29,25 +108,29 @@ void TrackerCore::settle() {
     return;
   }
   {
+    std::vector<Judgement> due;
     MutexLock lock(mutex_);
-    judgeAll();
+    takeTouchesLocked(due);
+    judgeLocked(due);
   }
   deliver();
 }
 
 void TrackerCore::onNotification(const std::string& entityId) {
-  // A copy: judgeAll() calls the store, which reuses the buffer.
+  // A copy: judging calls the store, which reuses the buffer.
   const std::string id = CacheCore::normalizeEntityId(entityId);
   const CallbackGate::Pass pass(gate_);
   if (!pass) {
     return;
   }
   {
+    std::vector<Judgement> due;
     MutexLock lock(mutex_);
     if (applying_.count(id) != 0) {
       return;  // the batch's end settles it
     }
-    judgeAll();
+    takeTouchesLocked(due);
+    judgeLocked(due);
   }
   deliver();
 }
@@ -71,14 +154,22 @@ void TrackerCore::onResultsApplied(const std::vector<ReachabilityCheckResult>& r
     return;
   }
   {
+    std::vector<Judgement> due;
     MutexLock lock(mutex_);
     for (const ReachabilityCheckResult& result : results) {
       const auto entity = applying_.find(CacheCore::normalizeEntityId(result.entityId));
-      if (entity != applying_.end() && --entity->second == 0) {
-        applying_.erase(entity);
+      if (entity == applying_.end() || --entity->second != 0) {
+        continue;
       }
+      const auto waiting = deferred_.find(entity->first);
+      if (waiting != deferred_.end()) {
+        due.emplace_back(waiting->first, waiting->second);
+        deferred_.erase(waiting);
+      }
+      applying_.erase(entity);
     }
-    judgeAll();
+    takeTouchesLocked(due);
+    judgeLocked(due);
   }
   deliver();
 }
@@ -86,17 +177,48 @@ void TrackerCore::onResultsApplied(const std::vector<ReachabilityCheckResult>& r
 bool TrackerCore::reportedReachable(const std::string& entityId) const {
   const std::string& id = CacheCore::normalizeEntityId(entityId);
   MutexLock lock(mutex_);
-  return shown_.count(id) != 0;
+  const auto record = records_.find(id);
+  return record != records_.end() && record->second.reachability == EntityReachability::REACHABLE;
 }
 
 std::vector<std::string> TrackerCore::reportedReachableEntities() const {
   std::vector<std::string> entities;
   {
     MutexLock lock(mutex_);
-    entities.assign(shown_.begin(), shown_.end());
+    for (const auto& [entityId, record] : records_) {
+      if (record.reachability == EntityReachability::REACHABLE) {
+        entities.push_back(entityId);
+      }
+    }
   }
   std::sort(entities.begin(), entities.end());
   return entities;
+}
+
+TrackedEntityState TrackerCore::state(const std::string& entityId) const {
+  const std::string& id = CacheCore::normalizeEntityId(entityId);
+  MutexLock lock(mutex_);
+  const auto record = records_.find(id);
+  if (record == records_.end()) {
+    return {id, EntityReachability::UNKNOWN, ReachabilityCause::NONE, started_, std::nullopt};
+  }
+  return stateOf(id, record->second);
+}
+
+std::vector<TrackedEntityState> TrackerCore::states() const {
+  std::vector<TrackedEntityState> all;
+  {
+    MutexLock lock(mutex_);
+    all.reserve(records_.size());
+    for (const auto& [entityId, record] : records_) {
+      all.push_back(stateOf(entityId, record));
+    }
+  }
+  std::sort(all.begin(), all.end(),
+            [](const TrackedEntityState& left, const TrackedEntityState& right) {
+              return left.entityId < right.entityId;
+            });
+  return all;
 }
 
 void TrackerCore::close() {
@@ -104,63 +226,107 @@ void TrackerCore::close() {
   if (timer_ != nullptr) {
     timer_->removeCallbacksAndMessages();
   }
-}
-
-void TrackerCore::judgeAll() {
-  const std::unordered_set<std::string> reachable = store_->getReachableEntityIds();
-  for (const std::string& entityId : reachable) {
-    if (applying_.count(entityId) == 0) {
-      judge(entityId, true);
-    }
+  std::optional<ChangeFeed::SubscriberId> subscription;
+  {
+    MutexLock lock(mutex_);
+    subscription.swap(subscription_);
   }
-  std::vector<std::string> lost;
-  for (const std::string& entityId : shown_) {
-    if (reachable.count(entityId) == 0 && applying_.count(entityId) == 0) {
-      lost.push_back(entityId);
-    }
-  }
-  for (const std::string& entityId : lost) {
-    judge(entityId, false);
+  if (subscription) {
+    store_->changeFeed().unsubscribe(*subscription);
   }
 }
 
-void TrackerCore::judge(const std::string& entityId, bool reachableNow) {
-  const bool shown = shown_.count(entityId) != 0;
+void TrackerCore::takeTouchesLocked(std::vector<Judgement>& due) {
+  if (!subscription_) {
+    return;
+  }
+  for (auto& [entityId, origin] : store_->changeFeed().take(*subscription_)) {
+    if (applying_.count(entityId) != 0) {
+      deferred_.insert_or_assign(entityId, causeOf(origin));
+    } else {
+      due.emplace_back(entityId, causeOf(origin));
+    }
+  }
+}
+
+void TrackerCore::judgeLocked(std::vector<Judgement>& due) {
+  if (due.empty()) {
+    return;
+  }
+  // Stable: of an entity's causes, the latest added comes last and counts.
+  std::stable_sort(due.begin(), due.end(), [](const Judgement& left, const Judgement& right) {
+    return left.first < right.first;
+  });
+  const TimePoint time = now();
+  for (std::size_t i = 0; i < due.size(); ++i) {
+    if (i + 1 < due.size() && due[i + 1].first == due[i].first) {
+      continue;
+    }
+    judgeOneLocked(due[i].first, due[i].second, time);
+  }
+}
+
+void TrackerCore::judgeOneLocked(const std::string& entityId, ReachabilityCause cause,
+                                 TimePoint now) {
+  const bool reachableNow = store_->isEntityReachableUnlogged(entityId);
+  const auto found = records_.find(entityId);
+  if (found == records_.end()) {
+    Record& record = records_[entityId];
+    record.reachability =
+        reachableNow ? EntityReachability::REACHABLE : EntityReachability::UNREACHABLE;
+    record.cause = cause;
+    record.since = now;
+    if (reachableNow) {
+      record.lastSeenReachable = now;
+    }
+    queueLocked(entityId, record, reachableNow);
+    return;
+  }
+  Record& record = found->second;
   if (reachableNow) {
-    pendingLosses_.erase(entityId);
-    if (!shown) {
-      shown_.insert(entityId);
-      undelivered_.emplace_back(entityId, true);
+    record.lastSeenReachable = now;
+    record.lossToken = 0;
+    record.lossExpired = false;
+    if (record.reachability != EntityReachability::REACHABLE) {
+      record.reachability = EntityReachability::REACHABLE;
+      record.cause = cause;
+      record.since = now;
+      queueLocked(entityId, record, true);
     }
     return;
   }
-  if (!shown) {
+  if (record.reachability != EntityReachability::REACHABLE) {
     return;
   }
-  const auto pending = pendingLosses_.find(entityId);
-  if (timer_ != nullptr && (pending == pendingLosses_.end() || !pending->second.expired)) {
-    if (pending == pendingLosses_.end()) {
-      startHoldDown(entityId);
+  if (timer_ != nullptr && !record.lossExpired) {
+    if (record.lossToken == 0) {
+      startHoldDownLocked(entityId, record);
     }
     return;
   }
-  if (pending != pendingLosses_.end()) {
-    pendingLosses_.erase(pending);
-  }
-  shown_.erase(entityId);
-  undelivered_.emplace_back(entityId, false);
+  record.reachability = EntityReachability::UNREACHABLE;
+  record.cause = record.lossExpired ? ReachabilityCause::HOLD_DOWN_ELAPSED : cause;
+  record.since = now;
+  record.lossToken = 0;
+  record.lossExpired = false;
+  queueLocked(entityId, record, true);
 }
 
-void TrackerCore::startHoldDown(const std::string& entityId) {
+void TrackerCore::queueLocked(const std::string& entityId, const Record& record,
+                              bool reachableFlipped) {
+  undelivered_.push_back({stateOf(entityId, record), reachableFlipped});
+}
+
+void TrackerCore::startHoldDownLocked(const std::string& entityId, Record& record) {
   const uint64_t token = ++lastToken_;
-  pendingLosses_[entityId] = {token, false};
+  record.lossToken = token;
   timer_->postDelayed(
       [core = weak_from_this(), entityId, token] {
         if (const auto alive = core.lock()) {
           alive->onHoldDownEnded(entityId, token);
         }
       },
-      holdDown_);
+      options_.unreachableHoldDown);
 }
 
 void TrackerCore::onHoldDownEnded(const std::string& entityId, uint64_t token) {
@@ -169,15 +335,33 @@ void TrackerCore::onHoldDownEnded(const std::string& entityId, uint64_t token) {
     return;
   }
   {
+    std::vector<Judgement> due;
     MutexLock lock(mutex_);
-    const auto pending = pendingLosses_.find(entityId);
-    if (pending == pendingLosses_.end() || pending->second.token != token) {
-      return;  // the entity came back meanwhile
+    // A settle point like any other; what it finds may bring the entity back.
+    takeTouchesLocked(due);
+    judgeLocked(due);
+    const auto record = records_.find(entityId);
+    if (record != records_.end() && record->second.lossToken == token) {
+      record->second.lossExpired = true;
+      if (applying_.count(entityId) != 0) {
+        deferred_.insert_or_assign(entityId, ReachabilityCause::HOLD_DOWN_ELAPSED);
+      } else {
+        judgeOneLocked(entityId, ReachabilityCause::HOLD_DOWN_ELAPSED, now());
+      }
     }
-    pending->second.expired = true;
-    judgeAll();
   }
   deliver();
+}
+
+void TrackerCore::onCacheDestroyed() {
+  cacheDestroyed_.store(true, std::memory_order_release);
+  close();
+}
+
+TrackerCore::TimePoint TrackerCore::now() const { return options_.clock(); }
+
+TrackedEntityState TrackerCore::stateOf(const std::string& entityId, const Record& record) const {
+  return {entityId, record.reachability, record.cause, record.since, record.lastSeenReachable};
 }
 
 void TrackerCore::deliver() {
@@ -189,7 +373,7 @@ void TrackerCore::deliver() {
     delivering_ = true;
   }
   for (;;) {
-    std::pair<std::string, bool> change;
+    Change change;
     {
       MutexLock lock(mutex_);
       if (undelivered_.empty() || gate_.isClosed()) {
@@ -199,7 +383,20 @@ void TrackerCore::deliver() {
       change = std::move(undelivered_.front());
       undelivered_.pop_front();
     }
-    callback_(change.first, change.second);
+    report(change);
+  }
+}
+
+void TrackerCore::report(const Change& change) const {
+  const TrackedEntityState& state = change.state;
+  if (change.reachableFlipped && options_.onChange) {
+    runContained(logSchema::value::ON_CHANGE, state.entityId, [&] {
+      options_.onChange(state.entityId, state.reachability == EntityReachability::REACHABLE);
+    });
+  }
+  if (options_.onStateChange) {
+    runContained(logSchema::value::ON_STATE_CHANGE, state.entityId,
+                 [&] { options_.onStateChange(state); });
   }
 }
 

@@ -156,9 +156,12 @@ void ReachabilityUpdater::performPeriodicUpdate() {
   for (const EndpointInfo& endpoint : endpoints) {
     currentEndpointIds.insert(endpoint.endpointId);
   }
-  removeStaleEntries(currentEndpointIds);
+  {
+    const ChangeOriginScope sweep(ChangeOrigin::SWEEP);
+    removeStaleEntries(currentEndpointIds);
+  }
 
-  if (!startCheck(endpoints, requestId)) {
+  if (!startCheck(endpoints, requestId, ChangeOrigin::PERIODIC_CHECK)) {
     logUpdater(LogPriority::ERROR, LogBuilder(label::PERFORM_PERIODIC_UPDATE, nullptr)
                                        .d(key::REQUEST_ID, requestId.c_str())
                                        .d(key::REASON, reason::CHECK_START_FAILED));
@@ -191,7 +194,7 @@ void ReachabilityUpdater::performManualUpdate(const std::vector<EndpointInfo>& e
     return;
   }
   const std::string requestId = requestIdPrefix::MANUAL + generateRequestId();
-  if (!startCheck(endpoints, requestId)) {
+  if (!startCheck(endpoints, requestId, ChangeOrigin::MANUAL_CHECK)) {
     logUpdater(LogPriority::ERROR, LogBuilder(LAMBDA_FUNCTION, label::MANUAL_TRIGGER)
                                        .d(key::REQUEST_ID, requestId.c_str())
                                        .d(key::REASON, reason::CHECK_START_FAILED));
@@ -201,13 +204,15 @@ void ReachabilityUpdater::performManualUpdate(const std::vector<EndpointInfo>& e
 }
 
 bool ReachabilityUpdater::startCheck(const std::vector<EndpointInfo>& endpoints,
-                                     const std::string& requestId) {
+                                     const std::string& requestId, ChangeOrigin origin) {
   // Without a checker no check can start.
   return checker != nullptr &&
-         checker->checkReachability(endpoints, requestId,
-                                    [this](const std::vector<ReachabilityCheckResult>& results) {
-                                      processReachabilityResults(results);
-                                    });
+         checker->checkReachability(
+             endpoints, requestId,
+             [this, origin](const std::vector<ReachabilityCheckResult>& results) {
+               const ChangeOriginScope scope(origin);
+               processReachabilityResults(results);
+             });
 }
 
 // ---- Result processing ----
@@ -219,6 +224,8 @@ void ReachabilityUpdater::processReachabilityResults(
   unsigned int changedCount = 0;
   std::string details;
   for (const ReachabilityCheckResult& result : results) {
+    // Followers learn that the entity was judged, also when nothing changes.
+    cache->changeFeed().record(CacheCore::normalizeEntityId(result.entityId));
     const bool wasReachable = cache->isEntityReachable(result.entityId);
     bool applied = false;
     if (result.isReachable) {
@@ -314,6 +321,7 @@ void ReachabilityUpdater::disableProactiveUpdates() {
 bool ReachabilityUpdater::isProactiveUpdatesEnabled() const { return proactiveUpdatesEnabled; }
 
 void ReachabilityUpdater::handleProactiveUpdate(const ReachabilityCheckResult& result) {
+  const ChangeOriginScope scope(ChangeOrigin::CONNECTIVITY_EVENT);
   std::vector<ReachabilityCheckResult> results{result};
   if (result.entityId.empty() && !result.endpointId.empty()) {
     std::string entityId = cache->getEntityIdForEndpoint(result.endpointId);

@@ -15,6 +15,7 @@
 #include "reachabilityCache/IReachabilityChecker.h"
 #include "reachabilityCache/ReachabilityCheckResult.h"
 #include "store/CacheCore.h"
+#include "store/ChangeOrigin.h"
 #include "sync/Mutex.h"
 #include "taskExecutor/TaskExecutor.h"
 
@@ -68,8 +69,10 @@ class ReachabilityUpdater {
   void performPeriodicUpdate();
   void performManualUpdate(const std::vector<EndpointInfo>& endpoints);
   std::string generateRequestId();
-  // Starts a batch check whose results are applied on the checker's thread.
-  bool startCheck(const std::vector<EndpointInfo>& endpoints, const std::string& requestId);
+  // Starts a batch check whose results are applied on the checker's thread,
+  // as changes of `origin`.
+  bool startCheck(const std::vector<EndpointInfo>& endpoints, const std::string& requestId,
+                  ChangeOrigin origin);
   void removeStaleEntries(const std::unordered_set<std::string_view>& currentEndpointIds);
   void rearmPeriodicUpdate();
   void processReachabilityResults(const std::vector<ReachabilityCheckResult>& results);

@@ -17,6 +17,7 @@
 #include <memory>
 #include <optional>
 #include <set>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -25,6 +26,7 @@
 #include "LogRecorder.h"
 #include "diagnostics/ReachabilityCacheMetrics.h"
 #include "reachabilityCache/ApplianceDriverReachabilityChecker.h"
+#include "reachabilityCache/EntityReachabilityTracker.h"
 #include "reachabilityCache/ReachabilityCache.h"
 #include "reachabilityCache/testing/FakeChrProvider.h"
 #include "reachabilityCache/testing/FakeReachabilityChecker.h"
@@ -207,6 +209,23 @@ void writeUpdaterLines() {
 void writeFacadeLines() {
   ReachabilityCache cache(nullptr, {10, seconds(60), false, nullptr});
   cache.getPreferredEndpoint("nobody", ZIGBEE);
+}
+
+// The tracker writes only when a host callback throws.
+void writeTrackerLines() {
+  auto guard =
+      std::make_shared<ReachabilityCheckerGuard>(std::make_shared<test::FakeReachabilityChecker>());
+  ReachabilityCache cache(nullptr, {10, seconds(60), false, guard});
+  EntityReachabilityTracker::Options options;
+  options.onChange = [](const std::string& /*entityId*/, bool /*reachable*/) {
+    throw std::runtime_error("thrown");
+  };
+  options.onStateChange = [](const TrackedEntityState& /*state*/) { throw 0; };
+  EntityReachabilityTracker tracker(cache, guard, std::move(options));
+  tracker.updateEndpoints(
+      {CachedEndpoint("lamp-1", "lamp", ZIGBEE, ApplianceDriverType::NATIVE, POWER)});
+  tracker.close();
+  guard->close();
 }
 
 // ---- Reading the lines ----
@@ -431,6 +450,7 @@ class LogSchemaTest : public ::testing::Test {
     writeCheckerLines();
     writeUpdaterLines();
     writeFacadeLines();
+    writeTrackerLines();
     writtenLines = new std::vector<LogLine>(LogRecorder::instance().take());
   }
   static void TearDownTestSuite() { delete writtenLines; }

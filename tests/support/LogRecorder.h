@@ -13,6 +13,7 @@ inline constexpr const char* FACADE_TAG = logSchema::tag::FACADE;
 inline constexpr const char* STORE_TAG = logSchema::tag::STORE;
 inline constexpr const char* UPDATER_TAG = logSchema::tag::UPDATER;
 inline constexpr const char* CHECKER_TAG = logSchema::tag::CHECKER;
+inline constexpr const char* TRACKER_TAG = logSchema::tag::TRACKER;
 inline constexpr const char* METRIC_TAG = logSchema::tag::METRIC;
 
 class LogRecorder {

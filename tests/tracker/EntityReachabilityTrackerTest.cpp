@@ -1,113 +1,27 @@
 #include "reachabilityCache/EntityReachabilityTracker.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <chrono>
 #include <map>
-#include <memory>
-#include <optional>
 #include <random>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "LogRecorder.h"
-#include "reachabilityCache/testing/FakeChrProvider.h"
-#include "reachabilityCache/testing/FakeReachabilityChecker.h"
-#include "reachabilityCache/testing/RecordingListener.h"
-#include "reachabilityCache/testing/VirtualTime.h"
+#include "TrackerTestSupport.h"
 
-namespace veranda::reachabilityCache {
+namespace veranda::reachabilityCache::test {
 namespace {
 
-using applianceDriver::ApplianceDriverType;
-using test::Notification;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::UnorderedElementsAre;
 
-constexpr std::chrono::milliseconds WAIT{5000};
-constexpr const char* ZIGBEE = "PROT_ZIGBEE-ADAPTER";
-
-EndpointInfo endpoint(const std::string& endpointId, const std::string& entityId) {
-  return EndpointInfo(endpointId, entityId, ZIGBEE, {{"power", "main"}});
-}
-
-// A record that makes its entity reachable (NATIVE), or one that does
-// not (NO_DRIVER).
-CachedEndpoint record(const std::string& endpointId, const std::string& entityId,
-                      bool reachable = true) {
-  return CachedEndpoint(endpointId, entityId, ZIGBEE,
-                        reachable ? ApplianceDriverType::NATIVE : ApplianceDriverType::NO_DRIVER,
-                        {{"power", "main"}});
-}
-
-// A connectivity event as the checker makes it: no entity, NO_DRIVER.
-ReachabilityCheckResult event(const std::string& endpointId, bool reachable) {
-  return {endpointId, "", "", reachable, {}, ApplianceDriverType::NO_DRIVER};
-}
-
-Notification change(const std::string& entityId, bool reachable) {
-  return {"", entityId, reachable};
-}
-
-// A cache over a hand-driven checker behind a guard, with a listener and a
-// tracker that record what they hear side by side.
-class TrackerTest : public ::testing::Test {
+// Today's callback, through the constructor that takes it alone.
+class LegacyTrackerTest : public TrackerTest {
  protected:
-  void SetUp() override { test::LogRecorder::instance().clear(); }
-
-  void TearDown() override {
-    test::LogRecorder::instance().setMode(test::LogCapture::Mode::COLLECT);
-    if (tracker) {
-      tracker->close();
-    }
-    guard->close();
-    fake->dropPendingChecks();
-  }
-
-  void start(bool periodic, std::chrono::seconds interval,
-             std::chrono::milliseconds holdDown = {}) {
-    cache = std::make_unique<ReachabilityCache>(
-        &provider, ReachabilityCache::Config{20, interval, periodic, guard});
-    cache->registerReachabilityListener("listener", listener.callback());
-    tracker = makeTracker(holdDown);
-  }
-
-  std::unique_ptr<EntityReachabilityTracker> makeTracker(std::chrono::milliseconds holdDown) {
-    return std::make_unique<EntityReachabilityTracker>(
-        *cache, guard,
-        [heard = heard.callback()](const std::string& entityId, bool reachable) {
-          heard("", entityId, reachable);
-        },
-        holdDown);
-  }
-
-  // The changes heard since the last call, once there are `expected` of them:
-  // a change may be delivered by a thread that was delivering already.
-  std::vector<Notification> newChanges(std::size_t expected) {
-    EXPECT_TRUE(heard.waitForCount(seen + expected, WAIT));
-    std::vector<Notification> all = heard.notifications();
-    std::vector<Notification> fresh(all.begin() + static_cast<std::ptrdiff_t>(seen), all.end());
-    seen = all.size();
-    return fresh;
-  }
-
-  std::shared_ptr<test::FakeReachabilityChecker> fake =
-      std::make_shared<test::FakeReachabilityChecker>();
-  std::shared_ptr<ReachabilityCheckerGuard> guard =
-      std::make_shared<ReachabilityCheckerGuard>(fake);
-  test::FakeChrProvider provider;
-  test::RecordingListener listener;
-  test::RecordingListener heard;
-  std::size_t seen = 0;
-  std::optional<test::VirtualTime> time;  // made before the cache, destroyed after it
-  std::unique_ptr<ReachabilityCache> cache;
-  std::unique_ptr<EntityReachabilityTracker> tracker;
+  LegacyTrackerTest() { legacyConstructor = true; }
 };
 
-TEST_F(TrackerTest, EveryChangeOfIsEntityReachableIsHeardOnceAndNothingElse) {
+TEST_F(LegacyTrackerTest, EveryChangeOfIsEntityReachableIsHeardOnceAndNothingElse) {
   provider.setEndpoints({endpoint("ep1", "e1"), endpoint("ep2", "e1"), endpoint("ep3", "e3")});
   time.emplace();
   start(true, std::chrono::seconds(3600));
@@ -125,9 +39,9 @@ TEST_F(TrackerTest, EveryChangeOfIsEntityReachableIsHeardOnceAndNothingElse) {
 
   // The batch clears ep1 before it adds ep2: listeners hear e1 lost and back,
   // yet e1 is reachable before and after the batch.
-  fake->completeNextCheck({test::makeResult(endpoint("ep1", "e1"), false),
-                           test::makeResult(endpoint("ep2", "e1"), true),
-                           test::makeResult(endpoint("ep3", "e3"), false)});
+  fake->completeNextCheck({makeResult(endpoint("ep1", "e1"), false),
+                           makeResult(endpoint("ep2", "e1"), true),
+                           makeResult(endpoint("ep3", "e3"), false)});
   EXPECT_TRUE(cache->isEntityReachable("e1"));
   EXPECT_THAT(newChanges(0), IsEmpty());
 
@@ -156,7 +70,7 @@ TEST_F(TrackerTest, EveryChangeOfIsEntityReachableIsHeardOnceAndNothingElse) {
   EXPECT_THAT(tracker->reportedReachableEntities(), IsEmpty());
 }
 
-TEST_F(TrackerTest, HoldDownReportsALossOnlyOnceItHasLasted) {
+TEST_F(LegacyTrackerTest, HoldDownReportsALossOnlyOnceItHasLasted) {
   time.emplace();
   start(false, std::chrono::seconds(0), std::chrono::minutes(1));
   tracker->updateEndpoints({record("ep1", "e1")});
@@ -179,15 +93,14 @@ TEST_F(TrackerTest, HoldDownReportsALossOnlyOnceItHasLasted) {
 // Host pushes, check completions and connectivity events race; each entity's
 // changes must alternate, and once everything is applied the tracker's view
 // is the cache's.
-TEST_F(TrackerTest, RacingChangesAreHeardInOrderPerEntityAndEndInTheCachesState) {
+TEST_F(LegacyTrackerTest, RacingChangesAreHeardInOrderPerEntityAndEndInTheCachesState) {
   const std::vector<std::string> entities = {"e0", "e1", "e2"};
   provider.setEndpoints(
       {endpoint("ep-e0", "e0"), endpoint("ep-e1", "e1"), endpoint("ep-e2", "e2")});
-  test::LogRecorder::instance().setMode(
-      test::LogCapture::Mode::SILENCE);  // cycles run back to back
+  LogRecorder::instance().setMode(LogCapture::Mode::SILENCE);  // cycles run back to back
   fake->setResponder([](const EndpointInfo& e) {
     static thread_local std::mt19937 random(7);
-    return test::makeResult(e, random() % 2 == 0);
+    return makeResult(e, random() % 2 == 0);
   });
   start(true, std::chrono::seconds(0));  // cycles back to back after the first second
   ASSERT_TRUE(fake->waitForCheckRequests(1, WAIT));
@@ -231,4 +144,4 @@ TEST_F(TrackerTest, RacingChangesAreHeardInOrderPerEntityAndEndInTheCachesState)
 }
 
 }  // namespace
-}  // namespace veranda::reachabilityCache
+}  // namespace veranda::reachabilityCache::test

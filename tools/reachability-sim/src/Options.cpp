@@ -239,8 +239,7 @@ void describe(CLI::App& app, Options& options, RawOptions& raw) {
   app.add_flag("--tracker", raw.tracker,
                "an entity tracker beside the listener: its changes\n"
                "of isEntityReachable in the last column (the\n"
-               "default, except for a generated home, where its\n"
-               "work at each event grows with the entities)");
+               "default)");
   app.add_flag("--no-tracker", raw.noTracker, "no entity tracker");
   app.add_flag("-q,--quiet", options.quiet, "no library log lines at all");
 }

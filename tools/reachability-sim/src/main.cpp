@@ -61,7 +61,7 @@ int main(int argc, char** argv) {
   settings.timeline = &std::cout;
   settings.seed = options.seed.value_or(1);
   settings.fast = options.fast;
-  settings.tracker = options.tracker.value_or(!options.devices);
+  settings.tracker = options.tracker.value_or(true);
   const RunReport report = runScenario(home.scenario, settings);
   printFinalTable(report, std::cout);
 

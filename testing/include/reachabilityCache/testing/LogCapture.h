@@ -13,15 +13,17 @@ namespace veranda::reachabilityCache::test {
 // One line as written: its Android priority (3 debug, 4 info, 5 warn,
 // 6 error), its tag and its text.
 struct LogLine {
-  int priority = 0;
-  std::string tag;
-  std::string text;
+  int priority = 0;  // 3 debug, 4 info, 5 warn, 6 error
+  std::string tag;   // the writer's tag
+  std::string text;  // the line without tag or priority
 
+  // Same priority, tag and text.
   bool operator==(const LogLine& other) const {
     return priority == other.priority && tag == other.tag && text == other.text;
   }
 };
 
+// Writes {priority, tag, "text"}, for test failure messages.
 std::ostream& operator<<(std::ostream& out, const LogLine& line);
 
 // While a LogCapture lives, the lines that the cache writes, and the metric
@@ -42,11 +44,13 @@ std::ostream& operator<<(std::ostream& out, const LogLine& line);
 // listener or another callback of the cache.
 class LogCapture {
  public:
+  // What the capture does with a line that arrives.
   enum class Mode {
     COLLECT,  // keeps each line
     SILENCE,  // drops each line: nothing reaches standard error
   };
 
+  // Starts capturing at once, in `mode`.
   explicit LogCapture(Mode mode = Mode::COLLECT);
   ~LogCapture();
 
@@ -63,9 +67,11 @@ class LogCapture {
   // The lines collected since the capture was made or last emptied, in the
   // order they were written.
   std::vector<LogLine> lines() const;
+  // The same, only the lines with `tag`.
   std::vector<LogLine> linesWithTag(const std::string& tag) const;
   // The texts of the lines with `tag`.
   std::vector<std::string> texts(const std::string& tag) const;
+  // The number of lines collected.
   std::size_t count() const;
   // The number of lines with `tag` whose text contains `fragment`.
   std::size_t countContaining(const std::string& tag, const std::string& fragment) const;
