@@ -46,17 +46,17 @@ std::string hostEntityIdFor(std::size_t index) { return ENTITY_ID_PREFIX + entit
 std::size_t endpointCountFor(std::size_t index) { return 1 + mix(index ^ 0xe9dULL) % 3; }
 
 const CapabilitySet& standardCapabilities() {
-  static const CapabilitySet capabilities = {
+  static const CapabilitySet CAPABILITIES = {
       {"Veyra.PowerController", "powerState"},
       {"Veyra.BrightnessController", "brightness"},
       {"Veyra.EndpointHealth", "connectivity"},
   };
-  return capabilities;
+  return CAPABILITIES;
 }
 
 const CapabilityKey& queriedCapability() {
-  static const CapabilityKey key{"Veyra.BrightnessController", "brightness"};
-  return key;
+  static const CapabilityKey KEY{"Veyra.BrightnessController", "brightness"};
+  return KEY;
 }
 
 std::vector<EndpointInfo> endpointsOfEntities(std::size_t entityCount) {
@@ -83,10 +83,33 @@ std::vector<EndpointInfo> firstEndpoints(std::size_t endpointCount) {
   return endpoints;
 }
 
+std::vector<applianceDriver::DiscoveredDevice> devicesFor(
+    const std::vector<EndpointInfo>& endpoints, bool reachable) {
+  std::vector<applianceDriver::DiscoveredDevice> devices;
+  devices.reserve(endpoints.size());
+  for (const EndpointInfo& endpoint : endpoints) {
+    applianceDriver::DiscoveredDevice& device = devices.emplace_back();
+    device.endpointId = endpoint.endpointId;
+    device.entityId = endpoint.entityId;
+    device.adapterName = endpoint.adapterName;
+    device.driverType = applianceDriver::ApplianceDriverType::NATIVE;
+    for (const CapabilityKey& key : endpoint.capabilities) {
+      device.capabilities.emplace(key.capability, key.qualifier);
+    }
+    device.isReachable = reachable;
+  }
+  return devices;
+}
+
+EndpointInfo staleEndpointFor(uint64_t seed) {
+  const std::string id = uuidFor(seed ^ 0x57a1eULL);
+  return {id, "stale-" + id, "PROT_WIFI-ADAPTER", standardCapabilities()};
+}
+
 CachedEndpoint asCached(const EndpointInfo& endpoint,
                         applianceDriver::ApplianceDriverType driverType) {
-  return CachedEndpoint(endpoint.endpointId, endpoint.entityId, endpoint.adapterName, driverType,
-                        endpoint.capabilities);
+  return {endpoint.endpointId, endpoint.entityId, endpoint.adapterName, driverType,
+          endpoint.capabilities};
 }
 
 std::vector<std::string> queryIds(std::size_t entityCount, std::size_t count) {

@@ -38,6 +38,15 @@ std::vector<EndpointInfo> endpointsOfEntities(std::size_t entityCount);
 // The first `endpointCount` endpoints of that same sequence.
 std::vector<EndpointInfo> firstEndpoints(std::size_t endpointCount);
 
+// The driver's answer for `endpoints`: one device per endpoint, reported by
+// NATIVE with the endpoint's capabilities, all reachable or all unreachable.
+std::vector<applianceDriver::DiscoveredDevice> devicesFor(
+    const std::vector<EndpointInfo>& endpoints, bool reachable);
+
+// An endpoint of an entity of its own that no provider names, for a cycle to
+// sweep; a pure function of `seed`.
+EndpointInfo staleEndpointFor(uint64_t seed);
+
 // `endpoint` as a record reported by `driverType`.
 CachedEndpoint asCached(const EndpointInfo& endpoint,
                         applianceDriver::ApplianceDriverType driverType);

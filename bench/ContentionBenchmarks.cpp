@@ -1,6 +1,6 @@
-// Contention: query throughput of one and of two host threads on a store of
-// 10 000 entities, idle and while periodic cycles over every endpoint run back
-// to back on the updater's thread.
+// Contention: query throughput of one, two and four host threads on a store
+// of 10 000 entities, idle and while periodic cycles over every endpoint run
+// back to back on the updater's thread.
 #include <benchmark/benchmark.h>
 #include <sys/resource.h>
 
@@ -80,7 +80,8 @@ void queryThroughput(benchmark::State& state, bool cyclesRunning) {
   }
   CacheCore& cache = shared.cache();
   const std::vector<std::string>& ids = shared.ids();
-  std::size_t next = static_cast<std::size_t>(state.thread_index()) * ids.size() / 2;
+  std::size_t next = static_cast<std::size_t>(state.thread_index()) * ids.size() /
+                     static_cast<std::size_t>(state.threads());
   const long switchesBefore = contextSwitches();
   for (auto _ : state) {
     const std::string& id = ids[next % ids.size()];
@@ -101,13 +102,14 @@ void queryThroughput(benchmark::State& state, bool cyclesRunning) {
   }
 }
 
-const bool registered = [] {
+const bool REGISTERED = [] {
   for (const bool cyclesRunning : {false, true}) {
     benchmark::RegisterBenchmark(
         cyclesRunning ? "contention/cyclesRunning" : "contention/idle",
         [cyclesRunning](benchmark::State& state) { queryThroughput(state, cyclesRunning); })
         ->Threads(1)
         ->Threads(2)
+        ->Threads(4)
         ->UseRealTime()
         ->Unit(benchmark::kNanosecond);
   }

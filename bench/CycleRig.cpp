@@ -1,6 +1,6 @@
 #include "CycleRig.h"
 
-#include <sys/resource.h>
+#include <ctime>
 
 #include <climits>
 #include <utility>
@@ -27,15 +27,13 @@ std::shared_ptr<IReachabilityChecker> makeChecker(
   return std::make_shared<ApplianceDriverReachabilityChecker>(*driver);
 }
 
-// CPU time of the calling thread so far (user and system, in microseconds).
-std::chrono::duration<double> threadCpuTime() {
-  rusage usage{};
-  getrusage(RUSAGE_THREAD, &usage);
-  return std::chrono::seconds(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
-         std::chrono::microseconds(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec);
-}
-
 }  // namespace
+
+std::chrono::duration<double> threadCpuTime() {
+  timespec now{};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+  return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
+}
 
 std::vector<EndpointInfo> FixedProvider::queryEndpoints() {
   const std::chrono::duration<double> now = threadCpuTime();
@@ -89,22 +87,7 @@ bool SynchronousChecker::checkReachability(const std::vector<EndpointInfo>& /*en
 
 SynchronousDriver::SynchronousDriver(const std::vector<EndpointInfo>& endpoints,
                                      CompletionSignal& done)
-    : done_(done) {
-  for (const EndpointInfo& endpoint : endpoints) {
-    DiscoveredDevice device;
-    device.endpointId = endpoint.endpointId;
-    device.entityId = endpoint.entityId;
-    device.adapterName = endpoint.adapterName;
-    device.driverType = ApplianceDriverType::NATIVE;
-    for (const CapabilityKey& key : endpoint.capabilities) {
-      device.capabilities.emplace(key.capability, key.qualifier);
-    }
-    device.isReachable = false;
-    answers_[0].push_back(device);
-    device.isReachable = true;
-    answers_[1].push_back(std::move(device));
-  }
-}
+    : answers_{devicesFor(endpoints, false), devicesFor(endpoints, true)}, done_(done) {}
 
 bool SynchronousDriver::getReachableDevices(
     const std::string& /*requestId*/,
@@ -148,9 +131,7 @@ std::chrono::duration<double> CycleRig::runCycle() {
 
 void CycleRig::addStaleEndpoints(std::size_t count) {
   for (std::size_t i = 0; i < count; ++i) {
-    const std::string id = uuidFor(++staleSeed_ ^ 0x57a1eULL);
-    cache_->insertEndpoint(CachedEndpoint(id, "stale-" + id, "PROT_WIFI-ADAPTER",
-                                          ApplianceDriverType::NATIVE, standardCapabilities()));
+    cache_->insertEndpoint(asCached(staleEndpointFor(++staleSeed_), ApplianceDriverType::NATIVE));
   }
 }
 

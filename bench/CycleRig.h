@@ -22,6 +22,9 @@
 
 namespace veranda::reachabilityCache::bench {
 
+// CPU time of the calling thread so far (user and system).
+std::chrono::duration<double> threadCpuTime();
+
 // Counts finished checks; waiters block until a count is reached.
 class CompletionSignal {
  public:
@@ -91,8 +94,9 @@ class SynchronousDriver : public applianceDriver::IUnifiedApplianceDriver {
       override;
   bool subscribeStateChanges(const std::vector<std::string>& /*endpointIds*/,
                              const std::string& /*subscriptionId*/,
-                             std::function<void(const applianceDriver::StateChangeEvent&)>,
-                             std::function<void(const std::string&)>) override {
+                             std::function<void(const applianceDriver::StateChangeEvent&)>
+                             /*onStateChange*/,
+                             std::function<void(const std::string&)> /*onError*/) override {
     return false;
   }
   bool unsubscribeStateChanges(const std::string& /*subscriptionId*/) override { return false; }

@@ -33,7 +33,7 @@ class DiscardingLogSink final : public LogSinkForTesting, public MetricSinkForTe
 // Lives to the end of the process, as the metric stand-in asks.
 DiscardingLogSink sink;
 
-const bool installed = [] {
+const bool INSTALLED = [] {
   setPermanentLogSinkForTesting(&sink);
   setMetricSinkForTesting(&sink);
   return true;

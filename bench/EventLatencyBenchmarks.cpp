@@ -1,13 +1,18 @@
 // Event latency: a connectivity event from the appliance driver's thread to
 // the cache's listener, through the library's checker, the updater's executor
-// and the store, with and without two host threads querying meanwhile.
+// and the store, with and without two host threads querying meanwhile: flat
+// out, or each for about a fifth of a core, as a host's threads do.
 #include <benchmark/benchmark.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
+#include <cstdint>
+#include <fstream>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -16,6 +21,7 @@
 #include <vector>
 
 #include "BenchData.h"
+#include "CycleRig.h"
 #include "applianceDriver/SimulatedApplianceDriver.h"
 #include "reachabilityCache/ApplianceDriverReachabilityChecker.h"
 #include "reachabilityCache/ReachabilityCache.h"
@@ -40,6 +46,26 @@ class EmptyProvider : public ICHRProvider {
  public:
   std::vector<EndpointInfo> queryEndpoints() override { return {}; }
 };
+
+// A host thread at a duty cycle below 100 % queries for this long, then
+// sleeps for as long as keeps it at its share of a core.
+constexpr std::chrono::microseconds BUSY_SLICE{1000};
+
+// The calling thread's id as the kernel knows it.
+pid_t threadId() { return static_cast<pid_t>(syscall(SYS_gettid)); }
+
+// How long thread `tid` of this process has waited for a core so far, from
+// the scheduler's statistics (its second field, in ns); zero where the kernel
+// does not keep them.
+std::chrono::nanoseconds timeWaitingForCore(pid_t tid) {
+  std::ifstream stats("/proc/self/task/" + std::to_string(tid) + "/schedstat");
+  uint64_t onCore = 0;
+  uint64_t waiting = 0;
+  if (!(stats >> onCore >> waiting)) {
+    return std::chrono::nanoseconds(0);
+  }
+  return std::chrono::nanoseconds(waiting);
+}
 
 double percentile(std::vector<double> samples, double fraction) {
   if (samples.empty()) {
@@ -76,6 +102,7 @@ class LatencyRig {
         {}, PROBE_SUBSCRIPTION,
         [this](const StateChangeEvent&) {
           eventStart_.store(Clock::now().time_since_epoch().count());
+          driverThread_.store(threadId());
         },
         nullptr);
     checker_ = std::make_shared<ApplianceDriverReachabilityChecker>(driver_);
@@ -101,18 +128,28 @@ class LatencyRig {
     checker_.reset();
   }
 
-  void startHostThreads(std::size_t count) {
+  // Starts `count` host threads that query for `dutyPercent` of their time
+  // (100: without pause).
+  void startHostThreads(std::size_t count, int dutyPercent) {
+    const auto pause = BUSY_SLICE * (100 - dutyPercent) / dutyPercent;
     for (std::size_t i = 0; i < count; ++i) {
-      hosts_.emplace_back([this, i] {
+      hosts_.emplace_back([this, i, pause] {
         const std::vector<std::string> ids = queryIds(ENTITIES, 1024 + i);
         std::size_t next = 0;
+        auto sliceEnd = Clock::now() + BUSY_SLICE;
         while (!stopHosts_.load(std::memory_order_relaxed)) {
           const std::string& id = ids[next++ % ids.size()];
           benchmark::DoNotOptimize(next % 2 == 0
                                        ? cache_->isEntityReachable(id)
                                        : cache_->isCapabilityReachable(id, queriedCapability()));
           hostQueries_.fetch_add(1, std::memory_order_relaxed);
+          if (pause.count() > 0 && next % 16 == 0 && Clock::now() >= sliceEnd) {
+            std::this_thread::sleep_for(pause);
+            sliceEnd = Clock::now() + BUSY_SLICE;
+          }
         }
+        hostCpu_.fetch_add(
+            std::chrono::duration_cast<std::chrono::nanoseconds>(threadCpuTime()).count());
       });
     }
   }
@@ -155,10 +192,18 @@ class LatencyRig {
   }
 
   uint64_t hostQueries() const { return hostQueries_.load(); }
+  // CPU time of the host threads that have stopped.
+  std::chrono::nanoseconds hostCpu() const { return std::chrono::nanoseconds(hostCpu_.load()); }
+  // How long the threads that carry an event (the driver's and the cache's
+  // worker) have waited for a core so far.
+  std::chrono::nanoseconds carriersWaitingForCore() const {
+    return timeWaitingForCore(driverThread_.load()) + timeWaitingForCore(workerThread_.load());
+  }
 
  private:
   void heard(const std::string& endpointId, bool reachable) {
     const Clock::time_point now = Clock::now();
+    workerThread_.store(threadId());
     std::lock_guard<std::mutex> lock(mutex_);
     if (endpointId == expectedEndpoint_ && reachable == expectedReachable_) {
       heardAt_ = now;
@@ -181,11 +226,19 @@ class LatencyRig {
   std::vector<std::thread> hosts_;
   std::atomic<bool> stopHosts_{false};
   std::atomic<uint64_t> hostQueries_{0};
+  std::atomic<int64_t> hostCpu_{0};
+  std::atomic<pid_t> driverThread_{0};
+  std::atomic<pid_t> workerThread_{0};
 };
 
+// Arguments: the number of host threads querying, and the share of a core
+// each takes, in percent.
 void eventLatency(benchmark::State& state) {
   LatencyRig rig;
-  rig.startHostThreads(static_cast<std::size_t>(state.range(0)));
+  const auto hostThreads = static_cast<std::size_t>(state.range(0));
+  rig.startHostThreads(hostThreads, static_cast<int>(state.range(1)));
+  // Once the first event has told which threads carry events.
+  std::chrono::nanoseconds carriersWaitedBefore{0};
   std::vector<double> fromDriver;
   std::vector<double> fromPublish;
   std::size_t index = 0;
@@ -198,22 +251,36 @@ void eventLatency(benchmark::State& state) {
       break;
     }
     state.SetIterationTime(driverLatency);
+    if (index == 1) {
+      carriersWaitedBefore = rig.carriersWaitingForCore();
+    }
     fromDriver.push_back(driverLatency * 1e6);
     fromPublish.push_back(publishLatency * 1e6);
   }
   const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+  const std::chrono::nanoseconds carriersWaited =
+      rig.carriersWaitingForCore() - carriersWaitedBefore;
   rig.stopHostThreads();
   state.counters["p50_us"] = percentile(fromDriver, 0.50);
   state.counters["p99_us"] = percentile(fromDriver, 0.99);
   state.counters["publish_p50_us"] = percentile(fromPublish, 0.50);
   state.counters["publish_p99_us"] = percentile(fromPublish, 0.99);
   state.counters["host_queries_per_s"] = static_cast<double>(rig.hostQueries()) / seconds;
+  state.counters["host_core_share"] = hostThreads == 0
+                                          ? 0
+                                          : std::chrono::duration<double>(rig.hostCpu()).count() /
+                                                seconds / static_cast<double>(hostThreads);
+  state.counters["core_wait_us_per_event"] =
+      fromDriver.size() < 2 ? 0
+                            : std::chrono::duration<double, std::micro>(carriersWaited).count() /
+                                  static_cast<double>(fromDriver.size() - 1);
 }
 
 BENCHMARK(eventLatency)
     ->Name("eventLatency/hostThreads")
-    ->Arg(0)
-    ->Arg(2)
+    ->Args({0, 100})
+    ->Args({2, 100})
+    ->Args({2, 20})
     ->Iterations(2000)
     ->UseManualTime()
     ->Unit(benchmark::kMicrosecond);

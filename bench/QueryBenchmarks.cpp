@@ -10,9 +10,7 @@
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
-#include <charconv>
 #include <cstddef>
-#include <cstring>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -24,6 +22,7 @@
 #include <vector>
 
 #include "BenchData.h"
+#include "StackLine.h"
 #include "diagnostics/LogSchema.h"
 #include "diagnostics/LogSink.h"
 #include "reachabilityCache/ReachabilityCache.h"
@@ -36,12 +35,6 @@ using applianceDriver::ApplianceDriverType;
 using namespace logSchema;
 
 constexpr std::size_t QUERY_ID_COUNT = 4096;
-
-std::string labelThenKey(const char* label, const char* key) {
-  return std::string("[") + label + "]: " + key + "=";
-}
-std::string field(const char* key) { return std::string(" ") + key + "="; }
-std::string field(const char* key, const char* value) { return field(key) + value; }
 
 // The fixed pieces of the store's query lines, made once from the schema, so
 // that a floor appends as many pieces to a line as it always did.
@@ -109,30 +102,6 @@ struct DriverMapRecord {
   DriverCapabilities driverCapabilities;
 };
 
-// A log line appended into a buffer on the stack, the cheapest way.
-class StackLine {
- public:
-  StackLine& operator<<(std::string_view text) {
-    const std::size_t length = std::min(text.size(), sizeof(text_) - 1 - size_);
-    std::memcpy(text_ + size_, text.data(), length);
-    size_ += length;
-    return *this;
-  }
-  StackLine& operator<<(std::size_t value) {
-    char digits[24];
-    const std::to_chars_result end = std::to_chars(digits, digits + sizeof(digits), value);
-    return *this << std::string_view(digits, static_cast<std::size_t>(end.ptr - digits));
-  }
-  const char* c_str() {
-    text_[size_] = '\0';
-    return text_;
-  }
-
- private:
-  char text_[1024];
-  std::size_t size_ = 0;
-};
-
 // A log line built with a string stream.
 class StreamLine {
  public:
@@ -141,7 +110,7 @@ class StreamLine {
     stream_ << value;
     return *this;
   }
-  const char* c_str() {
+  const char* text() {
     text_ = stream_.str();
     return text_.c_str();
   }
@@ -267,7 +236,7 @@ class FloorStore {
 
  private:
   static void emit(typename Format::Line& line) {
-    writeLogLine(ANDROID_LOG_DEBUG, tag::STORE, line.c_str());
+    writeLogLine(ANDROID_LOG_DEBUG, tag::STORE, line.text());
   }
 
   mutable std::mutex mutex_;
@@ -361,7 +330,7 @@ void registerQuery(const std::string& operation, Query query) {
       ->Unit(benchmark::kNanosecond);
 }
 
-const bool registered = [] {
+const bool REGISTERED = [] {
   registerQuery("isEntityReachable", [](const auto& store, const std::string& id) {
     return store.isEntityReachable(id);
   });

@@ -9,8 +9,10 @@
 #   - the simulator's default home under AddressSanitizer;
 #   - the seeded stress test under ThreadSanitizer, 2 seeds x 30 s;
 #   - the suite under valgrind memcheck;
-#   - clang's thread-safety analysis (the clang-tsa preset, -Werror);
-#   - clang-tidy over src/, platform/ and testing/, on two cores;
+#   - clang's thread-safety analysis (the clang-tsa preset, -Werror), and the
+#     check that functions expecting a lock held end in Locked;
+#   - clang-tidy over src/, platform/, testing/, tools/, tests/ and bench/,
+#     on two cores;
 #   - the fuzzers (clang, AddressSanitizer + UBSan);
 #   - install, host examples against the installed package, exported symbols;
 #   - every installed public header compiled alone under a host's warnings
@@ -43,7 +45,9 @@ format() {
 }
 
 # Building is the analysis: the suite itself already ran in the normal build.
+# First, every function that expects a lock held must say so in its name.
 thread_safety() {
+  scripts/ci/check-locked-names.sh
   cmake --preset clang-tsa >/dev/null
   cmake --build --preset clang-tsa
 }

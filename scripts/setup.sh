@@ -6,9 +6,9 @@
 set -euo pipefail
 
 packages=(
-  cmake ninja-build g++ clang clang-format llvm libclang-rt-14-dev pkgconf
+  cmake ninja-build g++ clang clang-format clang-tidy llvm libclang-rt-14-dev pkgconf
   libgtest-dev libgmock-dev googletest libbenchmark-dev libcli11-dev libxml2-utils
-  android-liblog-dev nlohmann-json3-dev
+  android-liblog-dev nlohmann-json3-dev libarchive-dev
   doxygen
   valgrind
   chromium chromium-driver python3-selenium

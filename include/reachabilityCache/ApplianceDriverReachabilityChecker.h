@@ -61,17 +61,19 @@ class REACHABILITY_CACHE_EXPORT ApplianceDriverReachabilityChecker : public IRea
   // Sees which callback ids the checker holds while the driver is called.
   friend class ApplianceDriverReachabilityCheckerTestPeer;
 
+  // The requested endpoints of one check, kept until the driver answers.
+  class CheckRequest;
+  // The table matching the driver's devices to the requested endpoints.
+  class ResultTable;
+
   // Building blocks of the operations above.
   REACHABILITY_CACHE_NO_EXPORT void buildEndpointLookupMap(
-      const std::vector<EndpointInfo>& endpoints,
-      std::unordered_map<std::string, EndpointInfo>& lookup) const;
+      const std::vector<EndpointInfo>& endpoints, CheckRequest& request) const;
   REACHABILITY_CACHE_NO_EXPORT std::vector<ReachabilityCheckResult> processDiscoveredDevices(
-      const std::vector<applianceDriver::DiscoveredDevice>& devices,
-      const std::unordered_map<std::string, EndpointInfo>& lookup,
+      const std::vector<applianceDriver::DiscoveredDevice>& devices, const CheckRequest& request,
       const std::string& requestId) const;
   REACHABILITY_CACHE_NO_EXPORT void updateResultWithDiscoveredDevice(
-      const applianceDriver::DiscoveredDevice& device,
-      std::unordered_map<std::string, ReachabilityCheckResult>& results) const;
+      const applianceDriver::DiscoveredDevice& device, ResultTable& results) const;
   REACHABILITY_CACHE_NO_EXPORT bool isSupportedAdapter(const std::string& adapterName) const;
   REACHABILITY_CACHE_NO_EXPORT bool validateCallbackParams(const std::string& callbackId,
                                                            const UpdateCallback& callback) const;

@@ -1,4 +1,5 @@
-// The host's provider of the endpoints that the cache tracks.
+// ICHRProvider: the provider of the host's connected-home registry (CHR), the
+// host's record of every endpoint that the cache is to track.
 #pragma once
 
 #include <vector>

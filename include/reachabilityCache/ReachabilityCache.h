@@ -16,6 +16,8 @@
 #include "reachabilityCache/Export.h"
 #include "reachabilityCache/ICHRProvider.h"
 #include "reachabilityCache/IReachabilityChecker.h"
+#include "reachabilityCache/ReachabilityCacheHealth.h"
+#include "reachabilityCache/ReachabilityListener.h"
 
 namespace veranda::reachabilityCache {
 
@@ -68,14 +70,15 @@ class ReachabilityUpdater;
 //
 // Teardown: checks handed to the checker are not cancelled, and their
 // completions refer to the cache. Put a ReachabilityCheckerGuard between the
-// cache and its checker, and call its close() before destroying the cache:
-// from then on no answer or event reaches the cache, and the guard keeps the
-// checker alive for answers that arrive later, so that the guard and the
-// checker may be dropped right after the cache. With the guard closed, no
-// listener runs once the destructor has returned. Without a guard the host
-// must itself keep every answer from arriving after destruction. The provider
-// must outlive the cache, and a listener must not destroy the cache it
-// listens to.
+// cache and its checker: the destructor closes a guard that is the cache's
+// checker (the host may close it earlier itself), so that from then on no
+// answer or event reaches the cache, and the guard keeps the checker alive
+// for answers that arrive later; the guard and the checker may be dropped, or
+// kept in a Config, after the cache. No listener runs once the destructor has
+// returned. Without a guard the host must itself keep every answer from
+// arriving after destruction. The provider must outlive the cache, and a
+// listener must not destroy the cache it listens to. ReachabilityCacheOwner
+// assembles guard, cache and tracker and takes them down in this order.
 class REACHABILITY_CACHE_EXPORT ReachabilityCache {
  public:
   // Filled by the host; the library has no defaults of its own.
@@ -87,8 +90,7 @@ class REACHABILITY_CACHE_EXPORT ReachabilityCache {
   };
 
   // Told of a change of an endpoint's reachability; see registerReachabilityListener().
-  using ReachabilityListener = std::function<void(const std::string& endpointId,
-                                                  const std::string& entityId, bool isReachable)>;
+  using ReachabilityListener = reachabilityCache::ReachabilityListener;
 
   // `chrProvider` is borrowed and may be null (then periodic cycles stop at the
   // first one). `config` is copied; later changes to it have no effect. A
@@ -145,10 +147,15 @@ class REACHABILITY_CACHE_EXPORT ReachabilityCache {
   // False when no listener has that id.
   virtual bool unregisterReachabilityListener(const std::string& listenerId);
 
+  // Whether the cache hears connectivity events and how its checks went.
+  // Writes no log line.
+  ReachabilityCacheHealth health() const;
+
  private:
-  // Reads the store without the query log lines, and checks that its guard
-  // is this cache's checker.
+  // Read the store without the query log lines. The tracker also checks
+  // that its guard is this cache's checker; the owner starts manual checks.
   friend class EntityReachabilityTracker;
+  friend class ReachabilityCacheOwner;
 
   ICHRProvider* chrProvider;
   std::shared_ptr<CacheCore> cacheCore;

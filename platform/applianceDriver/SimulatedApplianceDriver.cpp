@@ -3,15 +3,18 @@
 #include <algorithm>
 #include <condition_variable>
 #include <map>
-#include <mutex>
 #include <random>
 #include <utility>
 
 #include "scheduling/DelayedTaskQueue.h"
+#include "sync/Mutex.h"
 
 namespace veranda::applianceDriver {
 namespace {
 
+using reachabilityCache::Mutex;
+using reachabilityCache::MutexLock;
+using reachabilityCache::RelockableMutexLock;
 using DevicesCallback = IUnifiedApplianceDriver::DevicesCallback;
 using StateChangeCallback = IUnifiedApplianceDriver::StateChangeCallback;
 
@@ -37,7 +40,7 @@ StateChangeEvent connectivityEvent(const std::string& endpointId, bool reachable
 class SimulatedApplianceDriver::Engine : public std::enable_shared_from_this<Engine> {
  public:
   void upsertDevice(DiscoveredDevice device) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     auto found = home_.find(device.endpointId);
     if (found == home_.end()) {
       std::string endpointId = device.endpointId;
@@ -52,12 +55,12 @@ class SimulatedApplianceDriver::Engine : public std::enable_shared_from_this<Eng
   }
 
   bool removeDevice(const std::string& endpointId) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     return home_.erase(endpointId) > 0;
   }
 
   bool setReachable(const std::string& endpointId, bool reachable) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     auto found = home_.find(endpointId);
     if (found == home_.end()) {
       return false;
@@ -70,35 +73,35 @@ class SimulatedApplianceDriver::Engine : public std::enable_shared_from_this<Eng
   }
 
   std::vector<DiscoveredDevice> devices() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     return snapshotLocked();
   }
 
   void publishStateChange(StateChangeEvent event) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     queueEventLocked(std::move(event));
   }
 
   void setAnswerLatency(std::chrono::milliseconds minimum, std::chrono::milliseconds maximum) {
     minimum = std::max(minimum, std::chrono::milliseconds::zero());
     maximum = std::max(maximum, std::chrono::milliseconds::zero());
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     latencyMinimum_ = std::min(minimum, maximum);
     latencyMaximum_ = std::max(minimum, maximum);
   }
 
   void setRandomSeed(uint32_t seed) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     random_.seed(seed);
   }
 
   void setHoldAnswers(bool hold) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     holdAnswers_ = hold;
   }
 
   std::size_t releaseHeldAnswers() {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     const std::size_t released = held_.size();
     for (DevicesCallback& onDevices : held_) {
       queueAnswerLocked(std::move(onDevices), std::chrono::milliseconds::zero());
@@ -108,22 +111,22 @@ class SimulatedApplianceDriver::Engine : public std::enable_shared_from_this<Eng
   }
 
   void setRefuseRequests(bool refuse) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     refuseRequests_ = refuse;
   }
 
   void setRefuseSubscriptions(bool refuse) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     refuseSubscriptions_ = refuse;
   }
 
   void setRefuseUnsubscriptions(bool refuse) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     refuseUnsubscriptions_ = refuse;
   }
 
   void setJsonConnectivityValues(bool json) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     jsonConnectivityValues_ = json;
   }
 
@@ -131,8 +134,8 @@ class SimulatedApplianceDriver::Engine : public std::enable_shared_from_this<Eng
     if (queue_.onWorker()) {
       return false;  // the driver's thread cannot wait for itself
     }
-    std::unique_lock<std::mutex> lock(mutex_);
-    return idle_.wait_for(lock, timeout, [this] {
+    MutexLock lock(mutex_);
+    return idle_.wait_for(mutex_, timeout, [this]() RC_REQUIRES(mutex_) {
       return queuedAnswers_ == 0 && queuedEvents_ == 0 && !deliveringAnswer_ && !deliveringEvent_;
     });
   }
@@ -144,7 +147,7 @@ class SimulatedApplianceDriver::Engine : public std::enable_shared_from_this<Eng
     std::vector<Task> dropped;  // both destroyed after the lock is released
     std::vector<DevicesCallback> droppedHeld;
     {
-      std::lock_guard<std::mutex> lock(mutex_);
+      MutexLock lock(mutex_);
       shutDown_ = true;
       dropped = queue_.takePending();
       droppedHeld.swap(held_);
@@ -158,22 +161,22 @@ class SimulatedApplianceDriver::Engine : public std::enable_shared_from_this<Eng
   }
 
   std::size_t pendingAnswers() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     return queuedAnswers_ + held_.size() + (deliveringAnswer_ ? 1 : 0);
   }
 
   uint64_t acceptedRequests() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     return acceptedRequests_;
   }
 
   std::size_t subscriptionCount() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     return subscriptions_.size();
   }
 
   bool getReachableDevices(DevicesCallback onDevices) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     if (shutDown_ || refuseRequests_ || !onDevices) {
       return false;
     }
@@ -188,7 +191,7 @@ class SimulatedApplianceDriver::Engine : public std::enable_shared_from_this<Eng
   }
 
   bool subscribe(const std::string& subscriptionId, StateChangeCallback onStateChange) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     if (shutDown_ || refuseSubscriptions_ || !onStateChange ||
         subscriptions_.count(subscriptionId) > 0) {
       return false;
@@ -201,7 +204,7 @@ class SimulatedApplianceDriver::Engine : public std::enable_shared_from_this<Eng
 
   bool unsubscribe(const std::string& subscriptionId) {
     std::shared_ptr<const StateChangeCallback> dropped;  // destroyed after the lock is released
-    std::unique_lock<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     auto found = subscriptions_.find(subscriptionId);
     if (refuseUnsubscriptions_ || found == subscriptions_.end()) {
       return false;
@@ -210,7 +213,7 @@ class SimulatedApplianceDriver::Engine : public std::enable_shared_from_this<Eng
     dropped = std::move(found->second.callback);
     subscriptions_.erase(found);
     if (!queue_.onWorker()) {
-      idle_.wait(lock, [this, token] { return activeToken_ != token; });
+      idle_.wait(mutex_, [this, token]() RC_REQUIRES(mutex_) { return activeToken_ != token; });
     }
     return true;
   }
@@ -223,7 +226,7 @@ class SimulatedApplianceDriver::Engine : public std::enable_shared_from_this<Eng
     std::shared_ptr<const StateChangeCallback> callback;
   };
 
-  std::vector<DiscoveredDevice> snapshotLocked() const {
+  std::vector<DiscoveredDevice> snapshotLocked() const RC_REQUIRES(mutex_) {
     std::vector<DiscoveredDevice> snapshot;
     snapshot.reserve(home_.size());
     for (const auto& entry : home_) {
@@ -232,19 +235,20 @@ class SimulatedApplianceDriver::Engine : public std::enable_shared_from_this<Eng
     return snapshot;
   }
 
-  void queueAnswerLocked(DevicesCallback onDevices, std::chrono::milliseconds delay) {
+  void queueAnswerLocked(DevicesCallback onDevices, std::chrono::milliseconds delay)
+      RC_REQUIRES(mutex_) {
     queue_.post([self = shared_from_this(),
                  onDevices = std::move(onDevices)] { self->deliverAnswer(onDevices); },
                 delay);
     ++queuedAnswers_;
   }
 
-  void announceLocked(const DiscoveredDevice& device) {
+  void announceLocked(const DiscoveredDevice& device) RC_REQUIRES(mutex_) {
     queueEventLocked(
         connectivityEvent(device.endpointId, device.isReachable, jsonConnectivityValues_));
   }
 
-  void queueEventLocked(StateChangeEvent event) {
+  void queueEventLocked(StateChangeEvent event) RC_REQUIRES(mutex_) {
     if (shutDown_) {
       return;
     }
@@ -254,7 +258,7 @@ class SimulatedApplianceDriver::Engine : public std::enable_shared_from_this<Eng
   }
 
   void deliverAnswer(const DevicesCallback& callback) {
-    std::unique_lock<std::mutex> lock(mutex_);
+    RelockableMutexLock lock(mutex_);
     if (shutDown_) {
       return;  // taken by the thread just before the shutdown dropped the rest
     }
@@ -271,7 +275,7 @@ class SimulatedApplianceDriver::Engine : public std::enable_shared_from_this<Eng
   // Delivers the event to every subscription that exists when its turn
   // comes, in subscription id order.
   void deliverEvent(const StateChangeEvent& event) {
-    std::unique_lock<std::mutex> lock(mutex_);
+    RelockableMutexLock lock(mutex_);
     if (shutDown_) {
       return;
     }
@@ -302,30 +306,35 @@ class SimulatedApplianceDriver::Engine : public std::enable_shared_from_this<Eng
     idle_.notify_all();
   }
 
-  mutable std::mutex mutex_;
-  mutable std::condition_variable idle_;  // callers wait for deliveries to end
+  // Taken before the queue's own mutex: answers and events are posted under it.
+  mutable Mutex mutex_;
+  mutable std::condition_variable_any idle_;  // callers wait for deliveries to end
 
-  std::map<std::string, DiscoveredDevice> home_;
-  std::map<std::string, Subscription> subscriptions_;
+  std::map<std::string, DiscoveredDevice> home_ RC_GUARDED_BY(mutex_);
+  std::map<std::string, Subscription> subscriptions_ RC_GUARDED_BY(mutex_);
 
-  std::chrono::milliseconds latencyMinimum_{0};
-  std::chrono::milliseconds latencyMaximum_{0};
-  std::mt19937 random_;
-  bool refuseRequests_ = false;
-  bool refuseSubscriptions_ = false;
-  bool refuseUnsubscriptions_ = false;
-  bool jsonConnectivityValues_ = false;
-  bool holdAnswers_ = false;
-  std::vector<DevicesCallback> held_;  // accepted while holding, in that order
+  std::chrono::milliseconds latencyMinimum_ RC_GUARDED_BY(mutex_) =
+      std::chrono::milliseconds::zero();
+  std::chrono::milliseconds latencyMaximum_ RC_GUARDED_BY(mutex_) =
+      std::chrono::milliseconds::zero();
+  std::mt19937 random_ RC_GUARDED_BY(mutex_);
+  bool refuseRequests_ RC_GUARDED_BY(mutex_) = false;
+  bool refuseSubscriptions_ RC_GUARDED_BY(mutex_) = false;
+  bool refuseUnsubscriptions_ RC_GUARDED_BY(mutex_) = false;
+  bool jsonConnectivityValues_ RC_GUARDED_BY(mutex_) = false;
+  bool holdAnswers_ RC_GUARDED_BY(mutex_) = false;
+  // Accepted while holding, in that order.
+  std::vector<DevicesCallback> held_ RC_GUARDED_BY(mutex_);
 
-  bool shutDown_ = false;
-  bool deliveringAnswer_ = false;
-  bool deliveringEvent_ = false;
-  uint64_t activeToken_ = 0;  // subscription whose callback runs now; 0 for none
-  uint64_t nextToken_ = 1;
-  std::size_t queuedAnswers_ = 0;
-  std::size_t queuedEvents_ = 0;
-  uint64_t acceptedRequests_ = 0;
+  bool shutDown_ RC_GUARDED_BY(mutex_) = false;
+  bool deliveringAnswer_ RC_GUARDED_BY(mutex_) = false;
+  bool deliveringEvent_ RC_GUARDED_BY(mutex_) = false;
+  // The subscription whose callback runs now; 0 for none.
+  uint64_t activeToken_ RC_GUARDED_BY(mutex_) = 0;
+  uint64_t nextToken_ RC_GUARDED_BY(mutex_) = 1;
+  std::size_t queuedAnswers_ RC_GUARDED_BY(mutex_) = 0;
+  std::size_t queuedEvents_ RC_GUARDED_BY(mutex_) = 0;
+  uint64_t acceptedRequests_ RC_GUARDED_BY(mutex_) = 0;
 
   // Declared last: destroyed first, it stops the thread before the rest goes.
   scheduling::DelayedTaskQueue queue_;

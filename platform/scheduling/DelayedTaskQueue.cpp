@@ -10,6 +10,9 @@
 namespace veranda::scheduling {
 namespace {
 
+using reachabilityCache::Mutex;
+using reachabilityCache::MutexLock;
+using reachabilityCache::RelockableMutexLock;
 using TimePoint = TimeSource::TimePoint;
 
 // What the calling thread runs now, when it is a queue's worker inside a task.
@@ -34,7 +37,7 @@ class DelayedTaskQueue::Worker final : public TimeSource::Queue {
   // Takes the clock's mode that attaching to it returned, unless the clock
   // has told of a later change meanwhile.
   void attached(bool virtualTime) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     if (!toldOfTime_) {
       virtual_ = virtualTime;
     }
@@ -45,7 +48,7 @@ class DelayedTaskQueue::Worker final : public TimeSource::Queue {
     if (!task) {
       return false;
     }
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     if (stopping_) {
       return false;
     }
@@ -62,7 +65,7 @@ class DelayedTaskQueue::Worker final : public TimeSource::Queue {
   std::vector<Task> takePending() {
     Tasks dropped;
     {
-      std::lock_guard<std::mutex> lock(mutex_);
+      MutexLock lock(mutex_);
       dropped.swap(tasks_);
       refreshLocked();
     }
@@ -79,23 +82,24 @@ class DelayedTaskQueue::Worker final : public TimeSource::Queue {
   // the lock: the running task may be waiting for that.
   void stop(bool wait) {
     Tasks dropped;
-    std::unique_lock<std::mutex> lock(mutex_);
-    stopping_ = true;
-    life_.reset();
-    dropped.swap(tasks_);
-    refreshLocked();
-    wake_.notify_one();
-    lock.unlock();
+    {
+      MutexLock lock(mutex_);
+      stopping_ = true;
+      life_.reset();
+      dropped.swap(tasks_);
+      refreshLocked();
+      wake_.notify_one();
+    }
     dropped.clear();
     if (wait) {
-      lock.lock();
-      finished_.wait(lock, [this] { return !running_; });
+      MutexLock lock(mutex_);
+      finished_.wait(mutex_, [this]() RC_REQUIRES(mutex_) { return !running_; });
     }
   }
 
   // The thread's body: runs each task once due, until stopped.
   void run() {
-    std::unique_lock<std::mutex> lock(mutex_);
+    RelockableMutexLock lock(mutex_);
     while (!stopping_) {
       if (tasks_.empty()) {
         wake_.wait(lock);
@@ -132,9 +136,9 @@ class DelayedTaskQueue::Worker final : public TimeSource::Queue {
   // due times, or a task that the new time makes due. Time moving past a
   // queue with nothing due costs that queue nothing.
   void timeChanged(bool virtualTime, std::chrono::nanoseconds shift) override {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     const bool wake = virtual_ != virtualTime || shift != std::chrono::nanoseconds::zero() ||
-                      (!tasks_.empty() && tasks_.begin()->first.first <= nowLockedIn(virtualTime));
+                      (!tasks_.empty() && tasks_.begin()->first.first <= nowIn(virtualTime));
     virtual_ = virtualTime;
     toldOfTime_ = true;
     if (shift != std::chrono::nanoseconds::zero()) {
@@ -153,7 +157,7 @@ class DelayedTaskQueue::Worker final : public TimeSource::Queue {
   }
 
   bool nextDue(TimePoint& due) const override {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     if (tasks_.empty()) {
       return false;
     }
@@ -162,7 +166,7 @@ class DelayedTaskQueue::Worker final : public TimeSource::Queue {
   }
 
   std::size_t pendingCount() const override {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     return tasks_.size();
   }
 
@@ -174,15 +178,15 @@ class DelayedTaskQueue::Worker final : public TimeSource::Queue {
   };
   using Tasks = std::map<Key, Entry>;
 
-  TimePoint nowLocked() const { return nowLockedIn(virtual_); }
-  TimePoint nowLockedIn(bool virtualTime) const {
+  TimePoint nowLocked() const RC_REQUIRES(mutex_) { return nowIn(virtual_); }
+  TimePoint nowIn(bool virtualTime) const {
     return virtualTime ? time_.virtualNow() : std::chrono::steady_clock::now();
   }
 
   // The length of the chain of tasks posted without delay that a task posted
   // from here makes: only a task posted from a worker's task, due at once in
   // virtual time, extends it.
-  unsigned chainLocked(bool dueAtOnce) const {
+  unsigned chainLocked(bool dueAtOnce) const RC_REQUIRES(mutex_) {
     if (tRunning.worker == nullptr || !virtual_ || !dueAtOnce) {
       return 0;
     }
@@ -204,7 +208,7 @@ class DelayedTaskQueue::Worker final : public TimeSource::Queue {
 
   // Tells the time source whether this queue is busy in virtual time: a task
   // runs or one is due.
-  void refreshLocked() {
+  void refreshLocked() RC_REQUIRES(mutex_) {
     const bool busy =
         virtual_ && (running_ || (!tasks_.empty() && tasks_.begin()->first.first <= nowLocked()));
     if (busy != busyReported_) {
@@ -214,17 +218,19 @@ class DelayedTaskQueue::Worker final : public TimeSource::Queue {
   }
 
   TimeSource& time_;
-  mutable std::mutex mutex_;
-  std::condition_variable wake_;      // the worker waits for a task or for time to move
-  std::condition_variable finished_;  // stop() waits for a running task
-  Tasks tasks_;
-  uint64_t nextSequence_ = 0;
-  bool virtual_ = false;  // the clock's mode as this queue last heard of it
-  bool toldOfTime_ = false;
-  bool stopping_ = false;
-  bool running_ = false;
-  bool busyReported_ = false;
-  std::shared_ptr<const int> life_;  // reset by stop()
+  // Taken after the time source's queuesMutex_ and any mutex that a caller
+  // holds while it posts, before the time source's busyMutex_.
+  mutable Mutex mutex_;
+  std::condition_variable_any wake_;      // the worker waits for a task or for time to move
+  std::condition_variable_any finished_;  // stop() waits for a running task
+  Tasks tasks_ RC_GUARDED_BY(mutex_);
+  uint64_t nextSequence_ RC_GUARDED_BY(mutex_) = 0;
+  bool virtual_ RC_GUARDED_BY(mutex_) = false;  // the clock's mode as this queue last heard of it
+  bool toldOfTime_ RC_GUARDED_BY(mutex_) = false;
+  bool stopping_ RC_GUARDED_BY(mutex_) = false;
+  bool running_ RC_GUARDED_BY(mutex_) = false;
+  bool busyReported_ RC_GUARDED_BY(mutex_) = false;
+  std::shared_ptr<const int> life_ RC_GUARDED_BY(mutex_);  // reset by stop()
 };
 
 DelayedTaskQueue::DelayedTaskQueue() : worker_(std::make_shared<Worker>(TimeSource::instance())) {
@@ -252,7 +258,7 @@ void DelayedTaskQueue::stop() {
   TimeSource::instance().detach(worker_.get());
   std::thread thread;
   {
-    std::lock_guard<std::mutex> lock(threadMutex_);
+    MutexLock lock(threadMutex_);
     thread.swap(thread_);
   }
   if (!thread.joinable()) {

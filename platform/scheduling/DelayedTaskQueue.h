@@ -5,11 +5,11 @@
 #include <chrono>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <thread>
 #include <vector>
 
 #include "scheduling/TimeSource.h"
+#include "sync/Mutex.h"
 
 namespace veranda::scheduling {
 
@@ -69,8 +69,8 @@ class DelayedTaskQueue {
   class Worker;
   const std::shared_ptr<Worker> worker_;  // shared with the worker thread
   std::thread::id workerId_;              // set by the constructor, then only read
-  std::mutex threadMutex_;
-  std::thread thread_;  // guarded by threadMutex_; empty once stopped
+  reachabilityCache::Mutex threadMutex_;
+  std::thread thread_ RC_GUARDED_BY(threadMutex_);  // empty once stopped
 };
 
 }  // namespace veranda::scheduling

@@ -10,6 +10,7 @@
 namespace veranda::scheduling {
 namespace {
 
+using reachabilityCache::MutexLock;
 using std::chrono::nanoseconds;
 
 constexpr int64_t LATEST = std::numeric_limits<int64_t>::max();
@@ -85,19 +86,19 @@ TimeSource::TimePoint TimeSource::plus(TimePoint base, std::chrono::milliseconds
 }
 
 void TimeSource::beginVirtualTime() {
-  std::lock_guard<std::mutex> control(controlMutex_);
+  MutexLock control(controlMutex_);
   if (isVirtual()) {
     fail("virtual time is on already: a second VirtualTime while one lives");
   }
-  std::lock_guard<std::mutex> lock(queuesMutex_);
+  MutexLock lock(queuesMutex_);
   virtualNanos_.store(std::chrono::steady_clock::now().time_since_epoch().count());
   virtual_.store(true);
   notifyQueuesLocked(true, nanoseconds::zero());
 }
 
 void TimeSource::endVirtualTime() {
-  std::lock_guard<std::mutex> control(controlMutex_);
-  std::lock_guard<std::mutex> lock(queuesMutex_);
+  MutexLock control(controlMutex_);
+  MutexLock lock(queuesMutex_);
   if (!isVirtual()) {
     return;
   }
@@ -107,7 +108,7 @@ void TimeSource::endVirtualTime() {
 
 void TimeSource::advanceTo(TimePoint target) {
   checkCanWait("advance()");
-  std::lock_guard<std::mutex> control(controlMutex_);
+  MutexLock control(controlMutex_);
   const MovingTime moving;
   moveStepByStepLocked(target, NO_TASK_LIMIT, nullptr, "advance()");
 }
@@ -115,7 +116,7 @@ void TimeSource::advanceTo(TimePoint target) {
 bool TimeSource::advanceBy(std::chrono::milliseconds delta, uint64_t taskLimit,
                            const std::function<bool()>& stopWhen, const char* operation) {
   checkCanWait(operation);
-  std::lock_guard<std::mutex> control(controlMutex_);
+  MutexLock control(controlMutex_);
   const MovingTime moving;
   return moveStepByStepLocked(plus(virtualNow(), delta), taskLimit, stopWhen, operation);
 }
@@ -154,13 +155,13 @@ bool TimeSource::moveStepByStepLocked(TimePoint target, uint64_t taskLimit,
 
 void TimeSource::runUntilIdle() {
   checkCanWait("runUntilIdle()");
-  std::lock_guard<std::mutex> control(controlMutex_);
+  MutexLock control(controlMutex_);
   const MovingTime moving;
   waitUntilIdle("runUntilIdle()");
 }
 
 std::size_t TimeSource::pendingTasks() const {
-  std::lock_guard<std::mutex> lock(queuesMutex_);
+  MutexLock lock(queuesMutex_);
   std::size_t pending = 0;
   for (const Queue* queue : queues_) {
     pending += queue->pendingCount();
@@ -175,18 +176,18 @@ void TimeSource::fail(const std::string& message) {
 }
 
 bool TimeSource::attach(Queue* queue) {
-  std::lock_guard<std::mutex> lock(queuesMutex_);
+  MutexLock lock(queuesMutex_);
   queues_.push_back(queue);
   return isVirtual();
 }
 
 void TimeSource::detach(Queue* queue) {
-  std::lock_guard<std::mutex> lock(queuesMutex_);
+  MutexLock lock(queuesMutex_);
   queues_.erase(std::remove(queues_.begin(), queues_.end(), queue), queues_.end());
 }
 
 void TimeSource::setBusy(bool busy) {
-  std::lock_guard<std::mutex> lock(busyMutex_);
+  MutexLock lock(busyMutex_);
   busyQueues_ += busy ? 1 : -1;
   if (busyQueues_ == 0) {
     idle_.notify_all();
@@ -218,13 +219,13 @@ void TimeSource::notifyQueuesLocked(bool virtualTime, nanoseconds shift) {
 // Every queue hears of the new time before anyone waits for them, so that
 // each has told whether it is busy at that time.
 void TimeSource::moveTo(TimePoint time) {
-  std::lock_guard<std::mutex> lock(queuesMutex_);
+  MutexLock lock(queuesMutex_);
   virtualNanos_.store(std::max(time, virtualNow()).time_since_epoch().count());
   notifyQueuesLocked(true, nanoseconds::zero());
 }
 
 bool TimeSource::earliestDue(TimePoint& due) const {
-  std::lock_guard<std::mutex> lock(queuesMutex_);
+  MutexLock lock(queuesMutex_);
   bool found = false;
   for (const Queue* queue : queues_) {
     TimePoint next;
@@ -240,8 +241,9 @@ bool TimeSource::earliestDue(TimePoint& due) const {
 // stops counting as running itself, so the count of busy queues reaches zero
 // only when no work is left at this time.
 void TimeSource::waitUntilIdle(const char* operation) {
-  std::unique_lock<std::mutex> lock(busyMutex_);
-  if (!idle_.wait_for(lock, LONGEST_SETTLE, [this] { return busyQueues_ == 0; })) {
+  MutexLock lock(busyMutex_);
+  if (!idle_.wait_for(busyMutex_, LONGEST_SETTLE,
+                      [this]() RC_REQUIRES(busyMutex_) { return busyQueues_ == 0; })) {
     fail(std::string(operation) + " has waited " + std::to_string(LONGEST_SETTLE.count()) +
          " s of real time for tasks to finish: a task blocks, perhaps waiting for the thread "
          "that moves time");

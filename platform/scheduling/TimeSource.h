@@ -11,9 +11,10 @@
 #include <cstdint>
 #include <functional>
 #include <limits>
-#include <mutex>
 #include <string>
 #include <vector>
+
+#include "sync/Mutex.h"
 
 namespace veranda::scheduling {
 
@@ -69,8 +70,8 @@ class TimeSource {
 
   // Freezes the clock at its reading. Ends the process with a message when
   // virtual time is on already.
-  void beginVirtualTime();
-  void endVirtualTime();
+  void beginVirtualTime() RC_EXCLUDES(controlMutex_);
+  void endVirtualTime() RC_EXCLUDES(controlMutex_);
   // No limit of tasks for advanceBy().
   static constexpr uint64_t NO_TASK_LIMIT = std::numeric_limits<uint64_t>::max();
 
@@ -78,7 +79,7 @@ class TimeSource {
   // waits until every queue is idle. Ends the process with a message when
   // called from a queue's task (it would wait for itself), outside virtual
   // time, or when a task keeps it waiting a minute of real time.
-  void advanceTo(TimePoint target);
+  void advanceTo(TimePoint target) RC_EXCLUDES(controlMutex_);
   // Moves the clock by `delta` from where it stands when this caller's turn
   // comes (callers that move time take turns), as advanceTo() does. Stops
   // early at the first of those moments, the start included, at which
@@ -87,12 +88,13 @@ class TimeSource {
   // when more than `taskLimit` tasks run during the call. `operation` names
   // the call in messages.
   bool advanceBy(std::chrono::milliseconds delta, uint64_t taskLimit,
-                 const std::function<bool()>& stopWhen, const char* operation);
+                 const std::function<bool()>& stopWhen, const char* operation)
+      RC_EXCLUDES(controlMutex_);
   // Waits until every queue is idle at the current time. Ends the process like
   // advanceTo().
-  void runUntilIdle();
+  void runUntilIdle() RC_EXCLUDES(controlMutex_);
   // Tasks of every queue not yet started, whenever due.
-  std::size_t pendingTasks() const;
+  std::size_t pendingTasks() const RC_EXCLUDES(queuesMutex_);
 
   // Writes "virtual time: <message>" to standard error and aborts.
   [[noreturn]] static void fail(const std::string& message);
@@ -100,11 +102,11 @@ class TimeSource {
   // ---- For the queues ----
 
   // Returns whether virtual time is on, the mode the queue starts in.
-  bool attach(Queue* queue);
-  void detach(Queue* queue);
+  bool attach(Queue* queue) RC_EXCLUDES(queuesMutex_);
+  void detach(Queue* queue) RC_EXCLUDES(queuesMutex_);
   // A queue reports when it becomes busy in virtual time (a task running or
   // due) and when it stops being so.
-  void setBusy(bool busy);
+  void setBusy(bool busy) RC_EXCLUDES(busyMutex_);
   // A queue reports each task it starts in virtual time.
   void countTask();
 
@@ -112,27 +114,32 @@ class TimeSource {
   TimeSource() = default;
 
   void checkCanWait(const char* operation) const;
-  // Tells every queue; called with queuesMutex_ held.
-  void notifyQueuesLocked(bool virtualTime, std::chrono::nanoseconds shift);
-  // The steps of advanceTo() and advanceBy(); called with controlMutex_ held.
+  // Tells every queue.
+  void notifyQueuesLocked(bool virtualTime, std::chrono::nanoseconds shift)
+      RC_REQUIRES(queuesMutex_);
+  // The steps of advanceTo() and advanceBy().
   bool moveStepByStepLocked(TimePoint target, uint64_t taskLimit,
-                            const std::function<bool()>& stopWhen, const char* operation);
-  void moveTo(TimePoint time);
-  bool earliestDue(TimePoint& due) const;
-  void waitUntilIdle(const char* operation);
+                            const std::function<bool()>& stopWhen, const char* operation)
+      RC_REQUIRES(controlMutex_);
+  void moveTo(TimePoint time) RC_EXCLUDES(queuesMutex_);
+  bool earliestDue(TimePoint& due) const RC_EXCLUDES(queuesMutex_);
+  void waitUntilIdle(const char* operation) RC_EXCLUDES(busyMutex_);
 
   // Read without a lock by now().
   std::atomic<bool> virtual_{false};
   std::atomic<int64_t> virtualNanos_{0};
 
-  std::mutex controlMutex_;  // one caller changes the clock at a time
+  // The lock order: controlMutex_, queuesMutex_, a queue's own mutex (held
+  // while the queue calls setBusy()), busyMutex_.
+  using Mutex = reachabilityCache::Mutex;
+  Mutex controlMutex_;  // one caller changes the clock at a time
   std::atomic<uint64_t> tasksRun_{0};
-  mutable std::mutex queuesMutex_;
-  std::vector<Queue*> queues_;  // guarded by queuesMutex_
+  mutable Mutex queuesMutex_ RC_ACQUIRED_AFTER(controlMutex_);
+  std::vector<Queue*> queues_ RC_GUARDED_BY(queuesMutex_);
 
-  std::mutex busyMutex_;
-  std::condition_variable idle_;
-  int64_t busyQueues_ = 0;  // guarded by busyMutex_
+  Mutex busyMutex_ RC_ACQUIRED_AFTER(queuesMutex_);
+  std::condition_variable_any idle_;
+  int64_t busyQueues_ RC_GUARDED_BY(busyMutex_) = 0;
 };
 
 }  // namespace veranda::scheduling

@@ -50,8 +50,9 @@ kit_library() {
 }
 kit_library stubApplianceDriver scripts/ci/android-branch/StubApplianceDriver.cpp
 kit_library stubMetric platform/metrics/Metric.cpp -I /usr/include/android -L "${liblog_dir}" -llog
+# The scheduling stand-in locks with the library's header-only Mutex (src/sync).
 kit_library stubTaskExecutor platform/taskExecutor/TaskExecutor.cpp \
-  platform/scheduling/DelayedTaskQueue.cpp platform/scheduling/TimeSource.cpp -pthread
+  platform/scheduling/DelayedTaskQueue.cpp platform/scheduling/TimeSource.cpp -I src -pthread
 
 echo "== configure, build and install with ANDROID set"
 rm -rf "${build}"

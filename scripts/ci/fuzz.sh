@@ -3,8 +3,9 @@
 # each for a short while on a copy of its seed corpus; any crash, leak,
 # sanitizer report or broken expectation fails the script and leaves the
 # reproducer in build/fuzz/artifacts/. A target's tests/fuzz/<target>.dict,
-# when there is one, is its dictionary. Override the time per target with
-# FUZZ_SECONDS.
+# when there is one, is its dictionary, with every text of the log schema
+# (src/diagnostics/LogSchema.h) added, so that the tags and labels are spelled
+# in the schema alone. Override the time per target with FUZZ_SECONDS.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 
@@ -20,13 +21,15 @@ work=$(mktemp -d)
 trap 'rm -rf "${work}"' EXIT
 
 for target in StoreSequenceFuzzer FunctionLabelFuzzer ConnectivityFilterFuzzer \
-  ScenarioLoaderFuzzer; do
+  ScenarioLoaderFuzzer TraceCaptureFuzzer; do
   echo "=== fuzz: ${target}, ${seconds} s ==="
   cp -r "tests/fuzz/corpus/${target}" "${work}/${target}"
   log="${work}/${target}.log"
   dictionary=()
   if [ -f "tests/fuzz/${target}.dict" ]; then
-    dictionary=(-dict="tests/fuzz/${target}.dict")
+    cp "tests/fuzz/${target}.dict" "${work}/${target}.dict"
+    grep -o '= "[^"]\+"' src/diagnostics/LogSchema.h | sed -e 's/^= //' -e 's/\\n/\\x0a/g' | sort -u >>"${work}/${target}.dict"
+    dictionary=(-dict="${work}/${target}.dict")
   fi
   if ! ASAN_OPTIONS="detect_leaks=1:abort_on_error=1" \
     UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1" \

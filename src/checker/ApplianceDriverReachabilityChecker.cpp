@@ -1,11 +1,16 @@
 #include "reachabilityCache/ApplianceDriverReachabilityChecker.h"
 
+#include <cstddef>
+#include <memory>
 #include <mutex>
+#include <string_view>
 #include <utility>
 
+#include "checker/CapabilitySetCopy.h"
 #include "diagnostics/ComponentLog.h"
 #include "diagnostics/LogBuilder.h"
 #include "diagnostics/LogSchema.h"
+#include "memory/Arena.h"
 
 namespace veranda::reachabilityCache {
 
@@ -39,11 +44,37 @@ CapabilitySet capabilitiesOf(const DiscoveredDevice& device) {
   return capabilities;
 }
 
+// Tables that live for one check, their nodes in an arena.
+template <typename Key, typename Value>
+using ArenaTable = std::unordered_map<Key, Value, std::hash<Key>, std::equal_to<Key>,
+                                      ArenaAllocator<std::pair<const Key, Value>>>;
+
+struct RequestedEndpoint;
+// Endpoint id to the requested endpoint of that id.
+using RequestTable = ArenaTable<std::string_view, RequestedEndpoint*>;
+
+// One requested endpoint; its ids view the request's text.
+struct RequestedEndpoint {
+  std::string_view endpointId;
+  std::string_view entityId;
+  std::string_view adapterName;
+  // Its capabilities as the request's table would keep them: a copy of the
+  // requested set, listed (keys and bucket count) so that the copy can be
+  // rebuilt for the result that needs it, or, where that cannot be done,
+  // held whole.
+  std::size_t firstKey = 0;
+  std::size_t keyCount = 0;
+  std::size_t bucketCount = 0;
+  std::unique_ptr<CapabilitySet> whole;
+};
+
 // Completes the result that the devices left for `endpointId`: what no
 // supported device gave comes from the request. A supported device always
 // names its adapter, so only an endpoint that none stood behind lacks one.
+template <typename Request>
 ReachabilityCheckResult completedResult(std::string endpointId, ReachabilityCheckResult result,
-                                        const EndpointInfo& requested) {
+                                        const Request& request,
+                                        const RequestedEndpoint& requested) {
   result.endpointId = std::move(endpointId);
   if (result.adapterName.empty()) {
     result.adapterName = requested.adapterName;
@@ -52,7 +83,7 @@ ReachabilityCheckResult completedResult(std::string endpointId, ReachabilityChec
     result.entityId = requested.entityId;
   }
   if (result.capabilities.empty()) {
-    result.capabilities = requested.capabilities;
+    request.assignCapabilities(requested, result.capabilities);
   }
   return result;
 }
@@ -76,6 +107,123 @@ std::string describeRequest(const std::vector<EndpointInfo>& endpoints,
 }
 
 }  // namespace
+
+// Every id and capability of the request in one block of text, so that
+// holding a request until the driver answers costs a few allocations rather
+// than about a dozen per endpoint. The lookup table is keyed by views of the
+// ids, with the same hash and the same insertions as a table keyed by the
+// ids' strings, so that it lists the endpoints in the same order; the
+// capability sets that a table of whole endpoints would hold are rebuilt
+// only for the results that take one.
+// Endpoint id to the result that the driver's devices make of it.
+class ApplianceDriverReachabilityChecker::ResultTable
+    : public ArenaTable<std::string, ReachabilityCheckResult> {
+ public:
+  using Table = ArenaTable<std::string, ReachabilityCheckResult>;
+  using Table::Table;
+};
+
+class ApplianceDriverReachabilityChecker::CheckRequest {
+ public:
+  explicit CheckRequest(const std::vector<EndpointInfo>& endpoints) {
+    std::size_t length = 0;
+    std::size_t keys = 0;
+    for (const EndpointInfo& endpoint : endpoints) {
+      length += endpoint.endpointId.size() + endpoint.entityId.size() + endpoint.adapterName.size();
+      for (const CapabilityKey& key : endpoint.capabilities) {
+        length += key.capability.size() + key.qualifier.size();
+      }
+      keys += endpoint.capabilities.size();
+    }
+    // Reserved whole, so that appending never moves what the views see; the
+    // same for the entries, which the table points to.
+    text_.reserve(length);
+    keys_.reserve(keys);
+    entries_.reserve(endpoints.size());
+  }
+
+  // Adds `endpoint`; a later endpoint of the same id replaces the earlier
+  // one's data in place, as assigning it to the table's entry does.
+  void add(const EndpointInfo& endpoint) {
+    const auto found = lookup_.find(endpoint.endpointId);
+    if (found == lookup_.end()) {
+      RequestedEndpoint& entry = entries_.emplace_back();
+      entry.endpointId = keep(endpoint.endpointId);
+      entry.entityId = keep(endpoint.entityId);
+      entry.adapterName = keep(endpoint.adapterName);
+      keepCapabilities(endpoint.capabilities, entry);
+      lookup_.emplace(entry.endpointId, &entry);
+      return;
+    }
+    RequestedEndpoint& entry = *found->second;
+    entry.entityId = keep(endpoint.entityId);
+    entry.adapterName = keep(endpoint.adapterName);
+    if (!entry.whole) {
+      entry.whole = std::make_unique<CapabilitySet>(rebuilt(entry));
+    }
+    *entry.whole = endpoint.capabilities;
+  }
+
+  // Endpoint id to the requested endpoint of that id.
+  const RequestTable& lookup() const { return lookup_; }
+
+  // Assigns the entry's capabilities, as the table's copy of the requested
+  // set, to `target`.
+  void assignCapabilities(const RequestedEndpoint& entry, CapabilitySet& target) const {
+    if (entry.whole) {
+      target = *entry.whole;
+      return;
+    }
+    const CapabilitySet kept = rebuilt(entry);
+    target = kept;
+  }
+
+ private:
+  // The table's copy of the set of an entry that lists its keys.
+  CapabilitySet rebuilt(const RequestedEndpoint& entry) const {
+    const auto first = keys_.begin() + static_cast<std::ptrdiff_t>(entry.firstKey);
+    return rebuildCopy(first, first + static_cast<std::ptrdiff_t>(entry.keyCount),
+                       entry.bucketCount);
+  }
+
+  std::string_view keep(const std::string& text) {
+    const std::size_t start = text_.size();
+    text_ += text;
+    return std::string_view(text_).substr(start, text.size());
+  }
+
+  void keepCapabilities(const CapabilitySet& capabilities, RequestedEndpoint& entry) {
+    if (capabilities.max_load_factor() != CapabilitySet().max_load_factor() ||
+        !rebuildable(capabilities.bucket_count())) {
+      entry.whole = std::make_unique<CapabilitySet>(capabilities);
+      return;
+    }
+    entry.firstKey = keys_.size();
+    entry.keyCount = capabilities.size();
+    entry.bucketCount = capabilities.bucket_count();
+    for (const CapabilityKey& key : capabilities) {
+      keys_.emplace_back(keep(key.capability), keep(key.qualifier));
+    }
+  }
+
+  // canRebuildCopy(), asked once per bucket count in a row: the sets of one
+  // request mostly share theirs.
+  bool rebuildable(std::size_t bucketCount) {
+    if (bucketCount != probedBucketCount_) {
+      probedBucketCount_ = bucketCount;
+      probedRebuildable_ = canRebuildCopy(bucketCount);
+    }
+    return probedRebuildable_;
+  }
+
+  std::string text_;
+  std::vector<CapabilityKeyView> keys_;
+  std::vector<RequestedEndpoint> entries_;
+  Arena arena_;  // the table's nodes and buckets
+  RequestTable lookup_{RequestTable::allocator_type(arena_)};
+  std::size_t probedBucketCount_ = 0;
+  bool probedRebuildable_ = false;
+};
 
 const std::unordered_set<std::string> ApplianceDriverReachabilityChecker::SUPPORTED_ADAPTERS = {
     "PROT_ZIGBEE-ADAPTER", "PROT_WIFI-ADAPTER",     "PROT_LOCALSKILLS-ADAPTER", "PROT_CHIP-ADAPTER",
@@ -115,12 +263,14 @@ bool ApplianceDriverReachabilityChecker::checkReachability(
     return true;
   }
 
-  std::unordered_map<std::string, EndpointInfo> lookup;
-  buildEndpointLookupMap(endpoints, lookup);
+  // Shared by the copies that the driver may make of the completion.
+  auto request = std::make_shared<CheckRequest>(endpoints);
+  buildEndpointLookupMap(endpoints, *request);
 
-  auto completion = [checker = this, lookup = std::move(lookup), callback = std::move(callback),
+  auto completion = [checker = this, request = std::shared_ptr<const CheckRequest>(request),
+                     callback = std::move(callback),
                      requestId](const std::vector<DiscoveredDevice>& devices) {
-    callback(checker->processDiscoveredDevices(devices, lookup, requestId));
+    callback(checker->processDiscoveredDevices(devices, *request, requestId));
   };
 
   if (!driver.getReachableDevices(requestId, std::move(completion))) {
@@ -136,22 +286,21 @@ bool ApplianceDriverReachabilityChecker::checkReachability(
 }
 
 void ApplianceDriverReachabilityChecker::buildEndpointLookupMap(
-    const std::vector<EndpointInfo>& endpoints,
-    std::unordered_map<std::string, EndpointInfo>& lookup) const {
+    const std::vector<EndpointInfo>& endpoints, CheckRequest& request) const {
   for (const EndpointInfo& endpoint : endpoints) {
-    lookup.insert_or_assign(endpoint.endpointId, endpoint);
+    request.add(endpoint);
   }
 }
 
 std::vector<ReachabilityCheckResult> ApplianceDriverReachabilityChecker::processDiscoveredDevices(
-    const std::vector<DiscoveredDevice>& devices,
-    const std::unordered_map<std::string, EndpointInfo>& lookup,
+    const std::vector<DiscoveredDevice>& devices, const CheckRequest& request,
     const std::string& requestId) const {
   // Every requested endpoint starts unreachable, with nothing copied yet: the
   // requested data fills in at the end what no device replaced.
-  std::unordered_map<std::string, ReachabilityCheckResult> table;
-  for (const auto& entry : lookup) {
-    table.emplace(entry.first,
+  Arena arena;
+  ResultTable table{ResultTable::allocator_type(arena)};
+  for (const auto& entry : request.lookup()) {
+    table.emplace(std::string(entry.first),
                   ReachabilityCheckResult("", "", "", false, {}, ApplianceDriverType::NO_DRIVER));
   }
   for (const DiscoveredDevice& device : devices) {
@@ -163,9 +312,9 @@ std::vector<ReachabilityCheckResult> ApplianceDriverReachabilityChecker::process
   results.reserve(table.size());
   while (!table.empty()) {
     auto entry = table.extract(table.begin());
-    const EndpointInfo& requested = lookup.find(entry.key())->second;
+    const RequestedEndpoint& requested = *request.lookup().find(entry.key())->second;
     results.push_back(
-        completedResult(std::move(entry.key()), std::move(entry.mapped()), requested));
+        completedResult(std::move(entry.key()), std::move(entry.mapped()), request, requested));
   }
   logChecker(LogPriority::INFO, LogBuilder(label::PROCESS_DISCOVERED_DEVICES, nullptr)
                                     .d(key::REQUEST_ID, requestId.c_str())
@@ -175,8 +324,7 @@ std::vector<ReachabilityCheckResult> ApplianceDriverReachabilityChecker::process
 }
 
 void ApplianceDriverReachabilityChecker::updateResultWithDiscoveredDevice(
-    const DiscoveredDevice& device,
-    std::unordered_map<std::string, ReachabilityCheckResult>& results) const {
+    const DiscoveredDevice& device, ResultTable& results) const {
   const auto stored = results.find(device.endpointId);
   if (stored == results.end()) {
     return;

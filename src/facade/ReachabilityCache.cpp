@@ -58,6 +58,10 @@ ReachabilityCache::~ReachabilityCache() {
   if (updater) {
     updater->stopPeriodicUpdates();
   }
+  // Late answers are dropped from here on, before the updater goes.
+  if (auto* guard = dynamic_cast<ReachabilityCheckerGuard*>(config.reachabilityChecker.get())) {
+    guard->close();
+  }
 }
 
 bool ReachabilityCache::isEntityReachable(const std::string& entityId) const {
@@ -138,5 +142,7 @@ bool ReachabilityCache::registerReachabilityListener(const std::string& listener
 bool ReachabilityCache::unregisterReachabilityListener(const std::string& listenerId) {
   return cacheCore->unregisterReachabilityListener(listenerId);
 }
+
+ReachabilityCacheHealth ReachabilityCache::health() const { return updater->health(); }
 
 }  // namespace veranda::reachabilityCache

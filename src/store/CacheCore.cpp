@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <iterator>
 #include <string_view>
+#include <type_traits>
 #include <utility>
 
 #include "diagnostics/ComponentLog.h"
@@ -33,7 +34,8 @@ void logEndpointAction(LogPriority priority, const char* function, const char* a
 
 // Logs and records the refusal of a record with an empty entity or endpoint
 // id; false when both ids are set.
-bool refusedForEmptyId(const CachedEndpoint& endpoint) {
+template <typename Record>
+bool refusedForEmptyId(const Record& endpoint) {
   if (endpoint.entityId.empty()) {
     logStore(LogPriority::WARN, LogBuilder(label::INSERT_ENDPOINT, nullptr)
                                     .d(key::REASON, reason::EMPTY_ENTITY_ID)
@@ -72,6 +74,16 @@ void mergeInto(CachedEndpoint& stored, CachedEndpoint&& incoming) {
   }
 }
 
+// The same for a borrowed record, which carries one driver type.
+template <typename Borrowed>
+void mergeBorrowed(CachedEndpoint& stored, const Borrowed& incoming) {
+  fileCapabilities(stored.driverCapabilities, incoming.driverType,
+                   CapabilitySet(incoming.capabilities));
+  if (!incoming.adapterName.empty()) {
+    stored.adapterName = incoming.adapterName;
+  }
+}
+
 // True when NATIVE or CONNECTED (0, 1) reported the endpoint, even with no capability.
 bool reachedByDriver(const CachedEndpoint& endpoint) {
   return endpoint.driverCapabilities.count(ApplianceDriverType::NATIVE) != 0 ||
@@ -103,10 +115,16 @@ bool CacheCore::insertEndpoint(CachedEndpoint&& endpoint) {
   return insertRecord(std::move(endpoint));
 }
 
+bool CacheCore::insertEndpoint(const std::string& endpointId, const std::string& entityId,
+                               const std::string& adapterName, ApplianceDriverType driverType,
+                               const CapabilitySet& capabilities) {
+  return insertRecord(BorrowedRecord{endpointId, entityId, adapterName, driverType, capabilities});
+}
+
 template <typename Record>
 bool CacheCore::insertRecord(Record&& endpoint) {
   const std::string& entityId = normalizeEntityId(endpoint.entityId);
-  MutexLock lock(storeMutex);
+  WriterLock lock(storeMutex);
   if (refusedForEmptyId(endpoint)) {
     return false;
   }
@@ -122,7 +140,12 @@ bool CacheCore::insertRecord(Record&& endpoint) {
   std::vector<CachedEndpoint>& endpoints = entityIndex[entityId];
   auto stored = findEndpointInVector(endpoints, endpoint.endpointId);
   if (stored == endpoints.end()) {
-    endpoints.push_back(std::forward<Record>(endpoint));
+    if constexpr (std::is_same_v<std::decay_t<Record>, BorrowedRecord>) {
+      endpoints.emplace_back(endpoint.endpointId, endpoint.entityId, endpoint.adapterName,
+                             endpoint.driverType, CapabilitySet(endpoint.capabilities));
+    } else {
+      endpoints.push_back(std::forward<Record>(endpoint));
+    }
     stored = std::prev(endpoints.end());
     // A fresh string: assigned in place, the stored id would keep the
     // capacity of the id as passed, prefix included.
@@ -131,7 +154,11 @@ bool CacheCore::insertRecord(Record&& endpoint) {
                       entityKnown ? action::APPENDED : action::NEW_ENTITY, entityId,
                       stored->endpointId);
   } else {
-    mergeInto(*stored, std::forward<Record>(endpoint));
+    if constexpr (std::is_same_v<std::decay_t<Record>, BorrowedRecord>) {
+      mergeBorrowed(*stored, endpoint);
+    } else {
+      mergeInto(*stored, std::forward<Record>(endpoint));
+    }
     logStore(LogPriority::DEBUG, LogBuilder(label::INSERT_ENDPOINT, nullptr)
                                      .d(key::ACTION, action::MERGED)
                                      .d(key::ENTITY_ID, entityId.c_str())
@@ -149,7 +176,7 @@ bool CacheCore::insertEndpoint(const EndpointInfo& info) {
 
 bool CacheCore::removeEndpoint(const std::string& entityId, const std::string& endpointId) {
   const std::string& id = normalizeEntityId(entityId);
-  MutexLock lock(storeMutex);
+  WriterLock lock(storeMutex);
   std::vector<CachedEndpoint>* endpoints = findEndpointsMutableLocked(id);
   if (endpoints == nullptr) {
     logEndpointAction(LogPriority::DEBUG, label::REMOVE_ENDPOINT, action::NOT_FOUND, id,
@@ -178,7 +205,7 @@ bool CacheCore::removeEndpoint(const std::string& entityId, const std::string& e
 
 bool CacheCore::removeEntity(const std::string& entityId) {
   const std::string& id = normalizeEntityId(entityId);
-  MutexLock lock(storeMutex);
+  WriterLock lock(storeMutex);
   const auto entity = entityIndex.find(id);
   if (entity == entityIndex.end()) {
     // The one store line keyed "event" rather than "action"; readers match on it.
@@ -201,7 +228,7 @@ bool CacheCore::removeEntity(const std::string& entityId) {
 }
 
 void CacheCore::clear() {
-  MutexLock lock(storeMutex);
+  WriterLock lock(storeMutex);
   const std::size_t previousSize = entityIndex.size();
   for (const auto& entity : entityIndex) {
     changeFeed_.record(entity.first);
@@ -216,7 +243,7 @@ void CacheCore::clear() {
 bool CacheCore::clearEndpointCapabilities(const std::string& entityId,
                                           const std::string& endpointId) {
   const std::string& id = normalizeEntityId(entityId);
-  MutexLock lock(storeMutex);
+  WriterLock lock(storeMutex);
   std::vector<CachedEndpoint>* endpoints = findEndpointsMutableLocked(id);
   if (endpoints == nullptr) {
     logEndpointAction(LogPriority::DEBUG, label::CLEAR_ENDPOINT_CAPABILITIES, action::NOT_FOUND, id,
@@ -239,12 +266,12 @@ bool CacheCore::clearEndpointCapabilities(const std::string& entityId,
 // ---- Size ----
 
 std::size_t CacheCore::size() const {
-  MutexLock lock(storeMutex);
+  ReaderLock lock(storeMutex);
   return entityIndex.size();
 }
 
 bool CacheCore::isFull() const {
-  MutexLock lock(storeMutex);
+  ReaderLock lock(storeMutex);
   return entityIndex.size() >= maxSize_;
 }
 
@@ -252,7 +279,7 @@ bool CacheCore::isFull() const {
 
 bool CacheCore::isEntityPresent(const std::string& entityId) const {
   const std::string& id = normalizeEntityId(entityId);
-  MutexLock lock(storeMutex);
+  ReaderLock lock(storeMutex);
   const bool present = findEndpointsLocked(id) != nullptr;
   logStore(LogPriority::DEBUG, LogBuilder(label::IS_ENTITY_PRESENT, nullptr)
                                    .d(key::ENTITY_ID, id.c_str())
@@ -262,7 +289,7 @@ bool CacheCore::isEntityPresent(const std::string& entityId) const {
 
 bool CacheCore::isEntityReachable(const std::string& entityId) const {
   const std::string& id = normalizeEntityId(entityId);
-  MutexLock lock(storeMutex);
+  ReaderLock lock(storeMutex);
   LogBuilder line(label::IS_ENTITY_REACHABLE, nullptr);
   line.d(key::ENTITY_ID, id.c_str());
   const std::vector<CachedEndpoint>* endpoints = findEndpointsLocked(id);
@@ -286,7 +313,7 @@ bool CacheCore::isEntityReachable(const std::string& entityId) const {
 bool CacheCore::isCapabilityReachable(const std::string& entityId,
                                       const CapabilityKey& capabilityKey) const {
   const std::string& id = normalizeEntityId(entityId);
-  MutexLock lock(storeMutex);
+  ReaderLock lock(storeMutex);
   LogBuilder line(label::IS_CAPABILITY_REACHABLE, nullptr);
   line.d(key::ENTITY_ID, id.c_str()).d(key::CAPABILITY, capabilityKey.capability.c_str());
   const std::vector<CachedEndpoint>* endpoints = findEndpointsLocked(id);
@@ -314,7 +341,7 @@ bool CacheCore::isCapabilityReachableByDriver(const std::string& entityId,
                                               const CapabilityKey& capabilityKey,
                                               ApplianceDriverType driverType) const {
   const std::string& id = normalizeEntityId(entityId);
-  MutexLock lock(storeMutex);
+  ReaderLock lock(storeMutex);
   LogBuilder line(label::IS_CAPABILITY_REACHABLE_BY_DRIVER, nullptr);
   line.d(key::ENTITY_ID, id.c_str())
       .d(key::CAPABILITY, capabilityKey.capability.c_str())
@@ -339,7 +366,7 @@ bool CacheCore::isCapabilityReachableByDriver(const std::string& entityId,
 
 std::string CacheCore::getEndpointIdForEntity(const std::string& entityId) const {
   const std::string& id = normalizeEntityId(entityId);
-  MutexLock lock(storeMutex);
+  ReaderLock lock(storeMutex);
   const std::vector<CachedEndpoint>* endpoints = findEndpointsLocked(id);
   std::string endpointId = endpoints == nullptr ? "" : endpoints->front().endpointId;
   logStore(LogPriority::DEBUG,
@@ -350,7 +377,7 @@ std::string CacheCore::getEndpointIdForEntity(const std::string& entityId) const
 }
 
 std::string CacheCore::getEntityIdForEndpoint(const std::string& endpointId) const {
-  MutexLock lock(storeMutex);
+  ReaderLock lock(storeMutex);
   const auto found = endpointIndex.find(endpointId);
   std::string entityId = found == endpointIndex.end() ? "" : found->second;
   logStore(
@@ -364,7 +391,7 @@ std::string CacheCore::getEntityIdForEndpoint(const std::string& endpointId) con
 std::string CacheCore::getAdapterName(const std::string& entityId,
                                       const std::string& endpointId) const {
   const std::string& id = normalizeEntityId(entityId);
-  MutexLock lock(storeMutex);
+  ReaderLock lock(storeMutex);
   const std::vector<CachedEndpoint>* endpoints = findEndpointsLocked(id);
   if (endpoints == nullptr) {
     return "";
@@ -376,7 +403,7 @@ std::string CacheCore::getAdapterName(const std::string& entityId,
 std::vector<EndpointInfo> CacheCore::getEndpointsForEntity(const std::string& entityId) const {
   const std::string& id = normalizeEntityId(entityId);
   std::vector<EndpointInfo> result;
-  MutexLock lock(storeMutex);
+  ReaderLock lock(storeMutex);
   const std::vector<CachedEndpoint>* endpoints = findEndpointsLocked(id);
   if (endpoints == nullptr) {
     return result;
@@ -390,7 +417,7 @@ std::vector<EndpointInfo> CacheCore::getEndpointsForEntity(const std::string& en
 
 std::unordered_map<std::string, std::unordered_map<std::string, std::string>>
 CacheCore::getReachableEndpointsMap() const {
-  MutexLock lock(storeMutex);
+  ReaderLock lock(storeMutex);
   std::unordered_map<std::string, std::unordered_map<std::string, std::string>> result;
   for (const auto& [entityId, endpoints] : entityIndex) {
     std::unordered_map<std::string, std::string>& adapters = result[entityId];
@@ -402,13 +429,33 @@ CacheCore::getReachableEndpointsMap() const {
 }
 
 std::unordered_map<std::string, std::string> CacheCore::getCachedEndpointIds() const {
-  MutexLock lock(storeMutex);
+  ReaderLock lock(storeMutex);
   return endpointIndex;
+}
+
+std::vector<std::pair<std::string, std::string>> CacheCore::getEndpointsNotNamed(
+    const EndpointIdSet& named) const {
+  std::vector<std::pair<std::string, std::string>> found;
+  {
+    ReaderLock lock(storeMutex);
+    for (const auto& [endpointId, entityId] : endpointIndex) {
+      if (named.count(endpointId) == 0) {
+        found.emplace_back(endpointId, entityId);
+      }
+    }
+  }
+#if defined(_LIBCPP_VERSION)
+  // libc++ copies an unordered map by inserting the source's entries, in
+  // order, into a table of as many buckets, each at the front of its bucket:
+  // the copy lists them in reverse. libstdc++'s copy keeps the order.
+  std::reverse(found.begin(), found.end());
+#endif
+  return found;
 }
 
 std::unordered_set<std::string> CacheCore::getReachableEntityIds() const {
   std::unordered_set<std::string> reachable;
-  MutexLock lock(storeMutex);
+  ReaderLock lock(storeMutex);
   for (const auto& [entityId, endpoints] : entityIndex) {
     if (std::any_of(endpoints.begin(), endpoints.end(), reachedByDriver)) {
       reachable.insert(entityId);
@@ -419,9 +466,15 @@ std::unordered_set<std::string> CacheCore::getReachableEntityIds() const {
 
 bool CacheCore::isEntityReachableUnlogged(const std::string& entityId) const {
   const std::string& id = normalizeEntityId(entityId);
-  MutexLock lock(storeMutex);
+  ReaderLock lock(storeMutex);
   const std::vector<CachedEndpoint>* endpoints = findEndpointsLocked(id);
   return endpoints != nullptr && std::any_of(endpoints->begin(), endpoints->end(), reachedByDriver);
+}
+
+std::string CacheCore::entityIdOfEndpoint(const std::string& endpointId) const {
+  ReaderLock lock(storeMutex);
+  const auto found = endpointIndex.find(endpointId);
+  return found == endpointIndex.end() ? "" : found->second;
 }
 
 // ---- Lookups under the store mutex ----

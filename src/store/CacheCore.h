@@ -4,18 +4,23 @@
 
 #include <cstddef>
 #include <functional>
+#include <memory>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <unordered_set>
+#include <utility>
 #include <vector>
 
 #include "applianceDriver/ApplianceDriver.h"
+#include "memory/Arena.h"
 #include "reachabilityCache/CachedEndpoint.h"
 #include "reachabilityCache/CapabilityKey.h"
 #include "reachabilityCache/EndpointInfo.h"
-#include "reachabilityCache/ReachabilityCache.h"
+#include "reachabilityCache/ReachabilityListener.h"
 #include "store/ChangeFeed.h"
 #include "sync/Mutex.h"
+#include "sync/SharedMutex.h"
 
 namespace veranda::reachabilityCache {
 
@@ -26,15 +31,21 @@ namespace veranda::reachabilityCache {
 // NATIVE or CONNECTED (0, 1).
 //
 // Thread safety: every public operation may be called from any thread. Store
-// operations take the store mutex for their whole body; listener operations
-// take a separate listener mutex; the two are never held together, and
-// listeners are called outside both. Changing the store never notifies: the
+// operations take the store mutex for their whole body: queries (the const
+// operations) shared, so that they run side by side, and changes exclusively;
+// each operation sees one state of the store. Listener operations take a
+// separate listener mutex; the two are never held together, and listeners are
+// called outside both. Changing the store never notifies: the
 // caller that decides a change happened calls notifyReachabilityListeners().
 // Every change records the entities it touched in the change feed, with the
 // store mutex held.
 class CacheCore {
  public:
-  using ReachabilityListener = ReachabilityCache::ReachabilityListener;
+  // Endpoint ids viewed, not copied, with their nodes in an arena: the ids a
+  // cycle's provider named.
+  using EndpointIdSet =
+      std::unordered_set<std::string_view, std::hash<std::string_view>,
+                         std::equal_to<std::string_view>, ArenaAllocator<std::string_view>>;
 
   // `entityId` without one leading "orbt1.veyra.endpoint." (exact,
   // case-sensitive): the id under which the store keeps the entity. The
@@ -62,6 +73,13 @@ class CacheCore {
   bool insertEndpoint(CachedEndpoint&& endpoint) RC_EXCLUDES(storeMutex);
   // Inserts `info` with its capabilities filed under NO_DRIVER.
   bool insertEndpoint(const EndpointInfo& info) RC_EXCLUDES(storeMutex);
+  // The same as inserting CachedEndpoint(endpointId, entityId, adapterName,
+  // driverType, capabilities), without building that record when the
+  // endpoint is stored already.
+  bool insertEndpoint(const std::string& endpointId, const std::string& entityId,
+                      const std::string& adapterName,
+                      applianceDriver::ApplianceDriverType driverType,
+                      const CapabilitySet& capabilities) RC_EXCLUDES(storeMutex);
   // Removes one endpoint of one entity, and the entity with its last endpoint.
   bool removeEndpoint(const std::string& entityId, const std::string& endpointId)
       RC_EXCLUDES(storeMutex);
@@ -107,10 +125,17 @@ class CacheCore {
   getReachableEndpointsMap() const RC_EXCLUDES(storeMutex);
   // Not logged. A copy of the endpoint id to entity id index.
   std::unordered_map<std::string, std::string> getCachedEndpointIds() const RC_EXCLUDES(storeMutex);
+  // Not logged. The (endpoint id, entity id) pairs of the endpoint index
+  // whose endpoint id `named` lacks, in the order in which a copy of the
+  // index (getCachedEndpointIds()) lists them.
+  std::vector<std::pair<std::string, std::string>> getEndpointsNotNamed(
+      const EndpointIdSet& named) const RC_EXCLUDES(storeMutex);
   // Not logged. Every entity that isEntityReachable() answers true for.
   std::unordered_set<std::string> getReachableEntityIds() const RC_EXCLUDES(storeMutex);
   // Not logged. What isEntityReachable() answers.
   bool isEntityReachableUnlogged(const std::string& entityId) const RC_EXCLUDES(storeMutex);
+  // Not logged. What getEntityIdForEndpoint() answers.
+  std::string entityIdOfEndpoint(const std::string& endpointId) const RC_EXCLUDES(storeMutex);
 
   // ---- Followers ----
 
@@ -133,7 +158,7 @@ class CacheCore {
   // Lookups under the store mutex, of an entity id already normalised. Null
   // when the entity is absent or has no endpoints.
   const std::vector<CachedEndpoint>* findEndpointsLocked(const std::string& entityId) const
-      RC_REQUIRES(storeMutex);
+      RC_REQUIRES_SHARED(storeMutex);
   // Null only when the entity is absent.
   std::vector<CachedEndpoint>* findEndpointsMutableLocked(const std::string& entityId)
       RC_REQUIRES(storeMutex);
@@ -143,7 +168,17 @@ class CacheCore {
   static std::vector<CachedEndpoint>::iterator findEndpointInVector(
       std::vector<CachedEndpoint>& endpoints, const std::string& endpointId);
 
-  // Both insertEndpoint() overloads: copies from an lvalue, moves from an rvalue.
+  // A record's fields, borrowed from the caller.
+  struct BorrowedRecord {
+    const std::string& endpointId;
+    const std::string& entityId;
+    const std::string& adapterName;
+    applianceDriver::ApplianceDriverType driverType;
+    const CapabilitySet& capabilities;
+  };
+
+  // Every insertEndpoint(): copies from an lvalue, moves from an rvalue,
+  // copies only what it keeps from a borrowed record.
   template <typename Record>
   bool insertRecord(Record&& endpoint) RC_EXCLUDES(storeMutex);
 
@@ -151,8 +186,13 @@ class CacheCore {
       RC_GUARDED_BY(storeMutex);
   std::unordered_map<std::string, std::string> endpointIndex RC_GUARDED_BY(storeMutex);
   const unsigned int maxSize_;
-  mutable Mutex storeMutex;
-  std::unordered_map<std::string, ReachabilityListener> listeners RC_GUARDED_BY(listenerMutex);
+  mutable SharedMutex storeMutex;
+  using ListenerTable = std::unordered_map<std::string, ReachabilityListener>;
+  ListenerTable listeners RC_GUARDED_BY(listenerMutex);
+  // A copy of `listeners` taken at each change of it: a notification calls
+  // the listeners of a copy of the table, and this one is made once, not per
+  // notification. Null until the first registration.
+  std::shared_ptr<const ListenerTable> listenerSnapshot RC_GUARDED_BY(listenerMutex);
   mutable Mutex listenerMutex;
   ChangeFeed changeFeed_;
 };

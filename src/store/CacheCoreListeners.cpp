@@ -1,6 +1,7 @@
 // The listener table of CacheCore, guarded by the listener mutex alone.
 #include "store/CacheCore.h"
 
+#include <memory>
 #include <utility>
 
 #include "diagnostics/ComponentLog.h"
@@ -17,6 +18,9 @@ bool CacheCore::registerReachabilityListener(
     const std::string& listenerId,
     // NOLINTNEXTLINE(performance-unnecessary-value-param): the table takes ownership.
     ReachabilityListener callback) {
+  // Declared before the lock so that the replaced copies of the callbacks are
+  // destroyed after the lock is released.
+  std::shared_ptr<const ListenerTable> previousSnapshot;
   MutexLock lock(listenerMutex);
   // try_emplace leaves `callback` untouched when the id is taken.
   if (!listeners.try_emplace(listenerId, std::move(callback)).second) {
@@ -31,13 +35,16 @@ bool CacheCore::registerReachabilityListener(
                                   .d(key::LISTENER_ID, listenerId.c_str())
                                   .d(key::RESULT, result::SUCCESS)
                                   .d(key::TOTAL_LISTENERS, listeners.size()));
+  previousSnapshot =
+      std::exchange(listenerSnapshot, std::make_shared<const ListenerTable>(listeners));
   return true;
 }
 
 bool CacheCore::unregisterReachabilityListener(const std::string& listenerId) {
   // Declared before the lock so that the callback's captures are destroyed
   // after the lock is released.
-  std::unordered_map<std::string, ReachabilityListener>::node_type removed;
+  ListenerTable::node_type removed;
+  std::shared_ptr<const ListenerTable> previousSnapshot;
   MutexLock lock(listenerMutex);
   const auto found = listeners.find(listenerId);
   if (found == listeners.end()) {
@@ -53,17 +60,19 @@ bool CacheCore::unregisterReachabilityListener(const std::string& listenerId) {
                                   .d(key::LISTENER_ID, listenerId.c_str())
                                   .d(key::RESULT, result::SUCCESS)
                                   .d(key::TOTAL_LISTENERS, listeners.size()));
+  previousSnapshot =
+      std::exchange(listenerSnapshot, std::make_shared<const ListenerTable>(listeners));
   return true;
 }
 
 void CacheCore::notifyReachabilityListeners(const std::string& endpointId,
                                             const std::string& entityId, bool isReachable) {
-  std::unordered_map<std::string, ReachabilityListener> snapshot;
+  std::shared_ptr<const ListenerTable> snapshot;
   {
     MutexLock lock(listenerMutex);
-    snapshot = listeners;
+    snapshot = listenerSnapshot;
   }
-  if (snapshot.empty()) {
+  if (snapshot == nullptr || snapshot->empty()) {
     return;
   }
   logStore(LogPriority::DEBUG, LogBuilder(label::NOTIFY_REACHABILITY_LISTENERS, nullptr)
@@ -71,12 +80,14 @@ void CacheCore::notifyReachabilityListeners(const std::string& endpointId,
                                    .d(key::ENDPOINT_ID, endpointId.c_str())
                                    .d(key::ENTITY_ID, entityId.c_str())
                                    .d(key::IS_REACHABLE, boolText(isReachable))
-                                   .d(key::LISTENER_COUNT, snapshot.size()));
+                                   .d(key::LISTENER_COUNT, snapshot->size()));
   // What a listener changes is the listener's own doing, whatever caused the
   // notification.
   const ChangeOriginScope origin(ChangeOrigin::HOST);
-  for (const auto& entry : snapshot) {
-    entry.second(endpointId, entityId, isReachable);
+  for (const auto& entry : *snapshot) {
+    // Each call on a copy of its own, as on a copy of the table made now.
+    const ReachabilityListener listener = entry.second;
+    listener(endpointId, entityId, isReachable);
   }
 }
 

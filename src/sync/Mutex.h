@@ -1,76 +1,36 @@
 // The annotated mutex that the library's classes use, and its scoped holder.
 #pragma once
 
-#include <chrono>
 #include <mutex>
 
+#include "sync/SpinWait.h"
 #include "sync/ThreadAnnotations.h"
 
 namespace veranda::reachabilityCache {
 
 // A non-recursive mutex that the thread-safety analysis understands.
 //
-// lock() retries for a short while before it parks. The library's critical
-// sections are short: a query holds the store mutex for under a microsecond,
-// a step of a cycle for one or two. A waiter that parks at once pays a sleep
-// and a wake-up, and the holder a system call to wake it, for a mutex that was
-// free again a few hundred nanoseconds later; meanwhile the holder takes the
-// mutex back, so that two threads asking the store at once got less done
-// together than one alone. A waiter retries with the processor's spin-wait
-// hint between attempts for up to SPIN_TIME, then parks. Measured on the
-// benchmark machine, 99.6 % of the store's sections end within 2 us and
-// almost none last from 4 to 16 us; 8 us covers what is left of one section
-// plus one lost race, with room for cores three times slower. A holder still
-// busy by then is in a long section (the stale sweep's copy of the index) or
-// lost its core, and spinning on would only take a core from it.
+// lock() retries for up to LOCK_SPIN_TIME before it parks. A waiter that
+// parks at once pays a sleep and a wake-up, and the holder a system call to
+// wake it, for a mutex that is free again a few hundred nanoseconds later;
+// meanwhile the holder takes the mutex back, so that two threads taking it in
+// turn got less done together than one alone.
 //
 // Built on std::mutex, so that ThreadSanitizer sees every acquisition.
 class RC_CAPABILITY("mutex") Mutex {
  public:
-  // How long lock() retries before it parks (the measurement that chose it
-  // is in BENCHMARKS.md, under the notes).
-  static constexpr std::chrono::nanoseconds SPIN_TIME{8000};
-
   Mutex() = default;
   Mutex(const Mutex&) = delete;
   Mutex& operator=(const Mutex&) = delete;
 
   void lock() RC_ACQUIRE() {
-    if (!mutex_.try_lock()) {
-      spinThenLock();
+    if (!mutex_.try_lock() && !spinUntil([this] { return mutex_.try_lock(); })) {
+      mutex_.lock();
     }
   }
   void unlock() RC_RELEASE() { mutex_.unlock(); }
 
  private:
-  // Attempts between two looks at the clock: a look costs about as much as an
-  // attempt.
-  static constexpr int ATTEMPTS_PER_CLOCK_READ = 8;
-
-  // Tells the processor that this thread is spinning (x86 "pause", arm
-  // "yield"): it lets the other hardware thread of the core run and saves
-  // power, and on x86 avoids the pipeline flush when the wait ends.
-  static void spinWaitHint() {
-#if defined(__x86_64__) || defined(__i386__)
-    __builtin_ia32_pause();
-#elif defined(__aarch64__) || defined(__arm__)
-    asm volatile("yield" ::: "memory");
-#endif
-  }
-
-  void spinThenLock() {
-    const auto deadline = std::chrono::steady_clock::now() + SPIN_TIME;
-    do {
-      for (int attempt = 0; attempt < ATTEMPTS_PER_CLOCK_READ; ++attempt) {
-        spinWaitHint();
-        if (mutex_.try_lock()) {
-          return;
-        }
-      }
-    } while (std::chrono::steady_clock::now() < deadline);
-    mutex_.lock();
-  }
-
   std::mutex mutex_;
 };
 
@@ -84,6 +44,35 @@ class RC_SCOPED_CAPABILITY MutexLock {
 
  private:
   Mutex& mutex_;
+};
+
+// Holds a Mutex for the lifetime of the scope, except between unlock() and
+// lock(): for a scope that lets go of the mutex around a call, or that waits
+// on a std::condition_variable_any. Leaving the scope releases the mutex only
+// if held, so that an exception thrown while it is let go leaves it free.
+class RC_SCOPED_CAPABILITY RelockableMutexLock {
+ public:
+  explicit RelockableMutexLock(Mutex& mutex) RC_ACQUIRE(mutex) : mutex_(mutex) { mutex_.lock(); }
+  ~RelockableMutexLock() RC_RELEASE() {
+    if (held_) {
+      mutex_.unlock();
+    }
+  }
+  RelockableMutexLock(const RelockableMutexLock&) = delete;
+  RelockableMutexLock& operator=(const RelockableMutexLock&) = delete;
+
+  void lock() RC_ACQUIRE() {
+    mutex_.lock();
+    held_ = true;
+  }
+  void unlock() RC_RELEASE() {
+    held_ = false;
+    mutex_.unlock();
+  }
+
+ private:
+  Mutex& mutex_;
+  bool held_ = true;
 };
 
 }  // namespace veranda::reachabilityCache

@@ -22,7 +22,7 @@
 #include "diagnostics/LogBuilder.h"
 #include "diagnostics/LogSchema.h"
 #include "diagnostics/ReachabilityCacheMetrics.h"
-#include "reachabilityCache/CachedEndpoint.h"
+#include "memory/Arena.h"
 #include "taskExecutor/Message.h"
 
 namespace veranda::reachabilityCache {
@@ -151,7 +151,8 @@ void ReachabilityUpdater::performPeriodicUpdate() {
   const std::string requestId = requestIdPrefix::PERIODIC + generateRequestId();
 
   // Views of the provider's ids: `endpoints` outlives the sweep.
-  std::unordered_set<std::string_view> currentEndpointIds;
+  Arena arena;
+  CacheCore::EndpointIdSet currentEndpointIds{CacheCore::EndpointIdSet::allocator_type(arena)};
   currentEndpointIds.reserve(endpoints.size());
   for (const EndpointInfo& endpoint : endpoints) {
     currentEndpointIds.insert(endpoint.endpointId);
@@ -171,12 +172,11 @@ void ReachabilityUpdater::performPeriodicUpdate() {
   rearmPeriodicUpdate();
 }
 
-void ReachabilityUpdater::removeStaleEntries(
-    const std::unordered_set<std::string_view>& currentEndpointIds) {
-  for (const auto& [endpointId, entityId] : cache->getCachedEndpointIds()) {
-    if (currentEndpointIds.count(endpointId) == 0) {
-      cache->removeEndpoint(entityId, endpointId);
-    }
+void ReachabilityUpdater::removeStaleEntries(const CacheCore::EndpointIdSet& currentEndpointIds) {
+  // In the order of a copy of the index, as if the sweep walked one; without
+  // making it.
+  for (const auto& [endpointId, entityId] : cache->getEndpointsNotNamed(currentEndpointIds)) {
+    cache->removeEndpoint(entityId, endpointId);
   }
 }
 
@@ -205,14 +205,45 @@ void ReachabilityUpdater::performManualUpdate(const std::vector<EndpointInfo>& e
 
 bool ReachabilityUpdater::startCheck(const std::vector<EndpointInfo>& endpoints,
                                      const std::string& requestId, ChangeOrigin origin) {
+  // Counted before the call: the checker may answer before it returns.
+  ++checksRequested_;
   // Without a checker no check can start.
-  return checker != nullptr &&
-         checker->checkReachability(
-             endpoints, requestId,
-             [this, origin](const std::vector<ReachabilityCheckResult>& results) {
-               const ChangeOriginScope scope(origin);
-               processReachabilityResults(results);
-             });
+  const bool started = checker != nullptr &&
+                       checker->checkReachability(
+                           endpoints, requestId,
+                           [this, origin](const std::vector<ReachabilityCheckResult>& results) {
+                             {
+                               const ChangeOriginScope scope(origin);
+                               processReachabilityResults(results);
+                             }
+                             countAnswer(origin);
+                           });
+  if (!started) {
+    ++checksRefused_;
+  }
+  return started;
+}
+
+void ReachabilityUpdater::countAnswer(ChangeOrigin origin) {
+  ++checksAnswered_;
+  if (origin == ChangeOrigin::PERIODIC_CHECK) {
+    lastCycleAnsweredAt_ = std::chrono::steady_clock::now().time_since_epoch().count();
+    ++cyclesAnswered_;
+  }
+}
+
+ReachabilityCacheHealth ReachabilityUpdater::health() const {
+  ReachabilityCacheHealth health;
+  health.hearsConnectivityEvents = proactiveUpdatesEnabled;
+  // Answers first and requests last: a check is requested before it is
+  // answered, so no check shows as answered and not started.
+  health.cyclesAnswered = cyclesAnswered_;
+  health.lastCycleAnsweredAt = std::chrono::steady_clock::time_point(
+      std::chrono::steady_clock::duration(lastCycleAnsweredAt_.load()));
+  health.checksAnswered = checksAnswered_;
+  health.checksNotStarted = checksRefused_;
+  health.checksStarted = checksRequested_ - health.checksNotStarted;
+  return health;
 }
 
 // ---- Result processing ----
@@ -249,9 +280,10 @@ void ReachabilityUpdater::processReachabilityResults(
 
 bool ReachabilityUpdater::processReachableEndpoint(const ReachabilityCheckResult& result,
                                                    bool wasReachable) {
+  // The record the store takes, built only where the store keeps it.
   const bool inserted =
-      cache->insertEndpoint(CachedEndpoint(result.endpointId, result.entityId, result.adapterName,
-                                           result.driverType, result.capabilities));
+      cache->insertEndpoint(result.endpointId, result.entityId, result.adapterName,
+                            result.driverType, result.capabilities);
   if (inserted && !wasReachable) {
     cache->notifyReachabilityListeners(result.endpointId, result.entityId, true);
   }

@@ -13,6 +13,7 @@
 #include "reachabilityCache/EndpointInfo.h"
 #include "reachabilityCache/ICHRProvider.h"
 #include "reachabilityCache/IReachabilityChecker.h"
+#include "reachabilityCache/ReachabilityCacheHealth.h"
 #include "reachabilityCache/ReachabilityCheckResult.h"
 #include "store/CacheCore.h"
 #include "store/ChangeOrigin.h"
@@ -65,15 +66,19 @@ class ReachabilityUpdater {
   void disableProactiveUpdates() RC_EXCLUDES(mutex);
   bool isProactiveUpdatesEnabled() const;
 
+  // Whether events are heard, and how the checks went so far.
+  ReachabilityCacheHealth health() const;
+
  private:
   void performPeriodicUpdate();
   void performManualUpdate(const std::vector<EndpointInfo>& endpoints);
   std::string generateRequestId();
   // Starts a batch check whose results are applied on the checker's thread,
-  // as changes of `origin`.
+  // as changes of `origin`, and counted for health().
   bool startCheck(const std::vector<EndpointInfo>& endpoints, const std::string& requestId,
                   ChangeOrigin origin);
-  void removeStaleEntries(const std::unordered_set<std::string_view>& currentEndpointIds);
+  void countAnswer(ChangeOrigin origin);
+  void removeStaleEntries(const CacheCore::EndpointIdSet& currentEndpointIds);
   void rearmPeriodicUpdate();
   void processReachabilityResults(const std::vector<ReachabilityCheckResult>& results);
   bool processReachableEndpoint(const ReachabilityCheckResult& result, bool wasReachable);
@@ -89,6 +94,12 @@ class ReachabilityUpdater {
   std::string proactiveCallbackId RC_GUARDED_BY(mutex);
   Mutex mutex;
   std::atomic<uint64_t> requestCounter{0};
+  // For health(): checks handed to the checker, refused, answered.
+  std::atomic<uint64_t> checksRequested_{0};
+  std::atomic<uint64_t> checksRefused_{0};
+  std::atomic<uint64_t> checksAnswered_{0};
+  std::atomic<uint64_t> cyclesAnswered_{0};
+  std::atomic<std::chrono::steady_clock::rep> lastCycleAnsweredAt_{0};
   // Declared last so that it is destroyed first: its destructor waits for a
   // running task, which may still use every other member.
   std::shared_ptr<TaskExecutor> taskExecutor;

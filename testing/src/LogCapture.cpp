@@ -109,10 +109,9 @@ class CaptureHub final : public LogSinkForTesting, public MetricSinkForTesting {
  private:
   CaptureHub() = default;
 
-  // Serialises add() and remove(); taken before mutex_, which is taken
-  // before a buffer's.
+  // Serialises add() and remove(). A buffer's mutex is taken after mutex_.
   Mutex changeMutex_;
-  Mutex mutex_;
+  Mutex mutex_ RC_ACQUIRED_AFTER(changeMutex_);
   std::vector<LogCapture::Buffer*> buffers_ RC_GUARDED_BY(mutex_);
 };
 

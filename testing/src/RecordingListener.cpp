@@ -1,6 +1,20 @@
 #include "reachabilityCache/testing/RecordingListener.h"
 
+#include <condition_variable>
+
+#include "sync/Mutex.h"
+
 namespace veranda::reachabilityCache::test {
+
+struct RecordingListener::State {
+  mutable Mutex mutex;
+  std::condition_variable_any arrived;
+  std::vector<Notification> notifications RC_GUARDED_BY(mutex);
+};
+
+RecordingListener::RecordingListener() : state_(std::make_unique<State>()) {}
+
+RecordingListener::~RecordingListener() = default;
 
 ReachabilityCache::ReachabilityListener RecordingListener::callback() {
   return [this](const std::string& endpointId, const std::string& entityId, bool isReachable) {
@@ -10,29 +24,31 @@ ReachabilityCache::ReachabilityListener RecordingListener::callback() {
 
 void RecordingListener::record(const std::string& endpointId, const std::string& entityId,
                                bool isReachable) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  notifications_.push_back({endpointId, entityId, isReachable});
-  arrived_.notify_all();
+  MutexLock lock(state_->mutex);
+  state_->notifications.push_back({endpointId, entityId, isReachable});
+  state_->arrived.notify_all();
 }
 
 std::vector<Notification> RecordingListener::notifications() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return notifications_;
+  MutexLock lock(state_->mutex);
+  return state_->notifications;
 }
 
 std::size_t RecordingListener::count() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return notifications_.size();
+  MutexLock lock(state_->mutex);
+  return state_->notifications.size();
 }
 
 bool RecordingListener::waitForCount(std::size_t count, std::chrono::milliseconds timeout) const {
-  std::unique_lock<std::mutex> lock(mutex_);
-  return arrived_.wait_for(lock, timeout, [&] { return notifications_.size() >= count; });
+  MutexLock lock(state_->mutex);
+  return state_->arrived.wait_for(state_->mutex, timeout, [&]() RC_REQUIRES(state_->mutex) {
+    return state_->notifications.size() >= count;
+  });
 }
 
 void RecordingListener::clear() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  notifications_.clear();
+  MutexLock lock(state_->mutex);
+  state_->notifications.clear();
 }
 
 }  // namespace veranda::reachabilityCache::test

@@ -9,6 +9,7 @@
 #include <string>
 #include <thread>
 #include <tuple>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -110,6 +111,59 @@ TEST_F(CheckerTest, EmptyBatchAnswersAtOnceAndRefusedBatchNever) {
   EXPECT_EQ(takeLines().back(), line(6, check + "requestId=m1 reason=getReachableDevicesFailed"));
   EXPECT_EQ(calls, Strings{"get m1"});
   EXPECT_EQ(answers.texts, Strings{"answer"});
+}
+
+// The results come in the order of a table keyed by the requested ids (the
+// table that matches devices to requests, seeded from the table of the
+// request), and a result that no device filled carries a copy of the copy of
+// the requested capabilities that the check keeps: both as the plain tables
+// of strings list them, whatever form the check keeps its request in.
+TEST_F(CheckerTest, ResultsComeInTheOrderOfTheTablesOfRequestedIds) {
+  std::vector<EndpointInfo> requested;
+  Devices devices;
+  for (int i = 0; i < 3000; ++i) {
+    // Every seventh id comes twice; the later entry wins.
+    const std::string id = "endpoint-" + std::to_string(i % 7 == 0 ? i / 7 : i);
+    CapabilitySet capabilities;
+    for (int key = 0; key <= i % 5; ++key) {
+      capabilities.insert({"Capability" + std::to_string(key * 31 + i), "q" + std::to_string(key)});
+    }
+    requested.emplace_back(id, "entity-" + std::to_string(i), "PROT_ZIGBEE-ADAPTER", capabilities);
+    if (i % 3 == 0) {
+      devices.push_back({id, "", "PROT_WIFI-ADAPTER", "", true, {}, CONNECTED});
+    }
+  }
+  std::unordered_map<std::string, EndpointInfo> lookup;
+  for (const EndpointInfo& endpoint : requested) {
+    lookup.insert_or_assign(endpoint.endpointId, endpoint);
+  }
+  std::unordered_map<std::string, int> table;
+  for (const auto& entry : lookup) {
+    table.emplace(entry.first, 0);
+  }
+  Strings expected;
+  for (const auto& entry : table) {
+    const CapabilitySet kept = lookup.at(entry.first).capabilities;
+    std::string text = entry.first;
+    for (const CapabilityKey& key : kept) {
+      text += " " + key.capability + "/" + key.qualifier;
+    }
+    expected.push_back(text);
+  }
+
+  Strings got;
+  EXPECT_TRUE(checker.checkReachability(requested, "order",
+                                        [&](const std::vector<ReachabilityCheckResult>& results) {
+                                          for (const ReachabilityCheckResult& result : results) {
+                                            std::string text = result.endpointId;
+                                            for (const CapabilityKey& key : result.capabilities) {
+                                              text += " " + key.capability + "/" + key.qualifier;
+                                            }
+                                            got.push_back(text);
+                                          }
+                                        }));
+  pending.back()(devices);
+  EXPECT_EQ(got, expected);
 }
 
 TEST_F(CheckerTest, BatchGivesEachRequestedEndpointOneResultFromSupportedDevicesOnly) {

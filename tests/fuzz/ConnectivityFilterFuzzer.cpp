@@ -26,17 +26,19 @@ using veranda::reachabilityCache::ReachabilityCheckResult;
 // each event as the driver's thread would.
 class SubscribedDriver : public IUnifiedApplianceDriver {
  public:
-  bool getReachableDevices(const std::string&,
-                           std::function<void(const std::vector<DiscoveredDevice>&)>) override {
+  bool getReachableDevices(
+      const std::string& /*namespace*/,
+      std::function<void(const std::vector<DiscoveredDevice>&)> /*onDevices*/) override {
     return false;
   }
-  bool subscribeStateChanges(const std::vector<std::string>&, const std::string&,
+  bool subscribeStateChanges(const std::vector<std::string>& /*endpointIds*/,
+                             const std::string& /*subscriptionId*/,
                              std::function<void(const StateChangeEvent&)> onStateChange,
-                             std::function<void(const std::string&)>) override {
+                             std::function<void(const std::string&)> /*onError*/) override {
     publish = std::move(onStateChange);
     return true;
   }
-  bool unsubscribeStateChanges(const std::string&) override { return false; }
+  bool unsubscribeStateChanges(const std::string& /*subscriptionId*/) override { return false; }
 
   std::function<void(const StateChangeEvent&)> publish;
 };
@@ -57,13 +59,14 @@ bool containsQuotedOk(const std::string& value) {
 
 }  // namespace
 
+// NOLINTNEXTLINE(readability-identifier-naming): the name libFuzzer calls.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   static SubscribedDriver driver;
   static ApplianceDriverReachabilityChecker checker(driver);
   static std::vector<ReachabilityCheckResult> delivered;
-  static const bool subscribed = checker.registerReachabilityUpdateCallback(
+  static const bool SUBSCRIBED = checker.registerReachabilityUpdateCallback(
       "fuzz", [](const ReachabilityCheckResult& result) { delivered.push_back(result); });
-  FUZZ_CHECK(subscribed);
+  FUZZ_CHECK(SUBSCRIBED);
 
   FuzzedDataProvider input(data, size);
   StateChangeEvent event;

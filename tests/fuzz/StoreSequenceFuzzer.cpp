@@ -37,7 +37,9 @@ constexpr int DRIVER_TYPES = 4;
 CapabilitySet toSet(unsigned int mask) {
   CapabilitySet set;
   for (int i = 0; i < KEY_COUNT; ++i) {
-    if ((mask >> i) & 1U) set.insert(KEYS[i]);
+    if (((mask >> i) & 1U) != 0u) {
+      set.insert(KEYS[i]);
+    }
   }
   return set;
 }
@@ -59,7 +61,9 @@ struct Model {
   std::vector<Row> endpointsOf(const std::string& entityId) const {
     std::vector<Row> endpoints;
     for (const Row& row : rows) {
-      if (row.entityId == normalize(entityId)) endpoints.push_back(row);
+      if (row.entityId == normalize(entityId)) {
+        endpoints.push_back(row);
+      }
     }
     return endpoints;
   }
@@ -72,7 +76,9 @@ struct Model {
 
   std::size_t entityCount() const {
     std::set<std::string> ids;
-    for (const Row& row : rows) ids.insert(row.entityId);
+    for (const Row& row : rows) {
+      ids.insert(row.entityId);
+    }
     return ids.size();
   }
 
@@ -87,7 +93,9 @@ struct Model {
     if (stored == rows.end()) {
       rows.push_back(record);
     } else {  // merged: the record's driver types replace the stored ones
-      for (const auto& [type, keys] : record.drivers) stored->drivers[type] = keys;
+      for (const auto& [type, keys] : record.drivers) {
+        stored->drivers[type] = keys;
+      }
       stored->adapterName = record.adapterName.empty() ? stored->adapterName : record.adapterName;
     }
     index[record.endpointId] = record.entityId;
@@ -96,7 +104,9 @@ struct Model {
 
   bool removeEndpoint(const std::string& entityId, const std::string& endpointId) {
     const auto stored = find(entityId, endpointId);
-    if (stored == rows.end()) return false;
+    if (stored == rows.end()) {
+      return false;
+    }
     index.erase(endpointId);
     rows.erase(stored);
     return true;
@@ -104,7 +114,9 @@ struct Model {
 
   bool removeEntity(const std::string& entityId) {
     const std::vector<Row> endpoints = endpointsOf(entityId);
-    for (const Row& row : endpoints) removeEndpoint(entityId, row.endpointId);
+    for (const Row& row : endpoints) {
+      removeEndpoint(entityId, row.endpointId);
+    }
     return !endpoints.empty();
   }
 
@@ -115,7 +127,9 @@ struct Model {
 
 void checkExternal(const EndpointInfo& info, const Row& row) {
   unsigned int all = 0;
-  for (const auto& entry : row.drivers) all |= entry.second;
+  for (const auto& entry : row.drivers) {
+    all |= entry.second;
+  }
   FUZZ_CHECK(info.endpointId == row.endpointId && info.entityId == row.entityId);
   FUZZ_CHECK(info.adapterName == row.adapterName && info.capabilities == toSet(all));
 }
@@ -129,11 +143,14 @@ void checkQueries(const Cache& cache, const Model& model, const std::string& ent
   std::unordered_map<int, unsigned int> keysByType;
   std::string adapter;
   for (const Row& row : endpoints) {
-    for (const auto& [type, mask] : row.drivers) keysByType[type] |= mask;
+    for (const auto& [type, mask] : row.drivers) {
+      keysByType[type] |= mask;
+    }
     adapter = row.endpointId == endpointId ? row.adapterName : adapter;
   }
-  if constexpr (std::is_same_v<Cache, CacheCore>)
+  if constexpr (std::is_same_v<Cache, CacheCore>) {
     FUZZ_CHECK(cache.isEntityPresent(entityId) == !endpoints.empty());
+  }
   FUZZ_CHECK(cache.isEntityReachable(entityId) == (keysByType.count(0) + keysByType.count(1) > 0));
   for (int key = 0; key < KEY_COUNT; ++key) {
     bool any = false;
@@ -153,12 +170,14 @@ void checkQueries(const Cache& cache, const Model& model, const std::string& ent
   FUZZ_CHECK(cache.getAdapterName(entityId, endpointId) == adapter);
   const std::vector<EndpointInfo> listed = cache.getEndpointsForEntity(entityId);
   FUZZ_CHECK(listed.size() == endpoints.size());
-  for (std::size_t i = 0; i < listed.size(); ++i) checkExternal(listed[i], endpoints[i]);
+  for (std::size_t i = 0; i < listed.size(); ++i) {
+    checkExternal(listed[i], endpoints[i]);
+  }
 }
 
 // An entry of `table`, or now and then a short string of the input's own.
 std::string pick(FuzzedDataProvider& input, const std::vector<std::string>& table) {
-  const std::size_t i = input.ConsumeIntegralInRange<std::size_t>(0, table.size());
+  const auto i = input.ConsumeIntegralInRange<std::size_t>(0, table.size());
   return i < table.size() ? table[i] : input.ConsumeRandomLengthString(8);
 }
 
@@ -202,20 +221,32 @@ void play(Cache& cache, Calls& calls, const uint8_t* data, std::size_t size) {
         const auto [record, row] = pickRecord(input);
         batch.push_back(record);
         const bool stored = model.insert(row);
-        if constexpr (STORE) FUZZ_CHECK(cache.insertEndpoint(record) == stored);
+        if constexpr (STORE) {
+          FUZZ_CHECK(cache.insertEndpoint(record) == stored);
+        }
       }
-      if constexpr (!STORE) cache.updateEndpoints(batch);
+      if constexpr (!STORE) {
+        cache.updateEndpoints(batch);
+      }
     } else if (operation == 1) {  // the capabilities of an EndpointInfo count as NO_DRIVER
       const unsigned int keys = input.ConsumeIntegralInRange(0U, (1U << KEY_COUNT) - 1);
       const EndpointInfo info(endpointId, entityId, adapter, toSet(keys));
       const bool stored = model.insert({endpointId, entityId, adapter, {{2, keys}}});
-      if constexpr (STORE) FUZZ_CHECK(cache.insertEndpoint(info) == stored);
-      if constexpr (!STORE) cache.updateEndpoints({CachedEndpoint(info)});
+      if constexpr (STORE) {
+        FUZZ_CHECK(cache.insertEndpoint(info) == stored);
+      }
+      if constexpr (!STORE) {
+        cache.updateEndpoints({CachedEndpoint(info)});
+      }
     } else if (operation == 2) {
       FUZZ_CHECK(cache.removeEntity(entityId) == model.removeEntity(entityId));
     } else if (operation == 3) {  // clearing keeps the listeners
-      if constexpr (STORE) cache.clear();
-      if constexpr (!STORE) cache.invalidate();
+      if constexpr (STORE) {
+        cache.clear();
+      }
+      if constexpr (!STORE) {
+        cache.invalidate();
+      }
       model = {model.capacity, {}, {}};
     } else if (operation == 4) {
       checkQueries(cache, model, entityId, endpointId);
@@ -235,7 +266,9 @@ void play(Cache& cache, Calls& calls, const uint8_t* data, std::size_t size) {
       } else if (operation == 8) {  // the endpoint stays, without any driver type
         const auto stored = model.find(entityId, endpointId);
         const bool found = stored != model.rows.end();
-        if (found) stored->drivers.clear();
+        if (found) {
+          stored->drivers.clear();
+        }
         FUZZ_CHECK(cache.clearEndpointCapabilities(entityId, endpointId) == found);
       } else {  // every listener once, in any order
         const bool reachable = input.ConsumeBool();
@@ -272,6 +305,7 @@ void play(Cache& cache, Calls& calls, const uint8_t* data, std::size_t size) {
 
 }  // namespace
 
+// NOLINTNEXTLINE(readability-identifier-naming): the name libFuzzer calls.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   const unsigned int capacity = FuzzedDataProvider(data, size).ConsumeIntegralInRange(0U, 5U);
   Calls calls;  // declared first: the listeners of both caches record here

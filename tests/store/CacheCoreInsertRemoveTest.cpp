@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -132,6 +133,52 @@ TEST_F(CacheCoreInsertRemoveTest, RemovalsAndClearLogWhatTheyFound) {
              infoLine("[removeEntity]: action=removedEntity entityId=fan endpointCount=2"),
              infoLine("[clear]: action=cleared previousSize=1")}));
   EXPECT_TRUE(store.getReachableEndpointsMap().empty());
+}
+
+// A record lent field by field is stored, merged and refused exactly as the
+// same record built and inserted whole: the same lines, metrics and state.
+TEST_F(CacheCoreInsertRemoveTest, ABorrowedRecordIsTreatedAsTheSameRecordBuiltWhole) {
+  const CachedEndpoint sequence[] = {
+      record("ep1", PREFIX + "lamp", ApplianceDriverType::NATIVE, {POWER}),
+      record("ep2", "lamp", ApplianceDriverType::CONNECTED, {BRIGHTNESS}, ""),
+      record("ep1", "lamp", ApplianceDriverType::CONNECTED, {BRIGHTNESS}, "PROT_WIFI-ADAPTER"),
+      record("ep1", PREFIX + "lamp", ApplianceDriverType::NATIVE, {}, ""),
+      record("ep3", "fan", ApplianceDriverType::NATIVE, {POWER, BRIGHTNESS}),
+      record("ep4", "heater", ApplianceDriverType::NATIVE, {POWER}),  // the store is full
+      record("", "lamp", ApplianceDriverType::NATIVE, {POWER}),
+      record("ep5", "", ApplianceDriverType::NATIVE, {POWER}),
+  };
+  const auto play = [&](bool borrowed) {
+    CacheCore store(2);
+    takeLines();
+    std::vector<bool> answers;
+    for (const CachedEndpoint& each : sequence) {
+      const auto& [type, capabilities] = *each.driverCapabilities.begin();
+      answers.push_back(borrowed ? store.insertEndpoint(each.endpointId, each.entityId,
+                                                        each.adapterName, type, capabilities)
+                                 : store.insertEndpoint(CachedEndpoint(each)));
+    }
+    // Each stored endpoint with its capabilities in the set's own order.
+    std::vector<std::vector<std::string>> stored;
+    for (const char* entity : {"lamp", "fan"}) {
+      for (const EndpointInfo& endpoint : store.getEndpointsForEntity(entity)) {
+        std::vector<std::string> fields{endpoint.endpointId, endpoint.entityId,
+                                        endpoint.adapterName};
+        for (const CapabilityKey& key : endpoint.capabilities) {
+          fields.push_back(key.capability + "/" + key.qualifier);
+        }
+        stored.push_back(fields);
+      }
+    }
+    const bool reachable = store.isEntityReachable("lamp") && store.isEntityReachable("fan");
+    return std::make_tuple(
+        answers, takeLines(), stored, reachable,
+        store.isCapabilityReachableByDriver("lamp", BRIGHTNESS, ApplianceDriverType::CONNECTED));
+  };
+  const auto whole = play(false);
+  EXPECT_EQ(play(true), whole);
+  EXPECT_EQ(std::get<0>(whole),
+            (std::vector<bool>{true, true, true, true, true, false, false, false}));
 }
 
 }  // namespace

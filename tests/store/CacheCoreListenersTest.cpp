@@ -5,6 +5,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <unordered_map>
 #include <vector>
 
 #include "StoreTestSupport.h"
@@ -105,6 +106,38 @@ TEST_F(CacheCoreListenersTest, NotificationsRunConcurrentlyAndUnregisteringDoesN
   lock.unlock();
   first.join();
   second.join();
+}
+
+// Listeners are called in the order of a copy of the table of listeners as
+// it stands when the notification starts, each call on a copy of its own
+// callback: state that a callback keeps does not carry over to the next call.
+TEST_F(CacheCoreListenersTest, ListenersRunInTheOrderOfACopyOfTheTableEachOnItsOwnCopy) {
+  std::vector<std::string> heard;
+  std::unordered_map<std::string, int> table;  // the same ids, registered alike
+  for (int i = 0; i < 60; ++i) {
+    const std::string id = "listener-" + std::to_string(i * 37 % 101);
+    store_.registerReachabilityListener(
+        id, [&heard, id, calls = 0](const std::string&, const std::string&, bool) mutable {
+          heard.push_back(id + " call " + std::to_string(++calls));
+        });
+    table.emplace(id, 0);
+    if (i % 7 == 3) {
+      const std::string gone = "listener-" + std::to_string(i * 37 % 101);
+      store_.unregisterReachabilityListener(gone);
+      table.erase(gone);
+    }
+  }
+  std::vector<std::string> expected;
+  const std::unordered_map<std::string, int> copy = table;
+  expected.reserve(copy.size());
+  for (const auto& entry : copy) {
+    expected.push_back(entry.first + " call 1");
+  }
+  store_.notifyReachabilityListeners("ep", "entity", true);
+  EXPECT_EQ(heard, expected);
+  heard.clear();
+  store_.notifyReachabilityListeners("ep", "entity", false);
+  EXPECT_EQ(heard, expected);
 }
 
 }  // namespace

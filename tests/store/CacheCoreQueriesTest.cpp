@@ -1,7 +1,10 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <string_view>
 #include <unordered_map>
+#include <unordered_set>
+#include <utility>
 #include <vector>
 
 #include "StoreTestSupport.h"
@@ -92,6 +95,34 @@ TEST_F(CacheCoreQueriesTest, MappingQueriesFollowInsertionOrderAndNormalisedIds)
 
   store.removeEndpoint("lamp", "ep1");
   EXPECT_EQ(store.getEndpointIdForEntity("lamp"), "ep2");
+}
+
+// The sweep's list: the endpoints a name list lacks, in the order a copy of
+// the endpoint index lists them (the order the sweep removes them in), taken
+// without a line of log.
+TEST_F(CacheCoreQueriesTest, EndpointsNotNamedComeInTheOrderOfACopyOfTheIndex) {
+  CacheCore store(5000);
+  std::vector<std::string> ids;
+  for (int i = 0; i < 6000; ++i) {
+    ids.push_back("ep" + std::to_string(i));
+    store.insertEndpoint(record(ids.back(), "entity" + std::to_string(i % 4000)));
+  }
+  store.removeEntity("entity7");
+  Arena arena;
+  CacheCore::EndpointIdSet named{CacheCore::EndpointIdSet::allocator_type(arena)};
+  for (int i = 0; i < 6000; i += 3) {
+    named.insert(ids[i]);
+  }
+  std::vector<std::pair<std::string, std::string>> expected;
+  for (const auto& entry : store.getCachedEndpointIds()) {
+    if (named.count(entry.first) == 0) {
+      expected.emplace_back(entry);
+    }
+  }
+  takeLines();
+  EXPECT_EQ(store.getEndpointsNotNamed(named), expected);
+  EXPECT_EQ(expected.size(), 4000u - 2u);  // entity7 and its two unnamed endpoints are gone
+  EXPECT_TRUE(takeLines().empty());
 }
 
 }  // namespace

@@ -27,7 +27,7 @@ inline CachedEndpoint record(const std::string& endpointId, const std::string& e
                              ApplianceDriverType driverType = ApplianceDriverType::NATIVE,
                              CapabilitySet capabilities = {},
                              const std::string& adapterName = "PROT_ZIGBEE-ADAPTER") {
-  return CachedEndpoint(endpointId, entityId, adapterName, driverType, std::move(capabilities));
+  return {endpointId, entityId, adapterName, driverType, std::move(capabilities)};
 }
 
 inline LogLine debugLine(const std::string& text) { return {3, test::STORE_TAG, text}; }

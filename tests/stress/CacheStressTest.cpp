@@ -74,7 +74,9 @@ void change(applianceDriver::SimulatedApplianceDriver& driver, Rng& rng) {
       {"eep6", "Veyra.EndpointHealth", "", "connectivity", "{\"state\":\"OK\"}"},
       {"pep0", "Veyra.PowerController", "", "powerState", "OK"},
       {"ghost-ep", "Veyra.EndpointHealth", "", "connectivity", "OK"}};
-  if (rng() % 8 == 0) driver.publishStateChange(STRAY[rng() % 3]);
+  if (rng() % 8 == 0) {
+    driver.publishStateChange(STRAY[rng() % 3]);
+  }
 }
 
 // One host call on `cache`, the store or the facade: a change to a host
@@ -95,7 +97,9 @@ void hostStep(Cache& cache, Rng& rng) {
                          CapabilitySet{KEYS[rng() % 3], KEYS[rng() % 3]});
     }
     if constexpr (STORE) {
-      for (const CachedEndpoint& endpoint : batch) cache.insertEndpoint(endpoint);
+      for (const CachedEndpoint& endpoint : batch) {
+        cache.insertEndpoint(endpoint);
+      }
       cache.insertEndpoint(EndpointInfo(endpointId, entityId, ADAPTERS[rng() % 4], {KEYS[0]}));
     } else {
       cache.updateEndpoints(batch);
@@ -122,7 +126,9 @@ void hostStep(Cache& cache, Rng& rng) {
     cache.getAdapterName(entity, endpoint);
     cache.getEndpointsForEntity(entity);
     cache.getReachableEndpointsMap();
-    if constexpr (!STORE) cache.getPreferredEndpoint(entity, ADAPTERS[rng() % 4]);
+    if constexpr (!STORE) {
+      cache.getPreferredEndpoint(entity, ADAPTERS[rng() % 4]);
+    }
     EXPECT_LE(cache.size(), CAPACITY);
   } else if (pick == 6) {
     cache.unregisterReachabilityListener("churn" + std::to_string(rng() % 4));
@@ -168,7 +174,9 @@ void checkLedger(const std::vector<test::Notification>& heard, const CacheCore& 
   std::vector<int> changes(POLLED, 0);
   for (const test::Notification& notification : heard) {
     int e = 0;
-    while (e < DRIVER_ENTITIES && driverEndpoint(e) != notification.endpointId) ++e;
+    while (e < DRIVER_ENTITIES && driverEndpoint(e) != notification.endpointId) {
+      ++e;
+    }
     EXPECT_TRUE(e < DRIVER_ENTITIES && (notification.entityId == driverEntity(e) ||
                                         notification.entityId == PREFIX + driverEntity(e)))
         << notification;
@@ -184,8 +192,11 @@ void checkLedger(const std::vector<test::Notification>& heard, const CacheCore& 
 
 // No ASSERT: an early return would destroy the updater while the driver answers.
 TEST(CacheStressTest, RefreshHostLoadAndTeardownKeepTheCacheConsistent) {
-  const char* seedText = std::getenv("REACHABILITY_CACHE_STRESS_SEED");
-  const char* secondsText = std::getenv("REACHABILITY_CACHE_STRESS_SECONDS");
+  // Read before any thread of the test starts.
+  const char* seedText =
+      std::getenv("REACHABILITY_CACHE_STRESS_SEED");  // NOLINT(concurrency-mt-unsafe)
+  const char* secondsText =
+      std::getenv("REACHABILITY_CACHE_STRESS_SECONDS");  // NOLINT(concurrency-mt-unsafe)
   const uint32_t seed =
       seedText != nullptr ? std::strtoul(seedText, nullptr, 10) : std::random_device{}();
   const int seconds = secondsText != nullptr ? std::max(1, std::atoi(secondsText)) : 2;
@@ -229,7 +240,9 @@ TEST(CacheStressTest, RefreshHostLoadAndTeardownKeepTheCacheConsistent) {
   const auto spawn = [&](uint32_t stream, auto step) {
     threads.emplace_back([&end, stream = seed + stream, step]() mutable {
       Rng rng(stream);
-      while (std::chrono::steady_clock::now() < end) step(rng);
+      while (std::chrono::steady_clock::now() < end) {
+        step(rng);
+      }
     });
   };
   for (uint32_t t = 10; t < 14; ++t) {
@@ -242,7 +255,9 @@ TEST(CacheStressTest, RefreshHostLoadAndTeardownKeepTheCacheConsistent) {
   spawn(50, [&, posted = uint64_t{0}](Rng& rng) mutable {
     std::vector<EndpointInfo> endpoints;  // a part of the tracked ones
     for (const EndpointInfo& endpoint : tracked) {
-      if (rng() % 3 == 0) endpoints.push_back(endpoint);
+      if (rng() % 3 == 0) {
+        endpoints.push_back(endpoint);
+      }
     }
     posted += endpoints.empty() ? 0 : 1;
     updater->triggerUpdate(endpoints);
@@ -253,7 +268,9 @@ TEST(CacheStressTest, RefreshHostLoadAndTeardownKeepTheCacheConsistent) {
     }
     driver.waitUntilIdle(milliseconds(rng() % 4));
   });
-  for (std::thread& thread : threads) thread.join();
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
 
   // Teardown with work in flight: the driver drops its answers, then the updater goes.
   Rng rng(seed);

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <stdexcept>
 #include <thread>
 #include <vector>
 
@@ -28,7 +29,7 @@ TEST(MutexTest, HoldersNeverOverlapWhetherWaitersRetryOrPark) {
         overlaps += ++holders == 1 ? 0 : 1;
         ++total;
         if (round % 20 == t) {
-          const auto until = std::chrono::steady_clock::now() + 3 * Mutex::SPIN_TIME;
+          const auto until = std::chrono::steady_clock::now() + 3 * LOCK_SPIN_TIME;
           while (std::chrono::steady_clock::now() < until) {
           }
         }
@@ -41,6 +42,38 @@ TEST(MutexTest, HoldersNeverOverlapWhetherWaitersRetryOrPark) {
   }
   EXPECT_EQ(overlaps.load(), 0);
   EXPECT_EQ(total, long{THREADS} * ROUNDS);
+}
+
+// Another thread gets the mutex while the lock has let go of it and after
+// the scope ends, whether it ends normally or by an exception thrown while
+// let go; it is not released twice (which ThreadSanitizer would report).
+TEST(RelockableMutexLockTest, ReleasesBetweenUnlockAndLockAndOnlyWhatItHolds) {
+  Mutex mutex;
+  int entries = 0;
+  const auto enterElsewhere = [&] {
+    std::thread([&] {
+      MutexLock lock(mutex);
+      ++entries;
+    }).join();
+  };
+  {
+    RelockableMutexLock lock(mutex);
+    lock.unlock();
+    enterElsewhere();
+    lock.lock();
+    ++entries;
+  }
+  enterElsewhere();
+  EXPECT_THROW(
+      {
+        RelockableMutexLock lock(mutex);
+        lock.unlock();
+        throw std::runtime_error("thrown while let go");
+      },
+      std::runtime_error);
+  enterElsewhere();
+  MutexLock lock(mutex);
+  EXPECT_EQ(entries, 4);
 }
 
 }  // namespace

@@ -9,41 +9,109 @@
 #include <iterator>
 #include <optional>
 #include <sstream>
+#include <utility>
 
 #include "CaptureLine.h"
 
 namespace veranda::reachabilityCache::trace::testing {
 
-std::string render(const Message& message, Form form) {
+namespace {
+
+// Seconds since 1970 of "MM-DD HH:MM:SS.mmm" in 2026, and the milliseconds.
+std::pair<long long, int> epochOf(const std::string& time) {
+  static const int DAYS_BEFORE[] = {0, 31, 59, 90, 120, 151, 181, 212, 243, 273, 304, 334};
+  const int month = std::stoi(time.substr(0, 2));
+  const int day = std::stoi(time.substr(3, 2));
+  const long long days = 20454 + DAYS_BEFORE[month - 1] + day - 1;  // 2026-01-01 is day 20454
+  const long long seconds = days * 86400 + std::stoll(time.substr(6, 2)) * 3600 +
+                            std::stoll(time.substr(9, 2)) * 60 + std::stoll(time.substr(12, 2));
+  return {seconds, std::stoi(time.substr(15, 3))};
+}
+
+std::string header(const Message& message, Form form) {
   char pids[32];
   std::snprintf(pids, sizeof(pids), "%5d %5d", message.pid, message.tid);
-  std::string header;
+  const std::string priority(1, message.priority);
+  const auto [epoch, millis] =
+      message.time.empty() ? std::pair<long long, int>(0, 0) : epochOf(message.time);
+  char seconds[48];
   switch (form) {
     case Form::THREADTIME:
-      header = message.time + "  " + pids + " " + message.priority + " " + message.tag + ": ";
-      break;
-    case Form::UID_YEAR_USEC:  // -v year -v usec -v uid: the year, six digits, a uid name
-      header = "2026-" + message.time + "123 u0_a123 " + pids + " " + message.priority + " " +
-               message.tag + ": ";
-      break;
+    case Form::COLOR:
+    case Form::CRLF:
+      return message.time + "  " + pids + " " + priority + " " + message.tag + ": ";
+    case Form::UID_YEAR_USEC:
+      return "2026-" + message.time + "123 u0_a123 " + pids + " " + priority + " " + message.tag +
+             ": ";
     case Form::TIME:
-      header = message.time + " " + message.priority + "/" + message.tag + "(" +
-               std::to_string(message.pid) + "): ";
-      break;
+      return message.time + " " + priority + "/" + message.tag + "(" + std::to_string(message.pid) +
+             "): ";
+    case Form::TIME_YEAR_USEC:
+      return "2026-" + message.time + "123 " + priority + "/" + message.tag + "(" +
+             std::to_string(message.pid) + "): ";
     case Form::BRIEF:
-      header = std::string(1, message.priority) + "/" + message.tag + "(" +
-               std::to_string(message.pid) + "): ";
-      break;
+      return priority + "/" + message.tag + "(" + std::to_string(message.pid) + "): ";
+    case Form::LONG:
+      return "[ " + message.time + "  " + std::to_string(message.pid) + ": " +
+             std::to_string(message.tid) + " " + priority + "/" + message.tag + " ]";
+    case Form::LONG_UID_EPOCH:
+      std::snprintf(seconds, sizeof(seconds), "%lld.%03d", epoch, millis);
+      return "[ " + std::string(seconds) + " 10123: " + std::to_string(message.pid) + ": " +
+             std::to_string(message.tid) + " " + priority + "/" + message.tag + " ]";
+    case Form::EPOCH:
+      std::snprintf(seconds, sizeof(seconds), "%lld.%03d", epoch, millis);
+      return std::string(seconds) + "  " + pids + " " + priority + " " + message.tag + ": ";
+    case Form::MONOTONIC:  // right-aligned
+      std::snprintf(seconds, sizeof(seconds), "%6lld.%03d", (epoch - 20779LL * 86400) % 1000000,
+                    millis);
+      return std::string(seconds) + "  " + pids + " " + priority + " " + message.tag + ": ";
+    case Form::NSEC:
+      return message.time + "123456  " + pids + " " + priority + " " + message.tag + ": ";
+    case Form::UID_ZONE:
+      return message.time + " +0100 u0_a187 " + pids + " " + priority + " " + message.tag + ": ";
+    case Form::IDE_TABLE:
+      return "2026-" + message.time + "  " + std::to_string(message.pid) + "-" +
+             std::to_string(message.tid) + "  " + message.tag + "  com.example.home  " + priority +
+             "  ";
+    case Form::IDE_TEXT:
+      return "2026-" + message.time + " " + std::to_string(message.pid) + "-" +
+             std::to_string(message.tid) + "/com.example.home " + priority + "/" + message.tag +
+             ": ";
     case Form::HOST:  // seconds only
-      header = message.tag + " " + message.priority + " " + message.time.substr(0, 14) + " " +
-               pids + " ";
-      break;
+      return message.tag + " " + priority + " " + message.time.substr(0, 14) + " " + pids + " ";
   }
+  return "";
+}
+
+}  // namespace
+
+const char* formName(Form form) {
+  static const char* const NAMES[] = {
+      "threadtime", "uid year usec", "time",           "time year usec",
+      "brief",      "long",          "long uid epoch", "color",
+      "epoch",      "monotonic",     "nsec",           "uid zone",
+      "CR LF",      "IDE table",     "IDE text",       "host"};
+  return NAMES[static_cast<int>(form)];
+}
+
+std::string render(const Message& message, Form form) {
+  const std::string head = header(message, form);
+  const std::string end = form == Form::CRLF ? "\r\n" : "\n";
   std::string result;
+  if (form == Form::LONG || form == Form::LONG_UID_EPOCH) {
+    return head + "\n" + message.text + "\n\n";
+  }
   std::istringstream lines(message.text);
   bool first = true;
   for (std::string line; std::getline(lines, line); first = false) {
-    result += (first || form != Form::HOST ? header : "") + line + "\n";
+    std::string text = first || (form != Form::HOST && form != Form::IDE_TABLE)
+                           ? head + line
+                           : (form == Form::IDE_TABLE ? std::string(head.size(), ' ') : "") + line;
+    if (form == Form::COLOR) {
+      text.insert(0, std::string("\x1b[38;5;") + (message.priority == 'D' ? "75" : "40") + "m");
+      text += "\x1b[0m";
+    }
+    result += text + end;
   }
   return result;
 }
@@ -67,74 +135,12 @@ CaptureTrace traceText(const std::string& capture, const TraceScope& scope) {
   return result;
 }
 
-CaptureTrace traceText(const std::string& capture, const std::string& storyEntity) {
+CaptureTrace traceText(const std::string& capture, const std::string& storyEntity,
+                       const TraceLimits& limits) {
   TraceScope scope;
   scope.evidence.entity = storyEntity;
+  scope.limits = limits;
   return traceText(capture, scope);
-}
-
-namespace {
-
-std::string readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-}  // namespace
-
-SimOutput runSimulator(const std::string& arguments, const std::string& name) {
-  const std::string base = ::testing::TempDir() + name;
-  const std::string command = std::string(REACHABILITY_SIM_BINARY) + " " + arguments + " > " +
-                              base + ".out 2> " + base + ".err";
-  // NOLINTNEXTLINE(concurrency-mt-unsafe): a test's own thread runs it
-  EXPECT_EQ(std::system(command.c_str()), 0) << command;
-  return {readFile(base + ".out"), readFile(base + ".err")};
-}
-
-std::map<std::string, Answer> simulatorFinalAnswers(const std::string& timeline) {
-  std::map<std::string, Answer> answers;
-  std::istringstream lines(timeline);
-  bool inTable = false;
-  for (std::string line; std::getline(lines, line);) {
-    std::istringstream words(line);
-    std::string entity;
-    std::string answer;
-    words >> entity >> answer;
-    if (line.rfind("The cache at the end", 0) == 0) {
-      inTable = true;
-    } else if (inTable && (answer == "yes" || answer == "no" || answer == "not")) {
-      answers[entity] = answer == "yes"  ? Answer::REACHABLE
-                        : answer == "no" ? Answer::UNREACHABLE
-                                         : Answer::ABSENT;
-    }
-  }
-  return answers;
-}
-
-std::string stampedCapture(const std::string& hostLog) {
-  std::string capture;
-  std::string header;
-  int64_t millis = 0;
-  std::istringstream lines(hostLog);
-  for (std::string line; std::getline(lines, line);) {
-    const std::optional<CaptureLine> parsed = parseCaptureLine(line);
-    if (!parsed) {  // a following line of the message
-      capture += header + line + "\n";
-      continue;
-    }
-    ++millis;
-    char time[32];
-    std::snprintf(time, sizeof(time), "11-22 12:%02lld:%02lld.%03lld",
-                  static_cast<long long>(millis / 60000 % 60),
-                  static_cast<long long>(millis / 1000 % 60),
-                  static_cast<long long>(millis % 1000));
-    capture += std::string(time) + "   812   830 D WifiStateMachine: rssi=-61\n";
-    header = std::string(time) + " " + std::to_string(*parsed->pid) + " " +
-             std::to_string(*parsed->tid) + " " + parsed->priority + " " +
-             std::string(parsed->tag) + ": ";
-    capture += header + std::string(parsed->text) + "\n";
-  }
-  return capture;
 }
 
 }  // namespace veranda::reachabilityCache::trace::testing

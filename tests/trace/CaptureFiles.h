@@ -28,33 +28,46 @@ struct Message {
   std::string text;  // may hold line feeds
 };
 
-enum class Form { THREADTIME, UID_YEAR_USEC, TIME, BRIEF, HOST };
+// The layouts a capture comes in: logcat's (with adverbs), an IDE's copies,
+// the host liblog's.
+enum class Form {
+  THREADTIME,
+  UID_YEAR_USEC,  // -v year -v usec -v uid
+  TIME,
+  TIME_YEAR_USEC,  // -v time -v year -v usec
+  BRIEF,
+  LONG,            // -v long: a header line, the message, an empty line
+  LONG_UID_EPOCH,  // -v long -v uid -v epoch
+  COLOR,           // -v color: each line in an ANSI colour
+  EPOCH,           // -v epoch: seconds since 1970
+  MONOTONIC,       // -v monotonic: seconds since boot
+  NSEC,            // -v nsec: nine digits
+  UID_ZONE,        // -v uid -v zone
+  CRLF,            // threadtime with CR LF line ends
+  IDE_TABLE,       // an IDE's newer copy; following lines bare, indented
+  IDE_TEXT,        // an IDE's older copy
+  HOST,
+};
 
-// The message's lines in `form`: logcat repeats the header on every line,
-// the host liblog writes the following lines bare.
+// The layouts above, for tests that go through them all.
+inline constexpr Form ALL_FORMS[] = {
+    Form::THREADTIME, Form::UID_YEAR_USEC, Form::TIME,           Form::TIME_YEAR_USEC,
+    Form::BRIEF,      Form::LONG,          Form::LONG_UID_EPOCH, Form::COLOR,
+    Form::EPOCH,      Form::MONOTONIC,     Form::NSEC,           Form::UID_ZONE,
+    Form::CRLF,       Form::IDE_TABLE,     Form::IDE_TEXT,       Form::HOST,
+};
+const char* formName(Form form);
+
+// The message's lines in `form`: logcat repeats the header on every line
+// (or, long, writes it once above them), the host liblog writes the
+// following lines bare. Times are taken as UTC in 2026; seconds since boot
+// count from 11-22 00:00:00.
 std::string render(const Message& message, Form form);
 std::string render(const std::vector<Message>& messages, Form form);
 
 // The trace of `capture`, read from a temporary file.
-CaptureTrace traceText(const std::string& capture, const std::string& storyEntity = "");
+CaptureTrace traceText(const std::string& capture, const std::string& storyEntity = "",
+                       const TraceLimits& limits = {});
 CaptureTrace traceText(const std::string& capture, const TraceScope& scope);
-
-struct SimOutput {
-  std::string timeline;  // standard output
-  std::string log;       // standard error: the library's lines, host liblog style
-};
-
-// Runs reachability-sim with `arguments`; `name` names its output files.
-SimOutput runSimulator(const std::string& arguments, const std::string& name);
-
-// The simulator's final table: what isEntityReachable answered for each
-// entity at the end (reachable, unreachable or absent).
-std::map<std::string, Answer> simulatorFinalAnswers(const std::string& timeline);
-
-// The simulator's host log as a device's threadtime capture in which every
-// message has a millisecond of its own, from 11-22 12:00:00.000 on, and
-// other processes' lines stand between messages: any moment of the capture
-// falls between two messages of the library.
-std::string stampedCapture(const std::string& hostLog);
 
 }  // namespace veranda::reachabilityCache::trace::testing

@@ -2,6 +2,7 @@
 // terminal sees no raw control characters.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -45,11 +46,9 @@ std::string xmlProblems(const std::string& document) {
 }
 
 bool hasRawControl(const std::string& text) {
-  for (char c : text) {
-    if ((static_cast<unsigned char>(c) < 0x20 && c != '\n') || c == 0x7f) {
-      return true;
-    }
-  }
+  return std::any_of(text.begin(), text.end(), [](char c) {
+    return (static_cast<unsigned char>(c) < 0x20 && c != '\n') || c == 0x7f;
+  });
   return false;
 }
 
@@ -87,10 +86,10 @@ TEST(SafeTextTest, PicturesAreWellFormedXmlWhateverTheIds) {
   ASSERT_EQ(read.trace.caches.at(0).entities.size(), std::size(HOSTILE));
   EXPECT_EQ(xmlProblems(tools::timelineSvg(tracePicture(read.trace, 0, HOSTILE[0]))), "");
 
-  std::ostringstream report_;
-  printReport(read.trace, report_);
-  EXPECT_FALSE(hasRawControl(report_.str())) << report_.str();
-  EXPECT_NE(report_.str().find("\\x1b[31mred\\x07 plug\\x01"), std::string::npos);
+  std::ostringstream printed;
+  printReport(read.trace, printed);
+  EXPECT_FALSE(hasRawControl(printed.str())) << printed.str();
+  EXPECT_NE(printed.str().find("\\x1b[31mred\\x07 plug\\x01"), std::string::npos);
 }
 
 TEST(SafeTextTest, TheSimulatorsTerminalOutputShowsControlsAsEscapes) {

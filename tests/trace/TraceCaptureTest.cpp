@@ -276,13 +276,22 @@ TEST(TraceCaptureTest, ReadsOnlyTheLogSectionsOfABugReport) {
   EXPECT_EQ(read.trace.caches[0].periodicUpdates, false);
 }
 
+// Refused with what the file holds instead.
 TEST(TraceCaptureTest, RefusesWhatIsNoCaptureOfTheCache) {
   EXPECT_EQ(traceText("").error, "capture is empty");
   EXPECT_EQ(traceText(std::string("\x7f"
                                   "ELF\x02\x01\x01\0\0\0",
                                   10))
                 .error,
-            "capture is binary data, not a text log capture");
+            "capture holds no line of the reachability cache (it looks like binary data: 3 of "
+            "its 10 bytes are NUL)");
+  const std::string store = STORE;
+  EXPECT_EQ(traceText(store + ": [CacheCore]: maxSize=1\n2026/11/22 " + store +
+                      " [clear]: action=cleared\n")
+                .error,
+            "capture has 2 lines naming ReachabilityCache but none in a layout this tool reads; "
+            "the first: '" +
+                store + ": [CacheCore]: maxSize=1'");
   EXPECT_EQ(traceText(render(Message{"11-22 12:00:00.000", 1, 1, 'I', "ActivityManager",
                                      "Start proc ReachabilityCacheService"},
                              Form::THREADTIME))

@@ -22,9 +22,11 @@ TEST(TraceOptionsTest, BadCommandLinesAreRefusedWithOneLine) {
       {{"--json", "--entity", "lamp", "a.txt"}, "--json excludes --entity"},
       {{"--at", "9:14", "a.txt"}, "--at requires --entity"},
       {{"--at", "9.14", "--entity", "lamp", "a.txt"},
-       "--at: no moment: write [YYYY-]MM-DD HH:MM[:SS[.fff]] or HH:MM[:SS[.fff]], got '9.14'"},
+       "--at: no moment: write [YYYY-]MM-DD HH:MM[:SS[.f]], HH:MM[:SS[.f]], +SECONDS[.f] or "
+       "EPOCH-SECONDS[.f], got '9.14'"},
       {{"--to", "25:00", "a.txt"},
-       "--to: no moment: write [YYYY-]MM-DD HH:MM[:SS[.fff]] or HH:MM[:SS[.fff]], got '25:00'"},
+       "--to: no moment: write [YYYY-]MM-DD HH:MM[:SS[.f]], HH:MM[:SS[.f]], +SECONDS[.f] or "
+       "EPOCH-SECONDS[.f], got '25:00'"},
       {{"--html", "", "a.txt"}, "--html: needs a file path, got an empty text"},
   };
   for (const auto& [arguments, error] : cases) {

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "CaptureFiles.h"
+#include "SimCaptures.h"
 #include "TracePage.h"
 
 namespace veranda::reachabilityCache::trace::testing {
@@ -103,9 +104,7 @@ TEST(TracePageTest, ShowsTheCapturesOwnLinesUnderTheirNumbers) {
                std::to_string(i) + " of another process, long enough to fill the block\n";
   }
   capture += stampedCapture(
-      runSimulator("--devices 12 --duration 3 --interval 1 --flap-rate 30 --fast --seed 2",
-                   "page-lines")
-          .log);
+      runSimulator("--devices 12 --duration 3 --interval 1 --flap-rate 30 --fast --seed 2").log);
   TraceScope scope;
   scope.evidence.everyEntity = true;
   const CaptureTrace read = traceText(capture, scope);
@@ -125,7 +124,7 @@ TEST(TracePageTest, ShowsTheCapturesOwnLinesUnderTheirNumbers) {
   const std::size_t causes = json["causes"].size();
   for (const nlohmann::json& entity : json["caches"][0]["entities"]) {
     const nlohmann::json& spans = entity["a"];
-    for (std::size_t i = 3; i + 2 < spans.size(); i += 3) {  // after the cache's start
+    for (std::size_t i = 4; i + 3 < spans.size(); i += 4) {  // after the cache's start
       EXPECT_LT(spans[i + 2].get<int64_t>(), static_cast<int64_t>(causes)) << entity["id"];
       EXPECT_GE(spans[i + 2].get<int64_t>(), 0) << entity["id"] << ": every change has lines";
     }
@@ -143,7 +142,7 @@ TEST(TracePageTest, SaysFromWhenTheBudgetLeftTheLinesOut) {
   }
   TraceScope scope;
   scope.evidence.everyEntity = true;
-  scope.evidence.budgetBytes = 1000;  // about ten lines
+  scope.evidence.budgetBytes = 2500;  // about ten lines with their causes
   const CaptureTrace read = traceText(capture, scope);
   ASSERT_TRUE(read.ok) << read.error;
   const Micros lost = read.trace.evidenceLostFrom;

@@ -10,6 +10,7 @@
 
 #include "CaptureFiles.h"
 #include "CaptureLine.h"
+#include "SimCaptures.h"
 #include "TraceOutput.h"
 
 namespace veranda::reachabilityCache::trace::testing {
@@ -38,7 +39,7 @@ std::vector<std::pair<Micros, std::string>> linesIn(const std::string& capture,
 }
 
 TEST(TraceWindowTest, HoldsWhatTheWholeTraceHoldsInTheWindow) {
-  const std::string capture = stampedCapture(runSimulator(HOME, "window").log);
+  const std::string capture = stampedCapture(runSimulator(HOME).log);
   const CaptureTrace whole = traceText(capture);
   ASSERT_TRUE(whole.ok) << whole.error;
   const CacheRecord& all = whole.trace.caches.at(0);
@@ -145,7 +146,7 @@ TEST(TraceWindowTest, HoldsWhatTheWholeTraceHoldsInTheWindow) {
 }
 
 TEST(TraceWindowTest, AWindowAfterTheCaptureHoldsNoCache) {
-  const std::string capture = stampedCapture(runSimulator(HOME, "window-after").log);
+  const std::string capture = stampedCapture(runSimulator(HOME).log);
   TraceScope scope;
   scope.window.from = traceText(capture).trace.caches.at(0).endTime() + 1;
   const CaptureTrace part = traceText(capture, scope);

@@ -23,6 +23,7 @@
 
 namespace veranda::reachabilityCache {
 
+// NOLINTNEXTLINE(readability-identifier-naming): the name GoogleTest looks up.
 inline void PrintTo(const TrackedEntityState& state, std::ostream* out) {
   *out << "{" << state.entityId << ", " << toString(state.reachability) << ", "
        << toString(state.cause) << ", since "

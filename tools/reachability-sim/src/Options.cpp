@@ -148,7 +148,8 @@ const char* const DESCRIPTION =
     "home did (*, before what it causes), each periodic cycle (.) and changes that\n"
     "listeners are not told (~); then a table of every entity as the cache holds it\n"
     "at the end.\n"
-    "Standard error: the library's own log lines, logcat style.\n\n"
+    "Standard error: the library's own log lines, logcat style (with --fast in\n"
+    "logcat's threadtime layout, stamped with the run's virtual time).\n\n"
     "Home (default: the embedded home, 17 entities on all seven adapters, 10 s).\n"
     "Options override the home's own timing. The first cycle is always 1 s after\n"
     "start; connectivity events (flaps) are timed to the millisecond and reach the\n"
@@ -235,7 +236,9 @@ void describe(CLI::App& app, Options& options, RawOptions& raw) {
   app.add_flag("--fast", options.fast,
                "plays in virtual time, as fast as the machine\n"
                "allows: the same home and seed print the same\n"
-               "standard output on every run");
+               "standard output on every run; the log lines on\n"
+               "standard error carry the run's time, as a\n"
+               "device's capture would");
   app.add_flag("--tracker", raw.tracker,
                "an entity tracker beside the listener: its changes\n"
                "of isEntityReachable in the last column (the\n"

@@ -13,8 +13,8 @@
 #include "SimProvider.h"
 #include "applianceDriver/SimulatedApplianceDriver.h"
 #include "reachabilityCache/ApplianceDriverReachabilityChecker.h"
-#include "reachabilityCache/EntityReachabilityTracker.h"
 #include "reachabilityCache/ReachabilityCache.h"
+#include "reachabilityCache/ReachabilityCacheOwner.h"
 #include "reachabilityCache/ReachabilityCheckerGuard.h"
 
 namespace veranda::reachabilityCache::sim {
@@ -139,27 +139,28 @@ class HomeRun {
   }
 
   void startCache() {
-    guard_ = std::make_shared<ReachabilityCheckerGuard>(
-        std::make_shared<ApplianceDriverReachabilityChecker>(driver_));
-    const ReachabilityCache::Config config{scenario_.effectiveCacheSize(),
-                                           std::chrono::seconds(scenario_.intervalSeconds),
-                                           /*enablePeriodicUpdates=*/true, guard_};
-    cache_ = std::make_unique<ReachabilityCache>(&provider_, config);
+    ReachabilityCacheOwner::Options options;
     if (settings_.tracker) {
-      tracker_ = std::make_unique<EntityReachabilityTracker>(
-          *cache_, guard_, [this](const std::string& entityId, bool reachable) {
-            timeline_.trackerChange(entityId, reachable);
-          });
+      options.tracker.onChange = [this](const std::string& entityId, bool reachable) {
+        timeline_.trackerChange(entityId, reachable);
+      };
     }
+    owner_ = std::make_unique<ReachabilityCacheOwner>(
+        &provider_,
+        ReachabilityCache::Config{scenario_.effectiveCacheSize(),
+                                  std::chrono::seconds(scenario_.intervalSeconds),
+                                  /*enablePeriodicUpdates=*/true,
+                                  std::make_shared<ApplianceDriverReachabilityChecker>(driver_)},
+        std::move(options));
     // After the tracker's: a sweep's "~" lines follow the tracker's.
-    guard_->addObserver(std::make_shared<CheckWatcher>([this] { onCheckStarting(); }));
+    owner_->guard().addObserver(std::make_shared<CheckWatcher>([this] { onCheckStarting(); }));
     // Registered after the tracker: the cache then calls this listener first
     // (the newest first, with the standard library this is built with), so
     // that a notification's line comes before the change the tracker tells.
-    cache_->registerReachabilityListener(
+    owner_->cache().registerReachabilityListener(
         LISTENER_ID, [this](const std::string& endpointId, const std::string& entityId,
                             bool reachable) { onNotification(endpointId, entityId, reachable); });
-    gate_.open(cache_.get());
+    gate_.open(&owner_->cache());
   }
 
   // On the cache's worker, right after a cycle's sweep, which can only have
@@ -278,19 +279,15 @@ class HomeRun {
     return "";
   }
 
-  // Through the tracker when it runs, which tells the change that listeners
-  // do not hear.
+  // Through the owner: its tracker, when it runs, tells the change that
+  // listeners do not hear.
   void push(const Device& device) {
     const std::vector<CachedEndpoint> record{CachedEndpoint(device.endpointId, device.entityId,
                                                             device.adapterName, device.driverType,
                                                             capabilitySet(device))};
-    if (tracker_ != nullptr) {
-      tracker_->updateEndpoints(record);
-    } else {
-      cache_->updateEndpoints(record);
-    }
+    owner_->updateEndpoints(record);
     observe(device.entityId);
-    if (answerOf(*cache_, device.entityId) == tools::Answer::ABSENT) {
+    if (answerOf(owner_->cache(), device.entityId) == tools::Answer::ABSENT) {
       timeline_.remark(device.entityId, "was refused by the cache");
     }
   }
@@ -311,38 +308,34 @@ class HomeRun {
   TableRow tableRow(const std::string& entityId) const {
     TableRow row;
     row.entityId = entityId;
-    const std::vector<EndpointInfo> endpoints = cache_->getEndpointsForEntity(entityId);
+    const ReachabilityCache& cache = owner_->cache();
+    const std::vector<EndpointInfo> endpoints = cache.getEndpointsForEntity(entityId);
     row.cached = !endpoints.empty();
     if (!row.cached) {
       return row;
     }
-    row.reachable = cache_->isEntityReachable(entityId);
+    row.reachable = cache.isEntityReachable(entityId);
     for (const EndpointInfo& endpoint : endpoints) {
       row.endpoints.emplace_back(endpoint.endpointId, endpoint.adapterName);
     }
     row.preferredEndpoint =
-        cache_->getPreferredEndpoint(entityId, scenario_.preferredAdapter).endpointId;
+        cache.getPreferredEndpoint(entityId, scenario_.preferredAdapter).endpointId;
     return row;
   }
 
-  // The clock stands, so nothing is under way: the guard cuts the cache off
-  // from answers due later, the tracker stops, and only then does recording
-  // end. The driver goes last, after the cache has cancelled its
+  // The clock stands, so nothing is under way: the owner cuts the cache off
+  // from answers due later and stops the tracker, and only then does
+  // recording end. The driver goes last, after the cache has cancelled its
   // subscription.
   void tearDown(RunReport& report) {
-    guard_->close();
-    if (tracker_ != nullptr) {
-      tracker_->close();
-    }
+    owner_->close();
     timeline_.stop();
     report.cycleTimesMs = timeline_.cycleTimes();
     report.histories = timeline_.histories();
     report.notifications = timeline_.notificationCount();
     report.toldReachable = timeline_.toldReachableCount();
-    tracker_.reset();
     gate_.close();
-    cache_.reset();
-    guard_.reset();
+    owner_.reset();
     driver_.shutdown();
   }
 
@@ -357,10 +350,8 @@ class HomeRun {
   SimProvider provider_;
   AnswerDelays delays_;                 // the cache's worker only
   std::vector<std::string> sweepable_;  // the cache's worker only
-  std::shared_ptr<ReachabilityCheckerGuard> guard_;
   CacheGate gate_;
-  std::unique_ptr<ReachabilityCache> cache_;
-  std::unique_ptr<EntityReachabilityTracker> tracker_;
+  std::unique_ptr<ReachabilityCacheOwner> owner_;
 };
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "CommandLine.h"
+#include "DeviceLog.h"
 #include "Options.h"
 #include "Report.h"
 #include "ScenarioFromOptions.h"
@@ -54,7 +55,14 @@ int main(int argc, char** argv) {
       return fail(error, 2);
     }
   }
-  __android_log_set_minimum_priority(options.quiet ? ANDROID_LOG_SILENT : options.logPriority);
+  const int minimumPriority = options.quiet ? ANDROID_LOG_SILENT : options.logPriority;
+  if (options.fast) {
+    // In virtual time the lines carry the run's time, as a device's would.
+    static DeviceLog deviceLog(stderr, minimumPriority);
+    deviceLog.install();
+  } else {
+    __android_log_set_minimum_priority(minimumPriority);
+  }
 
   printHomeSummary(home.scenario, std::cout);
   RunSettings settings;

@@ -17,6 +17,7 @@
   const UNREACHABLE = 2;
   const UNKNOWN = 3;
   const NONE = -1;
+  const INFERRED = 16; // added to a span's reason where its answer is inferred
 
   const byId = (id) => document.getElementById(id);
   const element = (tag, className, text) => {
@@ -31,14 +32,31 @@
   };
 
   // Times are milliseconds since data.origin, on the capture's own time
-  // line, whose dates read as UTC.
+  // line; they are written as the device wrote them: where its clock went
+  // back, the steps are taken out again, and dates read as UTC.
   const pad = (value, width) => String(value).padStart(width, '0');
   function formatTime(ms) {
-    const date = new Date(data.origin + ms);
+    let device = data.origin + ms;
+    for (const [at, offset] of data.clock.steps) {
+      if (ms >= at) {
+        device = data.origin + ms - offset;
+      }
+    }
+    if (data.clock.sinceBoot) {
+      return '+' + Math.floor(device / 1000) + '.' + pad(((device % 1000) + 1000) % 1000, 3);
+    }
+    const date = new Date(device);
     const day = pad(date.getUTCMonth() + 1, 2) + '-' + pad(date.getUTCDate(), 2);
     const time = pad(date.getUTCHours(), 2) + ':' + pad(date.getUTCMinutes(), 2) + ':' +
         pad(date.getUTCSeconds(), 2) + '.' + pad(date.getUTCMilliseconds(), 3);
-    return (data.year ? pad(date.getUTCFullYear(), 4) + '-' : '') + day + ' ' + time;
+    return (data.clock.year ? pad(date.getUTCFullYear(), 4) + '-' : '') + day + ' ' + time;
+  }
+  // An answer in words, with why it is unknown or that it is inferred.
+  function answerWords(answer, why) {
+    const reason = why % INFERRED;
+    return data.answers[answer].words +
+        (answer === UNKNOWN && reason > 0 ? ' (' + data.reasons[reason][0] + ')' : '') +
+        (why >= INFERRED ? ' (inferred)' : '');
   }
   function formatDuration(ms) {
     if (ms < 1000) {
@@ -64,13 +82,14 @@
     cache.lanes = cache.entities.map((entity, order) => {
       const lane = {
         id: entity.id, lower: entity.id.toLowerCase(), order: order, end: cache.end,
-        at: [], answer: [], cause: [], markAt: [], markReachable: [], markCause: [],
+        at: [], answer: [], cause: [], why: [], markAt: [], markReachable: [], markCause: [],
         markEndpoint: [],
       };
-      for (let i = 0; i + 2 < entity.a.length; i += 3) {
+      for (let i = 0; i + 3 < entity.a.length; i += 4) {
         lane.at.push(entity.a[i]);
         lane.answer.push(entity.a[i + 1]);
         lane.cause.push(entity.a[i + 2]);
+        lane.why.push(entity.a[i + 3]);
       }
       for (let i = 0; i + 3 < entity.m.length; i += 4) {
         lane.markAt.push(entity.m[i]);
@@ -424,7 +443,7 @@
       state.cache.name, state.cache.note,
       (state.cache.created ? 'created ' : 'already running at ') + formatTime(state.cache.start),
       (state.cache.destroyed ? 'destroyed ' : 'last line at ') + formatTime(state.cache.end),
-    ].concat(data.window ? ['the window from ' +
+    ].concat(data.leftOut ? [data.leftOut] : []).concat(data.window ? ['the window from ' +
         (data.window[0] === null ? "the capture's start" : formatTime(data.window[0])) + ' to ' +
         (data.window[1] === null ? 'its end' : formatTime(data.window[1]))] : []).join(' \u00b7 ');
     clearDetails();
@@ -496,12 +515,22 @@
       } else {
         line.appendChild(document.createTextNode('isEntityReachable answered '));
       }
-      line.appendChild(element('strong', '', data.answers[answer].words));
+      const why = lane.why[span];
+      line.appendChild(element('strong', '', answerWords(answer, why)));
       line.appendChild(document.createTextNode(', since ' + formatTime(lane.at[span])));
       section.appendChild(line);
+      if (answer === UNKNOWN && why % INFERRED > 0) {
+        section.appendChild(element('p', 'unknown', 'Unknown: ' + data.reasons[why % INFERRED][1] +
+            '. The page shows no guess where the lines do not tell.'));
+      }
+      if (why >= INFERRED) {
+        section.appendChild(element('p', 'hint', "Inferred: a check's or the host's record is " +
+            'taken to make its endpoint reachable (the log names no driver type).'));
+      }
       const cause = lane.cause[span];
       if (cause !== NONE) {
-        section.appendChild(element('p', '', 'Because of ' + data.causes[cause][0] + ':'));
+        const words = data.causes[cause][0];
+        section.appendChild(element('p', '', words ? 'Because of ' + words + ':' : 'Shown by:'));
         section.appendChild(evidenceList(data.causes[cause]));
       } else if (span > 0 || answer !== ABSENT) {
         missingLines(section, lane, lane.at[span]);
@@ -527,7 +556,8 @@
       }
       if (span + 1 < lane.at.length) {
         section.appendChild(element('p', 'hint', 'Next: ' +
-            data.answers[lane.answer[span + 1]].words + ' at ' + formatTime(lane.at[span + 1]) +
+            answerWords(lane.answer[span + 1], lane.why[span + 1]) + ' at ' +
+            formatTime(lane.at[span + 1]) +
             '.'));
       }
     }
@@ -649,7 +679,7 @@
       const t = tOf(event.clientX - plot.getBoundingClientRect().left, plotWidth());
       const span = lastAtOrBefore(lane.at, t);
       showTooltip(event, lane.id + '\n' + formatTime(t) + ': ' +
-          (span < 0 ? 'not running' : data.answers[lane.answer[span]].words));
+          (span < 0 ? 'not running' : answerWords(lane.answer[span], lane.why[span])));
     });
     plot.addEventListener('mouseleave', hideTooltip);
     byId('axis').addEventListener('mousedown', (event) => {

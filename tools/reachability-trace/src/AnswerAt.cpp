@@ -4,27 +4,23 @@
 
 #include "LogMessage.h"
 #include "SafeText.h"
-#include "TraceOutput.h"
+#include "diagnostics/LogSchema.h"
 
 namespace veranda::reachabilityCache::trace {
 namespace {
 
 using tools::terminalText;
 
-constexpr std::string_view PERIODIC_PREFIX = "periodic_";
+constexpr std::string_view PERIODIC_PREFIX = logSchema::requestIdPrefix::PERIODIC;
 
-const EntityRecord* findEntity(const CacheRecord& cache, const std::string& entityId) {
-  const auto index = cache.entityIndex.find(entityId);
-  return index == cache.entityIndex.end() ? nullptr : &cache.entities[index->second];
+const AnswerCause* causeOf(const EntityRecord& entity, const AnswerRecord* record) {
+  return record != nullptr && record->cause < entity.causes.size() ? &entity.causes[record->cause]
+                                                                   : nullptr;
 }
 
-const AnswerCause* causeOf(const EntityRecord& entity, const AnswerRecord& record) {
-  return record.cause < entity.causes.size() ? &entity.causes[record.cause] : nullptr;
-}
-
-std::string cacheName(const CacheRecord& cache, std::size_t index) {
-  return "cache " + std::to_string(index + 1) +
-         (cache.pid ? " (pid " + std::to_string(*cache.pid) + ")" : std::string());
+// The span as an answer record, for answerText().
+AnswerRecord recordOf(const EntitySpan& span) {
+  return {span.from, span.answer, span.inferred, span.reason, 0, NO_CAUSE};
 }
 
 // Where no cache was running: the last to end before `at` and the first to
@@ -71,45 +67,55 @@ void printBeforeEvidence(const Trace& trace, const CacheRecord& cache, const Ans
     out << "  The capture starts with the cache already running (its first line at "
         << trace.clock.format(cache.firstSeen) << ") and tells nothing of the entity";
   }
-  out << (answer.next != nullptr ? " before " + trace.clock.format(answer.next->at) : std::string())
+  out << (answer.next ? " before " + trace.clock.format(answer.next->from) : std::string())
       << ".\n";
 }
 
 void printAnswer(const Trace& trace, const AnswerAtMoment& answer, std::ostream& out) {
   const CacheRecord& cache = trace.caches[answer.cache];
+  const EntitySpan& span = answer.span;
   out << "  " << cacheName(cache, answer.cache) << ": ";
-  if (answer.answer == Answer::UNKNOWN) {
-    out << "what isEntityReachable answered is unknown";
+  if (span.answer == Answer::UNKNOWN) {
+    out << "what isEntityReachable answered is " << answerText(recordOf(span));
   } else {
-    out << "isEntityReachable answered " << tools::answerWords(answer.answer);
+    out << "isEntityReachable answered " << answerText(recordOf(span));
   }
-  if (answer.since != nullptr) {
-    out << ", since " << trace.clock.format(answer.since->at);
+  if (span.record != nullptr || span.reason == UnknownReason::LEFT_OUT) {
+    out << ", since " << trace.clock.format(span.from);
   }
   out << '\n';
-  if (answer.since == nullptr) {
+  if (span.answer == Answer::UNKNOWN && span.reason != UnknownReason::NONE) {
+    out << "  Unknown: " << unknownReasonMeaning(span.reason) << ".\n";
+  }
+  if (span.inferred) {
+    out << "  Inferred: a check's or the host's record is taken to make its endpoint reachable "
+           "(the log names no driver type).\n";
+  }
+  if (span.record == nullptr && span.reason != UnknownReason::LEFT_OUT) {
     printBeforeEvidence(trace, cache, answer, out);
   } else if (answer.cause != nullptr) {
-    out << "  Because of " << causeText(*answer.cause) << ":\n";
+    out << (answer.cause->kind == CauseKind::LOST
+                ? "  Shown by:\n"
+                : "  Because of " + causeText(*answer.cause) + ":\n");
     for (const EvidenceLine& line : answer.cause->lines) {
       printEvidence(line, out);
     }
   }
   if (answer.told != nullptr) {
     out << "  Listeners were last told " << (answer.told->reachable ? "reachable" : "unreachable")
-        << " (" << terminalText(answer.told->endpointId) << ") at "
+        << " (" << terminalText(answer.entity->endpointOf(*answer.told)) << ") at "
         << trace.clock.format(answer.told->at) << '.';
-    const bool since = answer.since == nullptr || answer.told->at > answer.since->at;
-    if (answer.told->reachable && answer.answer == Answer::UNREACHABLE && since) {
+    const bool since = span.record == nullptr || answer.told->at > span.from;
+    if (answer.told->reachable && span.answer == Answer::UNREACHABLE && since) {
       out << ' ' << UNCONFIRMED_NOTE;
-    } else if (answer.answer == Answer::ABSENT && answer.since != nullptr) {
+    } else if (span.answer == Answer::ABSENT && span.record != nullptr) {
       out << ' ' << REMOVAL_NOTE;
     }
     out << '\n';
   }
-  if (answer.next != nullptr) {
-    out << "  Next: " << tools::answerWords(answer.next->answer) << " at "
-        << trace.clock.format(answer.next->at) << ".\n";
+  if (answer.next) {
+    out << "  Next: " << answerText(recordOf(*answer.next)) << " at "
+        << trace.clock.format(answer.next->from) << ".\n";
   }
 }
 
@@ -124,19 +130,25 @@ std::vector<AnswerAtMoment> answersAt(const Trace& trace, const std::string& ent
     }
     AnswerAtMoment answer;
     answer.cache = i;
-    answer.answer = cache.creationSeen ? Answer::ABSENT : Answer::UNKNOWN;
-    if (const EntityRecord* entity = findEntity(cache, entityId)) {
-      const auto& records = entity->answers;
+    const AnswerRecord before = answerBefore(cache);
+    answer.span = {cache.startTime(), cache.endTime(), before.answer,
+                   before.inferred,   before.reason,   nullptr};
+    answer.entity = cache.findEntity(entityId);
+    if (answer.entity != nullptr) {
+      const std::vector<EntitySpan> spans =
+          entitySpans(*answer.entity, cache.startTime(), cache.endTime(), before);
+      // The last span that starts at or before `at`: a span's end is the next one's start.
       const auto next = std::upper_bound(
-          records.begin(), records.end(), at,
-          [](Micros moment, const AnswerRecord& record) { return moment < record.at; });
-      if (next != records.begin()) {
-        answer.since = &*(next - 1);
-        answer.answer = answer.since->answer;
-        answer.cause = causeOf(*entity, *answer.since);
+          spans.begin(), spans.end(), at,
+          [](Micros moment, const EntitySpan& span) { return moment < span.from; });
+      if (next != spans.begin()) {
+        answer.span = *(next - 1);
       }
-      answer.next = next == records.end() ? nullptr : &*next;
-      for (const ChangeRecord& change : entity->changes) {
+      if (next != spans.end()) {
+        answer.next = *next;
+      }
+      answer.cause = causeOf(*answer.entity, answer.span.record);
+      for (const ChangeRecord& change : answer.entity->changes) {
         if (change.at != NO_TIME && change.at <= at) {
           answer.told = &change;
         }
@@ -168,9 +180,8 @@ std::string causeText(const AnswerCause& cause) {
       return "the host emptying the cache (invalidate)";
     case CauseKind::QUERY:
       return "the store's answer to a query, as it logged it";
-    case CauseKind::SUMMARY_CUT:
-      return "a result summary that the platform cut after " + std::to_string(MAX_MESSAGE_BYTES) +
-             " bytes, and the entity's entry with it: what it answered is not in the capture";
+    case CauseKind::LOST:
+      return "the line that shows the capture no longer tells it";
   }
   return "";
 }

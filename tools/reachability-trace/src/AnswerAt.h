@@ -3,22 +3,25 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <ostream>
 #include <string>
 #include <vector>
 
 #include "TraceModel.h"
+#include "TraceOutput.h"
 
 namespace veranda::reachabilityCache::trace {
 
-// The answer of one cache that was running at the moment.
+// The answer of one cache that was running at the moment: the span of the
+// entity's answers (as the report and the pictures draw them) that holds it.
 struct AnswerAtMoment {
-  std::size_t cache = 0;  // its index in the trace
-  Answer answer = Answer::ABSENT;
-  const AnswerRecord* since = nullptr;  // null before the entity's first line
-  const AnswerCause* cause = nullptr;   // null where its lines were not kept
-  const AnswerRecord* next = nullptr;   // the next change of the answer, if any
-  const ChangeRecord* told = nullptr;   // the last change told to listeners by then
+  std::size_t cache = 0;                 // its index in the trace
+  const EntityRecord* entity = nullptr;  // null where the cache never named it
+  EntitySpan span;                       // span.record: null before the entity's first line
+  const AnswerCause* cause = nullptr;    // null where its lines were not kept
+  std::optional<EntitySpan> next;        // the next span, if any
+  const ChangeRecord* told = nullptr;    // the last change told to listeners by then
 };
 
 // What the lines cannot say by themselves, where listeners heard otherwise
@@ -31,7 +34,8 @@ inline constexpr const char* REMOVAL_NOTE =
 
 // The answers of the caches running at `at` (in capture order). Before the
 // entity's first line, a cache created in the capture answers "not cached"
-// and one already running when the capture starts "unknown".
+// and one already running when the capture starts "unknown"; where the
+// lines do not tell, the answer is unknown with its reason, never a guess.
 std::vector<AnswerAtMoment> answersAt(const Trace& trace, const std::string& entityId, Micros at);
 
 // What made the answer so, in words: "the result of cycle periodic_3,

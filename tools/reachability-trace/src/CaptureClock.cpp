@@ -2,6 +2,9 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <iterator>
+
+#include "Saturating.h"
 
 namespace veranda::reachabilityCache::trace {
 namespace {
@@ -38,8 +41,8 @@ Civil civilFromDays(int64_t days) {
   return {yearOfEra + era * 400 + (month <= 2 ? 1 : 0), month, day};
 }
 
-Micros onTimeLine(int year, const ClockReading& reading) {
-  return daysFromCivil(year, reading.month, reading.day) * MICROS_PER_DAY + reading.microsOfDay;
+Micros onLine(int year, const ClockReading& reading) {
+  return daysFromCivil(year, reading.month, reading.day) * MICROS_PER_DAY + reading.micros;
 }
 
 int64_t daysOf(Micros at) {
@@ -48,49 +51,94 @@ int64_t daysOf(Micros at) {
 
 }  // namespace
 
-ClockReading CaptureClock::reading(Micros at) {
-  const int64_t days = daysOf(at);
-  const Civil date = civilFromDays(days);
-  return {static_cast<int>(date.year), static_cast<int>(date.month), static_cast<int>(date.day),
-          at - days * MICROS_PER_DAY};
+Micros CaptureClock::civilTime(const ClockReading& reading) {
+  return onLine(reading.year, reading);
 }
 
-Micros CaptureClock::onLine(const ClockReading& reading) {
-  return onTimeLine(reading.year, reading);
+ClockReading CaptureClock::civilReading(Micros device) {
+  const int64_t days = daysOf(device);
+  const Civil date = civilFromDays(days);
+  ClockReading reading;
+  reading.year = static_cast<int>(date.year);
+  reading.month = static_cast<int>(date.month);
+  reading.day = static_cast<int>(date.day);
+  reading.micros = device - days * MICROS_PER_DAY;
+  return reading;
+}
+
+Micros CaptureClock::deviceTime(Micros at) const {
+  // The steps taken before `at` moved it: take them out again.
+  const auto after =
+      std::upper_bound(steps_.begin(), steps_.end(), at,
+                       [](Micros time, const ClockStep& step) { return time < step.at; });
+  return after == steps_.begin() ? at : saturatingSub(at, std::prev(after)->offset);
+}
+
+std::vector<Micros> CaptureClock::timeLineOf(Micros device) const {
+  std::vector<Micros> places;
+  for (std::size_t stretch = 0; stretch <= steps_.size(); ++stretch) {
+    const Micros offset = stretch == 0 ? 0 : steps_[stretch - 1].offset;
+    const Micros at = saturatingAdd(device, offset);
+    const bool afterStart = stretch == 0 || at >= steps_[stretch - 1].at;
+    const bool beforeEnd = stretch == steps_.size() || at < steps_[stretch].at;
+    if (afterStart && beforeEnd) {
+      places.push_back(at);
+    }
+  }
+  return places;
+}
+
+Micros CaptureClock::deviceMicros(const ClockReading& reading) {
+  if (reading.micros % 1000000 != 0) {
+    resolution_ = std::min<Micros>(resolution_, reading.micros % 1000 != 0 ? 1 : 1000);
+  }
+  kind_ = reading.kind;
+  if (reading.kind != ClockReading::Kind::CIVIL) {
+    sawYear_ = sawYear_ || reading.kind == ClockReading::Kind::EPOCH;
+    return reading.micros;
+  }
+  if (reading.year != 0) {
+    sawYear_ = true;
+    year_ = reading.year;
+    return onLine(year_, reading);
+  }
+  Micros at = onLine(year_, reading);
+  if (last_ != NO_TIME && at < saturatingSub(last_, HALF_YEAR)) {
+    ++year_;
+    at = onLine(year_, reading);
+  }
+  return at;
 }
 
 Micros CaptureClock::toMicros(const std::optional<ClockReading>& reading) {
   if (!reading) {
     return NO_TIME;
   }
-  if (reading->microsOfDay % 1000000 != 0) {
-    resolution_ = std::min<Micros>(resolution_, reading->microsOfDay % 1000 != 0 ? 1 : 1000);
+  const Micros device = deviceMicros(*reading);
+  if (last_ != NO_TIME && device < saturatingSub(last_, STEP_TOLERANCE)) {
+    const Micros back = saturatingSub(last_, device);
+    offset_ = saturatingAdd(offset_, back);
+    steps_.push_back({saturatingAdd(device, offset_), back, offset_});
   }
-  Micros at = 0;
-  if (reading->year != 0) {
-    sawYear_ = true;
-    year_ = reading->year;
-    at = onTimeLine(year_, *reading);
-  } else {
-    at = onTimeLine(year_, *reading);
-    if (last_ != NO_TIME && at < last_ - HALF_YEAR) {
-      ++year_;
-      at = onTimeLine(year_, *reading);
-    }
-  }
-  last_ = at;
-  return at;
+  last_ = device;
+  return saturatingAdd(device, offset_);
 }
 
 std::string CaptureClock::format(Micros at) const {
   if (at == NO_TIME) {
     return "";
   }
+  at = deviceTime(at);
+  char text[64];
+  if (kind_ == ClockReading::Kind::MONOTONIC) {
+    std::snprintf(text, sizeof(text), "+%lld.%03lld", static_cast<long long>(at / 1000000),
+                  static_cast<long long>(at % 1000000 / 1000));
+    return text;
+  }
   const int64_t days = daysOf(at);
   const Micros ofDay = at - days * MICROS_PER_DAY;
   const Civil date = civilFromDays(days);
   const auto seconds = static_cast<long long>(ofDay / 1000000);
-  char text[48];
   const int dateLength =
       sawYear_ ? std::snprintf(text, sizeof(text), "%04lld-", static_cast<long long>(date.year))
                : 0;
@@ -98,6 +146,18 @@ std::string CaptureClock::format(Micros at) const {
                 "%02lld-%02lld %02lld:%02lld:%02lld.%03lld", static_cast<long long>(date.month),
                 static_cast<long long>(date.day), seconds / 3600, seconds / 60 % 60, seconds % 60,
                 static_cast<long long>(ofDay % 1000000 / 1000));
+  return text;
+}
+
+std::string CaptureClock::formatDuration(Micros duration) {
+  char text[64];
+  const auto millis = static_cast<long long>(duration / 1000);
+  if (millis < 60000) {
+    std::snprintf(text, sizeof(text), "%lld.%03lld s", millis / 1000, millis % 1000);
+  } else {
+    std::snprintf(text, sizeof(text), "%lld:%02lld:%02lld.%03lld", millis / 3600000,
+                  millis / 60000 % 60, millis / 1000 % 60, millis % 1000);
+  }
   return text;
 }
 

@@ -64,7 +64,7 @@ std::vector<EvidenceLine> CauseReader::triggerOf(const CacheMessage& in,
 }
 
 uint32_t CauseReader::noteCause(const CacheMessage& in, EntityRecord& entity,
-                                std::string_view endpointId, Answer answer) {
+                                std::string_view endpointId, const AnswerRecord& answer) {
   if (!evidence_.covers(entity.id, in.at)) {
     return NO_CAUSE;
   }
@@ -72,8 +72,8 @@ uint32_t CauseReader::noteCause(const CacheMessage& in, EntityRecord& entity,
   cause.endpointId = std::string(endpointId);
   const std::string_view lineLabel = in.line.label;
   bool awaitsSummary = false;
-  if (answer == Answer::UNKNOWN) {
-    cause.kind = CauseKind::SUMMARY_CUT;
+  if (answer.answer == Answer::UNKNOWN) {
+    cause.kind = CauseKind::LOST;  // the line that showed it
   } else if (lineLabel == label::IS_ENTITY_REACHABLE) {
     cause.kind = CauseKind::QUERY;
   } else if (lineLabel == label::REMOVE_ENTITY) {
@@ -98,7 +98,10 @@ uint32_t CauseReader::noteCause(const CacheMessage& in, EntityRecord& entity,
     cause.lines = triggerOf(in, endpointId);
     awaitsSummary = true;
   }
-  append(cause.lines, evidence_.line(in));
+  if (!in.message.lines.empty()) {
+    append(cause.lines, evidence_.line(in));
+  }
+  evidence_.charge(sizeof(AnswerCause) + cause.requestId.size() + cause.endpointId.size());
   entity.causes.push_back(std::move(cause));
   const auto index = static_cast<uint32_t>(entity.causes.size() - 1);
   if (awaitsSummary) {
@@ -114,8 +117,9 @@ void CauseReader::addLine(const CacheMessage& in, std::string_view entityId,
     return;
   }
   for (const auto& [id, index] : open->second) {
-    if (id == entityId) {
-      append(in.cache.entity(id).causes[index].lines, evidence_.line(in, lineIndex));
+    EntityRecord* entity = id == entityId ? in.cache.findEntity(id) : nullptr;
+    if (entity != nullptr && index < entity->causes.size()) {
+      append(entity->causes[index].lines, evidence_.line(in, lineIndex));
     }
   }
 }

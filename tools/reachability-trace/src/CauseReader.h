@@ -1,6 +1,7 @@
 // Works out what made each answer of a cache's entities change, with the
 // lines that tell it: the check whose result was applied, the connectivity
-// event, the cycle's sweep, the host's own change or a logged query.
+// event, the cycle's sweep, the host's own change, a logged query, or the
+// line that showed the capture lost what the answer was.
 #pragma once
 
 #include <cstddef>
@@ -32,7 +33,7 @@ class CauseReader {
   // `endpointId`, empty when none), among the entity's causes and returns
   // its index; NO_CAUSE where the entity keeps no evidence.
   uint32_t noteCause(const CacheMessage& in, EntityRecord& entity, std::string_view endpointId,
-                     Answer answer);
+                     const AnswerRecord& answer);
 
   // Line `lineIndex` of `in`, a later line of the result being applied on
   // the message's thread about `entityId`: added to the causes this result
@@ -60,11 +61,11 @@ class CauseReader {
   Evidence& evidence_;
   const CheckReader& checks_;
   // thread -> the cycle's line that asked the provider, until its check starts
-  std::map<int, EvidenceLine> sweeping_;
+  std::map<int64_t, EvidenceLine> sweeping_;
   // endpoint -> its connectivity events passed on but not yet applied
   std::unordered_map<std::string, std::deque<EvidenceLine>> events_;
   // thread -> (entity, cause) noted by the result being applied there
-  std::map<int, std::vector<std::pair<std::string, uint32_t>>> open_;
+  std::map<int64_t, std::vector<std::pair<std::string, uint32_t>>> open_;
   const CheckRecord* summarised_ = nullptr;  // while its summary is read
 };
 

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <map>
 #include <string>
 #include <string_view>
@@ -30,31 +31,46 @@ class ChangeReader {
   // a field it must have.
   bool notification(const CacheMessage& in);
   // A "processReachabilityResults" line of the updater: the summary of a
-  // check's result or of an event's.
-  void summary(const CacheMessage& in);
+  // check's result or of an event's. Its counts are always taken; its
+  // entries not when they do not add up to the counts, or one cannot be read
+  // (ids holding a line feed can forge entries): then it returns why.
+  std::string summary(const CacheMessage& in);
 
  private:
+  // The index of a change that the limits left out.
+  static constexpr std::size_t NOT_KEPT = SIZE_MAX;
+
   // A notification line whose summary has not come yet.
   struct Note {
     std::string endpointId;
     std::string entityId;
     bool reachable;
-    std::size_t change;
+    std::size_t change;  // its index in the entity's changes, or NOT_KEPT
   };
 
+  // Why the entries of a whole summary cannot be taken, or an empty text.
+  static std::string checkEntries(
+      const LibraryLine& line, const std::vector<std::string_view>& lines,
+      const std::vector<std::pair<SummaryEntry, std::string_view>>& entries);
   // Applies one entry of a summary; `answered`: the check it reports, if any.
   void applyEntry(const CacheMessage& in, const SummaryEntry& entry, std::string_view entryText,
                   const CheckRecord* answered);
+  // Counts a change of `record`, and keeps it (with its `evidence`, where
+  // the entity keeps any) while the limits leave room: its index, or
+  // NOT_KEPT.
+  std::size_t keep(const CacheMessage& in, EntityRecord& record, const ChangeRecord& change,
+                   std::vector<EvidenceLine> evidence);
   // The change that `entry` tells: the one its notification line told
-  // already, or a new one.
-  ChangeRecord& changeOf(const CacheMessage& in, EntityRecord& record, const SummaryEntry& entry);
+  // already, or a new one. Its index, or NOT_KEPT.
+  std::size_t changeOf(const CacheMessage& in, EntityRecord& record, const SummaryEntry& entry,
+                       uint32_t endpoint);
 
   Evidence& evidence_;
   CheckReader& checks_;
   CauseReader& causes_;
   EntityAnswers& answers_;
-  std::map<int, std::vector<Note>> notes_;  // thread -> notifications awaiting their summary
-  bool notified_ = false;                   // the capture has notification lines
+  std::map<int64_t, std::vector<Note>> notes_;  // thread -> notifications awaiting their summary
+  bool notified_ = false;                       // the capture has notification lines
 };
 
 }  // namespace veranda::reachabilityCache::trace

@@ -29,10 +29,14 @@ EvidenceLine Evidence::line(const CacheMessage& in, std::size_t index) {
   // Before a window, only the lines of checks and events are kept, a few
   // per check and per endpoint: the budget is the window's.
   if (window_.contains(in.at)) {
-    bytes_ += sizeof(EvidenceLine) + (made ? line.text->size() : 0);
-    spent_ = spent_ || (scope_.everyEntity && bytes_ > scope_.budgetBytes);
+    charge(sizeof(EvidenceLine) + (made ? line.text->size() : 0));
   }
   return line;
+}
+
+void Evidence::charge(std::size_t bytes) {
+  bytes_ += bytes;
+  spent_ = spent_ || (scope_.everyEntity && bytes_ > scope_.budgetBytes);
 }
 
 }  // namespace veranda::reachabilityCache::trace

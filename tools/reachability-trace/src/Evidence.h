@@ -45,6 +45,8 @@ class Evidence {
   // Line `index` of the message, counted against the budget; the lines of
   // one message are made once, however often they are asked for.
   EvidenceLine line(const CacheMessage& in, std::size_t index = 0);
+  // Counts `bytes` of a cause that evidence keeps against the budget.
+  void charge(std::size_t bytes);
   // The first moment whose evidence the budget left out; NO_TIME when
   // nothing was.
   Micros lostFrom() const { return lostFrom_; }

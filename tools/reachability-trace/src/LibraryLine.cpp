@@ -2,6 +2,9 @@
 
 #include <cctype>
 #include <charconv>
+#include <string>
+
+#include "diagnostics/LogSchema.h"
 
 namespace veranda::reachabilityCache::trace {
 namespace {
@@ -88,7 +91,8 @@ std::optional<LibraryLine> parseLibraryLine(std::string_view text) {
     }
     Field field{rest.substr(0, key), {}};
     rest.remove_prefix(key + 1);
-    const std::size_t length = field.key == "details" ? rest.size() : valueLength(rest);
+    const std::size_t length =
+        field.key == logSchema::key::DETAILS ? rest.size() : valueLength(rest);
     field.value = rest.substr(0, length);
     line.fields.push_back(field);
     rest.remove_prefix(length);
@@ -100,9 +104,11 @@ std::optional<LibraryLine> parseLibraryLine(std::string_view text) {
 }
 
 std::optional<SummaryEntry> parseSummaryEntry(std::string_view line) {
-  constexpr std::string_view INDENT = "    ";
-  constexpr std::string_view ENTITY = " (entityId=";
-  constexpr std::string_view ADAPTER = ", adapter=";
+  using namespace logSchema;  // the names the entry is read with
+  // "    endpoint (entityId=entity[, adapter=name]): status"
+  static const std::string INDENT = std::string(summary::ENTRY_START).substr(1);
+  static const std::string ENTITY = std::string(" (") + key::ENTITY_ID + "=";
+  static const std::string ADAPTER = std::string(", ") + key::ADAPTER + "=";
   if (line.substr(0, INDENT.size()) != INDENT) {
     return std::nullopt;
   }
@@ -122,17 +128,17 @@ std::optional<SummaryEntry> parseSummaryEntry(std::string_view line) {
   }
   entry.entityId = ids;
   const std::string_view word = line.substr(status + 3);
-  if (word == "reachable") {
+  if (word == summary::REACHABLE) {
     entry.reachable = true;
-  } else if (word == "reachable (becameReachable)") {
+  } else if (word == summary::BECAME_REACHABLE) {
     entry.reachable = entry.changed = true;
-  } else if (word == "reachable (insertFailed)") {
+  } else if (word == summary::REACHABLE_INSERT_FAILED) {
     entry.reachable = entry.insertFailed = true;
-  } else if (word == "unreachable (becameUnreachable)") {
+  } else if (word == summary::BECAME_UNREACHABLE) {
     entry.changed = true;
-  } else if (word == "unreachable (insertFailed)") {
+  } else if (word == summary::UNREACHABLE_INSERT_FAILED) {
     entry.insertFailed = true;
-  } else if (word != "unreachable (alreadyUnreachable)") {
+  } else if (word != summary::ALREADY_UNREACHABLE) {
     return std::nullopt;
   }
   return entry;

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -17,17 +18,18 @@
 #include "LibraryLine.h"
 #include "LogMessage.h"
 #include "TraceModel.h"
-#include "TraceWindow.h"
 
 namespace veranda::reachabilityCache::trace {
 
-// What a trace keeps beyond its figures, and the part of the capture it
-// tells about.
+// What a trace keeps beyond its figures, the part of the capture it tells
+// about, and its bounds.
 struct TraceScope {
+  // Whose changes and answers keep the log lines that caused them.
   EvidenceScope evidence;
   // The caches are followed from the capture's start, but counted and
   // recorded only in the window; the page's evidence is kept only there.
   TraceWindow window;
+  TraceLimits limits;
 };
 
 // Hands each message to the readers of its cache: the cache's life and
@@ -39,8 +41,12 @@ class TraceBuilder {
   explicit TraceBuilder(TraceScope scope = {});
 
   void add(const LogMessage& message);
-  // Counts messages that are the library's but could not be read.
-  void addDamaged(uint64_t lines) { trace_.damagedLines += lines; }
+  // Counts lines that are the library's but could not be read; `first` is
+  // the first of them.
+  void addDamaged(uint64_t lines, const std::string& first);
+  // A bug report's log section begins: a new log, of the boot before when
+  // its title says so ("LAST LOGCAT").
+  void beginSection(std::string_view title);
 
   // Ends the capture: limits the trace to the window, checks the cycles'
   // rhythm and returns the result.
@@ -49,7 +55,8 @@ class TraceBuilder {
  private:
   // The readers of one cache's lines.
   struct Readers {
-    explicit Readers(Evidence& evidence);
+    // `created`: the cache's first line is its creation.
+    Readers(Evidence& evidence, bool created);
 
     CheckReader checks;
     EventReader events;
@@ -61,7 +68,13 @@ class TraceBuilder {
   // The cache of the message's process: "cacheCreated" starts a new one, and
   // a process seen first in the middle of its life gets one from its first
   // line. Sets readers_.
-  CacheRecord& cacheFor(const LogMessage& message, const LibraryLine& line, Micros at);
+  // Null past the trace's limit of caches.
+  CacheRecord* cacheFor(const LogMessage& message, const LibraryLine& line, Micros at);
+  void damaged(const LogMessage& message);
+  void rateLimited(const LogMessage& message);
+  std::string ambiguityOf(const LogMessage& message, const LibraryLine& line);
+  void ambiguous(const CacheMessage& in, const std::string& why);
+  void findReplacedProcesses();
   void facade(const CacheMessage& in);
   void store(const CacheMessage& in);
   void updater(const CacheMessage& in);
@@ -73,12 +86,17 @@ class TraceBuilder {
   // window's end.
   void pastWindow(const LogMessage& message);
 
+  std::string storyEntity_;
   TraceWindow window_;
   bool inWindow_ = false;
   uint64_t messagesBefore_ = 0;  // read before the window opened
   Evidence evidence_;
   Trace trace_;
-  std::map<int, std::size_t> current_;             // process (or -1) -> index of its cache
+  std::optional<LogMessage> cutShort_;  // the last message, when it was cut short
+  uint64_t sequence_ = 0;  // the number of the last message, rate limiter's notices included
+  std::string section_;
+  bool previousBoot_ = false;
+  std::map<int64_t, std::size_t> current_;         // process (or -1) -> index of its cache
   std::vector<std::unique_ptr<Readers>> readers_;  // parallel to trace_.caches
   Readers* reading_ = nullptr;                     // the message's cache's
 };

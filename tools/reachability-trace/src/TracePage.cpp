@@ -24,6 +24,8 @@ namespace {
 
 constexpr int64_t NO_INDEX = -1;
 constexpr Micros MICROS_PER_MS = 1000;
+// Added to a span's reason where its answer is inferred.
+constexpr int INFERRED = 16;
 
 // Text from the capture as a JSON string that is safe inside a <script>
 // element: no '<' or '>' can end it or open a comment.
@@ -56,10 +58,10 @@ class DataWriter {
   }
 
   void write(std::size_t selectedCache, const std::string& captureName) {
-    out_ << "{\"capture\":" << jsonText(captureName)
-         << ",\"year\":" << (trace_.clock.sawYear() ? "true" : "false")
-         << ",\"origin\":" << origin_ / MICROS_PER_MS << ",\"selected\":" << selectedCache
-         << ",\"window\":";
+    out_ << "{\"capture\":" << jsonText(captureName) << ",\"clock\":";
+    clock();
+    out_ << ",\"origin\":" << origin_ / MICROS_PER_MS << ",\"selected\":" << selectedCache
+         << ",\"leftOut\":" << jsonText(leftOutText()) << ",\"window\":";
     if (trace_.window.limits()) {
       out_ << '[' << time(trace_.window.from) << ',' << time(trace_.window.to) << ']';
     } else {
@@ -71,6 +73,12 @@ class DataWriter {
       out_ << (answer == Answer::ABSENT ? "" : ",")
            << "{\"words\":" << jsonText(tools::answerWords(answer)) << ",\"colour\":\""
            << tools::answerColour(answer) << "\"}";
+    }
+    out_ << "],\"reasons\":[";
+    for (int reason = 0; reason <= static_cast<int>(UnknownReason::LEFT_OUT); ++reason) {
+      const auto why = static_cast<UnknownReason>(reason);
+      out_ << (reason == 0 ? "" : ",") << "[" << jsonText(unknownReasonWords(why)) << ","
+           << jsonText(unknownReasonMeaning(why)) << "]";
     }
     out_ << "],\"notes\":{\"unconfirmed\":" << jsonText(UNCONFIRMED_NOTE)
          << ",\"removal\":" << jsonText(REMOVAL_NOTE) << "},\"caches\":[";
@@ -92,6 +100,49 @@ class DataWriter {
   }
 
  private:
+  // How the page writes times as the device wrote them: dates (with the
+  // year or not) or seconds since boot, and where the device's clock went
+  // back, [time on the page, ms to take out] from there on.
+  void clock() {
+    const CaptureClock& clock = trace_.clock;
+    out_ << "{\"sinceBoot\":" << (clock.kind() == ClockReading::Kind::MONOTONIC ? "true" : "false")
+         << ",\"year\":" << (clock.sawYear() ? "true" : "false") << ",\"steps\":[";
+    bool first = true;
+    for (const ClockStep& step : clock.steps()) {
+      out_ << (first ? "" : ",") << '[' << time(step.at) << ',' << step.offset / MICROS_PER_MS
+           << ']';
+      first = false;
+    }
+    out_ << "]}";
+  }
+
+  // What the trace's limits left out, in words; empty when nothing was.
+  std::string leftOutText() const {
+    const LeftOut& left = trace_.leftOut;
+    if (!left.any()) {
+      return "";
+    }
+    std::string text = "The trace's limits left out";
+    const std::pair<uint64_t, const char*> parts[] = {
+        {left.answers, " answers (hatched: past the limits)"},
+        {left.changes + left.storyChanges, " changes told to listeners"},
+        {left.entityLines, " lines about entities past the limit of entities"},
+        {left.endpointLines, " lines about endpoints past an entity's limit"},
+        {left.processLines, " lines of processes past the limit of caches"},
+        {left.checks, " checks"},
+    };
+    bool first = true;
+    for (const auto& [count, what] : parts) {
+      if (count > 0) {
+        text += (first ? " " : ", ") + std::to_string(count) + what;
+        first = false;
+      }
+    }
+    return text +
+           "; memory stays bounded (see --help). A page of a window (--from, --to) "
+           "counts from the window's start.";
+  }
+
   // Milliseconds since the origin, or null.
   std::string time(Micros at) const {
     return at == NO_TIME ? "null" : std::to_string((at - origin_) / MICROS_PER_MS);
@@ -113,11 +164,13 @@ class DataWriter {
       return NO_INDEX;
     }
     const AnswerCause& cause = entity.causes[answer.cause];
-    return addCause(causeText(cause), cause.lines);
+    return addCause(cause.kind == CauseKind::LOST ? std::string() : causeText(cause), cause.lines);
   }
 
-  int64_t changeCause(const ChangeRecord& change) {
-    return change.evidence.empty() ? NO_INDEX : addCause("", change.evidence);
+  int64_t changeCause(const EntityRecord& entity, std::size_t change) {
+    return change < entity.evidence.size() && !entity.evidence[change].empty()
+               ? addCause("", entity.evidence[change])
+               : NO_INDEX;
   }
 
   // Before an entity's first line: not cached in a cache the capture saw
@@ -135,50 +188,44 @@ class DataWriter {
     return midRun_;
   }
 
+  // An entity's spans as [start, answer, cause, why] (why: the reason of an
+  // unknown answer, plus INFERRED for an inferred one), and its changes told
+  // to listeners as [time, reachable, cause, endpoint].
   void entity(const CacheRecord& cache, const EntityRecord& entity) {
     const Micros start = cache.startTime();
-    out_ << "{\"id\":" << jsonText(entity.id) << ",\"a\":[" << time(start) << ','
-         << static_cast<int>(cache.creationSeen ? Answer::ABSENT : Answer::UNKNOWN) << ','
-         << beforeEvidence(cache);
-    for (const AnswerRecord& answer : entity.answers) {
-      if (answer.at != NO_TIME) {
-        out_ << ',' << time(std::max(answer.at, start)) << ',' << static_cast<int>(answer.answer)
-             << ',' << answerCause(entity, answer);
-      }
-    }
-    // The endpoints that listeners were told of, each once.
-    std::vector<const std::string*> endpoints;
-    const auto endpointIndex = [&endpoints](const std::string& id) {
-      const auto found = std::find_if(endpoints.begin(), endpoints.end(),
-                                      [&id](const std::string* known) { return *known == id; });
-      if (found == endpoints.end()) {
-        endpoints.push_back(&id);
-        return endpoints.size() - 1;
-      }
-      return static_cast<std::size_t>(found - endpoints.begin());
-    };
-    out_ << "],\"m\":[";
+    out_ << "{\"id\":" << jsonText(entity.id) << ",\"a\":[";
     bool first = true;
-    for (const ChangeRecord& change : entity.changes) {
+    for (const EntitySpan& span :
+         entitySpans(entity, start, cache.endTime(), answerBefore(cache))) {
+      const int64_t cause =
+          span.record == nullptr
+              ? (span.reason == UnknownReason::CAPTURE_START ? beforeEvidence(cache) : NO_INDEX)
+              : answerCause(entity, *span.record);
+      out_ << (first ? "" : ",") << time(span.from) << ',' << static_cast<int>(span.answer) << ','
+           << cause << ',' << (static_cast<int>(span.reason) + (span.inferred ? INFERRED : 0));
+      first = false;
+    }
+    out_ << "],\"m\":[";
+    first = true;
+    for (std::size_t i = 0; i < entity.changes.size(); ++i) {
+      const ChangeRecord& change = entity.changes[i];
       if (change.at != NO_TIME) {
         out_ << (first ? "" : ",") << time(change.at) << ',' << (change.reachable ? 1 : 0) << ','
-             << changeCause(change) << ',' << endpointIndex(change.endpointId);
+             << changeCause(entity, i) << ','
+             << std::min<uint32_t>(change.endpoint, static_cast<uint32_t>(entity.endpoints.size()));
         first = false;
       }
     }
+    // The endpoints by index, then one for those past the entity's limit.
     out_ << "],\"e\":[";
-    for (std::size_t i = 0; i < endpoints.size(); ++i) {
-      out_ << (i == 0 ? "" : ",") << jsonText(*endpoints[i]);
+    for (const std::string& endpoint : entity.endpoints) {
+      out_ << jsonText(endpoint) << ',';
     }
-    out_ << "]}";
+    out_ << jsonText("(another endpoint)") << "]}";
   }
-
   void cache(std::size_t index) {
     const CacheRecord& cache = trace_.caches[index];
-    std::string name = "cache " + std::to_string(index + 1);
-    if (cache.pid) {
-      name += " (pid " + std::to_string(*cache.pid) + ")";
-    }
+    const std::string name = cacheName(cache, index);
     std::string note = std::to_string(cache.entities.size()) + " entities";
     if (cache.intervalSeconds) {
       note += ", refresh every " + std::to_string(*cache.intervalSeconds) + " s";

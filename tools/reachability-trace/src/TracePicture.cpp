@@ -1,10 +1,11 @@
 // One cache of the capture as the shared timeline picture.
+#include "Saturating.h"
 #include "TraceOutput.h"
 
 namespace veranda::reachabilityCache::trace {
 namespace {
 
-int64_t msSince(Micros start, Micros at) { return (at - start) / 1000; }
+int64_t msSince(Micros start, Micros at) { return saturatingSub(at, start) / 1000; }
 
 }  // namespace
 
@@ -36,11 +37,9 @@ tools::TimelinePicture tracePicture(const Trace& trace, std::size_t cacheIndex,
   for (const EntityRecord& entity : cache.entities) {
     tools::TimelineRow row;
     row.label = entity.id;
-    for (const EntitySpan& span : entitySpans(entity, start, end)) {
+    for (const EntitySpan& span : entitySpans(entity, start, end, answerBefore(cache))) {
       unknown = unknown || span.answer == Answer::UNKNOWN;
-      if (span.answer != Answer::UNKNOWN) {  // left blank: the capture does not tell
-        row.spans.push_back({msSince(start, span.from), msSince(start, span.to), span.answer});
-      }
+      row.spans.push_back({msSince(start, span.from), msSince(start, span.to), span.answer});
     }
     for (const ChangeRecord& change : entity.changes) {
       if (change.at != NO_TIME) {
@@ -50,7 +49,7 @@ tools::TimelinePicture tracePicture(const Trace& trace, std::size_t cacheIndex,
     picture.rows.push_back(std::move(row));
   }
   if (unknown) {
-    picture.note += "; blank where cut summaries leave the answer unknown";
+    picture.note += "; hatched where the capture does not tell";
   }
   if (trace.window.limits()) {
     picture.note += "; " + windowText(trace);

@@ -18,9 +18,9 @@ void keepWithin(std::vector<Record>& records, const TraceWindow& window, Micros 
 
 // The answers from the window's start on: the one in force at its start,
 // then those told in it.
-void clipAnswers(std::vector<AnswerRecord>& answers, const TraceWindow& window) {
+void clipAnswers(EntityRecord& entity, const TraceWindow& window) {
   std::vector<AnswerRecord> kept;
-  for (const AnswerRecord& answer : answers) {
+  for (const AnswerRecord& answer : entity.answers) {
     if (window.before(answer.at)) {
       kept.assign(1, answer);
       kept.front().at = window.from;
@@ -31,7 +31,28 @@ void clipAnswers(std::vector<AnswerRecord>& answers, const TraceWindow& window) 
   if (!kept.empty() && kept.front().answer == Answer::ABSENT) {
     kept.erase(kept.begin());  // no need to say it was not cached yet
   }
-  answers = std::move(kept);
+  // Those dropped came before any left out, which are all in the window.
+  const std::size_t dropped = entity.answers.size() - kept.size();
+  entity.answersGap -= std::min(entity.answersGap, dropped);
+  entity.answers = std::move(kept);
+  entity.settled = entity.answers.size();
+}
+
+// The changes in the window, with their evidence where it was kept.
+void clipChanges(EntityRecord& entity, const TraceWindow& window) {
+  std::vector<ChangeRecord> changes;
+  std::vector<std::vector<EvidenceLine>> evidence;
+  for (std::size_t i = 0; i < entity.changes.size(); ++i) {
+    if (entity.changes[i].at != NO_TIME && window.contains(entity.changes[i].at)) {
+      changes.push_back(entity.changes[i]);
+      if (i < entity.evidence.size()) {
+        evidence.resize(changes.size());
+        evidence.back() = std::move(entity.evidence[i]);
+      }
+    }
+  }
+  entity.changes = std::move(changes);
+  entity.evidence = std::move(evidence);
 }
 
 void clipCache(CacheRecord& cache, const TraceWindow& window) {
@@ -45,8 +66,8 @@ void clipCache(CacheRecord& cache, const TraceWindow& window) {
   keepWithin(cache.manualChecks, window, &CheckRecord::start);
   std::vector<EntityRecord> entities;
   for (EntityRecord& entity : cache.entities) {
-    keepWithin(entity.changes, window, &ChangeRecord::at);
-    clipAnswers(entity.answers, window);
+    clipChanges(entity, window);
+    clipAnswers(entity, window);
     if (!entity.changes.empty() || !entity.answers.empty()) {
       entities.push_back(std::move(entity));
     }
@@ -59,6 +80,46 @@ void clipCache(CacheRecord& cache, const TraceWindow& window) {
 }
 
 }  // namespace
+
+void forgetBeforeWindow(Trace& trace, CacheRecord& cache, const TraceWindow& window) {
+  cache.problems.clear();
+  cache.metrics.clear();
+  cache.eventsReceived = 0;
+  cache.eventsApplied = 0;
+  cache.changes = 0;
+  cache.rateLimitNotices = 0;
+  cache.expiredLines = 0;
+  cache.identicalLines = 0;
+  cache.firstRateLimit = NO_TIME;
+  cache.ambiguousLines = 0;
+  cache.ambiguous.clear();
+  for (EntityRecord& entity : cache.entities) {
+    // The changes so far are before the window, and so are the final answers
+    // but the last, which may be in force at its start.
+    trace.keptChanges -= std::min(trace.keptChanges, entity.changes.size());
+    entity.changes.clear();
+    entity.evidence.clear();
+    entity.changeCount = 0;
+    entity.changesLeftOut = 0;
+    if (entity.settled > 1) {
+      const std::size_t dropped = entity.settled - 1;
+      trace.keptAnswers -= std::min(trace.keptAnswers, dropped);
+      entity.answers.erase(entity.answers.begin(),
+                           entity.answers.begin() + static_cast<std::ptrdiff_t>(dropped));
+      entity.settled = 1;
+    }
+    entity.answersLeftOut = 0;
+    entity.answersLeftOutFrom = NO_TIME;
+    entity.answersGap = 0;
+    AnswerTally& tally = entity.tally;
+    tally.flaps = 0;
+    tally.unreachable = 0;
+    tally.unknown = 0;
+    if (tally.open) {
+      tally.open->at = window.from;
+    }
+  }
+}
 
 void clipToWindow(Trace& trace, const TraceWindow& window) {
   if (!window.limits()) {

@@ -6,6 +6,12 @@
 
 namespace veranda::reachabilityCache::trace {
 
+// The window opens: what `cache` kept and counted before it is forgotten
+// (its changes, the answers before the one in force, its figures and
+// problems), and the trace's limits count from here on. Its checks stay
+// until clipToWindow(), which drops those that started before.
+void forgetBeforeWindow(Trace& trace, CacheRecord& cache, const TraceWindow& window);
+
 // Keeps what happened in `window` of a trace whose counts began when the
 // window opened and which read nothing after it: the caches alive in it,
 // their checks that started in it, their entities' changes in it and their

@@ -124,7 +124,7 @@ std::optional<std::size_t> cacheToDraw(const Trace& trace, const TraceOptions& o
             std::to_string(trace.caches.size()) + " caches";
     return std::nullopt;
   }
-  return options.cache == 0 ? trace.caches.size() - 1 : options.cache - 1;
+  return options.cache == 0 ? defaultCache(trace) : options.cache - 1;
 }
 
 int draw(const Trace& trace, const TraceOptions& options) {
@@ -159,7 +159,7 @@ int tell(const Trace& whole, const Trace& trace, const TraceOptions& options) {
       return fail("no cache in the capture knows the entity " + options.entityId, 2);
     }
   } else if (options.json) {
-    std::cout << traceJson(trace);
+    writeTraceJson(trace, std::cout);
   } else if (!options.entityId.empty()) {
     if (!printEntityStory(trace, options.entityId, std::cout)) {
       return fail("no cache in the capture knows the entity " + options.entityId +

@@ -73,6 +73,30 @@ std::string terminalText(std::string_view text) {
   return result;
 }
 
+std::string jsonQuoted(std::string_view text) {
+  std::string result;
+  result.reserve(text.size() + 2);
+  result += '"';
+  for (std::size_t at = 0; at < text.size();) {
+    const Utf8Character character = decodeUtf8(text, at);
+    if (character.codePoint == Utf8Character::INVALID) {
+      result += "\\ufffd";
+    } else if (character.codePoint == '"' || character.codePoint == '\\') {
+      result += '\\';
+      result += static_cast<char>(character.codePoint);
+    } else if (character.codePoint < 0x20) {
+      char escape[16];
+      std::snprintf(escape, sizeof(escape), "\\u%04x", static_cast<unsigned>(character.codePoint));
+      result += escape;
+    } else {
+      result.append(text.substr(at, character.length));
+    }
+    at += character.length;
+  }
+  result += '"';
+  return result;
+}
+
 std::size_t terminalWidth(std::string_view text) {
   const std::string safe = terminalText(text);
   std::size_t characters = 0;

@@ -26,6 +26,10 @@ std::string shortened(std::string_view text, std::size_t maxCharacters);
 // scenario can move the cursor, change colours or ring the bell.
 std::string terminalText(std::string_view text);
 
+// `text` as a JSON string, quotes included: '"' and '\' and control
+// characters escaped, bytes that are not valid UTF-8 as U+FFFD.
+std::string jsonQuoted(std::string_view text);
+
 // The number of characters `text` takes on a terminal once made safe, for
 // padding columns.
 std::size_t terminalWidth(std::string_view text);

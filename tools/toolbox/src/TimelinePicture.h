@@ -20,7 +20,8 @@ struct AnswerSpan {
 
 struct TimelineRow {
   std::string label;              // any text; shown shortened, whole in the tooltip
-  std::vector<AnswerSpan> spans;  // in time order; time outside every span is left blank
+  std::vector<AnswerSpan> spans;  // in time order; time outside every span is left blank;
+                                  // UNKNOWN spans are hatched
   std::vector<int64_t> marksMs;   // when listeners were told about the entity
 };
 

@@ -33,6 +33,14 @@ constexpr double MIN_CYCLE_GAP = 4;
 const char* const REACHABLE_COLOUR = "#1f77b4";
 const char* const UNREACHABLE_COLOUR = "#ff7f0e";
 const char* const ABSENT_COLOUR = "#e6e6e6";
+// Unknown answers are hatched; the pattern is defined only where used.
+const char* const UNKNOWN_COLOUR = "#a8a8a8";  // the stripes of its hatch
+const char* const UNKNOWN_FILL = "url(#unknown)";
+const char* const UNKNOWN_PATTERN =
+    "<defs><pattern id=\"unknown\" width=\"6\" height=\"6\" patternUnits=\"userSpaceOnUse\" "
+    "patternTransform=\"rotate(45)\"><rect width=\"6\" height=\"6\" fill=\"#f7f7f7\"/>"
+    "<line x1=\"0\" y1=\"0\" x2=\"0\" y2=\"6\" stroke=\"#a8a8a8\" stroke-width=\"2\"/>"
+    "</pattern></defs>\n";
 
 std::string num(double value) {
   char text[32];
@@ -47,6 +55,11 @@ std::string tickLabel(double seconds) {
 }
 
 std::string label(const std::string& text) { return shortened(text, LABEL_CHARS); }
+
+// The fill of a span: a hatch for unknown, else the answer's colour.
+const char* fill(Answer answer) {
+  return answer == Answer::UNKNOWN ? UNKNOWN_FILL : answerColour(answer);
+}
 
 // The answer of `row` at `atMs`: that of the last span starting at or before it.
 Answer answerAt(const TimelineRow& row, int64_t atMs) {
@@ -72,6 +85,17 @@ double tickStep(double seconds) {
   return 86400 * std::ceil(seconds / 86400 / 12);
 }
 
+bool hasUnknown(const TimelinePicture& picture) {
+  for (const TimelineRow& row : picture.rows) {
+    for (const AnswerSpan& span : row.spans) {
+      if (span.answer == Answer::UNKNOWN) {
+        return true;
+      }
+    }
+  }
+  return false;
+}
+
 // The rows to draw, in display order: all of them, or those with most spans.
 std::vector<std::size_t> chosenRows(const TimelinePicture& picture) {
   std::vector<std::size_t> rows(picture.rows.size());
@@ -90,7 +114,10 @@ std::vector<std::size_t> chosenRows(const TimelinePicture& picture) {
 class Drawing {
  public:
   explicit Drawing(const TimelinePicture& picture)
-      : picture_(picture), rows_(chosenRows(picture)), banded_(rows_.size() < picture.rows.size()) {
+      : picture_(picture),
+        rows_(chosenRows(picture)),
+        banded_(rows_.size() < picture.rows.size()),
+        unknown_(hasUnknown(picture)) {
     std::size_t widest = 6;
     for (std::size_t row : rows_) {
       widest = std::max(widest, terminalWidth(label(picture.rows[row].label)));
@@ -108,6 +135,9 @@ class Drawing {
          << num(height) << "\" viewBox=\"0 0 " << num(width) << ' ' << num(height)
          << "\" font-family=\"sans-serif\" font-size=\"11\">\n"
          << "<rect width=\"100%\" height=\"100%\" fill=\"white\"/>\n";
+    if (unknown_) {
+      svg_ << UNKNOWN_PATTERN;
+    }
     heading();
     grid();
     if (banded_) {
@@ -149,10 +179,10 @@ class Drawing {
          {UNREACHABLE_COLOUR, "unreachable"},
          {ABSENT_COLOUR, "not in the cache"}}};
     for (const auto& key : keys) {
-      svg_ << "<rect x=\"" << num(at) << "\" y=\"52\" width=\"14\" height=\"10\" fill=\""
-           << key.first << "\"/><text x=\"" << num(at + 19) << "\" y=\"61\">" << key.second
-           << "</text>\n";
-      at += 30 + static_cast<double>(std::strlen(key.second)) * CHAR_WIDTH;
+      legendKey(at, key.first, key.second);
+    }
+    if (unknown_) {
+      legendKey(at, UNKNOWN_FILL, "unknown");
     }
     svg_ << "<rect x=\"" << num(at + 6) << "\" y=\"50\" width=\"2\" height=\"7\" fill=\"#111\"/>"
          << "<text x=\"" << num(at + 19) << "\" y=\"61\">listener notified</text>\n";
@@ -160,6 +190,12 @@ class Drawing {
     svg_ << "<line x1=\"" << num(at) << "\" y1=\"57\" x2=\"" << num(at + 14)
          << "\" y2=\"57\" stroke=\"#555\" stroke-dasharray=\"3,2\"/><text x=\"" << num(at + 19)
          << "\" y=\"61\">periodic cycle</text>\n";
+  }
+
+  void legendKey(double& at, const char* fill, const char* text) {
+    svg_ << "<rect x=\"" << num(at) << "\" y=\"52\" width=\"14\" height=\"10\" fill=\"" << fill
+         << "\"/><text x=\"" << num(at + 19) << "\" y=\"61\">" << text << "</text>\n";
+    at += 30 + static_cast<double>(std::strlen(text)) * CHAR_WIDTH;
   }
 
   void grid() {
@@ -180,16 +216,21 @@ class Drawing {
     const auto total = static_cast<double>(picture_.rows.size());
     std::vector<double> reachable(BAND_BINS + 1);
     std::vector<double> known(BAND_BINS + 1);
+    std::vector<double> cached(BAND_BINS + 1);  // unknown answers too
     for (const TimelineRow& row : picture_.rows) {
       for (int bin = 0; bin <= BAND_BINS; ++bin) {
         const Answer answer = answerAt(row, binTime(bin));
         reachable[bin] += answer == Answer::REACHABLE ? 1 : 0;
-        known[bin] += answer != Answer::ABSENT ? 1 : 0;
+        known[bin] += answer == Answer::REACHABLE || answer == Answer::UNREACHABLE ? 1 : 0;
+        cached[bin] += answer != Answer::ABSENT ? 1 : 0;
       }
     }
     const auto y = [&](double count) { return bottom - BAND_HEIGHT * count / total; };
     svg_ << "<rect x=\"" << num(left_) << "\" y=\"" << num(TOP) << "\" width=\"" << num(PLOT_WIDTH)
          << "\" height=\"" << num(BAND_HEIGHT) << "\" fill=\"" << ABSENT_COLOUR << "\"/>\n";
+    if (unknown_) {
+      area(cached, y, bottom, UNKNOWN_FILL);
+    }
     area(known, y, bottom, UNREACHABLE_COLOUR);
     area(reachable, y, bottom, REACHABLE_COLOUR);
     for (double count : {0.0, total / 2, total}) {
@@ -223,8 +264,7 @@ class Drawing {
         const double from = x(span.fromMs);
         const double width = std::max(x(span.toMs) - from, 1.0);  // short flaps stay visible
         svg_ << "<rect x=\"" << num(from) << "\" y=\"" << num(barTop) << "\" width=\"" << num(width)
-             << "\" height=\"" << num(BAR_HEIGHT) << "\" fill=\"" << answerColour(span.answer)
-             << "\"/>\n";
+             << "\" height=\"" << num(BAR_HEIGHT) << "\" fill=\"" << fill(span.answer) << "\"/>\n";
       }
       // A dark tick on the bar at each notification about the entity.
       for (int64_t atMs : row.marksMs) {
@@ -262,6 +302,7 @@ class Drawing {
   const TimelinePicture& picture_;
   std::vector<std::size_t> rows_;
   bool banded_;
+  bool unknown_;
   double left_ = 0;
   double rowsTop_ = 0;
   double plotBottom_ = 0;
@@ -277,8 +318,9 @@ const char* answerColour(Answer answer) {
       return REACHABLE_COLOUR;
     case Answer::UNREACHABLE:
       return UNREACHABLE_COLOUR;
-    case Answer::ABSENT:
     case Answer::UNKNOWN:
+      return UNKNOWN_COLOUR;
+    case Answer::ABSENT:
       break;
   }
   return ABSENT_COLOUR;

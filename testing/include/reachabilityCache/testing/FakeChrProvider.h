@@ -2,9 +2,8 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
-#include <mutex>
+#include <memory>
 #include <vector>
 
 #include "reachabilityCache/EndpointInfo.h"
@@ -16,9 +15,13 @@ namespace veranda::reachabilityCache::test {
 class FakeChrProvider : public ICHRProvider {
  public:
   // Answers with no endpoints until setEndpoints().
-  FakeChrProvider() = default;
+  FakeChrProvider();
   // Answers with `endpoints` until setEndpoints().
   explicit FakeChrProvider(std::vector<EndpointInfo> endpoints);
+  ~FakeChrProvider() override;
+
+  FakeChrProvider(const FakeChrProvider&) = delete;
+  FakeChrProvider& operator=(const FakeChrProvider&) = delete;
 
   // The list that the next queries return.
   void setEndpoints(std::vector<EndpointInfo> endpoints);
@@ -30,10 +33,8 @@ class FakeChrProvider : public ICHRProvider {
   std::vector<EndpointInfo> queryEndpoints() override;
 
  private:
-  mutable std::mutex mutex_;
-  mutable std::condition_variable queried_;
-  std::vector<EndpointInfo> endpoints_;
-  std::size_t queryCount_ = 0;
+  struct State;
+  const std::unique_ptr<State> state_;
 };
 
 }  // namespace veranda::reachabilityCache::test

@@ -3,17 +3,10 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
-#include <cstdint>
-#include <deque>
 #include <functional>
-#include <map>
 #include <memory>
-#include <mutex>
 #include <string>
-#include <thread>
-#include <utility>
 #include <vector>
 
 #include "reachabilityCache/EndpointInfo.h"
@@ -49,8 +42,8 @@ class FakeReachabilityChecker : public IReachabilityChecker {
     bool accepted;                        // false when refused (setRefuseChecks())
   };
 
-  FakeReachabilityChecker() = default;
-  ~FakeReachabilityChecker() override = default;
+  FakeReachabilityChecker();
+  ~FakeReachabilityChecker() override;
 
   FakeReachabilityChecker(const FakeReachabilityChecker&) = delete;
   FakeReachabilityChecker& operator=(const FakeReachabilityChecker&) = delete;
@@ -111,37 +104,8 @@ class FakeReachabilityChecker : public IReachabilityChecker {
   bool unregisterReachabilityUpdateCallback(const std::string& callbackId) override;
 
  private:
-  struct PendingCheck {
-    std::vector<EndpointInfo> endpoints;
-    ResultsCallback callback;
-    std::string requestId;
-    std::weak_ptr<const void> starter;  // the executor that started it, when fromTask
-    bool fromTask = false;
-  };
-  struct Subscription {
-    uint64_t token;  // tells a registration from a later one under the same id
-    std::shared_ptr<const UpdateCallback> callback;
-    bool cancelled;  // cancellation refused: its cache has ended all the same
-  };
-
-  static std::vector<ReachabilityCheckResult> answer(const std::vector<EndpointInfo>& endpoints,
-                                                     const Responder& responder);
-  bool takeNextPending(PendingCheck& check);
-  bool deliveringElsewhereLocked(uint64_t token) const;
-
-  mutable std::mutex mutex_;
-  mutable std::condition_variable changed_;
-  bool refuseChecks_ = false;
-  bool refuseRegistrations_ = false;
-  bool refuseUnregistrations_ = false;
-  Responder responder_;
-  std::vector<CheckRequest> requests_;
-  std::size_t requestCount_ = 0;
-  std::deque<PendingCheck> pending_;
-  std::map<std::string, Subscription> subscriptions_;
-  uint64_t nextToken_ = 1;
-  // Deliveries running now: the subscription's token and the delivering thread.
-  std::vector<std::pair<uint64_t, std::thread::id>> delivering_;
+  struct State;
+  const std::unique_ptr<State> state_;
 };
 
 // A result for `endpoint`: reachable ones carry its capabilities under NATIVE

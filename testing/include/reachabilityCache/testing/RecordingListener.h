@@ -2,9 +2,8 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
-#include <mutex>
+#include <memory>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -36,6 +35,12 @@ inline std::ostream& operator<<(std::ostream& out, const Notification& notificat
 // outlive the cache it listens to, or be unregistered first.
 class RecordingListener {
  public:
+  RecordingListener();
+  ~RecordingListener();
+
+  RecordingListener(const RecordingListener&) = delete;
+  RecordingListener& operator=(const RecordingListener&) = delete;
+
   // The function to register with the cache.
   ReachabilityCache::ReachabilityListener callback();
 
@@ -51,9 +56,8 @@ class RecordingListener {
  private:
   void record(const std::string& endpointId, const std::string& entityId, bool isReachable);
 
-  mutable std::mutex mutex_;
-  mutable std::condition_variable arrived_;
-  std::vector<Notification> notifications_;
+  struct State;
+  const std::unique_ptr<State> state_;
 };
 
 }  // namespace veranda::reachabilityCache::test
