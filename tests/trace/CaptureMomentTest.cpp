@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 #include "CaptureFiles.h"
 #include "CaptureMoment.h"
@@ -87,6 +88,82 @@ TEST(CaptureMomentTest, TakesTheYearWhereTheCaptureHasOne) {
   ASSERT_TRUE(brief.ok) << brief.error;
   EXPECT_EQ(resolveCaptureMoment(*parseCaptureMoment("10:00"), brief.trace).error,
             "the capture has no timestamps (brief format)");
+}
+
+// A cache from 10:00 to 10:10 in `form`, with a line at 10:05.
+Trace tenMinutes(Form form) {
+  const CaptureTrace read = traceText(render(
+      std::vector<Message>{
+          {"11-22 10:00:00.000", 9, 9, 'I', FACADE,
+           "[ReachabilityCache]: event=cacheCreated maxCacheSize=1"},
+          {"11-22 10:05:00.000", 9, 9, 'I', STORE, "[clear]: action=cleared previousSize=0"},
+          {"11-22 10:10:00.000", 9, 9, 'I', FACADE,
+           "[~ReachabilityCache]: event=cacheDestroyed cacheSize=0"}},
+      form));
+  EXPECT_TRUE(read.ok) << read.error;
+  return read.trace;
+}
+
+std::string placed(const Trace& trace, const std::string& text, Micros after = NO_TIME) {
+  const std::optional<CaptureMoment> moment = parseCaptureMoment(text);
+  if (!moment) {
+    return "no moment";
+  }
+  const ResolvedMoment resolved = resolveCaptureMoment(*moment, trace, after);
+  return resolved.at == NO_TIME ? resolved.error : trace.clock.format(resolved.at);
+}
+
+// Seconds since boot, seconds since 1970 and nanoseconds: each in the
+// notation its capture writes, and refused in another's.
+TEST(CaptureMomentTest, TakesTheNotationOfEachClock) {
+  const Trace sinceBoot = tenMinutes(Form::MONOTONIC);  // 11-22 00:00 is boot
+  EXPECT_EQ(placed(sinceBoot, "+36300"), "+36300.000");
+  EXPECT_EQ(placed(sinceBoot, "+36300.25"), "+36300.250");
+  EXPECT_EQ(placed(sinceBoot, "10:05"),
+            "the capture's times are seconds since boot: write +SECONDS[.f]");
+  EXPECT_EQ(placed(sinceBoot, "1795341900"), "the capture's times are not seconds since 1970");
+
+  const Trace epoch = tenMinutes(Form::EPOCH);  // shown as UTC dates
+  EXPECT_EQ(placed(epoch, "2026-11-22 10:05:00"), "2026-11-22 10:05:00.000");
+  EXPECT_EQ(placed(epoch, "10:05"), "2026-11-22 10:05:00.000");
+  EXPECT_EQ(placed(epoch, "1795341900.5"), "2026-11-22 10:05:00.500");
+  EXPECT_EQ(placed(epoch, "+300"),
+            "the capture's times are dates: write [YYYY-]MM-DD HH:MM[:SS] or HH:MM[:SS]");
+
+  const Trace nsec = tenMinutes(Form::NSEC);
+  const ResolvedMoment fine =
+      resolveCaptureMoment(*parseCaptureMoment("11-22 10:05:00.123456789"), nsec);
+  EXPECT_EQ(fine.at % 1000000, 123456) << "read to the microsecond";
+  for (const char* wrong : {"+", "+1.", "123456.5", "+1x", "12345678901"}) {
+    EXPECT_FALSE(parseCaptureMoment(wrong)) << wrong;
+  }
+}
+
+// The device's clock set back from 10:30 to 10:10: a time it wrote twice is
+// the later one, where the time line holds both; a time it wrote once is
+// found in its own stretch.
+TEST(CaptureMomentTest, FindsTheMomentAcrossAClockSetBack) {
+  const CaptureTrace read = traceText(render(
+      std::vector<Message>{
+          {"11-22 10:00:00.000", 9, 9, 'I', FACADE,
+           "[ReachabilityCache]: event=cacheCreated maxCacheSize=1"},
+          {"11-22 10:30:00.000", 9, 9, 'I', STORE, "[clear]: action=cleared previousSize=0"},
+          {"11-22 10:10:00.000", 9, 9, 'I', STORE, "[clear]: action=cleared previousSize=0"},
+          {"11-22 10:40:00.000", 9, 9, 'I', FACADE,
+           "[~ReachabilityCache]: event=cacheDestroyed cacheSize=0"}},
+      Form::THREADTIME));
+  ASSERT_TRUE(read.ok) << read.error;
+  const Trace& trace = read.trace;
+  ASSERT_EQ(trace.clock.steps().size(), 1u);
+  const Micros step = trace.clock.steps()[0].at;
+  const auto at = [&trace](const std::string& text, Micros after = NO_TIME) {
+    return resolveCaptureMoment(*parseCaptureMoment(text), trace, after).at;
+  };
+  EXPECT_GT(at("10:20"), step) << "written twice: the later";
+  EXPECT_LT(at("10:05"), step) << "only before the step";
+  EXPECT_GT(at("10:35"), step) << "only after it";
+  EXPECT_EQ(placed(trace, "11-22 10:20"), "11-22 10:20:00.000");
+  EXPECT_LT(at("10:20", at("10:01")), step) << "the first after 10:01 is before the step";
 }
 
 }  // namespace

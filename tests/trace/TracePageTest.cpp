@@ -5,6 +5,7 @@
 
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "CaptureFiles.h"
@@ -129,6 +130,69 @@ TEST(TracePageTest, ShowsTheCapturesOwnLinesUnderTheirNumbers) {
       EXPECT_GE(spans[i + 2].get<int64_t>(), 0) << entity["id"] << ": every change has lines";
     }
   }
+}
+
+// What the lines do not tell stays unknown on the page, apart, with its
+// reason and the line that shows it; what the limits cut, the page says.
+TEST(TracePageTest, ShowsUnknownSpansWithTheirReasonAndWhatTheLimitsCut) {
+  // A capture that starts mid-run, then the rate limiter's notice for the
+  // cache's process.
+  std::string capture = hostRecord("11-22 12:00:01.000", "lamp", 0);
+  for (int i = 0; i < 3; ++i) {
+    capture += hostRecord("11-22 12:00:02.000", "plug", 1 + i);
+  }
+  capture += "11-22 12:00:03.000     5     5 I chatty  : uid=10187(home) expire 40 lines\n" +
+             hostRecord("11-22 12:00:04.000", "lamp", 0);
+  TraceScope scope;
+  scope.evidence.everyEntity = true;
+  const CaptureTrace read = traceText(capture, scope);
+  ASSERT_TRUE(read.ok) << read.error;
+  const nlohmann::json json = nlohmann::json::parse(tracePageData(read.trace, 0, "capture"));
+  EXPECT_EQ(json["leftOut"], "");
+  ASSERT_EQ(json["reasons"].size(), static_cast<std::size_t>(UnknownReason::LEFT_OUT) + 1);
+  EXPECT_EQ(json["reasons"][static_cast<int>(UnknownReason::LINES_DROPPED)][0], "lines dropped");
+  // The plug: unknown before its first line, as the capture starts mid-run.
+  const nlohmann::json& plug = json["caches"][0]["entities"][1];
+  EXPECT_EQ(plug["a"][1], static_cast<int>(Answer::UNKNOWN));
+  EXPECT_EQ(plug["a"][3], static_cast<int>(UnknownReason::CAPTURE_START));
+  // The lamp (named on the capture's first line): reachable (inferred),
+  // unknown from the notice on with the notice as its line, then reachable
+  // again.
+  const nlohmann::json& lamp = json["caches"][0]["entities"][0];
+  ASSERT_EQ(lamp["id"], "lamp");
+  std::vector<std::pair<int, int>> spans;  // (answer, why)
+  std::string noticeLine;
+  for (std::size_t i = 0; i + 3 < lamp["a"].size(); i += 4) {
+    spans.emplace_back(lamp["a"][i + 1], lamp["a"][i + 3]);
+    const int64_t cause = lamp["a"][i + 2];
+    if (lamp["a"][i + 3] == static_cast<int>(UnknownReason::LINES_DROPPED) && cause >= 0) {
+      const auto number = json["causes"][cause][1][0].get<uint64_t>();
+      noticeLine = json["lines"][std::to_string(number)];
+    }
+  }
+  const int inferred = 16;
+  const int unknown = static_cast<int>(Answer::UNKNOWN);
+  const int reachable = static_cast<int>(Answer::REACHABLE);
+  EXPECT_EQ(spans, (std::vector<std::pair<int, int>>{
+                       {reachable, inferred},
+                       {unknown, static_cast<int>(UnknownReason::LINES_DROPPED)},
+                       {reachable, inferred}}));
+  EXPECT_NE(noticeLine.find("expire 40 lines"), std::string::npos);
+  // Three answers kept: the later ones are unknown, past the limits.
+  scope.limits.answers = 3;
+  const CaptureTrace limited = traceText(capture, scope);
+  ASSERT_TRUE(limited.ok) << limited.error;
+  const nlohmann::json cut = nlohmann::json::parse(tracePageData(limited.trace, 0, "capture"));
+  const std::string leftOut = cut["leftOut"];
+  EXPECT_EQ(leftOut.rfind("The trace's limits left out ", 0), 0u) << leftOut;
+  EXPECT_NE(leftOut.find(" answers (hatched: past the limits)"), std::string::npos) << leftOut;
+  bool pastLimits = false;
+  for (const nlohmann::json& entity : cut["caches"][0]["entities"]) {
+    for (std::size_t i = 0; i + 3 < entity["a"].size(); i += 4) {
+      pastLimits = pastLimits || entity["a"][i + 3] == static_cast<int>(UnknownReason::LEFT_OUT);
+    }
+  }
+  EXPECT_TRUE(pastLimits);
 }
 
 // Evidence for every entity is kept up to a budget; the page says from when
