@@ -97,12 +97,13 @@ std::string deviceCapture(const std::vector<Message>& messages, Form form) {
 
 std::string stampedCapture(const std::string& log) {
   std::vector<Message> messages = simMessages(log);
-  for (std::size_t i = 0; i < messages.size(); ++i) {
-    const auto millis = static_cast<long long>(i + 1);
+  long long millis = 0;
+  for (Message& message : messages) {
+    ++millis;
     char time[32];
     std::snprintf(time, sizeof(time), "11-22 12:%02lld:%02lld.%03lld", millis / 60000 % 60,
                   millis / 1000 % 60, millis % 1000);
-    messages[i].time = time;
+    message.time = time;
   }
   return deviceCapture(messages);
 }
