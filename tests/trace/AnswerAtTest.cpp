@@ -27,15 +27,6 @@ struct Notification {
   Micros at = NO_TIME;
 };
 
-std::vector<std::string> linesOf(const std::string& capture) {
-  std::vector<std::string> lines;
-  std::istringstream in(capture);
-  for (std::string line; std::getline(in, line);) {
-    lines.push_back(line);
-  }
-  return lines;
-}
-
 // The capture's notification lines per entity, in order.
 std::map<std::string, std::vector<Notification>> notifications(const std::string& capture) {
   std::map<std::string, std::vector<Notification>> found;

@@ -124,6 +124,15 @@ std::string render(const std::vector<Message>& messages, Form form) {
   return result;
 }
 
+std::vector<std::string> linesOf(const std::string& capture) {
+  std::vector<std::string> lines;
+  std::istringstream in(capture);
+  for (std::string line; std::getline(in, line);) {
+    lines.push_back(line);
+  }
+  return lines;
+}
+
 CaptureTrace traceText(const std::string& capture, const TraceScope& scope) {
   std::string path = ::testing::TempDir() + "capture-XXXXXX";
   const int fd = ::mkstemp(path.data());

@@ -65,6 +65,9 @@ const char* formName(Form form);
 std::string render(const Message& message, Form form);
 std::string render(const std::vector<Message>& messages, Form form);
 
+// The lines of `capture`, without their line feeds: line n is [n - 1].
+std::vector<std::string> linesOf(const std::string& capture);
+
 // The trace of `capture`, read from a temporary file.
 CaptureTrace traceText(const std::string& capture, const std::string& storyEntity = "",
                        const TraceLimits& limits = {});

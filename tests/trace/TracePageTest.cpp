@@ -86,15 +86,6 @@ TEST(TracePageTest, KeepsEveryTextOfTheCaptureOutOfTheMarkup) {
   }
 }
 
-std::vector<std::string> linesOf(const std::string& capture) {
-  std::vector<std::string> lines;
-  std::istringstream in(capture);
-  for (std::string line; std::getline(in, line);) {
-    lines.push_back(line);
-  }
-  return lines;
-}
-
 // Past 4 MiB of other processes' lines, so that the reader's numbering runs
 // over the blocks it reads, the lines behind every answer and every change
 // are the capture's own, under their numbers.
