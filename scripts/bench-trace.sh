@@ -2,8 +2,9 @@
 # Times reachability-trace on a large capture, side by side with
 # `grep -F ReachabilityCache`, as text, gzipped and as a zipped bug report,
 # and measures its peak memory for every output (report, --json, --entity,
-# --timeline) on it and on captures made to strain the memory bound: one of
-# many changes, one of a million distinct entities, one of two million pids.
+# --timeline, --html) on it and on captures made to strain the memory bound:
+# one of many changes, one of a million distinct entities, one of two million
+# pids; then times the page (--html) and gives its size.
 #
 # The timed capture: the simulator's log (a flapping generated home, turned
 # into threadtime lines) mixed into other processes' lines until it reaches
@@ -13,8 +14,8 @@
 # 32 MB for every output of every capture.
 #
 # Usage: scripts/bench-trace.sh [megabytes (default 200)]
-# Results (the captures, hyperfine's CSV, the Markdown tables) go to
-# build/release/bench-trace/.
+# Results (the captures, hyperfine's CSVs, the pages, the Markdown tables) go
+# to build/release/bench-trace/.
 set -euo pipefail
 
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
@@ -159,13 +160,32 @@ peak() {  # peak resident memory in MB of reachability-trace with these argument
 entity=$(grep -o -m 1 'entityId=entity-[0-9]*' "$capture" | cut -d= -f2)
 {
   echo
-  echo "Peak memory (the bound: 32 MB):"
+  echo "Peak memory (the bound: 32 MB; the page keeps up to 32 MB of lines besides):"
   echo
-  echo "| capture | report | --json | --entity | --timeline |"
-  echo "|---|---|---|---|---|"
+  echo "| capture | report | --json | --entity | --timeline | --html |"
+  echo "|---|---|---|---|---|---|"
   for file in "$capture" "$capture.gz" "$report" "$changes" "$entities" "$pids"; do
-    printf "| %s | %s MB | %s MB | %s MB | %s MB |\n" "$(basename "$file")" \
+    printf "| %s | %s MB | %s MB | %s MB | %s MB | %s MB |\n" "$(basename "$file")" \
       "$(peak "$file")" "$(peak --json "$file")" "$(peak --entity "$entity" "$file")" \
-      "$(peak --timeline "$out/picture.svg" "$file")"
+      "$(peak --timeline "$out/picture.svg" "$file")" "$(peak --html "$out/page.html" "$file")"
   done
 } | tee -a "$out/result.md"
+
+# The page: every entity's lines kept (up to their budget) and written out,
+# for the large capture and for the day's half hour of 1000 devices.
+page="$out/page.html"
+day="$out/page-many-changes.html"
+hyperfine --style basic --warmup 1 --runs 5 --export-csv "$out/page-timing.csv" \
+  -n "text" "$bin/reachability-trace --html $page $capture" \
+  -n "many-changes" "$bin/reachability-trace --html $day $changes" \
+  >"$out/page-hyperfine.log"
+awk -F, -v page="$(stat -c %s "$page")" -v day="$(stat -c %s "$day")" \
+    -v pagePeak="$(peak --html "$page" "$capture")" -v dayPeak="$(peak --html "$day" "$changes")" '
+  NR > 1 { median[$1] = $4 }
+  END {
+    printf "\n| --html on | time (median) | peak memory | page |\n|---|---|---|---|\n"
+    printf "| %s | %.3f s | %s MB | %.1f MB |\n", "the capture", median["text"], pagePeak, \
+      page / 1048576
+    printf "| %s | %.3f s | %s MB | %.1f MB |\n", "many-changes", median["many-changes"], dayPeak, \
+      day / 1048576
+  }' "$out/page-timing.csv" | tee -a "$out/result.md"

@@ -11,6 +11,7 @@ packages=(
   android-liblog-dev nlohmann-json3-dev libarchive-dev
   doxygen
   valgrind
+  chromium chromium-driver python3-selenium
   "$@"
 )
 

@@ -1,8 +1,10 @@
 // Fuzzes reachability-trace with whole captures: any bytes (text of any
 // layout, archives, UTF-16, NULs, lines of any length) are read without a
 // crash or undefined behaviour, and every output keeps its promises: the
-// report and the story are safe for a terminal, the JSON parses, the picture
-// is drawn, and the answers of each entity come in capture order.
+// report, the story and the answer at a moment are safe for a terminal, the
+// JSON parses, the picture is drawn, the page's data parses and holds no
+// '<' that could end its script, and the answers of each entity come in
+// capture order.
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -13,10 +15,13 @@
 #include <sstream>
 #include <string>
 
+#include "AnswerAt.h"
+#include "CaptureMoment.h"
 #include "CaptureTrace.h"
 #include "FuzzCheck.h"
 #include "TimelineSvg.h"
 #include "TraceOutput.h"
+#include "TracePage.h"
 
 namespace {
 
@@ -48,6 +53,10 @@ void checkTrace(const Trace& trace) {
           !veranda::reachabilityCache::tools::timelineSvg(tracePicture(trace, i, "f")).empty());
     }
   }
+  if (trace.hasTime) {
+    const std::string page = tracePageData(trace, 0, "fuzz");
+    FUZZ_CHECK(page.find('<') == std::string::npos && nlohmann::json::accept(page));
+  }
 }
 
 }  // namespace
@@ -64,7 +73,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   const std::string story = at == std::string::npos
                                 ? ""
                                 : text.substr(at + 9, text.find_first_of(" ,)\n", at + 9) - at - 9);
-  const CaptureTrace read = traceCapture(fd, "fuzz", story);
+  TraceScope scope;
+  scope.evidence.entity = story;
+  scope.evidence.everyEntity = true;  // the page's evidence, with its lines' numbers
+  const CaptureTrace read = traceCapture(fd, "fuzz", scope);
   ::close(fd);
   if (!read.ok) {
     FUZZ_CHECK(!read.error.empty() && read.error.find('\n') == std::string::npos);
@@ -74,6 +86,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   if (!story.empty()) {
     std::ostringstream out;
     printEntityStory(read.trace, story, out);
+    if (read.trace.hasTime) {
+      printAnswerAt(read.trace, story, traceEnd(read.trace), out);
+    }
     FUZZ_CHECK(safeForATerminal(out.str()));
   }
   return 0;

@@ -6,8 +6,12 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <iterator>
+#include <optional>
 #include <sstream>
 #include <utility>
+
+#include "CaptureLine.h"
 
 namespace veranda::reachabilityCache::trace::testing {
 
@@ -28,7 +32,8 @@ std::string header(const Message& message, Form form) {
   char pids[32];
   std::snprintf(pids, sizeof(pids), "%5d %5d", message.pid, message.tid);
   const std::string priority(1, message.priority);
-  const auto [epoch, millis] = epochOf(message.time);
+  const auto [epoch, millis] =
+      message.time.empty() ? std::pair<long long, int>(0, 0) : epochOf(message.time);
   char seconds[48];
   switch (form) {
     case Form::THREADTIME:
@@ -119,16 +124,32 @@ std::string render(const std::vector<Message>& messages, Form form) {
   return result;
 }
 
-CaptureTrace traceText(const std::string& capture, const std::string& storyEntity,
-                       const TraceLimits& limits) {
+std::vector<std::string> linesOf(const std::string& capture) {
+  std::vector<std::string> lines;
+  std::istringstream in(capture);
+  for (std::string line; std::getline(in, line);) {
+    lines.push_back(line);
+  }
+  return lines;
+}
+
+CaptureTrace traceText(const std::string& capture, const TraceScope& scope) {
   std::string path = ::testing::TempDir() + "capture-XXXXXX";
   const int fd = ::mkstemp(path.data());
   EXPECT_GE(fd, 0);
   std::ofstream(path, std::ios::binary) << capture;
-  CaptureTrace result = traceCapture(fd, "capture", storyEntity, limits);
+  CaptureTrace result = traceCapture(fd, "capture", scope);
   ::close(fd);
   ::unlink(path.c_str());
   return result;
+}
+
+CaptureTrace traceText(const std::string& capture, const std::string& storyEntity,
+                       const TraceLimits& limits) {
+  TraceScope scope;
+  scope.evidence.entity = storyEntity;
+  scope.limits = limits;
+  return traceText(capture, scope);
 }
 
 }  // namespace veranda::reachabilityCache::trace::testing

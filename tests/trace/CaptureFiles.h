@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdio>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -64,8 +65,12 @@ const char* formName(Form form);
 std::string render(const Message& message, Form form);
 std::string render(const std::vector<Message>& messages, Form form);
 
+// The lines of `capture`, without their line feeds: line n is [n - 1].
+std::vector<std::string> linesOf(const std::string& capture);
+
 // The trace of `capture`, read from a temporary file.
 CaptureTrace traceText(const std::string& capture, const std::string& storyEntity = "",
                        const TraceLimits& limits = {});
+CaptureTrace traceText(const std::string& capture, const TraceScope& scope);
 
 }  // namespace veranda::reachabilityCache::trace::testing

@@ -38,7 +38,7 @@ std::string timeText(const ClockReading& clock) {
 }  // namespace
 
 SimOutput runSimulator(const std::string& arguments) {
-  // CTest runs tests of this binary side by side, each in a process of its own.
+  // Tests of other processes (ctest -j, other builds) share the directory.
   static int runs = 0;
   const std::string base =
       ::testing::TempDir() + "sim-" + std::to_string(::getpid()) + "-" + std::to_string(++runs);
@@ -95,16 +95,47 @@ std::string deviceCapture(const std::vector<Message>& messages, Form form) {
   return capture;
 }
 
-std::map<std::string, Told> heardByListener(const std::string& timeline) {
-  std::map<std::string, Told> heard;
+std::string stampedCapture(const std::string& log) {
+  std::vector<Message> messages = simMessages(log);
+  long long millis = 0;
+  for (Message& message : messages) {
+    ++millis;
+    char time[32];
+    std::snprintf(time, sizeof(time), "11-22 12:%02lld:%02lld.%03lld", millis / 60000 % 60,
+                  millis / 1000 % 60, millis % 1000);
+    message.time = time;
+  }
+  return deviceCapture(messages);
+}
+
+// The notification lines of the simulator's timeline: "time entity endpoint
+// adapter reachable|unreachable yes|no", the last word what
+// isEntityReachable answered then.
+template <typename Visit>
+void notificationLines(const std::string& timeline, Visit visit) {
   std::istringstream lines(timeline);
   for (std::string line; std::getline(lines, line);) {
     const std::vector<std::string> word = words(line);
     if (word.size() == 6 && (word[4] == "reachable" || word[4] == "unreachable") &&
         (word[5] == "yes" || word[5] == "no")) {
-      heard[word[1]].emplace_back(word[2], word[4] == "reachable");
+      visit(word);
     }
   }
+}
+
+std::map<std::string, std::vector<Answer>> answersHeard(const std::string& timeline) {
+  std::map<std::string, std::vector<Answer>> heard;
+  notificationLines(timeline, [&heard](const std::vector<std::string>& word) {
+    heard[word[1]].push_back(word[5] == "yes" ? Answer::REACHABLE : Answer::UNREACHABLE);
+  });
+  return heard;
+}
+
+std::map<std::string, Told> heardByListener(const std::string& timeline) {
+  std::map<std::string, Told> heard;
+  notificationLines(timeline, [&heard](const std::vector<std::string>& word) {
+    heard[word[1]].emplace_back(word[2], word[4] == "reachable");
+  });
   return heard;
 }
 

@@ -30,10 +30,19 @@ std::vector<Message> infoOnly(const std::vector<Message>& messages);
 // between them, one with a tag that starts like the library's.
 std::string deviceCapture(const std::vector<Message>& messages, Form form = Form::THREADTIME);
 
+// The simulator's log as a device's threadtime capture (deviceCapture) in
+// which every message has a millisecond of its own, from 11-22
+// 12:00:00.000 on: any moment of it falls between two messages.
+std::string stampedCapture(const std::string& log);
+
 using Told = std::vector<std::pair<std::string, bool>>;  // (endpoint, reachable) in order
 
 // The notifications of the simulator's timeline, per entity and in order.
 std::map<std::string, Told> heardByListener(const std::string& timeline);
+
+// What the listener read isEntityReachable answer at each notification, per
+// entity and in order.
+std::map<std::string, std::vector<Answer>> answersHeard(const std::string& timeline);
 
 // The changes of isEntityReachable per entity, in order, as the simulator's
 // entity tracker told them ("true" for reachable).

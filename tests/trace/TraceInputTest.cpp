@@ -102,6 +102,32 @@ std::map<std::string, std::string> changesOf(const Trace& trace) {
   return result;
 }
 
+// The lines that every cause and change of the trace shows, by number.
+std::map<uint64_t, std::string> numberedLines(const Trace& trace) {
+  std::map<uint64_t, std::string> lines;
+  for (const CacheRecord& cache : trace.caches) {
+    for (const EntityRecord& entity : cache.entities) {
+      for (const AnswerCause& cause : entity.causes) {
+        for (const EvidenceLine& line : cause.lines) {
+          lines.emplace(line.number, *line.text);
+        }
+      }
+      for (const std::vector<EvidenceLine>& change : entity.evidence) {
+        for (const EvidenceLine& line : change) {
+          lines.emplace(line.number, *line.text);
+        }
+      }
+    }
+  }
+  return lines;
+}
+
+CaptureTrace withEveryEntitysLines(const std::string& capture) {
+  TraceScope scope;
+  scope.evidence.everyEntity = true;
+  return traceText(capture, scope);
+}
+
 std::string bugReport(const std::string& systemLog, const std::string& lastLogcat) {
   return "== dumpstate: 2026-11-22 12:00:00\n"
          "------ SYSTEM LOG (logcat -v threadtime -v printable -v uid -d *:v) ------\n" +
@@ -112,13 +138,23 @@ std::string bugReport(const std::string& systemLog, const std::string& lastLogca
          lastLogcat;
 }
 
+// ... with the same lines behind it, numbered as read: after unpacking and
+// decoding, the first line of the text 1 (a bug report's header and section
+// line count too).
 TEST(TraceInputTest, EveryPackingAndEncodingTellsTheSameHistory) {
   const SimOutput sim =
       runSimulator("--devices 12 --duration 3 --interval 1 --flap-rate 30 --fast --seed 9");
   const std::string capture = deviceCapture(simMessages(sim.log));
-  const CaptureTrace plain = traceText(capture);
+  const CaptureTrace plain = withEveryEntitysLines(capture);
   ASSERT_TRUE(plain.ok) << plain.error;
   const std::map<std::string, std::string> expected = changesOf(plain.trace);
+  const std::map<uint64_t, std::string> expectedLines = numberedLines(plain.trace);
+  ASSERT_GT(expectedLines.size(), 50u);
+  const std::vector<std::string> lines = linesOf(capture);
+  for (const auto& [number, line] : expectedLines) {
+    ASSERT_LE(number, lines.size());
+    ASSERT_EQ(line, lines[number - 1]) << "line " << number;
+  }
   std::size_t nuls = 0;
   const std::string withNul = withNuls(capture, 997, nuls);
   const struct {
@@ -127,6 +163,7 @@ TEST(TraceInputTest, EveryPackingAndEncodingTellsTheSameHistory) {
     std::string encoding;
     std::string archive;
     uint64_t nulBytes;
+    uint64_t linesBefore = 0;  // of the capture's first
   } inputs[] = {
       {"UTF-8 with its mark", "\xEF\xBB\xBF" + capture, "UTF-8", "", 0},
       {"UTF-16LE", utf16(capture, false, true), "UTF-16LE", "", 0},
@@ -141,13 +178,18 @@ TEST(TraceInputTest, EveryPackingAndEncodingTellsTheSameHistory) {
                {"bugreport-device-build-2026-11-22.txt", bugReport(capture, "")},
                {"main_entry.txt", "bugreport-device-build-2026-11-22.txt"}},
               false),
-       "UTF-8", "zip", 0},
+       "UTF-8", "zip", 0, 2},
   };
   for (const auto& input : inputs) {
     SCOPED_TRACE(input.name);
-    const CaptureTrace read = traceText(input.bytes);
+    const CaptureTrace read = withEveryEntitysLines(input.bytes);
     ASSERT_TRUE(read.ok) << read.error;
     EXPECT_EQ(changesOf(read.trace), expected);
+    std::map<uint64_t, std::string> numbered;
+    for (const auto& [number, line] : numberedLines(read.trace)) {
+      numbered.emplace(number - input.linesBefore, line);
+    }
+    EXPECT_EQ(numbered, expectedLines);
     EXPECT_EQ(read.trace.messages, plain.trace.messages);
     EXPECT_EQ(read.trace.damagedLines, 0u);
     EXPECT_EQ(read.trace.encoding, input.encoding);
@@ -223,14 +265,18 @@ TEST(TraceInputTest, SkipsOverLongLinesWhole) {
         "11-22 12:00:00.500   900   900 I Other: " + std::string(length, 'x') +
         " ReachabilityCache" + forged.substr(1) + "\n" +
         render(Message{"11-22 12:00:02.000", 7, 7, 'I', STORE,
-                       "[clear]: action=cleared previousSize=0"},
+                       "[insertEndpoint]: action=newEntity entityId=plug endpointId=plug-wifi"},
                Form::THREADTIME);
-    const CaptureTrace read = traceText(capture);
+    const CaptureTrace read = traceText(capture, "plug");
     ASSERT_TRUE(read.ok) << read.error;
     EXPECT_EQ(read.trace.overLongLines, 1u);
     ASSERT_EQ(read.trace.caches.size(), 1u);
     EXPECT_EQ(read.trace.caches[0].maxCacheSize, 3u);
     EXPECT_EQ(read.trace.messages, 2u);
+    // The skipped line still counts: the insert is line 3.
+    const EntityRecord* plug = read.trace.caches[0].findEntity("plug");
+    ASSERT_TRUE(plug != nullptr && !plug->causes.empty());
+    EXPECT_EQ(plug->causes.back().lines.back().number, 3u);
   }
 }
 

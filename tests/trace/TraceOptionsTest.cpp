@@ -20,6 +20,14 @@ TEST(TraceOptionsTest, BadCommandLinesAreRefusedWithOneLine) {
       {{"--timeline", "", "a.txt"}, "--timeline: needs a file path, got an empty text"},
       {{"--cache", "0", "a.txt"}, "--cache: counts from 1, got 0"},
       {{"--json", "--entity", "lamp", "a.txt"}, "--json excludes --entity"},
+      {{"--at", "9:14", "a.txt"}, "--at requires --entity"},
+      {{"--at", "9.14", "--entity", "lamp", "a.txt"},
+       "--at: no moment: write [YYYY-]MM-DD HH:MM[:SS[.f]], HH:MM[:SS[.f]], +SECONDS[.f] or "
+       "EPOCH-SECONDS[.f], got '9.14'"},
+      {{"--to", "25:00", "a.txt"},
+       "--to: no moment: write [YYYY-]MM-DD HH:MM[:SS[.f]], HH:MM[:SS[.f]], +SECONDS[.f] or "
+       "EPOCH-SECONDS[.f], got '25:00'"},
+      {{"--html", "", "a.txt"}, "--html: needs a file path, got an empty text"},
   };
   for (const auto& [arguments, error] : cases) {
     const TraceOptionsResult parsed = parseTraceOptions(arguments);
@@ -32,6 +40,11 @@ TEST(TraceOptionsTest, BadCommandLinesAreRefusedWithOneLine) {
   ASSERT_TRUE(read.ok) << read.error;
   EXPECT_TRUE(read.options.cache == 2 && read.options.timelinePath == "t.svg" &&
               read.options.capturePath == "-" && !read.help);
+  const TraceOptionsResult at = parseTraceOptions(
+      {"--at", "11-22 09:14", "--entity", "lamp", "--from", "9:00", "--html", "p.html", "a.txt"});
+  ASSERT_TRUE(at.ok) << at.error;
+  EXPECT_TRUE(at.options.at == "11-22 09:14" && at.options.from == "9:00" &&
+              at.options.pagePath == "p.html");
 }
 
 }  // namespace

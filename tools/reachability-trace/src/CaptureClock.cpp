@@ -45,13 +45,54 @@ Micros onLine(int year, const ClockReading& reading) {
   return daysFromCivil(year, reading.month, reading.day) * MICROS_PER_DAY + reading.micros;
 }
 
+int64_t daysOf(Micros at) {
+  return at >= 0 ? at / MICROS_PER_DAY : (at - MICROS_PER_DAY + 1) / MICROS_PER_DAY;
+}
+
 }  // namespace
+
+Micros CaptureClock::civilTime(const ClockReading& reading) {
+  return onLine(reading.year, reading);
+}
+
+ClockReading CaptureClock::civilReading(Micros device) {
+  const int64_t days = daysOf(device);
+  const Civil date = civilFromDays(days);
+  ClockReading reading;
+  reading.year = static_cast<int>(date.year);
+  reading.month = static_cast<int>(date.month);
+  reading.day = static_cast<int>(date.day);
+  reading.micros = device - days * MICROS_PER_DAY;
+  return reading;
+}
+
+Micros CaptureClock::deviceTime(Micros at) const {
+  // The steps taken before `at` moved it: take them out again.
+  const auto after =
+      std::upper_bound(steps_.begin(), steps_.end(), at,
+                       [](Micros time, const ClockStep& step) { return time < step.at; });
+  return after == steps_.begin() ? at : saturatingSub(at, std::prev(after)->offset);
+}
+
+std::vector<Micros> CaptureClock::timeLineOf(Micros device) const {
+  std::vector<Micros> places;
+  for (std::size_t stretch = 0; stretch <= steps_.size(); ++stretch) {
+    const Micros offset = stretch == 0 ? 0 : steps_[stretch - 1].offset;
+    const Micros at = saturatingAdd(device, offset);
+    const bool afterStart = stretch == 0 || at >= steps_[stretch - 1].at;
+    const bool beforeEnd = stretch == steps_.size() || at < steps_[stretch].at;
+    if (afterStart && beforeEnd) {
+      places.push_back(at);
+    }
+  }
+  return places;
+}
 
 Micros CaptureClock::deviceMicros(const ClockReading& reading) {
   if (reading.micros % 1000000 != 0) {
     resolution_ = std::min<Micros>(resolution_, reading.micros % 1000 != 0 ? 1 : 1000);
   }
-  monotonic_ = reading.kind == ClockReading::Kind::MONOTONIC;
+  kind_ = reading.kind;
   if (reading.kind != ClockReading::Kind::CIVIL) {
     sawYear_ = sawYear_ || reading.kind == ClockReading::Kind::EPOCH;
     return reading.micros;
@@ -87,20 +128,14 @@ std::string CaptureClock::format(Micros at) const {
   if (at == NO_TIME) {
     return "";
   }
-  // The steps taken before `at` moved it: take them out again.
-  const auto after =
-      std::upper_bound(steps_.begin(), steps_.end(), at,
-                       [](Micros time, const ClockStep& step) { return time < step.at; });
-  if (after != steps_.begin()) {
-    at = saturatingSub(at, std::prev(after)->offset);
-  }
+  at = deviceTime(at);
   char text[64];
-  if (monotonic_) {
+  if (kind_ == ClockReading::Kind::MONOTONIC) {
     std::snprintf(text, sizeof(text), "+%lld.%03lld", static_cast<long long>(at / 1000000),
                   static_cast<long long>(at % 1000000 / 1000));
     return text;
   }
-  const int64_t days = at >= 0 ? at / MICROS_PER_DAY : (at - MICROS_PER_DAY + 1) / MICROS_PER_DAY;
+  const int64_t days = daysOf(at);
   const Micros ofDay = at - days * MICROS_PER_DAY;
   const Civil date = civilFromDays(days);
   const auto seconds = static_cast<long long>(ofDay / 1000000);

@@ -44,6 +44,21 @@ class CaptureClock {
   // A duration: "1:00:00.000", "12.345 s".
   static std::string formatDuration(Micros duration);
 
+  // The kind of the capture's readings (of the last one read).
+  ClockReading::Kind kind() const { return kind_; }
+  // The device's time at `at` on the time line: the steps before it taken
+  // out again. format() writes it.
+  Micros deviceTime(Micros at) const;
+  // Where the device's time `device` lies on the time line: once in each
+  // stretch between steps of the clock whose device times hold it, in
+  // time line order. Stretches are open towards the capture's start and end.
+  std::vector<Micros> timeLineOf(Micros device) const;
+
+  // A civil date and time of day as a device time (CIVIL readings, the year
+  // given), and back.
+  static Micros civilTime(const ClockReading& reading);
+  static ClockReading civilReading(Micros device);
+
   bool sawYear() const { return sawYear_; }
   // The finest step of the readings seen: a second for the host format,
   // else a millisecond or a microsecond.
@@ -57,7 +72,7 @@ class CaptureClock {
 
   int year_ = 2000;  // a leap year, so that a yearless 02-29 is a date
   bool sawYear_ = false;
-  bool monotonic_ = false;
+  ClockReading::Kind kind_ = ClockReading::Kind::CIVIL;
   Micros last_ = NO_TIME;  // the last reading, on the device's line
   Micros offset_ = 0;      // added to readings since the last step
   Micros resolution_ = 1000000;

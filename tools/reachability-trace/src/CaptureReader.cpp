@@ -36,6 +36,20 @@ const char* lineEnd(const char* from, const char* to) {
   return found == nullptr ? to : static_cast<const char*>(found);
 }
 
+// The line feeds in [from, to).
+uint64_t lineFeeds(const char* from, const char* to) {
+  uint64_t count = 0;
+  while (from < to) {
+    const void* found = std::memchr(from, '\n', static_cast<std::size_t>(to - from));
+    if (found == nullptr) {
+      break;
+    }
+    ++count;
+    from = static_cast<const char*>(found) + 1;
+  }
+  return count;
+}
+
 const char* lineStart(const char* begin, const char* at) {
   while (at > begin && at[-1] != '\n') {
     --at;
@@ -86,7 +100,8 @@ class NextWord {
 // Works through the complete lines of one buffer.
 class Scanner {
  public:
-  Scanner(LineSink& sink, ReadResult& result) : sink_(sink), result_(result) {}
+  Scanner(LineSink& sink, ReadResult& result)
+      : sink_(sink), result_(result), numbering_(sink.wantsLineNumbers()) {}
 
   // Looks for sections from here on: the text is a bug report.
   void expectSections() { sections_ = true; }
@@ -97,6 +112,7 @@ class Scanner {
   void scan(const char* begin, const char* end) {
     const char* at = begin;
     handedUpTo_ = begin;
+    counted_ = begin;
     next_ = {};
     section_.reset();
     while (at < end) {
@@ -116,7 +132,7 @@ class Scanner {
         continue;
       }
       if (needle == nullptr) {
-        return;
+        break;
       }
       const char* start = lineStart(at, needle);
       if (sink_.wantsLineBefore() && start > begin) {
@@ -127,10 +143,14 @@ class Scanner {
       }
       at = handOn(start, end);
     }
+    if (numbering_) {
+      lineFeeds_ += lineFeeds(counted_, end);
+    }
   }
 
-  // A line longer than a block was skipped.
-  void skippedLine(bool named) {
+  // A line longer than a block was skipped; `ended`: its line feed with it.
+  void skippedLine(bool named, bool ended) {
+    lineFeeds_ += ended ? 1 : 0;
     if (inLog_ && named) {
       ++result_.overLongLines;
       sink_.skippedLine();
@@ -175,11 +195,22 @@ class Scanner {
     handedUpTo_ = stop;
     const auto length = static_cast<std::size_t>(stop - start);
     if (inLog_ && length > MAX_LINE_BYTES) {
-      skippedLine(true);
+      skippedLine(true, false);
     } else if (inLog_) {
-      sink_.line(std::string_view(start, length));
+      sink_.line(std::string_view(start, length), numberOf(start));
     }
     return stop < end ? stop + 1 : end;
+  }
+
+  // The number of the line that starts at `start`: one more than the line
+  // feeds before it; 0 when the sink wants no numbers.
+  uint64_t numberOf(const char* start) {
+    if (!numbering_) {
+      return 0;
+    }
+    lineFeeds_ += lineFeeds(counted_, start);
+    counted_ = start;
+    return lineFeeds_ + 1;
   }
 
   // "------ SYSTEM LOG (logcat -v threadtime ...) ------" opens a log
@@ -196,8 +227,11 @@ class Scanner {
 
   LineSink& sink_;
   ReadResult& result_;
+  const bool numbering_;
   bool inLog_ = true;
   bool sections_ = false;
+  uint64_t lineFeeds_ = 0;            // before `counted_`
+  const char* counted_ = nullptr;     // in the buffer being scanned
   const char* handedUpTo_ = nullptr;  // the end of the last line handed on
   // The cache's name first, then the words of a notice.
   WordSearch words_{{{NEEDLE, 0, 12}, {EXPIRED, 2, 3}, {IDENTICAL, 2, 7}}};
@@ -251,7 +285,7 @@ ReadResult readCapture(CaptureSource& source, const std::string& name, LineSink&
         continue;
       }
       const char* stop = feed == nullptr ? data + filled : feed;
-      scanner.skippedLine(skippedName || namesTheCache(data, stop));
+      scanner.skippedLine(skippedName || namesTheCache(data, stop), feed != nullptr);
       skipping = false;
       skippedName = false;
       const std::size_t after =

@@ -11,11 +11,16 @@
 
 namespace veranda::reachabilityCache::trace {
 
-// Receives lines (without their line feed) in capture order.
+// Receives lines (without their line feed) in capture order, each with its
+// number in the capture (the first line is 1) where it asks for numbers, 0
+// elsewhere.
 class LineSink {
  public:
   virtual ~LineSink() = default;
-  virtual void line(std::string_view text) = 0;
+  virtual void line(std::string_view text, uint64_t number) = 0;
+  // True when the lines need their numbers: counting the lines of the whole
+  // capture has a cost.
+  virtual bool wantsLineNumbers() const = 0;
   // True when the next line must be handed on whatever it holds (the bare
   // following lines of a message).
   virtual bool wantsNextLine() const = 0;

@@ -31,17 +31,17 @@ std::string nothingRead(const std::string& name, const Trace& trace) {
 
 }  // namespace
 
-CaptureTrace traceCapture(int fd, const std::string& name, const std::string& storyEntity,
-                          const TraceLimits& limits) {
+CaptureTrace traceCapture(int fd, const std::string& name, const TraceScope& scope) {
   CaptureTrace result;
   OpenedCapture opened = openCapture(fd, name);
   if (!opened.source) {
     result.error = opened.error;
     return result;
   }
-  TraceBuilder builder(storyEntity, limits);
+  TraceBuilder builder(scope);
   MessageAssembler assembler([&builder](const LogMessage& message) { builder.add(message); },
-                             [&builder](std::string_view title) { builder.beginSection(title); });
+                             [&builder](std::string_view title) { builder.beginSection(title); },
+                             scope.evidence.any());
   const ReadResult read = readCapture(*opened.source, name, assembler);
   if (!read.ok) {
     result.error = read.error;
@@ -56,6 +56,7 @@ CaptureTrace traceCapture(int fd, const std::string& name, const std::string& st
   trace.entry = opened.entry;
   trace.encoding = opened.encoding;
   if (trace.caches.empty()) {
+    result.noCache = true;
     result.error = nothingRead(name, trace);
     return result;
   }

@@ -15,16 +15,17 @@ namespace {
 
 using Effect = EntityAnswers::Effect;
 
-// The physical line of `message` that holds `text` (a line of a multi-line
-// message), or its first line.
-const std::string& lineHolding(const LogMessage& message, std::string_view text) {
-  for (const std::string& line : message.lines) {
+// The index of the physical line of `message` that holds `text` (a line of
+// a multi-line message), or 0 for its first line.
+std::size_t lineHolding(const LogMessage& message, std::string_view text) {
+  for (std::size_t i = 0; i < message.lines.size(); ++i) {
+    const std::string& line = message.lines[i];
     if (line.size() >= text.size() &&
         line.compare(line.size() - text.size(), text.size(), text.data(), text.size()) == 0) {
-      return line;
+      return i;
     }
   }
-  return message.lines.front();
+  return 0;
 }
 
 // The lines of a summary's details after the first (which is empty).
@@ -39,19 +40,6 @@ std::vector<std::string_view> entryLines(std::string_view details) {
 }
 
 }  // namespace
-
-bool ChangeReader::inStory(std::string_view entityId) const {
-  return !storyEntity_.empty() && entityId == storyEntity_;
-}
-
-std::vector<std::string> ChangeReader::causeOf(const CacheMessage& in,
-                                               std::string_view endpointId) const {
-  if (const CheckRecord* check = checks_.answering(in.cache, in.thread)) {
-    return {check->answerLine};
-  }
-  const std::string* event = events_.lastEventLine(endpointId);
-  return event == nullptr ? std::vector<std::string>{} : std::vector<std::string>{*event};
-}
 
 bool ChangeReader::notification(const CacheMessage& in) {
   const std::optional<std::string_view> endpointId = in.line.get(key::ENDPOINT_ID);
@@ -69,10 +57,10 @@ bool ChangeReader::notification(const CacheMessage& in) {
   change.message = in.number;
   change.endpoint = record->endpointIndex(*endpointId, in.trace.limits.endpointsPerEntity);
   change.reachable = *reachable == value::TRUE_TEXT;
-  std::vector<std::string> evidence;
-  if (inStory(*entityId)) {
-    evidence = causeOf(in, *endpointId);
-    evidence.push_back(in.message.lines.front());
+  std::vector<EvidenceLine> evidence;
+  if (evidence_.covers(*entityId, in.at)) {
+    evidence = causes_.triggerOf(in, *endpointId);
+    evidence.push_back(evidence_.line(in));
   }
   const bool byCheck = checks_.answering(in.cache, in.thread) != nullptr;
   notified_ = true;
@@ -84,14 +72,15 @@ bool ChangeReader::notification(const CacheMessage& in) {
                  true);
   notes_[in.thread].push_back(
       {std::string(*endpointId), std::string(*entityId), change.reachable, kept});
+  causes_.addLine(in, *entityId);
   return true;
 }
 
 std::size_t ChangeReader::keep(const CacheMessage& in, EntityRecord& record,
-                               const ChangeRecord& change, std::vector<std::string> evidence) {
+                               const ChangeRecord& change, std::vector<EvidenceLine> evidence) {
   ++record.changeCount;
   Trace& trace = in.trace;
-  const bool story = inStory(record.id);
+  const bool story = record.id == in.storyEntity;
   if (story ? record.changes.size() >= trace.limits.storyChanges
             : trace.keptChanges >= trace.limits.changes) {
     ++record.changesLeftOut;
@@ -100,7 +89,7 @@ std::size_t ChangeReader::keep(const CacheMessage& in, EntityRecord& record,
   }
   ++trace.keptChanges;
   record.changes.push_back(change);
-  if (story) {
+  if (!evidence.empty()) {
     record.evidence.resize(record.changes.size());
     record.evidence.back() = std::move(evidence);
   }
@@ -124,6 +113,7 @@ std::string ChangeReader::summary(const CacheMessage& in) {
   std::string ambiguity = cut ? std::string() : checkEntries(in.line, lines, entries);
 
   CheckRecord* answered = checks_.takeSummarised(in, cut, entries.size());
+  causes_.summaryOf(answered);
   if (answered != nullptr) {
     answered->summarised = true;
     answered->reachable = in.line.number(key::REACHABLE).value_or(0);
@@ -138,10 +128,14 @@ std::string ChangeReader::summary(const CacheMessage& in) {
   // entry by entry from the states before them, then keep what those lines
   // did to endpoints whose entries the platform cut.
   EntityAnswers::States after = answers_.rollBack(in.thread);
+  std::vector<std::string> eventEndpoints;
   for (const auto& [entry, entryText] : entries) {
     if (ambiguity.empty()) {
       after.erase({std::string(entry.entityId), std::string(entry.endpointId)});
       applyEntry(in, entry, entryText, answered);
+    }
+    if (answered == nullptr) {
+      eventEndpoints.emplace_back(entry.endpointId);
     }
   }
   if (in.message.tid) {
@@ -156,6 +150,7 @@ std::string ChangeReader::summary(const CacheMessage& in) {
     }
     answers_.loseUntold(in, told);
   }
+  causes_.resultApplied(in, eventEndpoints);
   return ambiguity;
 }
 
@@ -211,6 +206,9 @@ void ChangeReader::applyEntry(const CacheMessage& in, const SummaryEntry& entry,
     answers_.reachableBefore(in, entry.entityId, entry.endpointId, true, false);
     answers_.apply(in, entry.entityId, entry.endpointId, Effect::NONE, false);
   }
+  const std::size_t entryLine = lineHolding(in.message, entryText);
+  causes_.addLine(in, entry.entityId);
+  causes_.addLine(in, entry.entityId, entryLine);
   if (!entry.changed) {
     return;
   }
@@ -219,12 +217,12 @@ void ChangeReader::applyEntry(const CacheMessage& in, const SummaryEntry& entry,
     return;
   }
   record->changes[index].adapter = adapter;
-  if (inStory(entry.entityId)) {
-    std::vector<std::string>& evidence = record->evidence[index];
-    evidence.push_back(in.message.lines.front());
-    const std::string& entryLine = lineHolding(in.message, entryText);
-    if (&entryLine != &in.message.lines.front()) {
-      evidence.push_back(entryLine);
+  if (evidence_.covers(entry.entityId, in.at)) {
+    record->evidence.resize(std::max(record->evidence.size(), index + 1));
+    std::vector<EvidenceLine>& evidence = record->evidence[index];
+    evidence.push_back(evidence_.line(in));
+    if (entryLine != 0) {
+      evidence.push_back(evidence_.line(in, entryLine));
     }
   }
 }
@@ -247,7 +245,8 @@ std::size_t ChangeReader::changeOf(const CacheMessage& in, EntityRecord& record,
   change.endpoint = endpoint;
   change.reachable = entry.reachable;
   return keep(in, record, change,
-              inStory(entry.entityId) ? causeOf(in, entry.endpointId) : std::vector<std::string>{});
+              evidence_.covers(entry.entityId, in.at) ? causes_.triggerOf(in, entry.endpointId)
+                                                      : std::vector<EvidenceLine>{});
 }
 
 }  // namespace veranda::reachabilityCache::trace

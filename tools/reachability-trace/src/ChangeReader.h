@@ -11,9 +11,10 @@
 #include <vector>
 
 #include "CacheMessage.h"
+#include "CauseReader.h"
 #include "CheckReader.h"
 #include "EntityAnswers.h"
-#include "EventReader.h"
+#include "Evidence.h"
 
 namespace veranda::reachabilityCache::trace {
 
@@ -21,11 +22,10 @@ namespace veranda::reachabilityCache::trace {
 // thread-safe.
 class ChangeReader {
  public:
-  // `storyEntity`, when not empty, names the entity whose changes keep the
-  // log lines that caused them.
-  ChangeReader(const std::string& storyEntity, CheckReader& checks, const EventReader& events,
-               EntityAnswers& answers)
-      : storyEntity_(storyEntity), checks_(checks), events_(events), answers_(answers) {}
+  // The changes of the entities that `evidence` covers keep the log lines
+  // that caused them.
+  ChangeReader(Evidence& evidence, CheckReader& checks, CauseReader& causes, EntityAnswers& answers)
+      : evidence_(evidence), checks_(checks), causes_(causes), answers_(answers) {}
 
   // A "notifyReachabilityListeners" line of the store; false when it lacks
   // a field it must have.
@@ -48,29 +48,26 @@ class ChangeReader {
     std::size_t change;  // its index in the entity's changes, or NOT_KEPT
   };
 
-  bool inStory(std::string_view entityId) const;
   // Why the entries of a whole summary cannot be taken, or an empty text.
   static std::string checkEntries(
       const LibraryLine& line, const std::vector<std::string_view>& lines,
       const std::vector<std::pair<SummaryEntry, std::string_view>>& entries);
-  // The log lines that led to a change of `endpointId` told in `in`: the
-  // check's answer on the same thread, or else the endpoint's last event.
-  std::vector<std::string> causeOf(const CacheMessage& in, std::string_view endpointId) const;
   // Applies one entry of a summary; `answered`: the check it reports, if any.
   void applyEntry(const CacheMessage& in, const SummaryEntry& entry, std::string_view entryText,
                   const CheckRecord* answered);
-  // Counts a change of `record`, and keeps it (with its `evidence` for the
-  // story) while the limits leave room: its index, or NOT_KEPT.
+  // Counts a change of `record`, and keeps it (with its `evidence`, where
+  // the entity keeps any) while the limits leave room: its index, or
+  // NOT_KEPT.
   std::size_t keep(const CacheMessage& in, EntityRecord& record, const ChangeRecord& change,
-                   std::vector<std::string> evidence);
+                   std::vector<EvidenceLine> evidence);
   // The change that `entry` tells: the one its notification line told
   // already, or a new one. Its index, or NOT_KEPT.
   std::size_t changeOf(const CacheMessage& in, EntityRecord& record, const SummaryEntry& entry,
                        uint32_t endpoint);
 
-  const std::string& storyEntity_;
+  Evidence& evidence_;
   CheckReader& checks_;
-  const EventReader& events_;
+  CauseReader& causes_;
   EntityAnswers& answers_;
   std::map<int64_t, std::vector<Note>> notes_;  // thread -> notifications awaiting their summary
   bool notified_ = false;                       // the capture has notification lines

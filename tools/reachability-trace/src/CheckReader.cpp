@@ -78,8 +78,8 @@ void CheckReader::checkerLine(const CacheMessage& in) {
     record.answered = true;
     record.answeredAt = in.at;
     record.resultCount = line.number(key::RESULT_COUNT);
-    if (keepAnswerLines_) {
-      record.answerLine = in.message.lines.front();
+    if (evidence_.any()) {
+      record.answerLine = evidence_.line(in);
     }
     answers_[in.thread] = checks_.at(std::string(requestId));
   }
@@ -118,6 +118,9 @@ CheckRecord& CheckReader::check(const CacheMessage& in, std::string_view request
   CheckRecord record;
   record.requestId = id;
   record.start = in.at;
+  if (evidence_.any()) {
+    record.startLine = evidence_.line(in);
+  }
   if (periodic) {
     record.endpointCount = nextEndpointCount_;
     nextEndpointCount_.reset();

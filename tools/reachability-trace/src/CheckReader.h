@@ -14,14 +14,16 @@
 #include <utility>
 
 #include "CacheMessage.h"
+#include "Evidence.h"
 
 namespace veranda::reachabilityCache::trace {
 
 // One per cache; not thread-safe.
 class CheckReader {
  public:
-  // `keepAnswerLines`: keep each answer's log line, for an entity's story.
-  explicit CheckReader(bool keepAnswerLines) : keepAnswerLines_(keepAnswerLines) {}
+  // Where `evidence` keeps any, each check keeps its first line and its
+  // answer's.
+  explicit CheckReader(Evidence& evidence) : evidence_(evidence) {}
 
   // The updater's lines about the periodic chain and the checks it starts.
   void updaterLine(const CacheMessage& in);
@@ -52,7 +54,7 @@ class CheckReader {
   CheckRecord& recordAt(CacheRecord& cache, Place place);
   void periodicUpdate(const CacheMessage& in);
 
-  bool keepAnswerLines_;
+  Evidence& evidence_;
   bool periodicRunning_ = false;
   std::optional<uint64_t> nextEndpointCount_;      // told before the cycle's request id
   std::unordered_map<std::string, Place> checks_;  // those a line may still name

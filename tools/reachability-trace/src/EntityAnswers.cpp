@@ -6,6 +6,15 @@
 namespace veranda::reachabilityCache::trace {
 
 using namespace logSchema;  // the names the lines are read with
+namespace {
+
+// A result's own line: its notification or its summary.
+bool isResultLine(const CacheMessage& in) {
+  return in.line.label == label::NOTIFY_REACHABILITY_LISTENERS ||
+         in.line.label == label::PROCESS_REACHABILITY_RESULTS;
+}
+
+}  // namespace
 
 // ---- what the lines say ----
 
@@ -39,7 +48,7 @@ void EntityAnswers::storeLine(const CacheMessage& in) {
              line.has(key::ACTION, action::CLEARED_CAPABILITIES)) {
     if (Entity* state = follow(in, entityId, endpointId)) {
       change(in, *state, entityId, endpointId, Effect::CLEAR, true);
-      noteAnswer(in, entityId, true);
+      noteAnswer(in, entityId, endpointId, true);
     }
   } else if (label == label::IS_ENTITY_REACHABLE) {
     observe(in);
@@ -72,7 +81,7 @@ void EntityAnswers::insertLine(const CacheMessage& in, std::string_view entityId
                                                                                     : held.reach;
   }
   change(in, state, entityId, endpointId, insertEffect(in), true);
-  noteAnswer(in, entityId, true);
+  noteAnswer(in, entityId, endpointId, true);
 }
 
 void EntityAnswers::removeLine(const CacheMessage& in, std::string_view entityId,
@@ -90,7 +99,7 @@ void EntityAnswers::removeLine(const CacheMessage& in, std::string_view entityId
   } else if (derive(state).answer == Answer::ABSENT) {
     retract(in, entityId, state);  // it still has another endpoint
   }
-  noteAnswer(in, entityId);
+  noteAnswer(in, entityId, endpointId);
 }
 
 void EntityAnswers::emptyStore(const CacheMessage& in) {
@@ -167,7 +176,7 @@ void EntityAnswers::apply(const CacheMessage& in, std::string_view entityId,
                           std::string_view endpointId, Effect effect, bool onThread) {
   if (Entity* state = follow(in, entityId, endpointId)) {
     change(in, *state, entityId, endpointId, effect, onThread);
-    noteAnswer(in, entityId);
+    noteAnswer(in, entityId, endpointId);
   }
 }
 
@@ -336,8 +345,10 @@ void EntityAnswers::retract(const CacheMessage& in, std::string_view entityId, E
     from = in.at;
   }
   if (answers.empty() || answers.back().answer != Answer::UNKNOWN) {
-    answers.push_back(
-        {from, Answer::UNKNOWN, false, UnknownReason::CONTRADICTED, state.factMessage});
+    AnswerRecord unknown{
+        from, Answer::UNKNOWN, false, UnknownReason::CONTRADICTED, state.factMessage, NO_CAUSE};
+    unknown.cause = causes_.noteCause(in, record, "", unknown);
+    answers.push_back(unknown);
   }
   state.provisional.reset();
   forgetWhatIsKnown(state, UnknownReason::CONTRADICTED);
@@ -353,23 +364,28 @@ void EntityAnswers::forgetWhatIsKnown(Entity& state, UnknownReason reason) {
 }
 
 void EntityAnswers::noteAnswer(const CacheMessage& in, std::string_view entityId,
-                               bool provisional) {
+                               std::string_view endpointId, bool provisional) {
   Entity& state = entity(entityId);
   const Derived derived = derive(state);
   EntityRecord& entityRecord = *in.cache.findEntity(entityId);
   std::vector<AnswerRecord>& answers = entityRecord.answers;
   Micros at = in.at;
+  uint32_t cause = NO_CAUSE;  // of the result whose store line noted the answer
   if (!answers.empty() && answers.back().message == in.number) {
     answers.pop_back();  // one message tells one answer: its last
-  } else if (state.provisional && state.provisional->first == in.thread && !answers.empty() &&
-             answers.back().message == state.provisional->second) {
+  } else if (state.provisional && state.provisional->first == in.thread && isResultLine(in) &&
+             !answers.empty() && answers.back().message == state.provisional->second) {
     at = answers.back().at;  // the result's status corrects what its store line led to
+    cause = derived.answer == Answer::UNKNOWN ? NO_CAUSE : answers.back().cause;
     answers.pop_back();
   }
   state.provisional.reset();
-  const AnswerRecord record{at, derived.answer, derived.inferred,
-                            derived.answer == Answer::UNKNOWN ? state.reason : UnknownReason::NONE,
-                            in.number};
+  AnswerRecord record{at,
+                      derived.answer,
+                      derived.inferred,
+                      derived.answer == Answer::UNKNOWN ? state.reason : UnknownReason::NONE,
+                      in.number,
+                      cause};
   const auto sameAnswer = [](const AnswerRecord& a, const AnswerRecord& b) {
     return a.answer == b.answer && a.reason == b.reason;
   };
@@ -382,9 +398,11 @@ void EntityAnswers::noteAnswer(const CacheMessage& in, std::string_view entityId
         answers.pop_back();
       }
     } else if (!answers.empty() && record.inferred && !answers.back().inferred) {
+      noteCause(in, entityRecord, endpointId, record);
       answers.push_back(record);  // it rests on an inference from here on
     }
   } else {
+    noteCause(in, entityRecord, endpointId, record);
     answers.push_back(record);
     if (provisional) {
       state.provisional.emplace(in.thread, in.number);
@@ -393,6 +411,13 @@ void EntityAnswers::noteAnswer(const CacheMessage& in, std::string_view entityId
   // No line can take back what came before the last fact.
   if (state.factMessage > 0) {
     settleAnswers(in.trace, entityRecord, state.factMessage - 1, false);
+  }
+}
+
+void EntityAnswers::noteCause(const CacheMessage& in, EntityRecord& record,
+                              std::string_view endpointId, AnswerRecord& answer) {
+  if (answer.cause == NO_CAUSE) {
+    answer.cause = causes_.noteCause(in, record, endpointId, answer);
   }
 }
 
@@ -437,7 +462,7 @@ void EntityAnswers::restore(const CacheMessage& in, const States& states) {
     } else {
       state.endpoints.erase(key.second);
     }
-    noteAnswer(in, key.first);
+    noteAnswer(in, key.first, key.second);
   }
 }
 

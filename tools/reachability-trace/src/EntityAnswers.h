@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "CacheMessage.h"
+#include "CauseReader.h"
 #include "CheckReader.h"
 
 namespace veranda::reachabilityCache::trace {
@@ -26,7 +27,8 @@ namespace veranda::reachabilityCache::trace {
 // on, and the fact then stands. Lines that only say that an endpoint was
 // inserted by a check or the host lead to "reachable", marked inferred.
 //
-// One per cache; not thread-safe.
+// Each answer noted gets its cause from `causes`. One per cache; not
+// thread-safe.
 class EntityAnswers {
  public:
   // How an endpoint stands in the store.
@@ -53,8 +55,9 @@ class EntityAnswers {
 
   // `created`: the capture holds the cache's creation, so its store starts
   // empty and every entity starts absent; otherwise unknown.
-  EntityAnswers(const CheckReader& checks, bool created)
+  EntityAnswers(const CheckReader& checks, CauseReader& causes, bool created)
       : checks_(checks),
+        causes_(causes),
         baseline_(created ? Reach::NOT_HELD : Reach::UNKNOWN),
         baselineReason_(created ? UnknownReason::NONE : UnknownReason::CAPTURE_START) {}
 
@@ -136,7 +139,12 @@ class EntityAnswers {
   // The answers since the last fact were wrong: unknown from that fact on.
   void retract(const CacheMessage& in, std::string_view entityId, Entity& state);
   void forgetWhatIsKnown(Entity& state, UnknownReason reason);
-  void noteAnswer(const CacheMessage& in, std::string_view entityId, bool provisional = false);
+  // `endpointId`: the endpoint whose line told it, empty when none did.
+  void noteAnswer(const CacheMessage& in, std::string_view entityId,
+                  std::string_view endpointId = {}, bool provisional = false);
+  // Gives `answer`, about to be noted, its cause where it has none yet.
+  void noteCause(const CacheMessage& in, EntityRecord& record, std::string_view endpointId,
+                 AnswerRecord& answer);
   void remember(const CacheMessage& in, std::string_view entityId, std::string_view endpointId);
   void insertLine(const CacheMessage& in, std::string_view entityId, std::string_view endpointId);
   void removeLine(const CacheMessage& in, std::string_view entityId, std::string_view endpointId,
@@ -147,6 +155,7 @@ class EntityAnswers {
   Effect insertEffect(const CacheMessage& in) const;
 
   const CheckReader& checks_;
+  CauseReader& causes_;
   Reach baseline_;  // of an entity or endpoint first named: NOT_HELD or UNKNOWN
   UnknownReason baselineReason_;
   std::unordered_map<std::string, Entity> entities_;

@@ -27,8 +27,8 @@ bool allowsBareLines(LineFormat format) {
 
 }  // namespace
 
-MessageAssembler::MessageAssembler(Handler handler, SectionHandler section)
-    : handler_(std::move(handler)), section_(std::move(section)) {}
+MessageAssembler::MessageAssembler(Handler handler, SectionHandler section, bool numberLines)
+    : handler_(std::move(handler)), section_(std::move(section)), numberLines_(numberLines) {}
 
 void MessageAssembler::section(std::string_view title) {
   flush();
@@ -81,7 +81,8 @@ bool MessageAssembler::takesBareLine(std::string_view text) {
   return true;
 }
 
-void MessageAssembler::line(std::string_view text) {
+void MessageAssembler::line(std::string_view text, uint64_t number) {
+  number_ = number;
   const std::optional<CaptureLine> parsed = parseCaptureLine(text);
   if (!parsed) {
     if (!takesBareLine(text)) {
@@ -121,6 +122,7 @@ void MessageAssembler::open(const CaptureLine& line, std::string_view text) {
   current_.text.assign(line.text);
   current_.lines.clear();
   current_.lines.emplace_back(text);
+  current_.lineNumbers.assign(1, number_);
   textColumn_ = line.textColumn;
 }
 
@@ -136,6 +138,7 @@ void MessageAssembler::append(std::string_view part, std::string_view line) {
   }
   current_.text.append(part);
   current_.lines.emplace_back(line);
+  current_.lineNumbers.push_back(number_);
 }
 
 void MessageAssembler::damaged(std::string_view text) {

@@ -31,8 +31,9 @@ struct LogMessage {
   std::optional<int64_t> tid;
   char priority = '?';
   std::string tag;
-  std::string text;                // the lines of the message joined with line feeds
-  std::vector<std::string> lines;  // as they stand in the capture
+  std::string text;                   // the lines of the message joined with line feeds
+  std::vector<std::string> lines;     // as they stand in the capture
+  std::vector<uint64_t> lineNumbers;  // of `lines` in the capture, from 1; 0 where not counted
 };
 
 // Joins the lines of each message of the library's tags (and of the metric
@@ -47,10 +48,12 @@ class MessageAssembler : public LineSink {
   using Handler = std::function<void(const LogMessage&)>;
   using SectionHandler = std::function<void(std::string_view title)>;
 
-  // `section` is told where a bug report's log sections begin.
-  MessageAssembler(Handler handler, SectionHandler section);
+  // `section` is told where a bug report's log sections begin;
+  // `numberLines`: the messages carry their lines' numbers.
+  MessageAssembler(Handler handler, SectionHandler section, bool numberLines = false);
 
-  void line(std::string_view text) override;
+  void line(std::string_view text, uint64_t number) override;
+  bool wantsLineNumbers() const override { return numberLines_; }
   bool wantsNextLine() const override;
   bool wantsLineBefore() const override { return longLayout_; }
   void section(std::string_view title) override;
@@ -73,6 +76,8 @@ class MessageAssembler : public LineSink {
 
   Handler handler_;
   SectionHandler section_;
+  bool numberLines_;
+  uint64_t number_ = 0;  // of the line being read
   bool open_ = false;
   bool longLayout_ = false;  // the capture uses logcat's long layout
   LogMessage current_;

@@ -14,6 +14,9 @@ void countProblem(CacheRecord& cache, const char* kind, Micros at, uint64_t coun
     record.first = at;
   }
   record.count += count;
+  if (record.times.size() < MAX_PROBLEM_TIMES && at != NO_TIME) {
+    record.times.push_back(at);
+  }
 }
 
 void checkRhythm(CacheRecord& cache, Micros resolution) {

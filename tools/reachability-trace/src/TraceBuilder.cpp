@@ -8,6 +8,7 @@
 
 #include "LineRules.h"
 #include "Problems.h"
+#include "TraceWindow.h"
 #include "diagnostics/LogSchema.h"
 
 namespace veranda::reachabilityCache::trace {
@@ -20,15 +21,40 @@ constexpr uint64_t KEPT_AMBIGUOUS = 5;
 
 }  // namespace
 
-TraceBuilder::Readers::Readers(const std::string& storyEntity, bool created)
-    : checks(!storyEntity.empty()),
-      events(!storyEntity.empty()),
-      answers(checks, created),
-      changes(storyEntity, checks, events, answers) {}
+TraceBuilder::Readers::Readers(Evidence& evidence, bool created)
+    : checks(evidence),
+      causes(evidence, checks),
+      answers(checks, causes, created),
+      changes(evidence, checks, causes, answers) {}
 
-TraceBuilder::TraceBuilder(std::string storyEntity, TraceLimits limits)
-    : storyEntity_(std::move(storyEntity)) {
-  trace_.limits = limits;
+TraceBuilder::TraceBuilder(TraceScope scope)
+    : storyEntity_(scope.evidence.entity),
+      window_(scope.window),
+      inWindow_(!window_.limits()),
+      evidence_(std::move(scope.evidence)) {
+  trace_.limits = scope.limits;
+  evidence_.limitTo(window_);
+}
+
+void TraceBuilder::enterWindow(Micros at) {
+  if (inWindow_ || window_.before(at) || at == NO_TIME) {
+    return;
+  }
+  inWindow_ = true;
+  messagesBefore_ = trace_.messages;
+  trace_.leftOut.answers = 0;
+  trace_.leftOut.changes = 0;
+  trace_.leftOut.storyChanges = 0;
+  for (CacheRecord& cache : trace_.caches) {
+    forgetBeforeWindow(trace_, cache, window_);
+  }
+}
+
+void TraceBuilder::pastWindow(const LogMessage& message) {
+  const auto found = current_.find(message.pid.value_or(-1));
+  if (found != current_.end()) {
+    trace_.caches[found->second].lastSeen = window_.to;
+  }
 }
 
 void TraceBuilder::addDamaged(uint64_t lines, const std::string& first) {
@@ -51,6 +77,11 @@ void TraceBuilder::add(const LogMessage& message) {
   }
   const Micros at = trace_.clock.toMicros(message.clock);
   trace_.hasTime = trace_.hasTime || at != NO_TIME;
+  if (window_.after(at)) {
+    pastWindow(message);
+    return;
+  }
+  enterWindow(at);
   const std::optional<std::string_view> metric =
       message.tag == tag::METRIC ? cacheMetricName(message.text) : std::nullopt;
   const std::optional<LibraryLine> line = metric ? std::nullopt : parseLibraryLine(message.text);
@@ -89,6 +120,7 @@ void TraceBuilder::add(const LogMessage& message) {
     ambiguous(in, ambiguity);
     return;
   }
+  reading_->causes.message(in);
   if (message.tag == tag::FACADE) {
     facade(in);
   } else if (message.tag == tag::STORE) {
@@ -116,7 +148,7 @@ CacheRecord* TraceBuilder::cacheFor(const LogMessage& message, const LibraryLine
     record.previousBoot = previousBoot_;
     record.firstSeen = at;
     trace_.caches.push_back(std::move(record));
-    readers_.push_back(std::make_unique<Readers>(storyEntity_, creation));
+    readers_.push_back(std::make_unique<Readers>(evidence_, creation));
     found = current_.insert_or_assign(process, trace_.caches.size() - 1).first;
   }
   reading_ = readers_[found->second].get();
@@ -302,6 +334,12 @@ Trace TraceBuilder::finish(uint64_t bytes, bool bugReport) {
       settleAnswers(trace_, entity, UINT64_MAX, true);
     }
   }
+  if (!inWindow_) {
+    trace_.caches.clear();  // the capture ends before the window
+  }
+  clipToWindow(trace_, window_);
+  trace_.messages -= messagesBefore_;
+  trace_.evidenceLostFrom = evidence_.lostFrom();
   findReplacedProcesses();
   for (CacheRecord& cache : trace_.caches) {
     checkRhythm(cache, trace_.clock.resolution());

@@ -9,15 +9,28 @@
 #include <string>
 #include <vector>
 
+#include "CauseReader.h"
 #include "ChangeReader.h"
 #include "CheckReader.h"
 #include "EntityAnswers.h"
 #include "EventReader.h"
+#include "Evidence.h"
 #include "LibraryLine.h"
 #include "LogMessage.h"
 #include "TraceModel.h"
 
 namespace veranda::reachabilityCache::trace {
+
+// What a trace keeps beyond its figures, the part of the capture it tells
+// about, and its bounds.
+struct TraceScope {
+  // Whose changes and answers keep the log lines that caused them.
+  EvidenceScope evidence;
+  // The caches are followed from the capture's start, but counted and
+  // recorded only in the window; the page's evidence is kept only there.
+  TraceWindow window;
+  TraceLimits limits;
+};
 
 // Hands each message to the readers of its cache: the cache's life and
 // configuration are read here; its checks, events, changes and answers by
@@ -25,9 +38,7 @@ namespace veranda::reachabilityCache::trace {
 // thread-safe.
 class TraceBuilder {
  public:
-  // `storyEntity`, when not empty, names the entity whose changes keep the
-  // log lines that caused them.
-  explicit TraceBuilder(std::string storyEntity = "", TraceLimits limits = {});
+  explicit TraceBuilder(TraceScope scope = {});
 
   void add(const LogMessage& message);
   // Counts lines that are the library's but could not be read; `first` is
@@ -37,17 +48,19 @@ class TraceBuilder {
   // its title says so ("LAST LOGCAT").
   void beginSection(std::string_view title);
 
-  // Ends the capture: checks the cycles' rhythm and returns the result.
+  // Ends the capture: limits the trace to the window, checks the cycles'
+  // rhythm and returns the result.
   Trace finish(uint64_t bytes, bool bugReport);
 
  private:
   // The readers of one cache's lines.
   struct Readers {
     // `created`: the cache's first line is its creation.
-    Readers(const std::string& storyEntity, bool created);
+    Readers(Evidence& evidence, bool created);
 
     CheckReader checks;
     EventReader events;
+    CauseReader causes;
     EntityAnswers answers;
     ChangeReader changes;
   };
@@ -66,8 +79,18 @@ class TraceBuilder {
   void store(const CacheMessage& in);
   void updater(const CacheMessage& in);
   void checker(const CacheMessage& in);
+  // The message at `at` may open the window: what was counted before it is
+  // forgotten.
+  void enterWindow(Micros at);
+  // A message after the window: its process's cache ran at least until the
+  // window's end.
+  void pastWindow(const LogMessage& message);
 
   std::string storyEntity_;
+  TraceWindow window_;
+  bool inWindow_ = false;
+  uint64_t messagesBefore_ = 0;  // read before the window opened
+  Evidence evidence_;
   Trace trace_;
   std::optional<LogMessage> cutShort_;  // the last message, when it was cut short
   uint64_t sequence_ = 0;  // the number of the last message, rate limiter's notices included

@@ -22,22 +22,24 @@ AnswerRecord answerBefore(const CacheRecord& cache) {
 std::vector<EntitySpan> entitySpans(const EntityRecord& entity, Micros start, Micros end,
                                     const AnswerRecord& before) {
   std::vector<EntitySpan> spans;
-  EntitySpan current{start, start, before.answer, before.inferred, before.reason};
-  std::vector<AnswerRecord> answers = entity.answers;
-  if (entity.answersLeftOut > 0) {  // the answers past the limits are unknown here
-    answers.insert(answers.begin() + static_cast<std::ptrdiff_t>(entity.answersGap),
-                   AnswerRecord{entity.answersLeftOutFrom, Answer::UNKNOWN, false,
-                                UnknownReason::LEFT_OUT, 0});
-  }
-  for (const AnswerRecord& answer : answers) {
-    if (answer.at == NO_TIME) {
-      continue;
+  EntitySpan current{start, start, before.answer, before.inferred, before.reason, nullptr};
+  // The answers past the limits are unknown where they were.
+  const AnswerRecord gap{
+      entity.answersLeftOutFrom, Answer::UNKNOWN, false, UnknownReason::LEFT_OUT, 0, NO_CAUSE};
+  const std::size_t gapAt = entity.answersLeftOut > 0 ? entity.answersGap : SIZE_MAX;
+  for (std::size_t i = 0; i <= entity.answers.size(); ++i) {
+    for (const AnswerRecord* answer :
+         {i == gapAt ? &gap : nullptr, i < entity.answers.size() ? &entity.answers[i] : nullptr}) {
+      if (answer == nullptr || answer->at == NO_TIME) {
+        continue;
+      }
+      current.to = std::max(answer->at, current.from);
+      if (current.to > current.from) {
+        spans.push_back(current);
+      }
+      current = {current.to,       current.to,     answer->answer,
+                 answer->inferred, answer->reason, answer == &gap ? nullptr : answer};
     }
-    current.to = std::max(answer.at, current.from);
-    if (current.to > current.from) {
-      spans.push_back(current);
-    }
-    current = {current.to, current.to, answer.answer, answer.inferred, answer.reason};
   }
   current.to = std::max(end, current.from);
   spans.push_back(current);

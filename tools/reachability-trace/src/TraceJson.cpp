@@ -373,6 +373,13 @@ void captureJson(JsonWriter& out, const Trace& trace) {
     out.endObject();
   }
   out.endArray();
+  if (trace.window.limits()) {
+    out.key("window");
+    out.beginObject();
+    time(out, trace, "from", trace.window.from);
+    time(out, trace, "to", trace.window.to);
+    out.endObject();
+  }
   const LeftOut& left = trace.leftOut;
   out.key("leftOut");
   out.beginObject();

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <optional>
 #include <set>
 #include <string>
@@ -28,6 +29,14 @@ inline constexpr const char* UNKNOWN_ENDPOINT = "unknownEndpointEvent";
 inline constexpr const char* INTERVAL_DRIFT = "intervalDrift";
 inline constexpr const char* SUMMARY_CUT = "summaryCut";
 
+// A line of the capture: its number (the first line is 1, counted in the
+// text as read: unpacked and decoded) and its text, which the causes and
+// changes that show the same line share.
+struct EvidenceLine {
+  uint64_t number = 0;
+  std::shared_ptr<const std::string> text;
+};
+
 // One reachability check: a periodic cycle or a manual trigger.
 struct CheckRecord {
   std::string requestId;  // empty for a cycle whose provider answered nothing
@@ -43,7 +52,10 @@ struct CheckRecord {
   uint64_t reachable = 0;
   uint64_t unreachable = 0;
   uint64_t changed = 0;
-  std::string answerLine;  // kept only for an entity's story
+  // Kept only where evidence is: the first line that named the check, and
+  // its answer's.
+  EvidenceLine startLine;
+  EvidenceLine answerLine;
 };
 
 // A change told to listeners.
@@ -84,12 +96,35 @@ enum class UnknownReason : uint8_t {
 const char* unknownReasonName(UnknownReason reason);
 const char* unknownReasonWords(UnknownReason reason);
 
+// What made an entity's answer what it is.
+enum class CauseKind : uint8_t {
+  CHECK,              // the result of a periodic cycle or of a manual check
+  EVENT,              // a connectivity event the driver reported
+  SWEEP,              // a cycle removed the endpoint: the provider no longer named it
+  HOST_RECORD,        // the host's own record of the endpoint (updateEndpoints)
+  HOST_REMOVAL,       // the host removed the entity
+  HOST_INVALIDATION,  // the host emptied the cache (invalidate)
+  QUERY,              // the store's answer to a query, as it logged it
+  LOST,               // the lines do not tell it: the answer's reason says why
+};
+
+// A cause with the capture's lines that tell it, in capture order.
+struct AnswerCause {
+  CauseKind kind = CauseKind::HOST_RECORD;
+  std::string requestId;   // the check's, for CHECK
+  std::string endpointId;  // the endpoint whose line told it, if one did
+  std::vector<EvidenceLine> lines;
+};
+
+inline constexpr uint32_t NO_CAUSE = UINT32_MAX;
+
 struct AnswerRecord {
   Micros at = NO_TIME;
   Answer answer = Answer::ABSENT;
   bool inferred = false;  // REACHABLE rests on a check's or the host's record alone
   UnknownReason reason = UnknownReason::NONE;  // for UNKNOWN
   uint64_t message = 0;                        // the number of the message that told it
+  uint32_t cause = NO_CAUSE;                   // in the entity's causes, where evidence is kept
 };
 
 // An entity's figures over its final answers (those no later line can
@@ -116,7 +151,10 @@ struct EntityRecord {
   Micros answersLeftOutFrom = NO_TIME;  // the time of the first answer left out
   std::size_t answersGap = 0;           // where in `answers` those left out were
   AnswerTally tally;
-  std::vector<std::vector<std::string>> evidence;  // per kept change; for --entity's entity
+  // Per kept change, the lines that caused it, where evidence is kept (for
+  // --entity's entity, or every entity's for the page).
+  std::vector<std::vector<EvidenceLine>> evidence;
+  std::vector<AnswerCause> causes;  // of the answers, where evidence is kept
 
   // The index of `endpointId` among the endpoints, added when new and
   // there is room; OTHER_ENDPOINT past the limit.
@@ -126,9 +164,13 @@ struct EntityRecord {
   std::string_view adapterOf(const ChangeRecord& change) const;
 };
 
+// A problem keeps the times of its first MAX_PROBLEM_TIMES occurrences.
+inline constexpr std::size_t MAX_PROBLEM_TIMES = 4096;
+
 struct ProblemRecord {
   uint64_t count = 0;
   Micros first = NO_TIME;
+  std::vector<Micros> times;  // the first occurrences', for marks on the page
 };
 
 // A line that can be read two ways: an id that held a line feed or a
@@ -222,6 +264,18 @@ struct LeftOut {
   }
 };
 
+// A part of a capture's time line. Both ends belong to it; NO_TIME leaves
+// that side open.
+struct TraceWindow {
+  Micros from = NO_TIME;
+  Micros to = NO_TIME;
+
+  bool limits() const { return from != NO_TIME || to != NO_TIME; }
+  bool before(Micros at) const { return from != NO_TIME && at != NO_TIME && at < from; }
+  bool after(Micros at) const { return to != NO_TIME && at != NO_TIME && at > to; }
+  bool contains(Micros at) const { return !before(at) && !after(at); }
+};
+
 struct Trace {
   TraceLimits limits;
   LeftOut leftOut;
@@ -242,6 +296,9 @@ struct Trace {
   bool bugReport = false;
   bool hasTime = false;  // the format gave clock readings
   CaptureClock clock;
+  // Evidence for every entity is kept up to a budget: none from here on.
+  Micros evidenceLostFrom = NO_TIME;
+  TraceWindow window;  // what the trace tells about; open for the whole capture
 };
 
 // The entity `id` of `cache`, added when new and the limits leave room

@@ -15,6 +15,16 @@ namespace veranda::reachabilityCache::trace {
 // The cache drawn unless the user names one: the last of the current boot.
 std::size_t defaultCache(const Trace& trace);
 
+// "cache 2 (pid 4242, LAST LOGCAT: the boot before)": the cache's number
+// (`index` + 1), process and bug report section, made safe for a terminal.
+std::string cacheName(const CacheRecord& cache, std::size_t index);
+
+// An answer in words: "unreachable", "unknown (lines dropped)",
+// "reachable (inferred)".
+std::string answerText(const AnswerRecord& answer);
+// What the words in brackets after an unknown answer mean; empty for NONE.
+const char* unknownReasonMeaning(UnknownReason reason);
+
 // Per cache: a summary, its problems, the entities with the most troubled
 // first, and the cycles' statistics. Text from the capture is made safe for
 // a terminal.
@@ -23,6 +33,17 @@ void printReport(const Trace& trace, std::ostream& out);
 // Every change of `entityId` in every cache, each with the log lines that
 // caused it. False when no cache knows the entity.
 bool printEntityStory(const Trace& trace, const std::string& entityId, std::ostream& out);
+
+// "the window from <from> to <to>" of a trace limited to one (with "the
+// capture's start" or "end" for an open side); empty for a whole capture.
+std::string windowText(const Trace& trace);
+
+// What a kind of problem means, in words; empty for a kind it does not know.
+const char* problemText(const std::string& kind);
+
+// A line of evidence, indented, with its number in the capture, made safe
+// for a terminal: "    line 128: <the line>".
+void printEvidence(const EvidenceLine& line, std::ostream& out);
 
 // The JSON document (one line, then a line feed), written as it goes.
 void writeTraceJson(const Trace& trace, std::ostream& stream);
@@ -49,6 +70,9 @@ struct EntitySpan {
   Answer answer = Answer::ABSENT;
   bool inferred = false;
   UnknownReason reason = UnknownReason::NONE;
+  // The entity's answer record that starts it; null before the first and
+  // where answers past the limits were left out.
+  const AnswerRecord* record = nullptr;
 };
 
 // What an entity of `cache` answered before its first answer record: absent
@@ -56,7 +80,7 @@ struct EntitySpan {
 AnswerRecord answerBefore(const CacheRecord& cache);
 
 // The entity's answers as spans from `start` to `end`, `before` until its
-// first record.
+// first record; the answers that the limits left out as an unknown span.
 std::vector<EntitySpan> entitySpans(const EntityRecord& entity, Micros start, Micros end,
                                     const AnswerRecord& before);
 

@@ -51,6 +51,9 @@ tools::TimelinePicture tracePicture(const Trace& trace, std::size_t cacheIndex,
   if (unknown) {
     picture.note += "; hatched where the capture does not tell";
   }
+  if (trace.window.limits()) {
+    picture.note += "; " + windowText(trace);
+  }
   return picture;
 }
 

@@ -33,6 +33,15 @@ const std::map<std::string, const char*>& problemTexts() {
   return TEXTS;
 }
 
+}  // namespace
+
+const char* problemText(const std::string& kind) {
+  const auto text = problemTexts().find(kind);
+  return text == problemTexts().end() ? "" : text->second;
+}
+
+namespace {
+
 std::string when(const Trace& trace, Micros at) {
   return at == NO_TIME ? std::string(trace.hasTime ? "unknown time" : "no time in the capture")
                        : trace.clock.format(at);
@@ -44,28 +53,13 @@ std::string decimal(double value, const char* unit) {
   return text;
 }
 
-std::string answerText(const AnswerRecord& answer) {
-  std::string text = tools::answerWords(answer.answer);
-  if (answer.answer == Answer::UNKNOWN && answer.reason != UnknownReason::NONE) {
-    text += std::string(" (") + unknownReasonWords(answer.reason) + ")";
-  }
-  return answer.inferred ? text + " (inferred)" : text;
-}
-
 // What the words in brackets after an answer mean.
 void printAnswerNotes(const std::set<UnknownReason>& reasons, bool inferred, std::ostream& out) {
-  static const std::map<UnknownReason, const char*> MEANINGS = {
-      {UnknownReason::CAPTURE_START, "the capture starts after the cache: no line has told it yet"},
-      {UnknownReason::SUMMARY_CUT, "the platform cut a result summary that held its entry"},
-      {UnknownReason::LINES_DROPPED, "the platform's rate limiter dropped lines of the cache"},
-      {UnknownReason::CONTRADICTED,
-       "a later line contradicts the earlier ones, so lines are missing"},
-      {UnknownReason::AMBIGUOUS, "a line about it can be read two ways"},
-  };
   for (UnknownReason reason : reasons) {
-    const auto meaning = MEANINGS.find(reason);
-    if (meaning != MEANINGS.end()) {
-      out << "  unknown (" << unknownReasonWords(reason) << "): " << meaning->second << '\n';
+    // What the limits left out is told of once, for the whole capture.
+    if (reason != UnknownReason::NONE && reason != UnknownReason::LEFT_OUT) {
+      out << "  unknown (" << unknownReasonWords(reason) << "): " << unknownReasonMeaning(reason)
+          << '\n';
     }
   }
   if (inferred) {
@@ -89,15 +83,7 @@ std::string endOf(const Trace& trace, const CacheRecord& cache) {
 
 void printHeading(const Trace& trace, const CacheRecord& cache, std::size_t number,
                   std::ostream& out) {
-  out << "Cache " << number;
-  if (cache.pid || !cache.section.empty()) {
-    out << " (" << (cache.pid ? "pid " + std::to_string(*cache.pid) : std::string("no pid"));
-    if (!cache.section.empty()) {
-      out << ", " << terminalText(cache.section) << (cache.previousBoot ? ": the boot before" : "");
-    }
-    out << ")";
-  }
-  out << ": "
+  out << 'C' << cacheName(cache, number - 1).substr(1) << ": "
       << (cache.creationSeen ? "created " + when(trace, cache.created)
                              : "already running at " + when(trace, cache.firstSeen));
   out << ", " << endOf(trace, cache) << '\n';
@@ -154,10 +140,8 @@ void printProblems(const Trace& trace, const CacheRecord& cache, std::ostream& o
   }
   out << "  Problems:\n";
   for (const auto& [kind, problem] : cache.problems) {
-    const auto text = problemTexts().find(kind);
     out << "    " << terminalPadded(kind, 24) << ' ' << std::to_string(problem.count)
-        << " x, first " << when(trace, problem.first) << ": "
-        << (text == problemTexts().end() ? "" : text->second) << '\n';
+        << " x, first " << when(trace, problem.first) << ": " << problemText(kind) << '\n';
   }
 }
 
@@ -314,9 +298,52 @@ void printCapture(const Trace& trace, std::ostream& out) {
         << CaptureClock::formatDuration(largest) << ", first at " << when(trace, steps.front().at)
         << ": times are shown as the device wrote them, durations follow the lines' order.\n";
   }
+  if (trace.window.limits()) {
+    out << "All that follows is of " << windowText(trace) << ".\n";
+  }
 }
 
 }  // namespace
+
+std::string answerText(const AnswerRecord& answer) {
+  std::string text = tools::answerWords(answer.answer);
+  if (answer.answer == Answer::UNKNOWN && answer.reason != UnknownReason::NONE) {
+    text += std::string(" (") + unknownReasonWords(answer.reason) + ")";
+  }
+  return answer.inferred ? text + " (inferred)" : text;
+}
+
+const char* unknownReasonMeaning(UnknownReason reason) {
+  switch (reason) {
+    case UnknownReason::CAPTURE_START:
+      return "the capture starts after the cache: no line has told it yet";
+    case UnknownReason::SUMMARY_CUT:
+      return "the platform cut a result summary that held its entry";
+    case UnknownReason::LINES_DROPPED:
+      return "the platform's rate limiter dropped lines of the cache";
+    case UnknownReason::CONTRADICTED:
+      return "a later line contradicts the earlier ones, so lines are missing";
+    case UnknownReason::AMBIGUOUS:
+      return "a line about it can be read two ways";
+    case UnknownReason::LEFT_OUT:
+      return "a line about it was past the trace's limits";
+    case UnknownReason::NONE:
+      break;
+  }
+  return "";
+}
+
+std::string cacheName(const CacheRecord& cache, std::size_t index) {
+  std::string name = "cache " + std::to_string(index + 1);
+  if (cache.pid || !cache.section.empty()) {
+    name += " (" + (cache.pid ? "pid " + std::to_string(*cache.pid) : std::string("no pid"));
+    if (!cache.section.empty()) {
+      name += ", " + terminalText(cache.section) + (cache.previousBoot ? ": the boot before" : "");
+    }
+    name += ")";
+  }
+  return name;
+}
 
 std::size_t defaultCache(const Trace& trace) {
   for (std::size_t i = trace.caches.size(); i > 0; --i) {
@@ -338,6 +365,20 @@ void printReport(const Trace& trace, std::ostream& out) {
     printEntities(cache, out);
     printCycles(trace, cache, out);
   }
+}
+
+std::string windowText(const Trace& trace) {
+  const TraceWindow& window = trace.window;
+  if (!window.limits()) {
+    return "";
+  }
+  return "the window from " +
+         (window.from == NO_TIME ? std::string("the capture's start") : when(trace, window.from)) +
+         " to " + (window.to == NO_TIME ? std::string("its end") : when(trace, window.to));
+}
+
+void printEvidence(const EvidenceLine& line, std::ostream& out) {
+  out << "    line " << line.number << ": " << terminalText(*line.text) << '\n';
 }
 
 namespace {
@@ -367,8 +408,8 @@ void printStory(const Trace& trace, const EntityRecord& entity, std::ostream& ou
     }
     out << '\n';
     if (i < entity.evidence.size()) {
-      for (const std::string& line : entity.evidence[i]) {
-        out << "    " << terminalText(line) << '\n';
+      for (const EvidenceLine& line : entity.evidence[i]) {
+        printEvidence(line, out);
       }
     }
     printAnswersUntil(change.message);
@@ -389,6 +430,9 @@ void printStory(const Trace& trace, const EntityRecord& entity, std::ostream& ou
 
 bool printEntityStory(const Trace& trace, const std::string& entityId, std::ostream& out) {
   bool found = false;
+  if (trace.window.limits()) {
+    out << "In " << windowText(trace) << ":\n";
+  }
   for (std::size_t i = 0; i < trace.caches.size(); ++i) {
     const CacheRecord& cache = trace.caches[i];
     const auto index = cache.entityIndex.find(entityId);
@@ -398,11 +442,8 @@ bool printEntityStory(const Trace& trace, const std::string& entityId, std::ostr
     found = true;
     const EntityRecord& entity = cache.entities[index->second];
     const EntityFigures figures = entityFigures(entity, cache.endTime(), answerBefore(cache));
-    out << terminalText(entityId) << " in cache " << i + 1;
-    if (cache.pid) {
-      out << " (pid " << *cache.pid << ")";
-    }
-    out << ": " << figures.changes << " changes, " << figures.flaps << " flaps, unreachable for "
+    out << terminalText(entityId) << " in " << cacheName(cache, i) << ": " << figures.changes
+        << " changes, " << figures.flaps << " flaps, unreachable for "
         << decimal(figures.unreachableSeconds, "s") << "; endpoints:";
     std::vector<std::string> endpoints = entity.endpoints;
     std::sort(endpoints.begin(), endpoints.end());

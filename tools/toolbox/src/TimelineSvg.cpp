@@ -34,6 +34,7 @@ const char* const REACHABLE_COLOUR = "#1f77b4";
 const char* const UNREACHABLE_COLOUR = "#ff7f0e";
 const char* const ABSENT_COLOUR = "#e6e6e6";
 // Unknown answers are hatched; the pattern is defined only where used.
+const char* const UNKNOWN_COLOUR = "#a8a8a8";  // the stripes of its hatch
 const char* const UNKNOWN_FILL = "url(#unknown)";
 const char* const UNKNOWN_PATTERN =
     "<defs><pattern id=\"unknown\" width=\"6\" height=\"6\" patternUnits=\"userSpaceOnUse\" "
@@ -55,18 +56,9 @@ std::string tickLabel(double seconds) {
 
 std::string label(const std::string& text) { return shortened(text, LABEL_CHARS); }
 
-const char* colour(Answer answer) {
-  switch (answer) {
-    case Answer::REACHABLE:
-      return REACHABLE_COLOUR;
-    case Answer::UNREACHABLE:
-      return UNREACHABLE_COLOUR;
-    case Answer::UNKNOWN:
-      return UNKNOWN_FILL;
-    case Answer::ABSENT:
-      break;
-  }
-  return ABSENT_COLOUR;
+// The fill of a span: a hatch for unknown, else the answer's colour.
+const char* fill(Answer answer) {
+  return answer == Answer::UNKNOWN ? UNKNOWN_FILL : answerColour(answer);
 }
 
 // The answer of `row` at `atMs`: that of the last span starting at or before it.
@@ -272,8 +264,7 @@ class Drawing {
         const double from = x(span.fromMs);
         const double width = std::max(x(span.toMs) - from, 1.0);  // short flaps stay visible
         svg_ << "<rect x=\"" << num(from) << "\" y=\"" << num(barTop) << "\" width=\"" << num(width)
-             << "\" height=\"" << num(BAR_HEIGHT) << "\" fill=\"" << colour(span.answer)
-             << "\"/>\n";
+             << "\" height=\"" << num(BAR_HEIGHT) << "\" fill=\"" << fill(span.answer) << "\"/>\n";
       }
       // A dark tick on the bar at each notification about the entity.
       for (int64_t atMs : row.marksMs) {
@@ -320,6 +311,20 @@ class Drawing {
 };
 
 }  // namespace
+
+const char* answerColour(Answer answer) {
+  switch (answer) {
+    case Answer::REACHABLE:
+      return REACHABLE_COLOUR;
+    case Answer::UNREACHABLE:
+      return UNREACHABLE_COLOUR;
+    case Answer::UNKNOWN:
+      return UNKNOWN_COLOUR;
+    case Answer::ABSENT:
+      break;
+  }
+  return ABSENT_COLOUR;
+}
 
 std::string timelineSvg(const TimelinePicture& picture) { return Drawing(picture).render(); }
 

@@ -15,6 +15,11 @@ inline constexpr std::size_t MAX_SVG_ROWS = 120;
 // Rows drawn for such pictures: those with the most spans.
 inline constexpr std::size_t SELECTED_SVG_ROWS = 100;
 
+// The colour that shows `answer` in pictures (as "#rrggbb"): unknown
+// shares the colour of not cached, and pictures that show it apart mark it
+// otherwise.
+const char* answerColour(Answer answer);
+
 // The SVG document: one row per entity with its spans and marks, the cycles
 // as dashed lines (thinned where they would lie closer than a few pixels), a
 // legend and labelled axes. Every text of the picture is
