@@ -59,7 +59,9 @@ class REACHABILITY_CACHE_EXPORT ReachabilityCheckerGuard : public IReachabilityC
     virtual void onCheckStarting() = 0;
     // A check's results are about to be handed to the cache.
     virtual void onResultsArriving(const std::vector<ReachabilityCheckResult>& results) = 0;
-    // The cache has applied them: its completion has returned.
+    // The cache has applied them (its completion has returned), or close()
+    // dropped them on their way. Every onResultsArriving() is followed by
+    // one onResultsApplied() for the same results, also across close().
     virtual void onResultsApplied(const std::vector<ReachabilityCheckResult>& results) = 0;
   };
 
@@ -72,7 +74,8 @@ class REACHABILITY_CACHE_EXPORT ReachabilityCheckerGuard : public IReachabilityC
   ReachabilityCheckerGuard& operator=(const ReachabilityCheckerGuard&) = delete;
 
   // Cuts the cache off: every completion and event that arrives later is
-  // dropped without reaching the cache, and observers hear nothing more.
+  // dropped without reaching the cache, and observers hear nothing more
+  // (results they already heard arriving still end with onResultsApplied()).
   // After it returns, no callback of the cache is running on another thread
   // and none will start, and no check or subscription reaches the wrapped
   // checker any more: one being handed on when close() begins is either

@@ -112,10 +112,11 @@ bool ReachabilityCheckerGuard::checkReachability(const std::vector<EndpointInfo>
     for (const auto& observer : observers) {
       observer->onResultsArriving(results);
     }
-    if (shared->gate.isClosed()) {
-      return;  // closed meanwhile: the cache hears nothing more
+    // Closed meanwhile: the cache hears nothing more, but the observers still
+    // hear the end of what they heard arriving.
+    if (!shared->gate.isClosed()) {
+      callback(results);
     }
-    callback(results);
     for (const auto& observer : observers) {
       observer->onResultsApplied(results);
     }

@@ -90,6 +90,41 @@ TEST_F(LegacyTrackerTest, HoldDownReportsALossOnlyOnceItHasLasted) {
   EXPECT_FALSE(tracker->reportedReachable("orbt1.veyra.endpoint.e1"));
 }
 
+// Closes the guard as a check's results arrive, after the observers added
+// before it have heard them arriving.
+class ClosingObserver : public ReachabilityCheckerGuard::Observer {
+ public:
+  explicit ClosingObserver(ReachabilityCheckerGuard& guard) : guard_(guard) {}
+  void onCheckStarting() override {}
+  void onResultsArriving(const std::vector<ReachabilityCheckResult>& /*results*/) override {
+    guard_.close();
+  }
+  void onResultsApplied(const std::vector<ReachabilityCheckResult>& /*results*/) override {}
+
+ private:
+  ReachabilityCheckerGuard& guard_;
+};
+
+// Results dropped because the guard closed as they arrived still end their
+// batch for the tracker: the entities they named go on being judged.
+TEST_F(LegacyTrackerTest, ResultsDroppedByCloseLeaveNoEntityUnjudged) {
+  provider.setEndpoints({endpoint("ep1", "e1")});
+  time.emplace();
+  start(true, std::chrono::seconds(3600));
+  tracker->updateEndpoints({record("ep1", "e1")});
+  EXPECT_THAT(newChanges(1), ElementsAre(change("e1", true)));
+  guard->addObserver(std::make_shared<ClosingObserver>(*guard));
+
+  time->advance(std::chrono::seconds(1));
+  ASSERT_EQ(fake->pendingChecks(), 1U);
+  fake->completeNextCheck({makeResult(endpoint("ep1", "e1"), false)});
+  EXPECT_TRUE(cache->isEntityReachable("e1"));  // the cache did not hear them
+
+  EXPECT_TRUE(tracker->removeEntity("e1"));
+  EXPECT_THAT(newChanges(1), ElementsAre(change("e1", false)));
+  EXPECT_FALSE(tracker->reportedReachable("e1"));
+}
+
 // Host pushes, check completions and connectivity events race; each entity's
 // changes must alternate, and once everything is applied the tracker's view
 // is the cache's.
