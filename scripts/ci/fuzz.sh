@@ -14,7 +14,7 @@ scripts/setup.sh
 cmake --preset fuzz >/dev/null
 cmake --build --preset fuzz
 
-seconds=${FUZZ_SECONDS:-20}
+seconds=${FUZZ_SECONDS:-12}
 artifacts=build/fuzz/artifacts
 mkdir -p "${artifacts}"
 work=$(mktemp -d)
