@@ -184,16 +184,6 @@ TEST_F(OwnerOverSimulatedDriverTest, ABackDeviceIsConfirmedWithinTheAnswerDelayO
   }
 }
 
-TEST_F(OwnerOverSimulatedDriverTest, AReplacementMadeBeforeTheOldOneIsGoneHearsNoEvents) {
-  auto owner = makeOwner(false);
-  EXPECT_TRUE(owner->health().hearsConnectivityEvents);
-  auto replacement = makeOwner(false);
-  EXPECT_FALSE(replacement->health().hearsConnectivityEvents);
-  replacement.reset();
-  owner.reset();  // destroyed first, then made anew: it hears them
-  EXPECT_TRUE(makeOwner(false)->health().hearsConnectivityEvents);
-}
-
 TEST_F(OwnerOverSimulatedDriverTest, EntityStatesNeedTrackingButNoCallback) {
   {
     ReachabilityCacheOwner untracked(
